@@ -1,0 +1,146 @@
+// tests/support/scripted_os.cpp - clocks, processors and priorities by script.
+//
+// The clocks are atomics, because threads that a test made by itself may write trace lines; everything else
+// belongs to the test's thread. Nothing here sleeps or asks the kernel for anything.
+#include "scripted_os.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace os {
+
+namespace script {
+
+Script gScript;
+
+void AdvanceClock(uint64_t ms) {
+    gScript.TickMs.fetch_add(ms);
+    gScript.Tsc.fetch_add(ms * gScript.TscPerMs.load());
+    gScript.Qpc.fetch_add(static_cast<int64_t>(ms) * gScript.QpcFrequency.load() / 1000);
+    gScript.FileTime.fetch_add(ms * 10'000);
+}
+
+void SetTick(uint64_t ms) {
+    gScript.TickMs.store(ms);
+}
+
+}  // namespace script
+
+using script::gScript;
+
+// ---- Clocks ------------------------------------------------------------------------------------------
+
+uint32_t GetTickCount() {
+    return static_cast<uint32_t>(gScript.TickMs.load());
+}
+uint64_t GetTickCount64() {
+    return gScript.TickMs.load();
+}
+uint64_t GetTickCountUp() {
+    return gScript.TickMs.load();
+}
+uint64_t ReadTsc() {
+    const uint64_t step = gScript.TscPerRead.load();
+    return gScript.Tsc.fetch_add(step) + step;
+}
+
+BOOL QueryPerformanceFrequency(LARGE_INTEGER *frequency) {
+    if (ShouldFail("QueryPerformanceFrequency")) return FALSE;
+    frequency->QuadPart = gScript.QpcFrequency.load();
+    return TRUE;
+}
+BOOL QueryPerformanceCounter(LARGE_INTEGER *count) {
+    if (ShouldFail("QueryPerformanceCounter")) return FALSE;
+    count->QuadPart = gScript.Qpc.load();
+    return TRUE;
+}
+
+void Sleep(DWORD ms) {
+    gScript.Sleeps.push_back(ms);
+    if (gScript.OnSleep) {
+        gScript.OnSleep(ms);
+        return;
+    }
+    if (ms == INFINITE) {
+        std::fprintf(stderr, "scripted os: an endless sleep without OnSleep\n");
+        std::abort();
+    }
+    script::AdvanceClock(ms);
+}
+
+// Completion routines run at the reap, as scripted operations end them.
+DWORD SleepEx(DWORD ms, BOOL alertable) {
+    if (alertable) {
+        IoThread *io = CurrentThreadBlock()->Io;
+        const uint32_t before = io == nullptr ? 0 : io->Head;
+        if (io != nullptr) ReapIo(io);
+        if (io != nullptr && io->Head != before) return WAIT_IO_COMPLETION;
+    }
+    Sleep(ms);
+    return 0;
+}
+
+void GetLocalTime(SYSTEMTIME *time) {
+    *time = gScript.LocalTime;
+}
+void GetSystemTimeAsFileTime(FILETIME *time) {
+    const uint64_t now = gScript.FileTime.load();
+    time->dwLowDateTime = static_cast<DWORD>(now);
+    time->dwHighDateTime = static_cast<DWORD>(now >> 32);
+}
+
+// ---- Processors and priorities -----------------------------------------------------------------------
+
+namespace {
+
+// What was set last for `handle`, or the values of a fresh thread.
+script::Script::Scheduling LastOf(const std::vector<script::Script::Scheduling> &calls, HANDLE handle) {
+    for (auto it = calls.rbegin(); it != calls.rend(); ++it)
+        if (it->Handle == handle) return *it;
+    return {handle, gScript.ProcessMask, THREAD_PRIORITY_NORMAL};
+}
+
+}  // namespace
+
+BOOL GetProcessAffinityMask(HANDLE process, uint32_t *processMask, uint32_t *systemMask) {
+    static_cast<void>(process);
+    if (ShouldFail("GetProcessAffinityMask")) return FALSE;
+    *processMask = gScript.ProcessMask;
+    *systemMask = gScript.SystemMask;
+    return TRUE;
+}
+
+BOOL SetProcessAffinityMask(HANDLE process, uint32_t mask) {
+    static_cast<void>(process);
+    if (ShouldFail("SetProcessAffinityMask")) return FALSE;
+    if (mask == 0 || (mask & ~gScript.SystemMask) != 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    gScript.ProcessMask = mask;
+    return TRUE;
+}
+
+uint32_t SetThreadAffinityMask(HANDLE thread, uint32_t mask) {
+    if (ShouldFail("SetThreadAffinityMask")) return 0;
+    if (mask == 0 || (mask & ~gScript.ProcessMask) != 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    const uint32_t old = LastOf(gScript.MaskCalls, thread).Mask;
+    gScript.MaskCalls.push_back({thread, mask, 0});
+    return old;
+}
+
+BOOL SetThreadPriority(HANDLE thread, int priority) {
+    if (ShouldFail("SetThreadPriority")) return FALSE;
+    gScript.PriorityCalls.push_back({thread, 0, priority});
+    return TRUE;
+}
+
+int GetThreadPriority(HANDLE thread) {
+    if (ShouldFail("GetThreadPriority")) return THREAD_PRIORITY_ERROR_RETURN;
+    return LastOf(gScript.PriorityCalls, thread).Priority;
+}
+
+}  // namespace os
