@@ -5,15 +5,8 @@
 // preempted.
 #include "platform/base/inner_lock.h"
 
-#include <linux/futex.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <climits>
-#include <ctime>
-
-#include "zvxkvt/ostypes.h"
+#include "platform/base/futex.h"
+#include "platform/base/thread_block.h"
 
 namespace os {
 
@@ -60,7 +53,7 @@ void LeaveInnerRegion() {
             return;
     }
     // From here on the lock is taken as 2, because others may sleep beside this thread.
-    while (lock->State.exchange(2, std::memory_order_acquire) != 0) FutexWait(&lock->State, 2, INFINITE);
+    while (lock->State.exchange(2, std::memory_order_acquire) != 0) FutexWait(&lock->State, 2, kNoDeadline);
 }
 
 void AcquireInner(InnerLock *lock) {
@@ -75,23 +68,6 @@ void ReleaseInner(InnerLock *lock) {
     if (lock->State.exchange(0, std::memory_order_release) == 2) [[unlikely]]
         FutexWake(&lock->State, 1);
     LeaveInnerRegion();
-}
-
-void FutexWait(const std::atomic<uint32_t> *word, uint32_t expected, uint32_t ms) {
-    // A wait without a limit would be restarted by the kernel after a signal handler; one with a limit
-    // comes back, and the caller's loop then sees what the handler changed.
-    uint32_t limited = ms == INFINITE ? 3600u * 1000u : ms;
-    timespec limit{static_cast<time_t>(limited / 1000), static_cast<long>(limited % 1000) * 1000000};
-    int saved = errno;
-    syscall(SYS_futex, word, FUTEX_WAIT_PRIVATE, expected, &limit, nullptr, 0);
-    errno = saved;
-}
-
-void FutexWake(const std::atomic<uint32_t> *word, uint32_t count) {
-    int saved = errno;
-    syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, count > INT_MAX ? static_cast<uint32_t>(INT_MAX) : count, nullptr,
-            nullptr, 0);
-    errno = saved;
 }
 
 }  // namespace os

@@ -22,7 +22,8 @@ struct InnerRegion {
 InnerRegion *CurrentInnerRegion();  // the calling kernel thread's
 void EnterInnerRegion();
 void LeaveInnerRegion();  // serves what is pending when it was the outermost
-// What serves a pending request; set once by the kernel threads, null where there are none.
+// What serves a pending request on the calling thread; set once by the kernel threads, null where there are
+// none. It returns when the thread may go on.
 extern std::atomic<void (*)()> gServePendingRequest;
 
 // 0 free, 1 held, 2 held and somebody sleeps. Not recursive.
@@ -40,12 +41,6 @@ struct InnerGuard {
     InnerGuard &operator=(const InnerGuard &) = delete;
     InnerLock *const Lock;
 };
-
-// Sleeps while *word is `expected`, at most `ms` (INFINITE: no limit). Returns early for a signal and for
-// no reason at all, so callers loop.
-void FutexWait(const std::atomic<uint32_t> *word, uint32_t expected, uint32_t ms);
-// Wakes up to `count` sleepers. The word's memory need not exist any more: the kernel looks at the address only.
-void FutexWake(const std::atomic<uint32_t> *word, uint32_t count);
 
 }  // namespace os
 

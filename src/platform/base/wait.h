@@ -1,0 +1,81 @@
+// platform/base/wait.h - the dispatcher lock, and threads that wait for objects.
+//
+// One lock, gDispatcherLock, guards the state of every waitable object and the wait blocks. A thread that
+// has to wait links one block into the list of each object, oldest first, and sleeps on the word of its
+// alert state. Whoever makes an object signalled looks for the oldest waiter that can be satisfied, takes
+// the objects on its behalf, unlinks its blocks and marks it granted: the sleeper never competes for what
+// it was woken for.
+//
+//   - State of a Waiter goes from kWaiting to kGranted under the lock, by the granter, and never back.
+//   - A granter touches nothing of the waiter after it has released the lock, and a waiter that finds itself
+//     granted takes the lock once before it returns: the block, the waiter and the alert state may then go.
+//   - A waiter that gives up (time-out, a routine, a request to stop) unlinks its blocks itself under the
+//     lock, unless it was granted meanwhile, which then counts.
+//
+// Lock order: a named object's table lock and a thread's lock come before the dispatcher lock; nothing is
+// acquired under it.
+#ifndef ZVX_PLATFORM_BASE_WAIT_H
+#define ZVX_PLATFORM_BASE_WAIT_H
+
+#include <atomic>
+#include <cstdint>
+
+#include "platform/base/alertable.h"
+#include "platform/base/inner_lock.h"
+#include "platform/base/object.h"
+
+namespace os {
+
+struct MutexObject;
+
+extern InnerLock gDispatcherLock;
+
+constexpr uint32_t kWaiting = 0;
+constexpr uint32_t kGranted = 1;
+
+// Lives on the waiting thread's stack.
+struct Waiter {
+    std::atomic<uint32_t> State{kWaiting};
+    DWORD Result = 0;               // [dispatcher lock] valid once granted
+    AlertState *Alert = nullptr;    // init: null when the wait cannot sleep
+    uint64_t Who = 0;               // init: CallerIdentity of the thread
+    MutexObject **Owned = nullptr;  // init: head of the list of mutexes that the thread owns
+    Object *const *Objects = nullptr;
+    WaitBlock *Blocks = nullptr;  // [dispatcher lock] Count of them, linked while State is kWaiting
+    uint32_t Count = 0;
+    bool All = false;
+};
+
+struct WaitBlock {
+    WaitBlock *Next;  // [dispatcher lock] null at the newest
+    WaitBlock *Prev;  // [dispatcher lock] the newest, at the oldest
+    Waiter *Owner;    // init
+    uint32_t Index;   // init: position of the object in the wait
+};
+
+// Sleepers to be woken once the dispatcher lock has been released. Only the address is used: the word may
+// be gone by then, and a stranger who sleeps on its successor takes a needless turn of its loop.
+struct WakeList {
+    std::atomic<uint32_t> *Words[16];
+    int Count = 0;
+};
+
+// [dispatcher lock] The object becomes signalled and is given to whoever waits for it.
+void SignalLocked(Object *object, WakeList *wakes);
+void WakeAll(WakeList *wakes);
+
+// Who takes a mutex: the fiber where there is one, else the thread (with the top bit set).
+uint64_t CallerIdentity();
+
+// mutex.cpp: the list of the mutexes that belong to the calling thread and not to one of its fibers. The list
+// is guarded by the dispatcher lock, because granters put mutexes there and whoever destroys one takes it out.
+MutexObject **CurrentOwnedMutexes();
+// Makes `other` that list, for a backing thread that runs here, or the thread's own again with null. Returns
+// what was given before.
+MutexObject **UseOwnedMutexes(MutexObject **other);
+// [dispatcher lock] The owner ended: every mutex of the list becomes free and abandoned.
+void AbandonMutexesLocked(MutexObject **owned, WakeList *wakes);
+
+}  // namespace os
+
+#endif  // ZVX_PLATFORM_BASE_WAIT_H
