@@ -64,6 +64,9 @@ bool WaitAlert(AlertState *state, uint32_t seen, uint64_t deadline);
 // Raises Word and wakes the owner if it sleeps. Any thread that holds a reference.
 void WakeAlert(AlertState *state);
 
+// The end of the owner (thread_block.cpp only): discards what is queued, refuses what comes, drops its reference.
+void CloseAlert(AlertState *state);
+
 // For threads that end their own operations (they have an IoThread): reaps, runs the completion routines that this
 // made due, and says whether any ran. Registered by the ports; null until then. SleepEx calls it before each sleep
 // and sleeps in short steps on such a thread.

@@ -32,6 +32,9 @@ struct ThreadLocals {
     std::atomic<void **> Expansion;  // owner: kExpansionSlots values, null until one is set
     AlertState *Alert;               // owner: see alertable.h, null until asked for
     Object *ThreadObject;            // kernel threads: the object behind this thread's handle, null until there is one
+    char *StackLow;                  // owner: the thread's own stack, set by ArmStackOverflowReport
+    char *StackHigh;                 // owner
+    size_t GuardBytes;               // owner: below StackLow
     void *SignalStack;               // owner: alternate stack that we mapped, null when it is somebody else's
     FiberContext *Converted;         // owner: the context of ConvertThreadToFiber, freed with the thread
     ThreadLocals *Next;              // [registry lock] every completed thread of the process
