@@ -1,0 +1,92 @@
+// sched/idle.cpp - what a scheduler does when only background work is runnable: poll, spin, or wait in its
+// port.
+//
+// Runs on the scheduler's thread, on the init fiber's stack or inline on that of a yielding fiber. The wait in
+// the port is the only place where a scheduler thread blocks.
+#include "diag/timesource.h"
+#include "sched/internal.h"
+
+namespace zvx {
+
+static bool LogWriterActive() {
+    uint32_t now = os::GetTickCount();
+    uint32_t last = gLgwrLastWriteTick.load(std::memory_order_relaxed);
+    uint32_t since = now >= last ? now - last : now;
+    return since <= gSpinIfLGWRActiveInMs ||
+           gLgwrWritesLastPeriod.load(std::memory_order_relaxed) > gLGWRHighActivityNumIOsThreshold;
+}
+
+// Polls until there is work, or until what is polled is session network I/O whose budget is used up. True when
+// there is work.
+static bool Spin(Scheduler *S, bool lgwrActive, uint32_t waiters) {
+    uint64_t t0 = ReadTsc();
+    for (;;) {
+        S->QuantumStartTick.store(gQuantumTick.load(std::memory_order_relaxed), std::memory_order_relaxed);
+        PollOvLists(S, true);
+        S->IdleCalls++;
+        if (S->IdleCalls > 10000) {
+            uint64_t t = ReadTsc();
+            if (t0 > t) t0 = t;
+            if (t - t0 > gTscTicksPerMs) {
+                t0 = t;
+                if (S->PolledCount == S->NetCount && !lgwrActive && waiters == 0 && S->NetSpinBudget != 0)
+                    S->NetSpinBudget--;
+            }
+            ChkTimeForTimerQ(S);
+        }
+        if (RunnableWork(S)) return true;
+        if (S->PolledCount == S->NetCount && S->NetSpinBudget == 0 && !lgwrActive && waiters == 0) return false;
+        if (S->PolledCount == 0 && waiters == 0) return false;
+        os::CpuRelax();
+    }
+}
+
+// How long the port may be waited in: 1 millisecond unless the host allowed more, and then no longer than the
+// nearest time-out, because everything else that can happen wakes the scheduler with a packet.
+static uint32_t PortWait(const Scheduler *S) {
+    if (gPortWaitMs <= 1) return 1;
+    // Fibers in state 2 other than the init fiber (which is not counted while it runs here) ask to run again
+    // soon: an exit that drains its packets. A fiber in migration is handed on by the timer check.
+    if (S->BackgroundRunnable != 0) return 1;
+    if (S->MigrationQueue.Count != 0) return 1;
+    uint32_t nearest = MsToNearestTimeout(S);
+    if (nearest == 0) return 1;
+    return nearest < gPortWaitMs ? nearest : gPortWaitMs;
+}
+
+void InitFiberRoutine(Scheduler *S) {
+    PollOvLists(S, false);
+    S->IdleCalls++;
+    if (S->IdleCalls > 10000) ChkTimeForTimerQ(S);
+    if (RunnableWork(S)) return;
+    ChkTimeForTimerQ(S);
+    if (RunnableWork(S)) return;
+    PollOvLists(S, true);
+    if (RunnableWork(S)) return;
+
+    S->SelectPasses = 0;
+    S->SwitchesSinceIdle = 0;
+    if (S->ShadowCount.load(std::memory_order_relaxed) <= gLGWRHighActivityNumShadowsThreshold)
+        gLgwrWritesLastPeriod.store(0, std::memory_order_relaxed);
+    bool lgwrActive = LogWriterActive();
+    if (S->PolledCount == S->NetCount) {
+        if (lgwrActive) {
+            S->NetSpinBudget = gDefaultNetShadowSpinTimeMs;
+        } else if (S->ShadowYields != 0) {
+            S->ShadowYields = 0;
+            S->NetSpinBudget = gDefaultNetShadowSpinTimeMs;
+        }
+    }
+    uint32_t waiters = (S->HighPriPostWaiter != nullptr ? 1 : 0) + S->ShadowPostWaiters;
+    if (lgwrActive && gNumContextSwitchesBeforePolling < kAlwaysPackets) {
+        if ((S->PolledCount != 0 || waiters != 0) && Spin(S, true, waiters)) return;
+    } else if (S->PolledCount != 0) {
+        if (Spin(S, lgwrActive, 0)) return;
+    }
+    FreeExitedFibers(S);
+    ReleaseRetired(S);
+    PollPort(S, PortWait(S));
+    PollOvLists(S, false);
+}
+
+}  // namespace zvx

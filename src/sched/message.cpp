@@ -1,0 +1,242 @@
+// sched/message.cpp - requests to a scheduler about one of its fibers.
+//
+// Any thread may send. A message is appended under the target's MessageLock; a target that waits in its port
+// is woken by a packet with key 1. The receiver takes the whole list under the lock and works on it without.
+//
+// No message is lost: the receiver looks at Messages under the lock before it sets BlockedInPort, and a
+// sender looks at BlockedInPort under the same lock after it appended. So either the receiver sees the
+// message, or the sender sees the flag.
+#include "alloc/alloc.h"
+#include "sched/internal.h"
+
+namespace zvx {
+
+FIBER_MESSAGE *AllocMessage(Scheduler *from, Scheduler *to, uint8_t kind) {
+    auto *msg = static_cast<FIBER_MESSAGE *>(AllocChunk(&gAllocTypes[ALLOC_FIBER_MESSAGE], from, to->NumaNode));
+    InitLink(&msg->Link);
+    msg->Kind = kind;
+    msg->Count = 0;
+    msg->Generation = 0;
+    return msg;
+}
+
+void WakeScheduler(Scheduler *target, Scheduler *from) {
+    os::PostQueuedCompletionStatus(target->Port, 0, KEY_MESSAGES, reinterpret_cast<OVERLAPPED *>(from));
+}
+
+bool SendMessage(Scheduler *target, FIBER_MESSAGE *msg) {
+    // The receiver may free the message the moment the lock is released.
+    bool mayWake = msg->Kind == MSG_POST || gPortWaitMs > 1;
+    bool blocked;
+    {
+        SpinGuard guard(&target->MessageLock);
+        blocked = target->BlockedInPort.load(std::memory_order_relaxed) != 0;
+        AppendLink(&target->Messages, &msg->Link);
+        target->MessageCount.store(target->Messages.Count, std::memory_order_release);
+        // One packet is enough to wake it; the senders that follow need not post another.
+        if (blocked && mayWake) target->BlockedInPort.store(0, std::memory_order_relaxed);
+    }
+    if (blocked && mayWake) {
+        Fiber *sender = CallingFiber();
+        WakeScheduler(target, sender != nullptr ? SchedOf(sender) : nullptr);
+    }
+    return blocked;
+}
+
+// The target of a message of kinds 3 to 6 is on its way between two schedulers: nobody may touch it now.
+static bool TargetInFlight(const FIBER_MESSAGE *msg) {
+    if (msg->Kind < MSG_SUSPEND || Generation(msg->One.Target) != msg->Generation) return false;
+    return msg->One.Target->Sched.load(std::memory_order_acquire) == nullptr;
+}
+
+bool DrainMessages(Scheduler *S) {
+    bool woke = false;
+    ListHead later;
+    InitList(&later);
+    while (MessagesWaiting(S)) {
+        ListHead local;
+        InitList(&local);
+        {
+            SpinGuard guard(&S->MessageLock);
+            SpliceAll(&local, &S->Messages);
+            S->MessageCount.store(0, std::memory_order_relaxed);
+        }
+        while (ListLink *link = PopLink(&local)) {
+            FIBER_MESSAGE *msg = ZVX_RECORD_OF(link, FIBER_MESSAGE, Link);
+            if (TargetInFlight(msg)) [[unlikely]] {
+                AppendLink(&later, link);
+            } else {
+                woke |= ProcessMessage(S, msg);
+            }
+        }
+    }
+    if (!IsEmpty(&later)) [[unlikely]] {
+        SpinGuard guard(&S->MessageLock);
+        SpliceAll(&S->Messages, &later);
+        S->MessageCount.store(S->Messages.Count, std::memory_order_release);
+    }
+    return woke;
+}
+
+// The target of a message of kinds 3 to 6 has left S since it was sent: the scheduler that has it now gets
+// the message.
+static bool PassedOn(Scheduler *S, FIBER_MESSAGE *msg) {
+    Scheduler *owner = msg->One.Target->Sched.load(std::memory_order_acquire);
+    if (owner == S || owner == nullptr) return false;
+    SendMessage(owner, msg);
+    return true;
+}
+
+// While a routine is pending the count of before is put aside in ExecSave; what arrives meanwhile raises the
+// visible one and is added to the other when the routine has finished.
+static void ProcessSuspend(Fiber *F) {
+    uint32_t count = F->SuspendCount.load(std::memory_order_relaxed);
+    if (count < 127) F->SuspendCount.store(count + 1, std::memory_order_release);
+    F->SuspendRequests.fetch_add(1, std::memory_order_release);
+}
+
+static bool ProcessResume(Scheduler *S, Fiber *F) {
+    uint32_t count = F->SuspendCount.load(std::memory_order_relaxed);
+    if (count != 0) {
+        F->SuspendCount.store(count - 1, std::memory_order_release);
+        return count == 1 && CheckTimerQueue(S);
+    }
+    if ((F->Flags & FIBER_EXEC_PENDING) && !(F->Flags & (FIBER_TERMINATE | FIBER_EXITING)) &&
+        F->ExecSave.SuspendCount != 0)
+        F->ExecSave.SuspendCount--;
+    return false;
+}
+
+static void ProcessTerminate(Scheduler *S, Fiber *F, uint32_t exitCode) {
+    if (F->Flags & (FIBER_EXITING | FIBER_TERMINATE)) return;
+    F->ExitCode = exitCode;
+    F->Flags |= FIBER_TERMINATE;
+    WakeForMessage(S, F);
+    CancelOwnIo(S, F);
+}
+
+static void ProcessExec(Scheduler *S, Fiber *F, void *routine) {
+    if (F->Flags & (FIBER_EXITING | FIBER_TERMINATE | FIBER_EXEC_PENDING)) return;
+    if (F->State == FSTATE_TIMED_WAIT && F->WaitTimeoutMs != INFINITE) {
+        // The remainder is measured only when it is needed, and it is needed now.
+        uint64_t now = os::GetTickCount64();
+        uint64_t left = F->WaitDeadline > now ? F->WaitDeadline - now : 0;
+        if (left < F->WaitTimeoutMs) F->WaitTimeoutMs = static_cast<uint32_t>(left);
+    }
+    F->ExecSave.Routine = reinterpret_cast<void (*)()>(routine);
+    F->ExecSave.State = F->State;
+    F->ExecSave.PollOwnOvs = F->Flags & FIBER_POLL_OWN_OVS;
+    F->ExecSave.WaitTimeoutMs = F->WaitTimeoutMs;
+    F->ExecSave.WaitStartTick = F->WaitStartTick;
+    F->ExecSave.SuspendCount = F->SuspendCount.load(std::memory_order_relaxed);
+    F->ExecSave.CurOv = F->CurOv;
+    F->SuspendCount.store(0, std::memory_order_release);
+    F->Flags |= FIBER_EXEC_PENDING;
+    WakeForMessage(S, F);
+}
+
+bool ProcessMessage(Scheduler *S, FIBER_MESSAGE *msg) {
+    bool woke = false;
+    switch (msg->Kind) {
+        case MSG_POST:
+            for (uint32_t i = 0; i < msg->Count; ++i)
+                if (Generation(msg->Fibers[i]) == msg->Generations[i]) woke |= WakePosted(msg->Fibers[i], S, POST_HOST);
+            break;
+        case MSG_ATTACH:
+            for (uint32_t i = 0; i < msg->Count; ++i) woke |= AttachFiber(S, msg->Fibers[i]);
+            break;
+        default: {
+            Fiber *F = msg->One.Target;
+            if (Generation(F) != msg->Generation) break;
+            if (PassedOn(S, msg)) return false;
+            if (msg->Kind == MSG_SUSPEND) {
+                ProcessSuspend(F);
+            } else if (msg->Kind == MSG_RESUME) {
+                woke = ProcessResume(S, F);
+            } else if (msg->Kind == MSG_TERMINATE) {
+                ProcessTerminate(S, F, static_cast<uint32_t>(msg->One.ExitCode));
+                woke = true;
+            } else if (msg->Kind == MSG_EXEC) {
+                ProcessExec(S, F, msg->One.Routine);
+                woke = true;
+            }
+        }
+    }
+    FreeChunk(&gAllocTypes[ALLOC_FIBER_MESSAGE], S, msg, S->NumaNode);
+    return woke;
+}
+
+bool AttachFiber(Scheduler *S, Fiber *F) {
+    switch (F->State) {
+        case FSTATE_READY:
+        case FSTATE_YIELDED: break;
+        case FSTATE_MIGRATING:
+            F->State = FSTATE_READY;
+            AppendLink(&S->AllFibers, &F->SchedFibersLink);
+            break;
+        case FSTATE_SCHED_YIELD: S->BackgroundRunnable++; break;
+        case FSTATE_CREATED:
+            F->State = FSTATE_READY;
+            S->InTransit.fetch_sub(1, std::memory_order_relaxed);
+            break;
+        default: return false;
+    }
+    F->LastRunStamp = 0;
+    F->Sched.store(S, std::memory_order_release);
+    AppendRunQueue(S, gORQ, F);
+    S->FiberCount.store(S->FiberCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return true;
+}
+
+bool WakePosted(Fiber *F, Scheduler *S, uint32_t postBit) {
+    if (SchedOf(F) != S) return false;  // it has moved; the post is dropped
+    F->PostPending |= postBit;
+    if (F->State != FSTATE_TIMED_WAIT || !(F->Flags & FIBER_POST_WAIT)) return false;
+    UnlinkTimedWaiter(S, F);
+    if (S->HighPriPostWaiter == F) S->HighPriPostWaiter = nullptr;
+    MakeRunnable(S, F, gPRQ);
+    return true;
+}
+
+void WakeForMessage(Scheduler *S, Fiber *F) {
+    switch (F->State) {
+        case FSTATE_READY:
+        case FSTATE_CREATED:
+            S->SelectPasses = kFullSweepPasses + 1;  // runnable already: let the next pass serve it first
+            break;
+        case FSTATE_SUSPENDED:
+            UnlinkFrom(&S->SuspendedFibers, &F->RunLink);
+            F->State = FSTATE_READY;
+            AppendReady(S, F);
+            break;
+        case FSTATE_TIMED_WAIT:
+            UnlinkTimedWaiter(S, F);
+            if (F->Flags & FIBER_POLL_OWN_OVS) {
+                if (F->CurOv != nullptr) UnfilePollRecord(S, OvRecord(F->CurOv));
+                EmptyPollSet(F);
+            }
+            if ((F->Flags & FIBER_POST_WAIT) && S->HighPriPostWaiter == F) S->HighPriPostWaiter = nullptr;
+            F->State = FSTATE_READY;
+            AppendReady(S, F);
+            break;
+        case FSTATE_IO_WAIT:
+            UnfilePollRecord(S, OvRecord(F->CurOv));
+            UnlinkFrom(&S->IoWaiters, &F->RunLink);
+            F->State = FSTATE_READY;
+            AppendReady(S, F);
+            break;
+        default: break;
+    }
+    F->Flags &= ~static_cast<uint32_t>(FIBER_POLL_OWN_OVS);
+    F->IoWaitOv = nullptr;
+}
+
+bool SendFiberToScheduler(Fiber *F, Scheduler *from, Scheduler *to) {
+    FIBER_MESSAGE *msg = AllocMessage(from, to, MSG_ATTACH);
+    msg->Count = 1;
+    msg->Fibers[0] = F;
+    SendMessage(to, msg);
+    return true;
+}
+
+}  // namespace zvx

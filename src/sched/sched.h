@@ -1,0 +1,156 @@
+// sched/sched.h - the scheduler's operations, by file.
+//
+// Unless a comment says otherwise a function runs on the thread of the scheduler it is given and takes no
+// lock. F is always the calling fiber's record where a function may yield. SchedYield may return on another
+// kernel thread after Yield_MIGRATE: keep nothing of the old scheduler across it, read F->Sched again.
+#ifndef ZVX_SCHED_SCHED_H
+#define ZVX_SCHED_SCHED_H
+
+#include "config/settings.h"
+#include "sched/records.h"
+
+namespace zvx {
+
+// The calling user thread, or null when fiber mode is not active or the caller is not a user thread: the test
+// that every exported function makes first.
+inline Fiber *CallingFiber() {
+    if (!FiberModeActive()) return nullptr;
+    void *data = os::GetFiberData();
+    if (reinterpret_cast<uintptr_t>(data) == os::kNoFiberData) return nullptr;
+    return static_cast<Fiber *>(data);
+}
+inline Scheduler *SchedOf(const Fiber *F) { return F->Sched.load(std::memory_order_relaxed); }
+inline FIBEROVERLAPPED *OvRecord(OVERLAPPED *ov) { return ZVX_RECORD_OF(ov, FIBEROVERLAPPED, Ov); }
+inline uint32_t Generation(const Fiber *F) { return F->Generation.load(std::memory_order_acquire); }
+
+// ---- yield.cpp: the fiber switch
+void SchedYield(Fiber *F, uint32_t reason);  // the only way a user thread gives up the processor
+void AccountCpu(Scheduler *S, Fiber *F);
+void StartCpuClock(Scheduler *S);
+
+// ---- queues.cpp: lists with their mask, placement
+void MakeRunnable(Scheduler *S, Fiber *F, uint32_t queue);
+void AppendRunQueue(Scheduler *S, uint32_t queue, Fiber *F);
+void PushRunQueue(Scheduler *S, uint32_t queue, Fiber *F);
+void AppendReady(Scheduler *S, Fiber *F);
+void UnlinkTimedWaiter(Scheduler *S, Fiber *F);  // from TimedWaiters or InfiniteWaiters; re-measures WaitTimeoutMs
+bool RunnableWork(const Scheduler *S);           // the sum of the runnable lists differs from BackgroundRunnable
+
+// ---- idle.cpp
+void InitFiberRoutine(Scheduler *S);
+
+// ---- completion.cpp: overlapped records, polling, the port
+FIBEROVERLAPPED *AllocOv(Fiber *F, PSEHAND *handleRec, uint32_t opArg);
+void FreeOv(FIBEROVERLAPPED *rec, Scheduler *S);
+void InitOv(FIBEROVERLAPPED *rec, Fiber *F);  // a fresh embedded or chunk record
+bool AttachHandleToPort(Scheduler *S, PSEHAND *handleRec, HANDLE handle);
+// Whether an operation on `handleRec` is polled rather than completed through the port (busy scheduler, or a
+// port that belongs to another scheduler); sets the record's packet flag and hEvent accordingly.
+void PacketOrPoll(Scheduler *S, FIBEROVERLAPPED *rec, PSEHAND *handleRec, uint32_t kind, bool neverPoll);
+void FilePollRecord(Scheduler *S, FIBEROVERLAPPED *rec);    // PollLink into the record's poll list
+void UnfilePollRecord(Scheduler *S, FIBEROVERLAPPED *rec);  // out of it, and out of the ended lists
+void EmptyPollSet(Fiber *F);
+// The operation ended or failed at once; accounts for its packet.
+void AccountPacket(FIBEROVERLAPPED *rec);
+// A routine record was appended to FileOvs or SocketOvs; it may have ended already.
+void NoteOwnOvFiled(Scheduler *S, FIBEROVERLAPPED *rec);
+// Parks F until the operation at F->CurOv has ended.
+void WaitForCurOv(Fiber *F);
+bool CompleteIo(FIBEROVERLAPPED *rec, Scheduler *S);
+void HandOverEnded(Scheduler *S);  // reaps, and sorts what the platform hands over into EndedOvs
+bool PollOvLists(Scheduler *S, bool deep);  // all three lists; counts are PolledCount, NetCount, PortCount
+void ReapQueueSource(Scheduler *S, uint32_t queue);
+void PollPort(Scheduler *S, uint32_t waitMs);
+void ProcessIOCPMessage(Scheduler *S, OVERLAPPED *overlapped, uintptr_t key);
+void CancelOwnIo(Scheduler *S, Fiber *F);
+void CancelFiberOvs(Fiber *F);
+uint32_t ReapOwnOvs(Fiber *F, uint32_t which);
+bool AnyOwnOvDone(const Fiber *F, uint32_t which);
+OVERLAPPED *GatherPollSet(Fiber *F, uint32_t which, uint32_t n);
+
+// ---- message.cpp
+FIBER_MESSAGE *AllocMessage(Scheduler *from, Scheduler *to, uint8_t kind);
+// Any thread. Wakes the target when it is blocked in its port and the kind or "PortWaitMs" asks for it.
+// Returns whether the target was blocked.
+bool SendMessage(Scheduler *target, FIBER_MESSAGE *msg);
+void WakeScheduler(Scheduler *target, Scheduler *from);  // a KEY_MESSAGES packet
+bool DrainMessages(Scheduler *S);
+bool ProcessMessage(Scheduler *S, FIBER_MESSAGE *msg);
+bool AttachFiber(Scheduler *S, Fiber *F);
+bool WakePosted(Fiber *F, Scheduler *S, uint32_t postBit);
+void WakeForMessage(Scheduler *S, Fiber *F);
+bool SendFiberToScheduler(Fiber *F, Scheduler *from, Scheduler *to);
+
+// ---- timer.cpp
+bool ChkTimeForTimerQ(Scheduler *S);
+bool CheckTimerQueue(Scheduler *S);
+void FileTimedWaiter(Scheduler *S, Fiber *F);  // WaitTimeoutMs says finite or infinite
+uint32_t MsToNearestTimeout(const Scheduler *S);
+using WaitTestFunc = bool (*)(Fiber *F, uintptr_t a1, uintptr_t a2, uintptr_t a3, uintptr_t a4, uintptr_t a5);
+// True when the test ended the wait, false when F->WaitTimeoutMs ran out. The caller sets WaitTimeoutMs.
+bool WaitWithPolling(Fiber *F, WaitTestFunc test, uintptr_t a1 = 0, uintptr_t a2 = 0, uintptr_t a3 = 0,
+                     uintptr_t a4 = 0, uintptr_t a5 = 0);
+
+// ---- sleep.cpp: exported
+void Sleep(DWORD ms);
+DWORD SleepEx(DWORD ms, BOOL alertable);
+BOOL ZSleepExN(DWORD reserved, DWORD target, DWORD *counter, DWORD *outstanding);
+
+// ---- fiber.cpp: records, start and exit
+Fiber *AllocFiberShell(Scheduler *S, uint8_t node);
+void FreeFiberShell(Fiber *F, bool deleteOsFiber);
+bool CreateInternalFiber(LPTHREAD_START_ROUTINE routine, Scheduler *S, const char *tag);
+void FiberStart(void *fiber);
+[[noreturn]] void FiberExit(Fiber *F, bool terminateBacking);
+void FreeExitedFibers(Scheduler *S);
+void CaptureTls(Fiber *F);
+void RestoreTls(Fiber *F);
+void ProbeTlsSlots();  // start-up
+DWORD TlsAlloc();      // exported
+BOOL TlsFree(DWORD index);
+
+// ---- cleanup.cpp: termination clean-up functions
+uint32_t TermCleanupFuncSet(Fiber *F, TermCleanupFunc func);
+void TermCleanupFuncRemove(Fiber *F, TermCleanupFunc func);
+void RunTermCleanups(Fiber *F, Scheduler *S);
+void SuspendTermCleanups(Fiber *F, Scheduler *S);
+void RestoreTermCleanups(Fiber *F, Scheduler *S);
+
+// ---- grace.cpp: records under a reader's feet
+// `link` leads a record that is out of every table; `release` runs on S once every scheduler has made a
+// selection pass or was blocked in its port since.
+void RetireRecord(Scheduler *S, ListLink *link);
+void ReleaseRetired(Scheduler *S);
+
+// ---- quantum.cpp
+void StartQuantumUpdateThread();
+bool UpdateQuantumIndicator(bool takeLock);
+void UserThreadQuantumExpiredCheck();  // exported
+uint32_t ElapsedQuantumTicks(const Scheduler *S);
+extern uint32_t *gQuantumIndicator;    // caller: the host's word, or null
+extern os::CriticalSection gQuantumLock;
+
+// ---- startup.cpp
+struct InitParams;
+void InitScheduler(Scheduler *S, uint32_t index);
+void SpawnSchedulerThread(Scheduler *S, bool bind, int32_t priority);
+void SetSchedThreadAffinityAndPriority(HANDLE thread, Scheduler *S, bool bind, int32_t priority, DWORD threadId,
+                                       bool force);
+uint32_t NextSchedulerMask();
+uint8_t NodeOfMask(uint32_t mask);
+extern SECURITY_ATTRIBUTES gNullDaclSecurity;
+extern HANDLE AvoidCompletionEvent;
+
+// ---- check.cpp: invariants, debug builds and tests
+void CheckFiber(const Fiber *F);
+void CheckScheduler(const Scheduler *S);
+
+// Log-writer activity: written by the log writer's scheduler, read by every idle decision.
+extern std::atomic<uint32_t> gLgwrWriteCount;
+extern std::atomic<uint32_t> gLgwrPeriodStart;
+extern std::atomic<uint32_t> gLgwrLastWriteTick;
+extern std::atomic<uint32_t> gLgwrWritesLastPeriod;
+
+}  // namespace zvx
+
+#endif  // ZVX_SCHED_SCHED_H
