@@ -1,4 +1,4 @@
-// tests/support/scripted_os.cpp - clocks, processors and priorities by script.
+// tests/support/scripted_os.cpp - clocks and processors by script.
 //
 // The clocks are atomics, because threads that a test made by itself may write trace lines; everything else
 // belongs to the test's thread. Nothing here sleeps or asks the kernel for anything.
@@ -6,12 +6,17 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 
 namespace os {
 
 namespace script {
 
 Script gScript;
+
+namespace {
+std::mutex gSleepsLock;
+}  // namespace
 
 void AdvanceClock(uint64_t ms) {
     gScript.TickMs.fetch_add(ms);
@@ -27,6 +32,7 @@ void SetTick(uint64_t ms) {
 }  // namespace script
 
 using script::gScript;
+using script::gSleepsLock;
 
 // ---- Clocks ------------------------------------------------------------------------------------------
 
@@ -56,7 +62,10 @@ BOOL QueryPerformanceCounter(LARGE_INTEGER *count) {
 }
 
 void Sleep(DWORD ms) {
-    gScript.Sleeps.push_back(ms);
+    {
+        std::lock_guard<std::mutex> guard(gSleepsLock);
+        gScript.Sleeps.push_back(ms);
+    }
     if (gScript.OnSleep) {
         gScript.OnSleep(ms);
         return;
@@ -89,18 +98,7 @@ void GetSystemTimeAsFileTime(FILETIME *time) {
     time->dwHighDateTime = static_cast<DWORD>(now >> 32);
 }
 
-// ---- Processors and priorities -----------------------------------------------------------------------
-
-namespace {
-
-// What was set last for `handle`, or the values of a fresh thread.
-script::Script::Scheduling LastOf(const std::vector<script::Script::Scheduling> &calls, HANDLE handle) {
-    for (auto it = calls.rbegin(); it != calls.rend(); ++it)
-        if (it->Handle == handle) return *it;
-    return {handle, gScript.ProcessMask, THREAD_PRIORITY_NORMAL};
-}
-
-}  // namespace
+// ---- Processors -----------------------------------------------------------------------
 
 BOOL GetProcessAffinityMask(HANDLE process, uint32_t *processMask, uint32_t *systemMask) {
     static_cast<void>(process);
@@ -119,28 +117,6 @@ BOOL SetProcessAffinityMask(HANDLE process, uint32_t mask) {
     }
     gScript.ProcessMask = mask;
     return TRUE;
-}
-
-uint32_t SetThreadAffinityMask(HANDLE thread, uint32_t mask) {
-    if (ShouldFail("SetThreadAffinityMask")) return 0;
-    if (mask == 0 || (mask & ~gScript.ProcessMask) != 0) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return 0;
-    }
-    const uint32_t old = LastOf(gScript.MaskCalls, thread).Mask;
-    gScript.MaskCalls.push_back({thread, mask, 0});
-    return old;
-}
-
-BOOL SetThreadPriority(HANDLE thread, int priority) {
-    if (ShouldFail("SetThreadPriority")) return FALSE;
-    gScript.PriorityCalls.push_back({thread, 0, priority});
-    return TRUE;
-}
-
-int GetThreadPriority(HANDLE thread) {
-    if (ShouldFail("GetThreadPriority")) return THREAD_PRIORITY_ERROR_RETURN;
-    return LastOf(gScript.PriorityCalls, thread).Priority;
 }
 
 }  // namespace os

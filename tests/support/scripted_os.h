@@ -1,9 +1,9 @@
 // tests/support/scripted_os.h - the operating system that unit tests run the library on.
 //
-// It stands in for the half of the platform that talks to the kernel: clocks, kernel threads, priorities and
-// masks, ports and overlapped operations, files, the console. Fibers, slots, last error, memory, locks, the handle
-// table, events and waits stay real. Nothing here sleeps, reads a real clock or makes a kernel thread by itself, so
-// a test takes the same course every time.
+// It stands in for the half of the platform that talks to the kernel: clocks, kernel threads with their priorities
+// and masks, ports and overlapped operations, files. Fibers, slots, last error, memory, locks, the handle table,
+// events and waits, backing threads, the environment and the console stay real. Nothing here sleeps, reads a real clock
+// or makes a kernel thread by itself, so a test takes the same course every time.
 //
 // How to drive it. gScript is the one object, fresh in every process (each test case has its own process):
 //
@@ -18,6 +18,7 @@
 //   - A scheduler that spins (polls the port without waiting) would never come to a wait under a clock that stands
 //     still. After SpinLimit empty polls in a row OnPortWait is called all the same, with a wait of 0.
 //   - os::CreateThread only records (Threads). RunThread runs one to its end on a real thread that is joined.
+//     Masks and priorities of kernel threads are kept as values, and every change of one is recorded.
 //   - os::FailCall makes the nth call of a named function fail, here as on the real platform.
 //
 // The tables belong to the test's thread. Posting a packet and reading a clock are safe from any thread.
@@ -112,9 +113,8 @@ struct Thread {
     size_t StackBytes;
     DWORD Flags;
     DWORD SuspendCount;  // 1 when created suspended; RunThread runs it all the same
-    DWORD Terminated;    // TerminateThread was called, with ExitCode
+    bool Ended;          // it returned, called ExitThread or was terminated
     DWORD ExitCode;
-    bool Ended;
 };
 
 // ---- The script --------------------------------------------------------------------------------------
@@ -135,16 +135,19 @@ struct Script {
     // Processors and priorities.
     uint32_t ProcessMask = 0xF;
     uint32_t SystemMask = 0xF;
-    struct Scheduling {
-        HANDLE Handle;
+    struct MaskCall {
+        DWORD ThreadId;
         uint32_t Mask;
+    };
+    struct PriorityCall {
+        DWORD ThreadId;
         int Priority;
     };
-    std::vector<Scheduling> MaskCalls;      // every SetThreadAffinityMask
-    std::vector<Scheduling> PriorityCalls;  // every SetThreadPriority
+    std::vector<MaskCall> MaskCalls;          // every SetThreadAffinityMask of a kernel thread that succeeded
+    std::vector<PriorityCall> PriorityCalls;  // every SetThreadPriority
 
     // Kernel threads.
-    std::vector<Thread> Threads;
+    std::list<Thread> Threads;  // every CreateThread, in order
 
     // Overlapped operations and ports.
     std::function<IoAnswer(const IoCall &)> OnIo;
@@ -161,10 +164,6 @@ struct Script {
     // Files: the size that GetFileSizeEx gives, and the names that CreateFileA was asked for.
     uint64_t FileSize = 0;
     std::vector<std::string> Opened;
-
-    // What WriteConsole was given. ConsoleToStdout also writes it, for tests that compare a child's output.
-    std::string Console;
-    bool ConsoleToStdout = true;
 };
 
 extern Script gScript;
