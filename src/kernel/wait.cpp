@@ -1,0 +1,122 @@
+// kernel/wait.cpp - waits on objects of the operating system.
+//
+// An object gives no completion that a scheduler could reap, so a user thread tests it without waiting and sleeps
+// in the timer queue between two tests; its scheduler runs others meanwhile. Runs on the calling user thread. Nothing
+// here blocks the kernel thread.
+#include "kernel/wait.h"
+
+#include "sched/sched.h"
+
+namespace zvx {
+
+namespace {
+
+// What is tested, and the answer of the latest test. It lives on the waiting thread's stack.
+struct ObjectWait {
+    DWORD Count;  // 0: the one object in One
+    const HANDLE *Handles;
+    BOOL All;
+    HANDLE One;
+    DWORD Result;
+};
+
+// An event that went through an overlapped call may have its low bit set, which tells ports to queue no packet and
+// is no part of the handle.
+HANDLE WithoutLowBit(HANDLE handle) {
+    return reinterpret_cast<HANDLE>(reinterpret_cast<uintptr_t>(handle) & ~uintptr_t{1});
+}
+
+DWORD TestNow(const ObjectWait &wait) {
+    if (wait.Count == 0) return os::WaitForSingleObject(wait.One, 0);
+    return os::WaitForMultipleObjects(wait.Count, wait.Handles, wait.All, 0);
+}
+
+bool ObjectTest(Fiber *, uintptr_t a1, uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
+    auto *wait = reinterpret_cast<ObjectWait *>(a1);
+    wait->Result = TestNow(*wait);
+    return wait->Result != WAIT_TIMEOUT;
+}
+
+// Also runs the routines of the caller's operations that have ended. A routine may itself wait: it must find no
+// alertable wait in progress and may use up WaitTimeoutMs, so both are put aside while routines run.
+bool AlertableTest(Fiber *F, uintptr_t a1, uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
+    auto *wait = reinterpret_cast<ObjectWait *>(a1);
+    wait->Result = TestNow(*wait);
+    const uint32_t left = F->WaitTimeoutMs;
+    F->Flags &= ~uint32_t{FIBER_POLL_OWN_OVS};
+    ReapOwnOvs(F, 3);
+    F->Flags |= FIBER_POLL_OWN_OVS;
+    F->WaitTimeoutMs = left;
+    if (wait->Result != WAIT_TIMEOUT) return true;
+    if (F->ApcDelivered == 0) return false;
+    F->ApcDelivered = 0;
+    wait->Result = WAIT_IO_COMPLETION;
+    return true;
+}
+
+DWORD RunWait(Fiber *F, ObjectWait *wait, DWORD ms, bool alertable) {
+    F->WaitTimeoutMs = ms;
+    if (alertable) F->Flags |= FIBER_POLL_OWN_OVS;
+    const bool ended = WaitWithPolling(F, alertable ? AlertableTest : ObjectTest, reinterpret_cast<uintptr_t>(wait));
+    if (alertable) F->Flags &= ~uint32_t{FIBER_POLL_OWN_OVS};
+    return ended ? wait->Result : WAIT_TIMEOUT;
+}
+
+DWORD WaitForOne(Fiber *F, HANDLE handle, DWORD ms, bool alertable) {
+    ObjectWait wait{0, nullptr, FALSE, WithoutLowBit(handle), 0};
+    return RunWait(F, &wait, ms, alertable);
+}
+
+DWORD WaitForSome(Fiber *F, DWORD count, const HANDLE *handles, BOOL waitAll, DWORD ms, bool alertable) {
+    // A count out of range is the operating system's to refuse.
+    if (count == 0 || count > MAXIMUM_WAIT_OBJECTS) return os::WaitForMultipleObjects(count, handles, waitAll, 0);
+    HANDLE plain[MAXIMUM_WAIT_OBJECTS];
+    for (DWORD i = 0; i < count; i++) plain[i] = WithoutLowBit(handles[i]);
+    ObjectWait wait{count, plain, waitAll, nullptr, 0};
+    return RunWait(F, &wait, ms, alertable);
+}
+
+// An alertable wait is one only while there are routines to wait for.
+bool HasOwnOperations(const Fiber *F) {
+    return !IsEmpty(&F->FileOvs) || !IsEmpty(&F->SocketOvs);
+}
+
+}  // namespace
+
+DWORD WaitForSingleObject(HANDLE handle, DWORD ms) {
+    Fiber *F = CallingFiber();
+    if (F == nullptr) return os::WaitForSingleObject(handle, ms);
+    return WaitForOne(F, handle, ms, false);
+}
+
+DWORD WaitForMultipleObjects(DWORD count, const HANDLE *handles, BOOL waitAll, DWORD ms) {
+    Fiber *F = CallingFiber();
+    if (F == nullptr) return os::WaitForMultipleObjects(count, handles, waitAll, ms);
+    return WaitForSome(F, count, handles, waitAll, ms, false);
+}
+
+DWORD WaitForSingleObjectEx(HANDLE handle, DWORD ms, BOOL alertable) {
+    Fiber *F = CallingFiber();
+    if (F == nullptr) return os::WaitForSingleObjectEx(handle, ms, alertable);
+    return WaitForOne(F, handle, ms, alertable && HasOwnOperations(F));
+}
+
+DWORD WaitForMultipleObjectsEx(DWORD count, const HANDLE *handles, BOOL waitAll, DWORD ms, BOOL alertable) {
+    Fiber *F = CallingFiber();
+    if (F == nullptr) return os::WaitForMultipleObjectsEx(count, handles, waitAll, ms, alertable);
+    return WaitForSome(F, count, handles, waitAll, ms, alertable && HasOwnOperations(F));
+}
+
+HANDLE CreateEventA(SECURITY_ATTRIBUTES *security, BOOL manualReset, BOOL initiallySet, const char *name) {
+    return os::CreateEventA(security, manualReset, initiallySet, name);
+}
+
+BOOL SetEvent(HANDLE event) {
+    return os::SetEvent(WithoutLowBit(event));
+}
+
+BOOL ResetEvent(HANDLE event) {
+    return os::ResetEvent(WithoutLowBit(event));
+}
+
+}  // namespace zvx
