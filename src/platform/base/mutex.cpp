@@ -91,12 +91,7 @@ void DestroyMutex(Object *object) {
 }
 
 void ThreadEnds(ThreadLocals *) {
-    WakeList wakes;
-    {
-        InnerGuard guard(&gDispatcherLock);
-        AbandonMutexesLocked(&CurrentLists()->Own, &wakes);
-    }
-    WakeAll(&wakes);
+    AbandonOwnMutexes();
 }
 
 }  // namespace
@@ -118,6 +113,15 @@ void AbandonMutexesLocked(MutexObject **owned, WakeList *wakes) {
         mutex->Abandoned = true;
         FreeLocked(mutex, wakes);
     }
+}
+
+void AbandonOwnMutexes() {
+    WakeList wakes;
+    {
+        InnerGuard guard(&gDispatcherLock);
+        AbandonMutexesLocked(&CurrentLists()->Own, &wakes);
+    }
+    WakeAll(&wakes);
 }
 
 HANDLE CreateMutexA(SECURITY_ATTRIBUTES *security, BOOL initiallyOwned, const char *name) {

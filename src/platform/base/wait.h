@@ -75,6 +75,7 @@ MutexObject **CurrentOwnedMutexes();
 MutexObject **UseOwnedMutexes(MutexObject **other);
 // [dispatcher lock] The owner ended: every mutex of the list becomes free and abandoned.
 void AbandonMutexesLocked(MutexObject **owned, WakeList *wakes);
+void AbandonOwnMutexes();  // the calling kernel thread is ending
 
 }  // namespace os
 
