@@ -108,10 +108,9 @@ void SetTraceDirLocked(const char *dir) {
 // [gTraceLock] Process and time make the name unique, so a long instance name is cut rather than they.
 void FormatTraceFileNameLocked() {
     char end[128];
-    const int endLength =
-        std::snprintf(end, sizeof(end), "_pid_%d_%d_%d_%d_%d_%d_%d.txt", static_cast<int>(os::GetCurrentProcessId()),
-                      gStartTime.wYear, gStartTime.wMonth, gStartTime.wDay, gStartTime.wHour, gStartTime.wMinute,
-                      gStartTime.wSecond);
+    const int endLength = std::snprintf(
+        end, sizeof(end), "_pid_%d_%d_%d_%d_%d_%d_%d.txt", static_cast<int>(os::GetCurrentProcessId()),
+        gStartTime.wYear, gStartTime.wMonth, gStartTime.wDay, gStartTime.wHour, gStartTime.wMinute, gStartTime.wSecond);
     char sid[sizeof(gSid)];
     const size_t room = kLongestFileName - std::strlen("zvxkvt_") - static_cast<size_t>(endLength);
     CopyCut(sid, room + 1 < sizeof(sid) ? room + 1 : sizeof(sid), gSid);

@@ -214,8 +214,7 @@ void ExitUserThread(Fiber *F, DWORD exitCode, bool terminateBacking) {
 // ---- Creation ----------------------------------------------------------------------------------------
 
 HANDLE CreateUserThread(SECURITY_ATTRIBUTES *security, size_t stackBytes, LPTHREAD_START_ROUTINE routine, void *param,
-                        DWORD flags, DWORD *threadId, uint32_t mask, const char *tag, uint32_t role) {
-    Scheduler *CS = SchedOf(static_cast<Fiber *>(os::GetFiberData()));
+                        DWORD flags, DWORD *threadId, uint32_t mask, Scheduler *CS, const char *tag, uint32_t role) {
     Scheduler *T = ChooseScheduler(mask);
     Fiber *F = AllocFiberOrSayWhy(CS, T->NumaNode);
     if (F == nullptr) return nullptr;
@@ -257,8 +256,9 @@ HANDLE CreateUserThread(SECURITY_ATTRIBUTES *security, size_t stackBytes, LPTHRE
 
 HANDLE ZCreateThreadWithAffinity(SECURITY_ATTRIBUTES *security, size_t stackBytes, LPTHREAD_START_ROUTINE routine,
                                  void *param, DWORD flags, DWORD *threadId, DWORD mask) {
-    if (CallingFiber() != nullptr) {
-        return CreateUserThread(security, stackBytes, routine, param, flags, threadId, mask, nullptr, ROLE_NONE);
+    if (const Fiber *C = CallingFiber(); C != nullptr) {
+        return CreateUserThread(security, stackBytes, routine, param, flags, threadId, mask, SchedOf(C), nullptr,
+                                ROLE_NONE);
     }
     const DWORD osFlags = mask != 0 ? flags | CREATE_SUSPENDED : flags;
     const HANDLE thread = os::CreateThread(security, kPassThroughStack, routine, param, osFlags, threadId);

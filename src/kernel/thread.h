@@ -15,7 +15,7 @@ namespace zvx {
 // error. The caller is a fiber of a scheduler (start-up creates "FMAIN" from an init fiber). A null tag leaves the
 // thread unidentified.
 HANDLE CreateUserThread(SECURITY_ATTRIBUTES *security, size_t stackBytes, LPTHREAD_START_ROUTINE routine, void *param,
-                        DWORD flags, DWORD *threadId, uint32_t mask, const char *tag, uint32_t role);
+                        DWORD flags, DWORD *threadId, uint32_t mask, Scheduler *CS, const char *tag, uint32_t role);
 
 // Exported.
 HANDLE CreateThread(SECURITY_ATTRIBUTES *security, size_t stackBytes, LPTHREAD_START_ROUTINE routine, void *param,

@@ -26,6 +26,11 @@ HANDLE WithoutLowBit(HANDLE handle) {
     return reinterpret_cast<HANDLE>(reinterpret_cast<uintptr_t>(handle) & ~uintptr_t{1});
 }
 
+// An alertable wait is one only while there are routines to wait for.
+bool HasOwnOperations(const Fiber *F) {
+    return !IsEmpty(&F->FileOvs) || !IsEmpty(&F->SocketOvs);
+}
+
 DWORD TestNow(const ObjectWait &wait) {
     if (wait.Count == 0) return os::WaitForSingleObject(wait.One, 0);
     return os::WaitForMultipleObjects(wait.Count, wait.Handles, wait.All, 0);
@@ -45,7 +50,8 @@ bool AlertableTest(Fiber *F, uintptr_t a1, uintptr_t, uintptr_t, uintptr_t, uint
     const uint32_t left = F->WaitTimeoutMs;
     F->Flags &= ~uint32_t{FIBER_POLL_OWN_OVS};
     ReapOwnOvs(F, 3);
-    F->Flags |= FIBER_POLL_OWN_OVS;
+    // A routine may have waited for the rest of them; then nothing is left that could wake the thread.
+    if (HasOwnOperations(F)) F->Flags |= FIBER_POLL_OWN_OVS;
     F->WaitTimeoutMs = left;
     if (wait->Result != WAIT_TIMEOUT) return true;
     if (F->ApcDelivered == 0) return false;
@@ -74,11 +80,6 @@ DWORD WaitForSome(Fiber *F, DWORD count, const HANDLE *handles, BOOL waitAll, DW
     for (DWORD i = 0; i < count; i++) plain[i] = WithoutLowBit(handles[i]);
     ObjectWait wait{count, plain, waitAll, nullptr, 0};
     return RunWait(F, &wait, ms, alertable);
-}
-
-// An alertable wait is one only while there are routines to wait for.
-bool HasOwnOperations(const Fiber *F) {
-    return !IsEmpty(&F->FileOvs) || !IsEmpty(&F->SocketOvs);
 }
 
 }  // namespace

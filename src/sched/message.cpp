@@ -132,6 +132,7 @@ static void ProcessExec(Scheduler *S, Fiber *F, void *routine) {
     F->ExecSave.CurOv = F->CurOv;
     F->SuspendCount.store(0, std::memory_order_release);
     F->Flags |= FIBER_EXEC_PENDING;
+    F->RoutinePending.store(1, std::memory_order_release);
     WakeForMessage(S, F);
 }
 

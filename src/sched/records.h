@@ -268,6 +268,7 @@ struct alignas(64) Fiber {
     std::atomic<uint32_t> OsThreadId;     // atomic: owner writes, dumps and tools read
     std::atomic<uint32_t> TlsCaptured;    // atomic: FIBER_TLS_CAPTURED or 0, stored by capture and end
     std::atomic<uint32_t> SuspendRequests;  // atomic: owner counts, SuspendThread waits for a change
+    std::atomic<uint32_t> RoutinePending;   // atomic: owner mirrors FIBER_EXEC_PENDING, ResumeThread reads
     std::atomic<const char *> Tag;        // atomic: owner writes, dumps and the overflow report read
     FIBEROVERLAPPED OwnOvs[3];            // ordinary I/O; I/O of an injected routine; I/O of an exit
     void *TlsValues[os::kTlsSlots];       // owner: slots 0 to 63; installed by pointer while the fiber runs

@@ -93,7 +93,7 @@ void SetSchedThreadAffinityAndPriority(HANDLE thread, Scheduler *S, bool bind, i
 static void StartMainRoutine(Scheduler *S) {
     S->MainThread = CreateUserThread(nullptr, 0, S->MainRoutine, S->MainParam, 0, nullptr, 0, S, "FMAIN", ROLE_INTERNAL);
     if (S->MainThread == nullptr) FatalExit("Unable to allocate FMAIN fiber");
-    const PSEHAND *entry = LookupHandle(S->MainThread);
+    const PSEHAND *entry = LookUpHandle(S->MainThread);
     if (entry == nullptr || entry->Type != PHAND_HTYPE_CreateThread) FatalExit("Invalid fiber thread handle");
 }
 

@@ -1,0 +1,310 @@
+// tests/stress/stress_host.cpp - a host whose user threads do everything to each other at once: create, exit,
+// suspend, resume, terminate, sleep, read, write, wait. Seeded and time-boxed; ends with the invariant checkers
+// and with the counts of what must have come back.
+//
+// Built on the internals, so that every user thread can check its own scheduler between two yields.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "alloc/alloc.h"
+#include "diag/trace.h"
+#include "kernel/file.h"
+#include "kernel/handles.h"
+#include "kernel/thread.h"
+#include "kernel/wait.h"
+#include "sched/sched.h"
+#include "sched/startup.h"
+
+namespace {
+
+using namespace zvx;
+
+struct Options {
+    uint32_t Schedulers = 2;
+    uint32_t Seconds = 5;
+    uint64_t Seed = 0;
+    uint32_t Workers = 64;
+} gOptions;
+
+// One slot a worker; workers pick victims here. The handle is owned by the slot's spawner, who alone closes it.
+struct Slot {
+    std::atomic<HANDLE> Thread{nullptr};
+    std::atomic<uint32_t> Runs{0};
+};
+
+constexpr uint32_t kMaxWorkers = 256;
+Slot gSlots[kMaxWorkers];
+std::atomic<bool> gStop{false};
+std::atomic<uint64_t> gActions{0};
+std::atomic<uint64_t> gChildren{0};
+std::atomic<uint64_t> gTerminated{0};
+std::atomic<uint64_t> gReads{0};
+char gFileName[256];
+constexpr uint32_t kFileBytes = 1 << 20;
+
+[[noreturn]] void Fail(const char *what, uint64_t a = 0, uint64_t b = 0) {
+    std::fprintf(stderr, "stress: FAILED: %s (%llu, %llu) seed %llu\n", what, static_cast<unsigned long long>(a),
+                 static_cast<unsigned long long>(b), static_cast<unsigned long long>(gOptions.Seed));
+    std::abort();
+}
+
+uint32_t PatternAt(uint64_t offset) { return static_cast<uint32_t>(offset * 2654435761u ^ (offset >> 7)); }
+
+void CheckBytes(const char *buffer, uint64_t offset, uint32_t bytes) {
+    for (uint32_t i = 0; i + 4 <= bytes; i += 4) {
+        uint32_t word;
+        std::memcpy(&word, buffer + i, 4);
+        if (word != PatternAt(offset + i)) Fail("wrong data read", offset + i, word);
+    }
+}
+
+void MakeFile() {
+    std::snprintf(gFileName, sizeof gFileName, "stress_%u.dat", os::GetCurrentProcessId());
+    FILE *f = std::fopen(gFileName, "wb");
+    if (f == nullptr) Fail("cannot make the data file");
+    for (uint64_t offset = 0; offset < kFileBytes; offset += 4) {
+        uint32_t word = PatternAt(offset);
+        std::fwrite(&word, 4, 1, f);
+    }
+    std::fclose(f);
+}
+
+struct RoutineState {
+    OVERLAPPED Ov;
+    DWORD Error;
+    DWORD Bytes;
+    DWORD Done;
+};
+
+void OnRead(DWORD error, DWORD bytes, OVERLAPPED *ov) {
+    auto *state = reinterpret_cast<RoutineState *>(ov);
+    state->Error = error;
+    state->Bytes = bytes;
+    state->Done++;
+}
+
+// Synchronous reads from consecutive positions, then one at a random place.
+void ReadSync(std::mt19937_64 &rng) {
+    HANDLE file = CreateFileA(gFileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE) Fail("CreateFileA", os::GetLastError());
+    char buffer[4096];
+    uint64_t offset = (rng() % (kFileBytes / 4096)) * 4096;
+    if (SetFilePointer(file, static_cast<LONG>(offset), nullptr, FILE_BEGIN) != offset) Fail("SetFilePointer");
+    for (int i = 0; i < 3; ++i) {
+        DWORD got = 0;
+        if (!ReadFile(file, buffer, sizeof buffer, &got, nullptr)) Fail("ReadFile", os::GetLastError());
+        if (got != sizeof buffer && offset + got != kFileBytes) Fail("short read", offset, got);
+        CheckBytes(buffer, offset, got);
+        offset += got;
+        gReads.fetch_add(1, std::memory_order_relaxed);
+    }
+    if (!CloseHandle(file)) Fail("CloseHandle(file)", os::GetLastError());
+}
+
+// Two reads with completion routines, awaited alertably.
+void ReadWithRoutine(std::mt19937_64 &rng) {
+    HANDLE file =
+        CreateFileA(gFileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+    if (file == INVALID_HANDLE_VALUE) Fail("CreateFileA overlapped", os::GetLastError());
+    alignas(16) char buffers[2][2048];
+    RoutineState states[2] = {};
+    for (int i = 0; i < 2; ++i) {
+        states[i].Ov.Offset = static_cast<DWORD>(rng() % (kFileBytes / 2048)) * 2048;
+        if (!ReadFileEx(file, buffers[i], sizeof buffers[i], &states[i].Ov, OnRead)) Fail("ReadFileEx", os::GetLastError());
+    }
+    while (states[0].Done + states[1].Done < 2) SleepEx(100, TRUE);
+    for (int i = 0; i < 2; ++i) {
+        if (states[i].Done != 1 || states[i].Error != 0 || states[i].Bytes != 2048) Fail("routine", states[i].Error, states[i].Done);
+        CheckBytes(buffers[i], states[i].Ov.Offset, states[i].Bytes);
+    }
+    if (!CloseHandle(file)) Fail("CloseHandle(file)", os::GetLastError());
+    gReads.fetch_add(2, std::memory_order_relaxed);
+}
+
+DWORD Child(void *param) {
+    auto bits = reinterpret_cast<uintptr_t>(param);
+    if (bits & 1) Sleep(static_cast<DWORD>((bits >> 8) & 3));
+    if (bits & 2) ExitThread(static_cast<DWORD>(bits & 0xFFFF));
+    return static_cast<DWORD>(bits & 0xFFFF);
+}
+
+void CreateAndAwait(std::mt19937_64 &rng) {
+    uintptr_t bits = rng() & 0xFFFF;
+    DWORD id = 0;
+    DWORD flags = (bits & 4) ? CREATE_SUSPENDED : 0;
+    HANDLE child = CreateThread(nullptr, 0, Child, reinterpret_cast<void *>(bits), flags, &id);
+    if (child == nullptr) Fail("CreateThread", os::GetLastError());
+    gChildren.fetch_add(1, std::memory_order_relaxed);
+    if (flags) {
+        if (ResumeThread(child) != 1) Fail("ResumeThread of a suspended child");
+    }
+    if (WaitForSingleObject(child, 30000) != WAIT_OBJECT_0) Fail("child did not end", bits);
+    DWORD code = 0;
+    if (!GetExitCodeThread(child, &code) || code != (bits & 0xFFFF)) Fail("exit code", code, bits);
+    if (!CloseHandle(child)) Fail("CloseHandle(child)");
+}
+
+// A child that sleeps for ever, terminated from outside.
+DWORD Sleeper(void *) {
+    for (;;) Sleep(INFINITE);
+}
+
+void CreateAndTerminate(std::mt19937_64 &rng) {
+    HANDLE child = CreateThread(nullptr, 0, Sleeper, nullptr, 0, nullptr);
+    if (child == nullptr) Fail("CreateThread", os::GetLastError());
+    if (rng() & 1) Sleep(1);
+    if (rng() & 1) SuspendThread(child);
+    if (!TerminateThread(child, 77)) Fail("TerminateThread", os::GetLastError());
+    DWORD code = 0;
+    if (!GetExitCodeThread(child, &code) || code != 77) Fail("exit code of a terminated child", code);
+    if (WaitForSingleObject(child, 10000) != WAIT_OBJECT_0) Fail("terminated child not signalled");
+    CloseHandle(child);
+    gTerminated.fetch_add(1, std::memory_order_relaxed);
+}
+
+// Suspends and resumes another worker; its handle may go stale at any moment, which must be an error, no more.
+void TroubleNeighbour(std::mt19937_64 &rng, uint32_t self) {
+    uint32_t victim = static_cast<uint32_t>(rng() % gOptions.Workers);
+    if (victim == self) return;
+    HANDLE thread = gSlots[victim].Thread.load();
+    if (thread == nullptr) return;
+    DWORD previous = SuspendThread(thread);
+    if (previous == 0xFFFFFFFF) return;
+    if (rng() & 1) Sleep(1);
+    ResumeThread(thread);
+}
+
+DWORD Worker(void *param) {
+    uint32_t self = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(param));
+    std::mt19937_64 rng(gOptions.Seed * 1000003 + self * 7919 + gSlots[self].Runs.load());
+    static const DWORD slot = [] { return TlsAlloc(); }();
+    auto mine = reinterpret_cast<void *>(uintptr_t{self} + 1);
+    os::TlsSetValue(slot, mine);
+    while (!gStop.load(std::memory_order_relaxed)) {
+        os::SetLastError(self + 5000);
+        switch (rng() % 10) {
+            case 0: CreateAndAwait(rng); break;
+            case 1: CreateAndTerminate(rng); break;
+            case 2: ReadSync(rng); break;
+            case 3: ReadWithRoutine(rng); break;
+            case 4: TroubleNeighbour(rng, self); break;
+            case 5: Sleep(static_cast<DWORD>(rng() % 4)); break;
+            case 6:
+                Sleep(0);
+                if (os::GetLastError() != self + 5000) Fail("last error changed over a yield", os::GetLastError(), self);
+                break;
+            case 7: {
+                HANDLE event = os::CreateEventA(nullptr, TRUE, FALSE, nullptr);
+                if (WaitForSingleObject(event, static_cast<DWORD>(rng() % 3)) != WAIT_TIMEOUT) Fail("unset event");
+                os::SetEvent(event);
+                if (WaitForSingleObject(event, INFINITE) != WAIT_OBJECT_0) Fail("set event");
+                os::CloseHandle(event);
+                break;
+            }
+            case 8: UserThreadQuantumExpiredCheck(); break;
+            default: SchedYield(CallingFiber(), Yield_USER); break;
+        }
+        if (os::TlsGetValue(slot) != mine) Fail("another thread's slot value", self);
+        CheckScheduler(SchedOf(CallingFiber()));
+        gActions.fetch_add(1, std::memory_order_relaxed);
+        if (rng() % 97 == 0) return 0;  // a fresh worker takes the slot over
+    }
+    return 0;
+}
+
+int64_t ChunksInUse(uint32_t type) {
+    int64_t sum = 0;
+    for (uint32_t i = 0; i < gNumSchedulers; ++i) sum += gSchedulers[i]->ChunkTypeCount[type];
+    return sum;
+}
+
+uint32_t UserThreads() {
+    uint32_t sum = 0;
+    for (uint32_t i = 0; i < gNumSchedulers; ++i) sum += gSchedulers[i]->FiberCount.load();
+    return sum;
+}
+
+void Spawn(uint32_t i) {
+    gSlots[i].Runs.fetch_add(1);
+    HANDLE thread = CreateThread(nullptr, 0, Worker, reinterpret_cast<void *>(uintptr_t{i}), 0, nullptr);
+    if (thread == nullptr) Fail("CreateThread(worker)", os::GetLastError());
+    gSlots[i].Thread.store(thread);
+}
+
+void Reap(uint32_t i) {
+    HANDLE thread = gSlots[i].Thread.exchange(nullptr);
+    if (WaitForSingleObject(thread, 60000) != WAIT_OBJECT_0) Fail("worker did not end", i);
+    CloseHandle(thread);
+}
+
+DWORD MainRoutine(void *) {
+    MakeFile();
+    Sleep(20);
+    uint32_t handlesBefore = gHandleCount;
+    uint32_t kernelThreads = os::KernelThreadCount();
+    for (uint32_t i = 0; i < gOptions.Workers; ++i) Spawn(i);
+    uint64_t end = os::GetTickCount64() + gOptions.Seconds * 1000ull;
+    while (os::GetTickCount64() < end) {
+        for (uint32_t i = 0; i < gOptions.Workers; ++i) {
+            HANDLE thread = gSlots[i].Thread.load();
+            if (WaitForSingleObject(thread, 0) != WAIT_OBJECT_0) continue;
+            Reap(i);
+            Spawn(i);
+        }
+        Sleep(5);
+    }
+    gStop = true;
+    // A worker that a neighbour suspended last is let go by its own ResumeThread; wait for each.
+    for (uint32_t i = 0; i < gOptions.Workers; ++i) Reap(i);
+    // Retired records and exited threads come back once every scheduler has gone idle or made a pass.
+    for (int i = 0; i < 200 && (gHandleCount != handlesBefore || UserThreads() != 1); ++i) Sleep(5);
+    CheckHandleTable();
+    CheckScheduler(SchedOf(CallingFiber()));
+    if (gHandleCount != handlesBefore) Fail("handles left behind", gHandleCount, handlesBefore);
+    if (UserThreads() != 1) Fail("user threads left behind", UserThreads());
+    for (int i = 0; i < 400 && ChunksInUse(ALLOC_PSEHAND) != static_cast<int64_t>(gHandleCount); ++i) Sleep(5);
+    if (ChunksInUse(ALLOC_PSEHAND) != static_cast<int64_t>(gHandleCount))
+        Fail("handle entries left behind", static_cast<uint64_t>(ChunksInUse(ALLOC_PSEHAND)), gHandleCount);
+    if (ChunksInUse(ALLOC_FIBER_MESSAGE) != 0) Fail("messages left behind", static_cast<uint64_t>(ChunksInUse(ALLOC_FIBER_MESSAGE)));
+    if (os::KernelThreadCount() > kernelThreads + 20) Fail("kernel threads left behind", os::KernelThreadCount(), kernelThreads);
+    std::printf("stress: %u schedulers, %s, seed %llu: %llu actions, %llu children, %llu terminated, %llu reads, %u records\n",
+                gNumSchedulers, os::IoBackendName(), static_cast<unsigned long long>(gOptions.Seed),
+                static_cast<unsigned long long>(gActions.load()), static_cast<unsigned long long>(gChildren.load()),
+                static_cast<unsigned long long>(gTerminated.load()), static_cast<unsigned long long>(gReads.load()),
+                gShellSerial.load());
+    std::remove(gFileName);
+    if (gActions.load() == 0 || gReads.load() == 0) Fail("nothing was done");
+    os::ExitProcess(0);
+}
+
+int Lookup(const char *name, char *buffer, int capacity) {
+    if (std::strcmp(name, "ZVX_FIBERS_Schedulers") == 0)
+        return std::snprintf(buffer, static_cast<size_t>(capacity), "%u", gOptions.Schedulers);
+    if (std::strcmp(name, "ZVX_FIBERS_StackPages") == 0) return std::snprintf(buffer, static_cast<size_t>(capacity), "16");
+    if (std::strcmp(name, "ZVX_FIBERS_QuantumLengthMs") == 0) return std::snprintf(buffer, static_cast<size_t>(capacity), "30");
+    return LookupEnvironment(name, buffer, capacity);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    gOptions.Seed = os::GetTickCount64() ^ (uint64_t{os::GetCurrentProcessId()} << 20);
+    for (int i = 1; i + 1 < argc; i += 2) {
+        std::string name = argv[i];
+        uint64_t value = std::strtoull(argv[i + 1], nullptr, 10);
+        if (name == "--schedulers") gOptions.Schedulers = static_cast<uint32_t>(value);
+        else if (name == "--seconds") gOptions.Seconds = static_cast<uint32_t>(value);
+        else if (name == "--seed") gOptions.Seed = value;
+        else if (name == "--workers" && value <= kMaxWorkers) gOptions.Workers = static_cast<uint32_t>(value);
+        else return 2;
+    }
+    std::printf("stress: seed %llu\n", static_cast<unsigned long long>(gOptions.Seed));
+    std::fflush(stdout);
+    static uint32_t indicator;
+    InitParams params{&indicator, nullptr, nullptr, 0, Lookup};
+    InitUserThreadScheduler(MainRoutine, nullptr, &params);
+    return 1;
+}
