@@ -1,0 +1,219 @@
+/* zvxkvt/zvxkvt.h - the scheduler's own functions, and the functions of the operating system that it replaces.
+ *
+ * Link with -lzvxkvt; usable from C and C++. zvxkvt/osapi.h has the functions that a host needs besides and that the
+ * library leaves as they are.
+ *
+ * Fiber mode. After InitUserThreadScheduler every thread that the host makes with CreateThread is a user thread: a
+ * fiber that one of a few kernel threads (the schedulers) runs until it calls a function here that waits. "Yields"
+ * below means that other user threads of the same scheduler run meanwhile, and that thread-local C++ variables
+ * belong to the scheduler's kernel thread: hold no lock of the C or C++ library across such a call. "Blocks" means
+ * that the kernel thread itself waits.
+ *
+ * Pass-through. Where fiber mode is not active, or the caller is not a user thread, each function is the operating
+ * system's function of that name and blocks where it waits.
+ *
+ * Every function may be called from any thread. A failure is the return value that is named, with the reason in
+ * GetLastError; each user thread has its own. A failure of the library's own has the reason 0xFFFFFFFF.
+ */
+#ifndef ZVXKVT_ZVXKVT_H
+#define ZVXKVT_ZVXKVT_H
+
+#include "zvxkvt/ostypes.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#ifndef ZVXKVT_API
+#define ZVXKVT_API __attribute__((visibility("default")))
+#endif
+
+/* ---- Start-up ---------------------------------------------------------------------------------------- */
+
+/* The host's value lookup: stores at most `capacity` characters of the value of `name` in `buffer`, without a
+ * terminating zero, and returns how many; below 1 means that the name has no value. Called during start-up only, on
+ * the host's thread, with names such as "ZVX_FIBERS_Schedulers". */
+typedef int (*ZVXKVT_LOOKUP_VALUE)(const char *name, char *buffer, int capacity);
+
+typedef struct _ZVXKVT_INIT_PARAMS {
+    uint32_t *QuantumIndicator;      /* the library writes 1 while some user thread has run for too long, else 0; null
+                                        for none. Must stay valid for the life of the process. */
+    void *Reserved;                  /* not read */
+    const char *TraceDirectory;      /* where the trace log goes; null for the current directory */
+    unsigned char DebugGlobal;       /* non-zero: the debugger event is named in the global namespace */
+    ZVXKVT_LOOKUP_VALUE LookupValue; /* null: settings come from the environment */
+} ZVXKVT_INIT_PARAMS;
+
+/* Reads the settings, starts the schedulers and runs routine(param) as the first user thread. In fiber mode it never
+ * returns: the calling thread sleeps, and the process ends through ExitProcess. With the setting "DisableFibers" 1 or
+ * "FiberModeReq" 0 it runs the routine on the calling thread and returns. A second call does nothing. A failure ends
+ * the process with a message. `params` may be null. */
+ZVXKVT_API void WINAPI InitUserThreadScheduler(LPTHREAD_START_ROUTINE routine, LPVOID param,
+                                               const ZVXKVT_INIT_PARAMS *params);
+
+/* Accepted for the sake of older hosts; does nothing. */
+ZVXKVT_API void WINAPI EnableThreadTrace(LPCSTR directory);
+
+/* ---- Time -------------------------------------------------------------------------------------------- */
+
+/* Yields for `ms` milliseconds; 0 lets the others run once, INFINITE never returns. A short sleep (setting "LFI") of a
+ * thread that is identified as a session, a database writer or the log writer is a plain yield. */
+ZVXKVT_API void WINAPI Sleep(DWORD ms);
+
+/* Sleep that, when `alertable`, also runs the completion routines of the caller's own operations as they end. Returns
+ * WAIT_IO_COMPLETION when one ran, 0 when the time was up. */
+ZVXKVT_API DWORD WINAPI SleepEx(DWORD ms, BOOL alertable);
+
+/* Sleeps alertably until *counter has reached `target` or *outstanding is 0. The routines of the caller's operations
+ * are expected to change both words, which must stay valid until the return. FALSE when the sleep ended for another
+ * reason. `reserved` is not read. */
+ZVXKVT_API BOOL WINAPI ZSleepExN(DWORD reserved, DWORD target, LPDWORD counter, LPDWORD outstanding);
+
+/* Yields if the calling user thread has run for longer than its quantum; to be called by long computations that find
+ * the quantum indicator set. */
+ZVXKVT_API void WINAPI UserThreadQuantumExpiredCheck(void);
+
+/* ---- Thread-local slots and the last error ----------------------------------------------------------- */
+
+/* A slot index for every thread of the process, TLS_OUT_OF_INDEXES when none is left. Slots 0 to 63 follow a user
+ * thread; a process that uses more cannot start user threads. */
+ZVXKVT_API DWORD WINAPI TlsAlloc(void);
+ZVXKVT_API BOOL WINAPI TlsFree(DWORD index);
+/* The calling thread's value, null where none was stored. Sets the last error to 0 on success, so that a null value
+ * and a failure can be told apart. */
+ZVXKVT_API LPVOID WINAPI TlsGetValue(DWORD index);
+ZVXKVT_API BOOL WINAPI TlsSetValue(DWORD index, LPVOID value);
+
+ZVXKVT_API DWORD WINAPI GetLastError(void);
+ZVXKVT_API void WINAPI SetLastError(DWORD error);
+
+/* ---- Handles ----------------------------------------------------------------------------------------- */
+
+/* Closes a handle of any kind. Operations that are outstanding on it are cancelled. Does not yield. */
+ZVXKVT_API BOOL WINAPI CloseHandle(HANDLE handle);
+
+/* A second handle for what `source` stands for, in *target (which may be null). In fiber mode both processes must be
+ * GetCurrentProcess(); anything else ends the process. With DUPLICATE_CLOSE_SOURCE the source is closed. */
+ZVXKVT_API BOOL WINAPI DuplicateHandle(HANDLE sourceProcess, HANDLE source, HANDLE targetProcess, HANDLE *target,
+                                       DWORD access, BOOL inherit, DWORD options);
+
+/* ---- Files ------------------------------------------------------------------------------------------- */
+
+/* Opens or creates a file; the name is taken literally. INVALID_HANDLE_VALUE on failure. Blocks for as long as the
+ * file system takes. Without FILE_FLAG_OVERLAPPED in `flags` the handle has a file position, shared by its
+ * duplicates, and reads and writes wait by yielding; with it the caller drives its own operations. */
+ZVXKVT_API HANDLE WINAPI CreateFileA(LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                                     DWORD disposition, DWORD flags, HANDLE templateFile);
+ZVXKVT_API HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                                     DWORD disposition, DWORD flags, HANDLE templateFile);
+
+/* Reads or writes `count` bytes; *got (may be null) receives how many were moved. At the end of the file a read
+ * returns TRUE with 0 bytes. Without an OVERLAPPED at the file position, which moves on; with one at its Offset. On a
+ * handle without FILE_FLAG_OVERLAPPED: yields until done. With it: FALSE with ERROR_IO_PENDING while the operation
+ * runs, and buffer and OVERLAPPED must stay valid until it has ended. hEvent may get its low bit set; the functions
+ * of this header take it with and without that bit. */
+ZVXKVT_API BOOL WINAPI ReadFile(HANDLE file, LPVOID buffer, DWORD count, LPDWORD got, LPOVERLAPPED overlapped);
+ZVXKVT_API BOOL WINAPI WriteFile(HANDLE file, LPCVOID buffer, DWORD count, LPDWORD put, LPOVERLAPPED overlapped);
+
+/* Starts an operation at the OVERLAPPED's Offset; `routine` runs on the calling user thread, in a later alertable
+ * wait of it and never before. Needs a handle with FILE_FLAG_OVERLAPPED (else FALSE with 0xFFFFFFFF). Buffer and
+ * OVERLAPPED must stay valid until the routine ran. Does not yield. */
+ZVXKVT_API BOOL WINAPI ReadFileEx(HANDLE file, LPVOID buffer, DWORD count, LPOVERLAPPED overlapped,
+                                  LPOVERLAPPED_COMPLETION_ROUTINE routine);
+ZVXKVT_API BOOL WINAPI WriteFileEx(HANDLE file, LPCVOID buffer, DWORD count, LPOVERLAPPED overlapped,
+                                   LPOVERLAPPED_COMPLETION_ROUTINE routine);
+
+/* Locks the bytes from the OVERLAPPED's Offset on, `high` and `low` being the two words of their number. Yields
+ * until the range is free, unless LOCKFILE_FAIL_IMMEDIATELY asks for ERROR_LOCK_VIOLATION. */
+ZVXKVT_API BOOL WINAPI LockFileEx(HANDLE file, DWORD flags, DWORD reserved, DWORD low, DWORD high,
+                                  LPOVERLAPPED overlapped);
+
+/* Result of an operation that the caller drives; *bytes receives how many bytes it moved. With `wait` yields until it
+ * has ended, looking every 10 milliseconds; without, FALSE with ERROR_IO_INCOMPLETE while it runs. */
+ZVXKVT_API BOOL WINAPI GetOverlappedResult(HANDLE file, LPOVERLAPPED overlapped, LPDWORD bytes, BOOL wait);
+
+/* Moves the file position by the signed distance (its high word in *distanceHigh, which then receives that of the new
+ * position, or null for a 32-bit distance) from FILE_BEGIN, FILE_CURRENT or FILE_END. The low word of the new
+ * position; INVALID_SET_FILE_POINTER with a last error that is not 0 on failure. ERROR_NEGATIVE_SEEK leaves the
+ * position where it was. */
+ZVXKVT_API DWORD WINAPI SetFilePointer(HANDLE file, LONG distance, PLONG distanceHigh, DWORD method);
+
+/* ---- Threads ----------------------------------------------------------------------------------------- */
+
+/* A user thread that runs routine(param) on the scheduler with the least load; null on failure, the last error naming
+ * the limit (ERROR_NOT_ENOUGH_MEMORY: no stack, ERROR_TOO_MANY_OPEN_FILES: no handle). `threadId` may be null. Flags:
+ * CREATE_SUSPENDED. Stacks have the size of the setting "StackPages" whatever `stackBytes` says. The handle is
+ * signalled when the thread has ended. */
+ZVXKVT_API HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES security, SIZE_T stackBytes, LPTHREAD_START_ROUTINE routine,
+                                      LPVOID param, DWORD flags, LPDWORD threadId);
+/* The same on a scheduler that runs on a processor of `mask`; 0 for any. */
+ZVXKVT_API HANDLE WINAPI ZCreateThreadWithAffinity(LPSECURITY_ATTRIBUTES security, SIZE_T stackBytes,
+                                                   LPTHREAD_START_ROUTINE routine, LPVOID param, DWORD flags,
+                                                   LPDWORD threadId, DWORD mask);
+/* Always a kernel thread of this process; null with ERROR_NOT_SUPPORTED for another one. */
+ZVXKVT_API HANDLE WINAPI CreateRemoteThread(HANDLE process, LPSECURITY_ATTRIBUTES security, SIZE_T stackBytes,
+                                            LPTHREAD_START_ROUTINE routine, LPVOID param, DWORD flags,
+                                            LPDWORD threadId);
+
+/* Ends the calling thread. Its own operations are cancelled and their routines do not run. Destructors of automatic
+ * variables do not run either. Returns only when the thread is ending already. */
+ZVXKVT_API void WINAPI ExitThread(DWORD exitCode);
+
+/* Of a user thread: its real handle (not to be closed) and identifier. Otherwise the operating system's. */
+ZVXKVT_API HANDLE WINAPI GetCurrentThread(void);
+ZVXKVT_API DWORD WINAPI GetCurrentThreadId(void);
+
+/* Stops a thread, or lets it go on once every suspension is taken back. The count before, or 0xFFFFFFFF: with
+ * ERROR_INVALID_HANDLE when the thread has ended, with 0xFFFFFFFF when the count is 127. Both yield; SuspendThread
+ * until the thread has stopped. */
+ZVXKVT_API DWORD WINAPI SuspendThread(HANDLE thread);
+ZVXKVT_API DWORD WINAPI ResumeThread(HANDLE thread);
+
+/* Has a user thread end itself when it next runs, whatever it waits for, and yields until it has ended. FALSE with
+ * ERROR_INVALID_HANDLE when it had ended before. */
+ZVXKVT_API BOOL WINAPI TerminateThread(HANDLE thread, DWORD exitCode);
+
+/* *exitCode is STILL_ACTIVE while the thread runs. */
+ZVXKVT_API BOOL WINAPI GetExitCodeThread(HANDLE thread, LPDWORD exitCode);
+
+/* File times (100-nanosecond units since 1601) of creation and end (0 while it runs), and the thread's processor time
+ * in the same units: up to now when a user thread asks about itself, else as it was when it last did. The kernel time
+ * of a user thread is 0. */
+ZVXKVT_API BOOL WINAPI GetThreadTimes(HANDLE thread, LPFILETIME creation, LPFILETIME exit, LPFILETIME kernel,
+                                      LPFILETIME user);
+
+/* For a user thread: changes nothing and returns the mask of its scheduler. */
+ZVXKVT_API DWORD WINAPI SetThreadAffinityMask(HANDLE thread, DWORD mask);
+/* The operating system's function: the mask of a kernel thread before the change, 0 on failure. Bit i is the i-th
+ * processor that the process may use. */
+ZVXKVT_API DWORD WINAPI SetOSThreadAffinityMask(HANDLE thread, DWORD mask);
+
+/* ---- Waits and events -------------------------------------------------------------------------------- */
+
+/* Yields until the object is signalled or `ms` milliseconds have passed (0 tests once, INFINITE waits for good).
+ * WAIT_OBJECT_0, WAIT_ABANDONED_0, WAIT_TIMEOUT or WAIT_FAILED. A busy scheduler looks every few milliseconds
+ * (setting "TimerInterval"). */
+ZVXKVT_API DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD ms);
+/* The same for 1 to 64 objects, one of them (result plus its index) or all of them at one time. */
+ZVXKVT_API DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE *handles, BOOL waitAll, DWORD ms);
+/* The same; when `alertable`, completion routines of the caller's own operations run as these end, and the wait ends
+ * with WAIT_IO_COMPLETION. */
+ZVXKVT_API DWORD WINAPI WaitForSingleObjectEx(HANDLE handle, DWORD ms, BOOL alertable);
+ZVXKVT_API DWORD WINAPI WaitForMultipleObjectsEx(DWORD count, const HANDLE *handles, BOOL waitAll, DWORD ms,
+                                                 BOOL alertable);
+
+/* An event, null on failure; `name` may be null. Does not yield. */
+ZVXKVT_API HANDLE WINAPI CreateEventA(LPSECURITY_ATTRIBUTES security, BOOL manualReset, BOOL initiallySet, LPCSTR name);
+ZVXKVT_API BOOL WINAPI SetEvent(HANDLE event);
+ZVXKVT_API BOOL WINAPI ResetEvent(HANDLE event);
+
+/* ---- Modules ----------------------------------------------------------------------------------------- */
+
+/* The module of that name if the process has loaded it, null with ERROR_MOD_NOT_FOUND. */
+ZVXKVT_API HMODULE WINAPI GetModuleHandleA(LPCSTR name);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* ZVXKVT_ZVXKVT_H */
