@@ -31,22 +31,34 @@ enum AllocTypeId : uint32_t {
 };
 
 extern AllocType gAllocTypes[kNumAllocTypes];
-extern uint32_t gChunkSize;                      // init: 256
-extern uint32_t gNodeMasks[kMaxNodes];           // init: processors of each node
-extern uint32_t gProcessAffinityMask;            // init
-extern std::atomic<uint32_t> gTotalVirtualAlloc; // bytes obtained so far
+extern uint32_t gChunkSize;                       // init: 256
+extern uint32_t gNodeMasks[kMaxNodes];            // init: processors of each node
+extern uint32_t gProcessAffinityMask;             // init
+extern std::atomic<uint32_t> gTotalVirtualAlloc;  // bytes obtained so far
 
+// Once, at start-up, after the settings were read and gProcessAffinityMask is known.
 void KVTAllocInit();
 // One chunk of gChunkSize bytes, contents undefined. Only by code running on `sched`'s thread.
 void *AllocChunk(const AllocType *type, Scheduler *sched, uint8_t node);
+// Into the cache of the scheduler that the caller runs on, whatever node the chunk came from.
 void FreeChunk(const AllocType *type, Scheduler *sched, void *chunk, uint8_t node);
-// `size` bytes, or null when size + 16 does not fit 32 bits.
+// `size` bytes, or null when size + 16 does not fit 32 bits; 16-byte aligned when every size given so far was a
+// multiple of 16. A new region blocks the kernel thread for as long as touching 16 MiB takes, pinned to the node;
+// afterwards the thread has `restoreMask` and, with `pin`, `restorePriority`.
 void *KVTAlloc(uint32_t size, uint8_t node, bool pin, int32_t restorePriority, uint32_t restoreMask);
-void *KVTAllocSched(uint32_t size, Scheduler *sched, uint8_t node);
-void *KVTAllocNoSched(uint32_t size, uint8_t node);  // any thread
-void KVTFree(void *memory, uint8_t node);
-void KVTAllocDebugInfo();
-uint32_t RoundUpPow2(uint32_t value);
+void *KVTAllocSched(uint32_t size, Scheduler *sched, uint8_t node);  // by code running on `sched`'s thread
+void *KVTAllocNoSched(uint32_t size, uint8_t node);                  // any thread
+void KVTFree(void *memory, uint8_t node);                            // any thread; the node of the allocation
+void KVTAllocDebugInfo();                                            // any thread
+uint32_t RoundUpPow2(uint32_t value);                                // 0 when there is no such power in 32 bits
+
+// Walks the shared lists and ends the process when one is inconsistent; debug builds and tests. Takes the locks.
+struct AllocCounts {
+    uint32_t FreeBlocks;    // free byte blocks of the node
+    uint32_t LargestBlock;  // bytes, header included
+    uint32_t Bundles;       // bundles of 63 chunks on the node's list
+};
+AllocCounts CheckAllocator(uint8_t node);
 
 }  // namespace zvx
 
