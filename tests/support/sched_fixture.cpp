@@ -1,0 +1,180 @@
+// tests/support/sched_fixture.cpp - see sched_fixture.h.
+#include "tests/support/sched_fixture.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+
+#include "alloc/alloc.h"
+#include "diag/stats.h"
+#include "diag/trace.h"
+#include "kernel/handles.h"
+#include "sched/startup.h"
+
+namespace zvx::test {
+
+namespace {
+
+struct Rig {
+    os::FiberContext *TestSide = nullptr;
+    void *TestData = nullptr;
+    std::map<HANDLE, Scheduler *> ByPort;
+    std::map<Scheduler *, os::FiberContext *> Continue;  // where RunUntilIdle goes on
+    std::vector<std::string> Notes;
+    std::vector<std::unique_ptr<std::function<void(Fiber *)>>> Bodies;
+    uint32_t Schedulers = 0;
+} gRig;
+
+// The thread block is one for all schedulers of the test; it is handed to whoever runs.
+void Install(Scheduler *S) { os::CurrentThreadBlock()->Io = S->Io; }
+
+void BackToTest(Scheduler *S) {
+    os::ThreadBlock *block = os::CurrentThreadBlock();
+    gRig.Continue[S] = block->Current;
+    void **slots = block->Slots;
+    DWORD error = block->LastError;
+    os::SwitchToFiber(block, gRig.TestSide);
+    block->Slots = slots;
+    block->LastError = error;
+}
+
+void InitFiberLoop(void *fiber) {
+    auto *F = static_cast<Fiber *>(fiber);
+    Scheduler *S = SchedOf(F);
+    for (;;) {
+        SchedYield(F, Yield_SCHED);
+        InitFiberRoutine(S);
+    }
+}
+
+DWORD RunBody(void *param) {
+    auto *body = static_cast<std::function<void(Fiber *)> *>(param);
+    (*body)(static_cast<Fiber *>(os::GetFiberData()));
+    return 0;
+}
+
+}  // namespace
+
+void InitLibrary() {
+    StatsInit();
+    gLookupValue = [](const char *, char *, int) { return 0; };
+    ReadSchedulerSettings();
+    gProcessAffinityMask = os::script::gScript.ProcessMask;
+    for (uint32_t &mask : gNodeMasks) mask = gProcessAffinityMask;
+    ClearOption(su_EnableLargePages);
+    KVTAllocInit();
+    gStackSize = 0x10000;
+    gNumSchedulers = 0;
+    gProcessTls = os::CurrentThreadBlock()->StaticTls;
+    InitSchedulerGlobals();
+    AvoidCompletionEvent = os::CreateEventA(nullptr, TRUE, TRUE, nullptr);
+    static int testData;
+    gRig.TestSide = os::ConvertThreadToFiber(&testData);
+    os::script::gScript.OnPortWait = [](HANDLE port, DWORD) { BackToTest(gRig.ByPort.at(port)); };
+    SetOption(su_InFiber | su_FiberMode);
+}
+
+Scheduler *NewScheduler() {
+    auto *S = static_cast<Scheduler *>(std::aligned_alloc(alignof(Scheduler), sizeof(Scheduler)));
+    std::memset(static_cast<void *>(S), 0, sizeof *S);
+    S->AffinityMask = gProcessAffinityMask;
+    InitScheduler(S, gRig.Schedulers++);
+    gNumSchedulers = gRig.Schedulers;
+    S->Os = os::CurrentThreadBlock();
+    S->Port = os::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0);
+    S->Io = os::script::IoThreadOf(S->Port);
+    gRig.ByPort[S->Port] = S;
+    Fiber *F = AllocFiberShell(S, 0);
+    os::DeleteFiber(F->OsFiber);
+    F->OsFiber = os::CreateFiber(gStackSize, InitFiberLoop, F);
+    F->Flags |= FIBER_STARTED;
+    S->InitFiber = F;
+    S->InitFiberLink = &F->RunLink;
+    S->Running.store(1);
+    gRig.Continue[S] = F->OsFiber;
+    return S;
+}
+
+Fiber *NewUnplacedFiber(Scheduler *S, std::function<void(Fiber *)> body) {
+    Fiber *F = AllocFiberShell(S, 0);
+    gRig.Bodies.push_back(std::make_unique<std::function<void(Fiber *)>>(std::move(body)));
+    F->StartRoutine = RunBody;
+    F->StartParam = gRig.Bodies.back().get();
+    F->Flags |= FIBER_USER_THREAD;
+    S->FiberCount.store(S->FiberCount.load() + 1);
+    return F;
+}
+
+Fiber *NewFiber(Scheduler *S, std::function<void(Fiber *)> body) {
+    Fiber *F = NewUnplacedFiber(S, std::move(body));
+    F->State = FSTATE_READY;
+    AppendRunQueue(S, gORQ, F);
+    return F;
+}
+
+Fiber *NewStartedFiber(Scheduler *S, std::function<void(Fiber *)> body) {
+    // It pauses by parking without a time-out; the test finds it in InfiniteWaiters and takes it out.
+    auto inner = std::make_shared<std::function<void(Fiber *)>>(std::move(body));
+    Fiber *F = NewFiber(S, [inner](Fiber *self) {
+        self->WaitTimeoutMs = INFINITE;
+        SchedYield(self, Yield_TIMER_WAIT);
+        (*inner)(self);
+    });
+    RunUntilIdle(S);
+    UnlinkTimedWaiter(S, F);
+    F->State = FSTATE_RUNNING;
+    return F;
+}
+
+void RunUntilIdle(Scheduler *S) {
+    os::ThreadBlock *block = os::CurrentThreadBlock();
+    Install(S);
+    void **slots = block->Slots;
+    DWORD error = block->LastError;
+    os::SwitchToFiber(block, gRig.Continue.at(S));
+    block->Slots = slots;
+    block->LastError = error;
+    CheckScheduler(S);
+}
+
+void Pause() { BackToTest(SchedOf(static_cast<Fiber *>(os::GetFiberData()))); }
+
+void Note(const std::string &what) { gRig.Notes.push_back(what); }
+
+std::vector<std::string> TakeNotes() {
+    std::vector<std::string> notes;
+    notes.swap(gRig.Notes);
+    return notes;
+}
+
+PSEHAND *NewEntry(Scheduler *S, uint32_t type, bool onPort) {
+    PSEHAND *entry = AllocHandleEntry(S, S->NumaNode);
+    entry->Type = type;
+    entry->Handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(os::script::NewFile()));
+    entry->Flags.store(PHAND_FLAG_ASYNC_ADDED);
+    InsertHandle(entry);
+    if (onPort && !AttachHandleToPort(S, entry, HandleValue(entry))) std::abort();
+    return entry;
+}
+
+DWORD ReadOn(Fiber *F, PSEHAND *entry, bool neverPoll) {
+    FIBEROVERLAPPED *rec = &F->OwnOvs[0];
+    F->CurOv = &rec->Ov;
+    rec->OpArg = 3;
+    rec->HandleType = entry->Type;
+    rec->HandleRec = entry;
+    rec->OsHandle = HandleValue(entry);
+    rec->Ov = {0xFFFFFFFF, 0xFFFFFFFF, 0, 0, nullptr};
+    PacketOrPoll(SchedOf(F), rec, entry, OV_FILE, neverPoll);
+    DWORD got = 0;
+    if (os::ReadFile(rec->OsHandle, nullptr, 1, &got, &rec->Ov, &rec->Io)) {
+        AccountPacket(rec);
+        return 0;
+    }
+    if (os::GetLastError() != ERROR_IO_PENDING) std::abort();
+    WaitForCurOv(F);
+    return os::LoadStatus(&rec->Ov);
+}
+
+}  // namespace zvx::test

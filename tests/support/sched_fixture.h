@@ -1,0 +1,56 @@
+// tests/support/sched_fixture.h - a scheduler that runs on fibers of the test's own thread, over the scripted
+// operating system.
+//
+// The test's thread is a fiber of its own (the "test side"). Each scheduler has an init fiber made here, which
+// runs the real loop: SchedYield, then the idle routine. RunUntilIdle switches to it and comes back when the
+// scheduler waits in its port, which is where a scheduler thread would block: whatever was runnable has run by then.
+// What ran is told by the fibers themselves, usually through Note.
+//
+// Single-threaded and without a clock of its own; the same order every run.
+#ifndef ZVX_TESTS_SUPPORT_SCHED_FIXTURE_H
+#define ZVX_TESTS_SUPPORT_SCHED_FIXTURE_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kernel/psehand.h"
+#include "sched/sched.h"
+#include "sched/upcalls.h"
+#include "tests/support/scripted_os.h"
+
+namespace zvx::test {
+
+// Settings with their defaults, statistics, allocator, handle table and process-wide lists; fiber mode on. Once a
+// process, before the first NewScheduler. Settings variables may be changed afterwards.
+void InitLibrary();
+
+// A scheduler with the next free index; its init fiber is parked at the start of its loop.
+Scheduler *NewScheduler();
+
+// A user thread on S that runs `body` when it is dispatched the second time, as every user thread does; placed in
+// ORQ. It exits when the body returns.
+Fiber *NewFiber(Scheduler *S, std::function<void(Fiber *)> body);
+// The same without a place in any queue, state 4: the test files it where it likes.
+Fiber *NewUnplacedFiber(Scheduler *S, std::function<void(Fiber *)> body);
+// A user thread past its first yield: the next dispatch enters the body.
+Fiber *NewStartedFiber(Scheduler *S, std::function<void(Fiber *)> body);
+
+// Lets S run until it waits in its port with a time-out.
+void RunUntilIdle(Scheduler *S);
+// From a fiber of S: back to the test, which continues the fiber with the next RunUntilIdle(S).
+void Pause();
+
+// The order in which things happened, as the test compares it.
+void Note(const std::string &what);
+std::vector<std::string> TakeNotes();
+
+// A handle entry of the given type for a scripted file, inserted in the table; bound to S's port unless told not to.
+PSEHAND *NewEntry(Scheduler *S, uint32_t type, bool onPort = true);
+// Issues an operation of F's embedded record on `entry` as the file functions do, which the script must answer as
+// pending, and waits for it. Returns the final status.
+DWORD ReadOn(Fiber *F, PSEHAND *entry, bool neverPoll = false);
+
+}  // namespace zvx::test
+
+#endif  // ZVX_TESTS_SUPPORT_SCHED_FIXTURE_H
