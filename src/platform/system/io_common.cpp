@@ -42,7 +42,8 @@ const EngineOps *ChooseBackend() {
     if (RingsAllowed()) return &kRingOps;
     const int reason = errno;
     const bool asked = wanted != nullptr && strcmp(wanted, "io_uring") == 0;
-    snprintf(gBackendNote, sizeof gBackendNote, "io_uring is %srefused here (error %d, %s): epoll and file threads are used.",
+    snprintf(gBackendNote, sizeof gBackendNote,
+             "io_uring is %srefused here (error %d, %s): epoll and file threads are used.",
              asked ? "asked for by ZVXKVT_IO but " : "", reason, strerrordesc_np(reason));
     return &kEpollOps;
 }
@@ -115,7 +116,7 @@ Request *AllocRequest(Engine *engine) {
     head->Prev->Next = request;
     head->Prev = request;
     request->Status = STATUS_PENDING;
-    request->Stage = RequestStage::kStarting;
+    request->Stage.store(RequestStage::kStarting, std::memory_order_relaxed);
     request->Cancelled.store(false, std::memory_order_relaxed);
     engine->Io.Outstanding++;
     return request;
@@ -124,7 +125,7 @@ Request *AllocRequest(Engine *engine) {
 void FreeRequest(Engine *engine, Request *request) {
     request->Prev->Next = request->Next;
     request->Next->Prev = request->Prev;
-    request->Stage = RequestStage::kFree;
+    request->Stage.store(RequestStage::kFree, std::memory_order_relaxed);
     request->Call.Ov = nullptr;
     request->Next = engine->FreeRequests;
     engine->FreeRequests = request;
@@ -424,44 +425,45 @@ void IssueForOther(Engine *engine, IoCall *call) {
         EndRequest(engine, request);
 }
 
-bool AccountTransfer(Request *request, int32_t result) {
-    IoCall &call = request->Call;
-    const IoObject *object = call.Target;
-    const bool read = call.Kind == RequestKind::kRead;
-    const bool cancelled = request->Cancelled.load(std::memory_order_relaxed);
+bool AccountTransfer(IoCall *call, int64_t result, bool cancelled, DWORD *status) {
+    const IoObject *object = call->Target;
+    const bool read = call->Kind == RequestKind::kRead;
     if (result < 0) {
-        if ((result == -EINTR || result == -EAGAIN) && !cancelled) return false;
-        if (result == -ECANCELED || cancelled) {
-            request->Status = STATUS_CANCELLED;
-        } else if (result == -EINVAL && read && object->Direct && call.Done != 0) {
-            request->Status = STATUS_SUCCESS;  // the file was cut to an odd length while it was read
+        const int error = static_cast<int>(-result);
+        if ((error == EINTR || error == EAGAIN) && !cancelled) return false;
+        if (error == ECANCELED || cancelled) {
+            *status = STATUS_CANCELLED;
+        } else if (error == EINVAL && read && object->Direct && call->Done != 0) {
+            *status = STATUS_SUCCESS;  // the file was cut to an odd length while it was read
         } else {
-            request->Status = StatusOfErrno(-result);
-            call.Done = 0;
+            *status = StatusOfErrno(error);
+            call->Done = 0;
         }
         return true;
     }
-    call.Done += static_cast<DWORD>(result);
-    request->Status = STATUS_SUCCESS;
-    if (call.Done >= call.Count) return true;
+    call->Done += static_cast<DWORD>(result);
+    *status = STATUS_SUCCESS;
+    if (call->Done >= call->Count) return true;
     if (result == 0) {
         if (!read)
-            request->Status = kStatusDiskFull;  // nothing was taken and nothing refused: a full device
-        else if (call.Done == 0 && object->Seekable)
-            request->Status = STATUS_END_OF_FILE;
-        else if (call.Done == 0 && object->EndIsBreak)
-            request->Status = kStatusBrokenPipe;
+            *status = kStatusDiskFull;  // nothing was taken and nothing refused: a full device
+        else if (call->Done == 0 && object->Seekable)
+            *status = STATUS_END_OF_FILE;
+        else if (call->Done == 0 && object->EndIsBreak)
+            *status = kStatusBrokenPipe;
         return true;
     }
     // What comes from a stream is a whole answer; so is a piece of a sector from a file without cache.
     if (read && (!object->Seekable || (object->Direct && (result & 511) != 0))) return true;
     if (!cancelled) return false;
-    request->Status = STATUS_CANCELLED;
+    *status = STATUS_CANCELLED;
     return true;
 }
 
 void StepRequest(Engine *engine, Request *request, int32_t result) {
-    if (!AccountTransfer(request, result) && !engine->Ops->Start(engine, request)) return;
+    const bool cancelled = request->Cancelled.load(std::memory_order_relaxed);
+    if (!AccountTransfer(&request->Call, result, cancelled, &request->Status) && !engine->Ops->Start(engine, request))
+        return;
     EndRequest(engine, request);
 }
 
@@ -473,9 +475,11 @@ void EndRequest(Engine *engine, Request *request) {
 }
 
 void CancelRequest(Engine *engine, Request *request) {
-    if (request->Cancelled.load(std::memory_order_relaxed) || request->Stage == RequestStage::kEnded) return;
+    if (request->Cancelled.load(std::memory_order_relaxed) ||
+        request->Stage.load(std::memory_order_relaxed) == RequestStage::kEnded)
+        return;
     request->Cancelled.store(true, std::memory_order_relaxed);
-    if (request->Stage == RequestStage::kLocking)
+    if (request->Stage.load(std::memory_order_relaxed) == RequestStage::kLocking)
         RetryLocksSoon(engine);
     else
         engine->Ops->Cancel(engine, request);
@@ -486,7 +490,8 @@ Request *FindRequest(Engine *engine, const OVERLAPPED *overlapped) {
     const DWORD index = LoadBytes(overlapped);
     if (index / kRequestsPerChunk < engine->ChunkCount) {
         Request *request = &engine->Chunks[index / kRequestsPerChunk][index % kRequestsPerChunk];
-        if (request->Stage != RequestStage::kFree && request->Call.Ov == overlapped) return request;
+        if (request->Stage.load(std::memory_order_relaxed) != RequestStage::kFree && request->Call.Ov == overlapped)
+            return request;
     }
     // The host wrote over the number.
     for (Request *request = engine->Outstanding.Next; request != &engine->Outstanding; request = request->Next)
@@ -506,12 +511,12 @@ void WakeEngine(Engine *engine) {
 }
 
 void PushDone(Engine *engine, Request *request) {
-    request->Stage = RequestStage::kEnded;
+    request->Stage.store(RequestStage::kEnded, std::memory_order_relaxed);
     Request *first = engine->DoneList.load(std::memory_order_relaxed);
     do {
         request->QueueNext = first;
-    } while (!engine->DoneList.compare_exchange_weak(first, request, std::memory_order_release,
-                                                     std::memory_order_relaxed));
+    } while (
+        !engine->DoneList.compare_exchange_weak(first, request, std::memory_order_release, std::memory_order_relaxed));
     engine->DoneCount.fetch_add(1, std::memory_order_seq_cst);
     WakeEngine(engine);
 }

@@ -55,18 +55,18 @@ struct IoObject : Object {
     bool Pollable = false;    // the kernel reports readiness for it: never given to a file thread
     bool EndIsBreak = false;  // reading 0 bytes means that the other end is gone (FIFOs), not the end of data
     bool Direct = false;      // not through the page cache; a transfer that ends inside a sector ends the file
-    const TransferOps *Transfers = nullptr;          // null for files
-    std::atomic<struct PortObject *> Port{};    // set once by CreateIoCompletionPort, with a reference
-    uintptr_t Key = 0;                          // written before Port, under the binding lock
-    std::atomic<uint64_t> EngineMask{0};        // bit Index & 63 of every engine that ever had an operation on it
+    const TransferOps *Transfers = nullptr;   // null for files
+    std::atomic<struct PortObject *> Port{};  // set once by CreateIoCompletionPort, with a reference
+    uintptr_t Key = 0;                        // written before Port, under the binding lock
+    std::atomic<uint64_t> EngineMask{0};      // bit Index & 63 of every engine that ever had an operation on it
 };
 
 struct PortObject : Object {
-    Engine *Owner = nullptr;    // init: the creating thread's engine
-    uint32_t OwnerSerial = 0;   // init: that engine's Serial then; another one means that the thread has ended
-    uint32_t Serial = 0;        // init: never 0, below kSerialLimit; IoOp.State names the queue that an IoOp is in
-    IoOp *Head = nullptr;       // owner thread: queued packets, oldest first
-    IoOp *Tail = nullptr;       // owner thread
+    Engine *Owner = nullptr;   // init: the creating thread's engine
+    uint32_t OwnerSerial = 0;  // init: that engine's Serial then; another one means that the thread has ended
+    uint32_t Serial = 0;       // init: never 0, below kSerialLimit; IoOp.State names the queue that an IoOp is in
+    IoOp *Head = nullptr;      // owner thread: queued packets, oldest first
+    IoOp *Tail = nullptr;      // owner thread
 };
 
 // IoOp.State: the serial of the port in whose queue the record is, and two marks.
@@ -90,23 +90,23 @@ struct EndRoutine {
 
 // What a caller asked for, with everything that it must hold until the end.
 struct IoCall {
-    IoObject *Target = nullptr;  // a reference
-    OVERLAPPED *Ov = nullptr;    // caller: until the end
-    IoOp *Op = nullptr;          // caller: until it is handed over; null for the host's own operations
-    Object *Event = nullptr; // a reference; signalled at the end
-    HANDLE QuietEvent = nullptr; // an event that came with the low bit: signalled at the end if it is not already
+    IoObject *Target = nullptr;   // a reference
+    OVERLAPPED *Ov = nullptr;     // caller: until the end
+    IoOp *Op = nullptr;           // caller: until it is handed over; null for the host's own operations
+    Object *Event = nullptr;      // a reference; signalled at the end
+    HANDLE QuietEvent = nullptr;  // an event that came with the low bit: signalled at the end if it is not already
     EndRoutine *Routine = nullptr;
-    char *Buffer = nullptr;      // caller: until the end
-    uint64_t Offset = 0;         // kLock: first byte
-    uint64_t Length = 0;         // kLock: bytes, never 0
+    char *Buffer = nullptr;  // caller: until the end
+    uint64_t Offset = 0;     // kLock: first byte
+    uint64_t Length = 0;     // kLock: bytes, never 0
     DWORD Count = 0;
-    DWORD Done = 0;              // transferred so far
-    DWORD ThreadId = 0;          // who asked; CancelIo of a thread without an engine
+    DWORD Done = 0;      // transferred so far
+    DWORD ThreadId = 0;  // who asked; CancelIo of a thread without an engine
     RequestKind Kind = RequestKind::kRead;
-    bool NoPacket = false;       // the low bit of hEvent
-    bool Later = false;          // must be answered as pending although it could finish at once
-    bool Append = false;         // kWrite: at the end of the file, wherever that is
-    bool Exclusive = false;      // kLock
+    bool NoPacket = false;   // the low bit of hEvent
+    bool Later = false;      // must be answered as pending although it could finish at once
+    bool Append = false;     // kWrite: at the end of the file, wherever that is
+    bool Exclusive = false;  // kLock
 };
 
 enum class RequestStage : uint8_t {
@@ -124,40 +124,41 @@ enum class RequestStage : uint8_t {
 // threads own Call.Done, Status and Result between taking it and pushing it on the engine's done list.
 struct Request {
     IoCall Call;
-    Engine *Owner = nullptr;      // init
-    Request *Next = nullptr;      // owner: ring of outstanding requests, or the free chain
-    Request *Prev = nullptr;      // owner
-    Request *QueueNext = nullptr; // the one queue that its stage names: pool, watch, lock waiters, done list
-    Request *QueuePrev = nullptr; // [pool lock]
-    uint32_t Index = 0;           // init: number in its engine
-    uint32_t Entry = 0;           // ring: sequence number of its submission entry
-    DWORD Status = 0;             // final status once AccountTransfer has said so
-    RequestStage Stage = RequestStage::kFree;
+    Engine *Owner = nullptr;       // init
+    Request *Next = nullptr;       // owner: ring of outstanding requests, or the free chain
+    Request *Prev = nullptr;       // owner
+    Request *QueueNext = nullptr;  // the one queue that its stage names: pool, watch, lock waiters, done list
+    Request *QueuePrev = nullptr;  // [pool lock]
+    uint32_t Index = 0;            // init: number in its engine
+    uint32_t Entry = 0;            // ring: sequence number of its submission entry
+    DWORD Status = 0;              // final status once AccountTransfer has said so
+    // Written by whoever the stage before it names; a cancelling owner may look while a file thread writes.
+    std::atomic<RequestStage> Stage{RequestStage::kFree};
     std::atomic<bool> Cancelled{false};  // owner sets it; the pool's thread reads it between two calls
 };
 
 // ---- Messages ----------------------------------------------------------------------------------------
 
 enum class MessageKind : uint8_t {
-    kPacket,         // a packet for Port
-    kPortGone,       // Port's last handle was closed: drop what is queued
-    kIssue,          // service engine: start Call
-    kCancelObject,   // cancel every operation on Call.Target
-    kCancelOne,      // cancel the operation on Call.Target with Call.Ov
-    kCancelThread,   // cancel the operations on Call.Target that Call.ThreadId asked for
+    kPacket,        // a packet for Port
+    kPortGone,      // Port's last handle was closed: drop what is queued
+    kIssue,         // service engine: start Call
+    kCancelObject,  // cancel every operation on Call.Target
+    kCancelOne,     // cancel the operation on Call.Target with Call.Ov
+    kCancelThread,  // cancel the operations on Call.Target that Call.ThreadId asked for
 };
 
 // Owned by the engine it is sent to: free ones lie in InboxFree (any sender takes one) or Spare (the owner's).
 struct Message {
-    IoOp Link;              // must be first: a packet is queued in its port through NextPacket
-    Message *Next;          // inbox, or a free chain
-    PortObject *Port;       // kPacket, kPortGone: a reference while in the inbox
-    OVERLAPPED *Ov;         // kPacket
-    uintptr_t Key;          // kPacket
-    DWORD Bytes;            // kPacket
-    DWORD Status;           // kPacket
+    IoOp Link;         // must be first: a packet is queued in its port through NextPacket
+    Message *Next;     // inbox, or a free chain
+    PortObject *Port;  // kPacket, kPortGone: a reference while in the inbox
+    OVERLAPPED *Ov;    // kPacket
+    uintptr_t Key;     // kPacket
+    DWORD Bytes;       // kPacket
+    DWORD Status;      // kPacket
     MessageKind Kind;
-    IoCall Call;            // the other kinds; Call.Target is a reference
+    IoCall Call;  // the other kinds; Call.Target is a reference
 };
 
 // ---- Engines -----------------------------------------------------------------------------------------
@@ -187,36 +188,36 @@ constexpr uint32_t kMaxChunks = 4096;
 struct Engine {
     IoThread Io{};  // must be first: the library's view; ThreadBlock.Io points at it
     const EngineOps *Ops = nullptr;
-    uint32_t Index = 0;                  // init: dense; bit Index & 63 of EngineMask
-    Engine *NextEngine = nullptr;        // init: every engine that was ever made
-    Engine *NextFree = nullptr;          // [engines lock]
+    uint32_t Index = 0;            // init: dense; bit Index & 63 of EngineMask
+    Engine *NextEngine = nullptr;  // init: every engine that was ever made
+    Engine *NextFree = nullptr;    // [engines lock]
 
     // Owner only.
-    Request Outstanding;                 // head of the ring through Next and Prev
+    Request Outstanding;  // head of the ring through Next and Prev
     Request *FreeRequests = nullptr;
-    Request **Chunks = nullptr;          // kMaxChunks pointers in reserved memory
+    Request **Chunks = nullptr;  // kMaxChunks pointers in reserved memory
     uint32_t ChunkCount = 0;
-    uint32_t EndedWithoutPacket = 0;     // operations ended that queued no packet here; tells a wait to return
-    Message *Spare = nullptr;            // free messages at hand
-    Request *LockHead = nullptr;         // requests of kind kLock that wait, oldest first
+    uint32_t EndedWithoutPacket = 0;  // operations ended that queued no packet here; tells a wait to return
+    Message *Spare = nullptr;         // free messages at hand
+    Request *LockHead = nullptr;      // requests of kind kLock that wait, oldest first
     Request *LockTail = nullptr;
-    uint32_t LockCount = 0;              // also part of Io.Unsubmitted, so that the owner keeps looking
-    uint32_t LockCalls = 0;              // reaps since the clock was last read for them
+    uint32_t LockCount = 0;  // also part of Io.Unsubmitted, so that the owner keeps looking
+    uint32_t LockCalls = 0;  // reaps since the clock was last read for them
     uint32_t LockBackoffMs = 0;
-    uint64_t LockNextTry = 0;            // monotonic nanoseconds
-    RingState *Ring = nullptr;           // kept when the engine is recycled
+    uint64_t LockNextTry = 0;   // monotonic nanoseconds
+    RingState *Ring = nullptr;  // kept when the engine is recycled
     EpollState *Epoll = nullptr;
 
     // Shared.
     alignas(64) InnerLock InboxLock;
-    uint32_t Serial = 1;                 // [InboxLock] raised when the owner ends; senders compare it
-    bool Open = false;                   // [InboxLock]
-    Message *InboxHead = nullptr;        // [InboxLock]
-    Message *InboxTail = nullptr;        // [InboxLock]
-    Message *InboxFree = nullptr;        // [InboxLock]
-    std::atomic<uint32_t> InboxCount{0}; // messages in the inbox; changed under the lock, read without
-    std::atomic<uint32_t> Blocked{0};    // owner: 1 around a wait; whoever turns it to 0 writes WakeFd
-    int WakeFd = -1;                     // init: an eventfd that is never closed, so that a late sender hits no other
+    uint32_t Serial = 1;                  // [InboxLock] raised when the owner ends; senders compare it
+    bool Open = false;                    // [InboxLock]
+    Message *InboxHead = nullptr;         // [InboxLock]
+    Message *InboxTail = nullptr;         // [InboxLock]
+    Message *InboxFree = nullptr;         // [InboxLock]
+    std::atomic<uint32_t> InboxCount{0};  // messages in the inbox; changed under the lock, read without
+    std::atomic<uint32_t> Blocked{0};     // owner: 1 around a wait; whoever turns it to 0 writes WakeFd
+    int WakeFd = -1;                      // init: an eventfd that is never closed, so that a late sender hits no other
     // File pool to owner: newest first. DoneCount is Io.Tail of the epoll back end.
     alignas(64) std::atomic<Request *> DoneList{nullptr};
     std::atomic<uint32_t> DoneCount{0};
@@ -231,11 +232,11 @@ inline Engine *CurrentEngine() {
 
 // io_common.cpp: engines and requests.
 
-const EngineOps *Backend();                 // chosen at the first call
-Engine *OpenEngine(const EngineOps *ops);   // for the calling thread; null with the reason
-void CloseEngine(Engine *engine);           // owner: cancels and awaits what is outstanding
+const EngineOps *Backend();                // chosen at the first call
+Engine *OpenEngine(const EngineOps *ops);  // for the calling thread; null with the reason
+void CloseEngine(Engine *engine);          // owner: cancels and awaits what is outstanding
 void InitIoObject(IoObject *object, int fd);
-void EndIoObject(IoObject *object);         // closes the descriptor, lets go of the port
+void EndIoObject(IoObject *object);  // closes the descriptor, lets go of the port
 // The last handle is gone: asks every engine that may have an operation on it to cancel.
 void CancelObject(IoObject *object);
 
@@ -259,14 +260,14 @@ void StepRequest(Engine *engine, Request *request, int32_t result);
 void EndRequest(Engine *engine, Request *request);  // owner: Status and Call.Done are final
 void CancelRequest(Engine *engine, Request *request);
 Request *FindRequest(Engine *engine, const OVERLAPPED *overlapped);  // owner; null when it is not outstanding
-// Books a result of read or write (a count, or minus errno). True when the request is final: Status is set.
-bool AccountTransfer(Request *request, int32_t result);
+// Books a result of read or write (a count, or minus errno) in Done. True when nothing is left to do: *status is final.
+bool AccountTransfer(IoCall *call, int64_t result, bool cancelled, DWORD *status);
 // Any thread: the request has its final Status; the owner ends it at its next reap.
 void PushDone(Engine *engine, Request *request);
 void ReapDone(Engine *engine);  // owner: ends what PushDone brought
 void WakeEngine(Engine *engine);
-void ReapEngine(Engine *engine);               // inbox, byte ranges, back end
-bool WaitEngine(Engine *engine, int64_t ns);   // the same, and sleeps once; true when the time ran out
+void ReapEngine(Engine *engine);              // inbox, byte ranges, back end
+bool WaitEngine(Engine *engine, int64_t ns);  // the same, and sleeps once; true when the time ran out
 
 // io_inbox.cpp: messages.
 
@@ -275,7 +276,7 @@ bool WaitEngine(Engine *engine, int64_t ns);   // the same, and sleeps once; tru
 bool SendCall(Engine *engine, uint32_t serial, MessageKind kind, const IoCall &call);
 bool SendPacket(PortObject *port, MessageKind kind, DWORD bytes, uintptr_t key, OVERLAPPED *ov, DWORD status);
 void DrainInbox(Engine *engine);
-void FlushInbox(Engine *engine);  // owner ends: drops what is left
+void FlushInbox(Engine *engine);        // owner ends: drops what is left
 Message *AllocMessage(Engine *engine);  // owner; null without memory
 void FreeMessage(Engine *engine, Message *message);
 
@@ -288,6 +289,8 @@ void DropPackets(PortObject *port);                            // owner of the p
 
 // io_service.cpp
 
+int StartHelperThread(void *(*start)(void *), void *arg);  // detached, without signals; 0 or errno
+
 Engine *ServiceEngine();  // started by the first call; null with the reason
 Engine *PeekServiceEngine();
 void QueueEndRoutine(EndRoutine *routine, DWORD status, DWORD bytes);
@@ -297,15 +300,15 @@ void QueueEndRoutine(EndRoutine *routine, DWORD status, DWORD bytes);
 // Takes the range if nobody else holds it: 0, or the status.
 DWORD TryLockRange(IoObject *object, uint64_t offset, uint64_t length, bool exclusive);
 void ParkLock(Engine *engine, Request *request);
-void RetryLocks(Engine *engine);  // owner: tries the waiting requests whose time has come
+void RetryLocks(Engine *engine);      // owner: tries the waiting requests whose time has come
 void RetryLocksSoon(Engine *engine);  // owner: at the next reap
 
 // io_pool.cpp: threads for calls that block.
 
-void PoolSubmit(Request *request);         // owner; the result arrives by PushDone
-bool PoolWithdraw(Request *request);       // true when no thread had taken it: the request is the owner's again
-// The blocking call itself, continued until it is final.
-void RunBlocking(Request *request);
+void PoolSubmit(Request *request);    // owner; the result arrives by PushDone
+bool PoolWithdraw(Request *request);  // true when no thread had taken it: the request is the owner's again
+// The blocking call itself, on any thread, continued until it is final; returns the status.
+DWORD RunBlocking(IoCall *call, const std::atomic<bool> *cancelled);
 
 // io_errors.cpp
 

@@ -111,9 +111,9 @@ io_uring_sqe *NextEntry(Engine *engine) {
     io_uring *ring = &engine->Ring->Ring;
     io_uring_sqe *entry = io_uring_get_sqe(ring);
     while (entry == nullptr) [[unlikely]] {
-        Submit(engine, false);
-        entry = io_uring_get_sqe(ring);
-    }
+            Submit(engine, false);
+            entry = io_uring_get_sqe(ring);
+        }
     engine->Io.Unsubmitted++;
     return entry;
 }
@@ -126,7 +126,7 @@ void HandleCompletion(Engine *engine, uint64_t data, int32_t result) {
     }
     Request *request = reinterpret_cast<Request *>(data);
     // A request that was cancelled before its submission came through as an empty operation.
-    if (request->Stage == RequestStage::kEnded) result = -ECANCELED;
+    if (request->Stage.load(std::memory_order_relaxed) == RequestStage::kEnded) result = -ECANCELED;
     StepRequest(engine, request, result);
 }
 
@@ -189,7 +189,7 @@ bool RingStart(Engine *engine, Request *request) {
     }
     entry->user_data = reinterpret_cast<uint64_t>(request);
     request->Entry = engine->Ring->Ring.sq.sqe_tail - 1;
-    request->Stage = RequestStage::kPrepared;
+    request->Stage.store(RequestStage::kPrepared, std::memory_order_relaxed);
     return false;
 }
 
@@ -201,7 +201,7 @@ void RingCancel(Engine *engine, Request *request) {
         io_uring_sqe *entry = &ring->sq.sqes[request->Entry & ring->sq.ring_mask];
         io_uring_prep_nop(entry);
         entry->user_data = reinterpret_cast<uint64_t>(request);
-        request->Stage = RequestStage::kEnded;
+        request->Stage.store(RequestStage::kEnded, std::memory_order_relaxed);
         return;
     }
     io_uring_sqe *entry = NextEntry(engine);
@@ -249,7 +249,6 @@ bool RingsAllowed() {
     return result == 0;
 }
 
-constexpr EngineOps kRingOps{"io_uring",  RingOpen,   RingClose, RingStart,
-                             RingCancel, RingReap, RingSubmit, RingWait};
+constexpr EngineOps kRingOps{"io_uring", RingOpen, RingClose, RingStart, RingCancel, RingReap, RingSubmit, RingWait};
 
 }  // namespace os
