@@ -111,10 +111,12 @@ void FormatTraceFileNameLocked() {
     const int endLength = std::snprintf(
         end, sizeof(end), "_pid_%d_%d_%d_%d_%d_%d_%d.txt", static_cast<int>(os::GetCurrentProcessId()),
         gStartTime.wYear, gStartTime.wMonth, gStartTime.wDay, gStartTime.wHour, gStartTime.wMinute, gStartTime.wSecond);
-    char sid[sizeof(gSid)];
-    const size_t room = kLongestFileName - std::strlen("zvxkvt_") - static_cast<size_t>(endLength);
-    CopyCut(sid, room + 1 < sizeof(sid) ? room + 1 : sizeof(sid), gSid);
-    std::snprintf(gTraceFileName, sizeof(gTraceFileName), "zvxkvt_%s%s", sid, end);
+    constexpr char kBegin[] = "zvxkvt_";
+    constexpr size_t kBeginLength = sizeof(kBegin) - 1;
+    const size_t room = kLongestFileName - kBeginLength - static_cast<size_t>(endLength);
+    std::memcpy(gTraceFileName, kBegin, kBeginLength);
+    CopyCut(gTraceFileName + kBeginLength, room + 1, gSid);
+    std::memcpy(gTraceFileName + std::strlen(gTraceFileName), end, static_cast<size_t>(endLength) + 1);
 }
 
 // [gTraceLock] Opens the file in the directory, else in the current one; leaves it null when neither works, and

@@ -243,6 +243,7 @@ IoThread *IoThreadOf(HANDLE port) {
 BOOL IssueIo(const IoCall &call, DWORD *transferred) {
     File *file = RefFile(call.File);
     if (file == nullptr) return FALSE;
+    NoteProgress();
     if (transferred != nullptr) *transferred = 0;
     gScript.Calls.push_back(call);
     IoAnswer answer = gScript.OnIo ? gScript.OnIo(call) : (call.Ov != nullptr ? Pending() : Done(call.Count));
@@ -373,6 +374,7 @@ BOOL GetQueuedCompletionStatus(HANDLE port, DWORD *bytes, uintptr_t *key, OVERLA
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
+    NoteProgress();
     Packet packet;
     uint32_t headBefore = state->Io.Head;
     ReapIo(&state->Io);

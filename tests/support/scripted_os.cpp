@@ -15,8 +15,37 @@ namespace script {
 Script gScript;
 
 namespace {
+
 std::mutex gSleepsLock;
+
+// Reads of the cycle counter by one fiber since anything else happened. Foreign threads do not spin.
+struct SpinWatch {
+    const void *Spinner;
+    uint32_t Reads;
+    uint32_t Moved;  // milliseconds that the clocks were moved by for want of OnSpin
+};
+thread_local SpinWatch gSpin;
+
+void CountSpin() {
+    const void *fiber = GetFiberData();
+    if (fiber != gSpin.Spinner) gSpin = {fiber, 0, 0};
+    if (++gSpin.Reads <= gScript.SpinLimit) return;
+    gSpin.Reads = 0;
+    if (gScript.OnSpin) {
+        gScript.OnSpin();
+        return;
+    }
+    AdvanceClock(1);
+    if (++gSpin.Moved < 100'000) return;
+    std::fprintf(stderr, "scripted os: a scheduler spins for ever and there is no OnSpin\n");
+    std::abort();
+}
+
 }  // namespace
+
+void NoteProgress() {
+    gSpin = {nullptr, 0, 0};
+}
 
 void AdvanceClock(uint64_t ms) {
     gScript.TickMs.fetch_add(ms);
@@ -46,6 +75,7 @@ uint64_t GetTickCountUp() {
     return gScript.TickMs.load();
 }
 uint64_t ReadTsc() {
+    script::CountSpin();
     const uint64_t step = gScript.TscPerRead.load();
     return gScript.Tsc.fetch_add(step) + step;
 }

@@ -15,8 +15,10 @@
 //   - GetQueuedCompletionStatus gives what is queued. With nothing queued and time to wait it calls OnPortWait:
 //     the scheduler fixture switches to the test's fiber there, and the wait continues when the test comes back.
 //     Without OnPortWait the clock moves by the wait.
-//   - A scheduler that spins (polls the port without waiting) would never come to a wait under a clock that stands
-//     still. After SpinLimit empty polls in a row OnPortWait is called all the same, with a wait of 0.
+//   - A scheduler that spins (polls without waiting) would never come to a wait under clocks that stand still. After
+//     SpinLimit empty polls of a port in a row OnPortWait is called all the same, with a wait of 0; after as many
+//     reads of the cycle counter by one fiber, with nothing else happening, OnSpin is called, or without one the
+//     clocks move by a millisecond.
 //   - os::CreateThread only records (Threads). RunThread runs one to its end on a real thread that is joined.
 //     Masks and priorities of kernel threads are kept as values, and every change of one is recorded.
 //   - os::FailCall makes the nth call of a named function fail, here as on the real platform.
@@ -152,6 +154,7 @@ struct Script {
     // Overlapped operations and ports.
     std::function<IoAnswer(const IoCall &)> OnIo;
     std::function<void(HANDLE port, DWORD ms)> OnPortWait;
+    std::function<void()> OnSpin;
     uint32_t SpinLimit = 1000;
     bool HoldCancels = false;  // a cancelled operation goes on until the test ends it
     std::vector<IoCall> Calls;
@@ -185,6 +188,8 @@ uint32_t QueuedPackets(HANDLE port);
 // The IoThread of a port. CreateIoCompletionPort also stores it in the calling thread's block; a test with several
 // schedulers on its thread installs the right one before it continues a scheduler.
 IoThread *IoThreadOf(HANDLE port);
+// Something happened: spinning is counted from here on.
+void NoteProgress();
 // Starts an operation of any kind as the script says: what ReadFile and WriteFile do. `transferred` may be null.
 BOOL IssueIo(const IoCall &call, DWORD *transferred);
 
