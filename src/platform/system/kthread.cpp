@@ -10,6 +10,8 @@
 //
 // Ending a thread unwinds nothing: it jumps to the thread's first frame, whatever frames lie between (they
 // may forbid unwinding), and returns from there, so that thread-local destructors run and the stack is freed.
+// The C library's own clean-up runs at the jump: a condition variable forgets the waiter, whose mutex then stays
+// locked, as any lock does that a terminated thread held.
 //
 // Who may write what in a KernelThread: fields marked [Lock] are changed under its Lock, which is also held
 // while a signal is sent, so that Tid names the thread and no successor. StopWord is written by the thread
@@ -491,7 +493,7 @@ constexpr KernelThreadHooks kHooks = {AttachKernelThread, KernelThreadEndIsReque
 
 // Which limit refused a thread: the C library reports both as the same error.
 DWORD CreationError(size_t stackBytes) {
-    void *stack = mmap(nullptr, stackBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    void *stack = mmap(nullptr, stackBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (stack == MAP_FAILED) return ERROR_NOT_ENOUGH_MEMORY;
     munmap(stack, stackBytes);
     return ERROR_MAX_THRDS_REACHED;
