@@ -189,7 +189,7 @@ void FiberExit(Fiber *F, bool terminateBacking) {
     while (OwnIoPending(F)) SchedYield(F, Yield_SCHED);
     while (PacketsOwed(F)) {
         PollPort(S, 0);
-        SchedYield(F, Yield_SCHED);
+        if (PacketsOwed(F)) SchedYield(F, Yield_SCHED);
     }
     AwaitOperationsOnStack(F);
     if (F->OsThreadHandle != nullptr) {

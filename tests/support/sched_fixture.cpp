@@ -1,5 +1,5 @@
 // tests/support/sched_fixture.cpp - see sched_fixture.h.
-#include "tests/support/sched_fixture.h"
+#include "sched_fixture.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -18,7 +18,6 @@ namespace {
 
 struct Rig {
     os::FiberContext *TestSide = nullptr;
-    void *TestData = nullptr;
     std::map<HANDLE, Scheduler *> ByPort;
     std::map<Scheduler *, os::FiberContext *> Continue;  // where RunUntilIdle goes on
     std::vector<std::string> Notes;
@@ -69,9 +68,10 @@ void InitLibrary() {
     gProcessTls = os::CurrentThreadBlock()->StaticTls;
     InitSchedulerGlobals();
     AvoidCompletionEvent = os::CreateEventA(nullptr, TRUE, TRUE, nullptr);
-    static int testData;
-    gRig.TestSide = os::ConvertThreadToFiber(&testData);
+    // The test side is no user thread, although it is a fiber.
+    gRig.TestSide = os::ConvertThreadToFiber(reinterpret_cast<void *>(os::kNoFiberData));
     os::script::gScript.OnPortWait = [](HANDLE port, DWORD) { BackToTest(gRig.ByPort.at(port)); };
+    os::script::gScript.OnSpin = [] { BackToTest(SchedOf(static_cast<Fiber *>(os::GetFiberData()))); };
     SetOption(su_InFiber | su_FiberMode);
 }
 

@@ -17,7 +17,7 @@
 #include "kernel/psehand.h"
 #include "sched/sched.h"
 #include "sched/upcalls.h"
-#include "tests/support/scripted_os.h"
+#include "scripted_os.h"
 
 namespace zvx::test {
 

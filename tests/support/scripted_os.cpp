@@ -29,7 +29,7 @@ thread_local SpinWatch gSpin;
 void CountSpin() {
     const void *fiber = GetFiberData();
     if (fiber != gSpin.Spinner) gSpin = {fiber, 0, 0};
-    if (++gSpin.Reads <= gScript.SpinLimit) return;
+    if (++gSpin.Reads <= 10 * gScript.SpinLimit) return;
     gSpin.Reads = 0;
     if (gScript.OnSpin) {
         gScript.OnSpin();

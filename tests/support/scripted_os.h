@@ -16,9 +16,9 @@
 //     the scheduler fixture switches to the test's fiber there, and the wait continues when the test comes back.
 //     Without OnPortWait the clock moves by the wait.
 //   - A scheduler that spins (polls without waiting) would never come to a wait under clocks that stand still. After
-//     SpinLimit empty polls of a port in a row OnPortWait is called all the same, with a wait of 0; after as many
-//     reads of the cycle counter by one fiber, with nothing else happening, OnSpin is called, or without one the
-//     clocks move by a millisecond.
+//     SpinLimit empty polls of a port in a row OnPortWait is called all the same, with a wait of 0. After ten times
+//     as many reads of the cycle counter by one fiber, with nothing else happening, OnSpin is called, or without one
+//     the clocks move by a millisecond.
 //   - os::CreateThread only records (Threads). RunThread runs one to its end on a real thread that is joined.
 //     Masks and priorities of kernel threads are kept as values, and every change of one is recorded.
 //   - os::FailCall makes the nth call of a named function fail, here as on the real platform.

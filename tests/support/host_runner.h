@@ -1,0 +1,211 @@
+// tests/support/host_runner.h - runs a host of the library in a child process.
+//
+// In fiber mode InitUserThreadScheduler never returns and nothing of the library can be undone, so every case forks
+// its own host: the child starts the library with the given settings, runs the body as its main routine and ends
+// through ExitProcess. The parent collects both outputs, and kills a child that takes too long.
+//
+// Checks inside the child are HOST_CHECK and HOST_EQ: they report on standard error, are counted, and make the exit
+// code 1. The parent's test is EXPECT_HOST_OK(RunHost(...)).
+#ifndef ZVX_TESTS_SUPPORT_HOST_RUNNER_H
+#define ZVX_TESTS_SUPPORT_HOST_RUNNER_H
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zvxkvt/osapi.h"
+#include "zvxkvt/zvxkvt.h"
+
+namespace hosttest {
+
+struct HostOptions {
+    uint32_t Schedulers = 1;
+    std::vector<std::pair<std::string, std::string>> Settings;  // key without prefix, value
+    uint32_t TimeoutMs = 25000;
+};
+
+struct HostResult {
+    int Exit = -1;  // exit code, or 128 plus the signal
+    bool TimedOut = false;
+    std::string Out;
+    std::string Err;
+};
+
+inline HostOptions gHostOptions;
+inline std::function<void()> gHostBody;
+inline std::atomic<uint32_t> gHostFailures{0};
+
+inline int HostLookup(const char *name, char *buffer, int capacity) {
+    for (const auto &[key, value] : gHostOptions.Settings) {
+        if ("ZVX_FIBERS_" + key != name) continue;
+        const size_t length = std::min(value.size(), static_cast<size_t>(capacity));
+        memcpy(buffer, value.data(), length);
+        return static_cast<int>(length);
+    }
+    return 0;
+}
+
+inline DWORD WINAPI HostMain(LPVOID) {
+    gHostBody();
+    ExitProcess(gHostFailures.load() == 0 ? 0 : 1);
+}
+
+inline void HostFailed(const char *file, int line, const std::string &what) {
+    gHostFailures++;
+    fprintf(stderr, "%s:%d: %s (last error %u)\n", file, line, what.c_str(), GetLastError());
+}
+
+// Runs in the child and does not return.
+[[noreturn]] inline void BecomeHost() {
+    gHostOptions.Settings.emplace_back("Schedulers", std::to_string(gHostOptions.Schedulers));
+    ZVXKVT_INIT_PARAMS params{};
+    params.LookupValue = HostLookup;
+    InitUserThreadScheduler(HostMain, nullptr, &params);
+    fprintf(stderr, "the library came back from its start\n");
+    _exit(3);
+}
+
+inline HostResult RunHost(const HostOptions &options, std::function<void()> body) {
+    gHostOptions = options;
+    gHostBody = std::move(body);
+    fflush(nullptr);
+    int out[2], err[2];
+    HostResult result;
+    if (pipe(out) != 0 || pipe(err) != 0) return result;
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(out[1], 1);
+        dup2(err[1], 2);
+        for (int fd : {out[0], out[1], err[0], err[1]}) close(fd);
+        BecomeHost();
+    }
+    close(out[1]);
+    close(err[1]);
+    pollfd ends[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+    std::string *texts[2] = {&result.Out, &result.Err};
+    int64_t left = options.TimeoutMs;
+    for (int open = 2; open > 0;) {
+        const int ready = poll(ends, 2, 100);
+        if (ready == 0 && (left -= 100) <= 0) {
+            result.TimedOut = true;
+            kill(child, SIGKILL);
+            break;
+        }
+        for (int i = 0; i < 2; i++) {
+            if (ends[i].fd < 0 || ends[i].revents == 0) continue;
+            char buffer[4096];
+            const ssize_t got = read(ends[i].fd, buffer, sizeof buffer);
+            if (got > 0) {
+                texts[i]->append(buffer, static_cast<size_t>(got));
+            } else {
+                ends[i].fd = -1;
+                open--;
+            }
+        }
+    }
+    close(out[0]);
+    close(err[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    result.Exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+// The cases run with each number of schedulers that the parameter names, and on the back end that the environment
+// asks for; where that one is refused there is nothing to test.
+class HostTest : public testing::TestWithParam<uint32_t> {
+  protected:
+    void SetUp() override {
+        const char *wanted = getenv("ZVXKVT_IO");
+        if (wanted != nullptr && strcmp(wanted, ZvxIoBackendName()) != 0) GTEST_SKIP() << ZvxIoBackendNote();
+    }
+    static HostOptions Options() {
+        HostOptions options;
+        options.Schedulers = GetParam();
+        return options;
+    }
+};
+
+// A file in a folder of its own that goes away with the object.
+class ScratchFolder {
+  public:
+    ScratchFolder() {
+        const char *base = getenv("TMPDIR");
+        std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/zvxtestXXXXXX";
+        if (mkdtemp(pattern.data()) != nullptr) Name = pattern;
+    }
+    ~ScratchFolder() {
+        if (Name.empty()) return;
+        const std::string command = "chmod -R u+rwx '" + Name + "'; rm -rf '" + Name + "'";
+        if (system(command.c_str()) != 0) fprintf(stderr, "cannot remove %s\n", Name.c_str());
+    }
+    ScratchFolder(const ScratchFolder &) = delete;
+    ScratchFolder &operator=(const ScratchFolder &) = delete;
+    std::string File(const std::string &name) const { return Name + '/' + name; }
+    std::string Name;
+};
+
+// A user thread that runs a function object, and what it needs to be waited for.
+class HostThread {
+  public:
+    explicit HostThread(std::function<DWORD()> body, DWORD flags = 0) : Body(std::move(body)) {
+        Handle = CreateThread(nullptr, 0, Run, this, flags, &Id);
+    }
+    ~HostThread() {
+        if (Handle != nullptr) CloseHandle(Handle);
+    }
+    HostThread(const HostThread &) = delete;
+    HostThread &operator=(const HostThread &) = delete;
+    // Its exit code, or 0xFFFFFFFF when it did not end in time.
+    DWORD Join(DWORD ms = 20000) const {
+        DWORD code = 0xFFFFFFFF;
+        if (WaitForSingleObject(Handle, ms) == WAIT_OBJECT_0) GetExitCodeThread(Handle, &code);
+        return code;
+    }
+    HANDLE Handle = nullptr;
+    DWORD Id = 0;
+
+  private:
+    static DWORD WINAPI Run(LPVOID self) { return static_cast<HostThread *>(self)->Body(); }
+    std::function<DWORD()> Body;
+};
+
+}  // namespace hosttest
+
+#define HOST_CHECK(condition)                                                     \
+    do {                                                                          \
+        if (!(condition)) ::hosttest::HostFailed(__FILE__, __LINE__, #condition); \
+    } while (0)
+
+#define HOST_EQ(expected, actual)                                                         \
+    do {                                                                                  \
+        const auto hostExpected = (expected);                                             \
+        const auto hostActual = (actual);                                                 \
+        if (!(hostExpected == hostActual)) {                                              \
+            std::ostringstream hostText;                                                  \
+            hostText << #actual << " is " << hostActual << ", expected " << hostExpected; \
+            ::hosttest::HostFailed(__FILE__, __LINE__, hostText.str());                   \
+        }                                                                                 \
+    } while (0)
+
+#define EXPECT_HOST_OK(result)                                             \
+    do {                                                                   \
+        const ::hosttest::HostResult hostResult = (result);                \
+        EXPECT_FALSE(hostResult.TimedOut) << hostResult.Err;               \
+        EXPECT_EQ(hostResult.Exit, 0) << hostResult.Err << hostResult.Out; \
+    } while (0)
+
+#endif  // ZVX_TESTS_SUPPORT_HOST_RUNNER_H

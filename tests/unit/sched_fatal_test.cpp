@@ -1,0 +1,221 @@
+// tests/unit/sched_fatal_test.cpp - the scheduler's own ends of the process: the exact text, exit code 1.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "alloc/alloc.h"
+#include "diag/trace.h"
+#include "sched/startup.h"
+#include "sched_fixture.h"
+
+namespace zvx::test {
+namespace {
+
+// Runs `body` in a child process; its standard output and its exit code, or -1 when a signal ended it.
+std::pair<std::string, int> RunChild(const std::function<void()> &body) {
+    int ends[2];
+    if (pipe(ends) != 0) return {"no pipe", -1};
+    fflush(nullptr);
+    pid_t child = fork();
+    if (child == 0) {
+        dup2(ends[1], 1);
+        close(ends[0]);
+        close(ends[1]);
+        body();
+        _exit(77);
+    }
+    close(ends[1]);
+    std::string output;
+    char buffer[512];
+    for (ssize_t n; (n = read(ends[0], buffer, sizeof buffer)) > 0;) output.append(buffer, static_cast<size_t>(n));
+    close(ends[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return {output, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+}
+
+void ExpectFatal(const std::string &text, const std::function<void(Scheduler *)> &body) {
+    auto [output, code] = RunChild([&] {
+        InitLibrary();
+        body(NewScheduler());
+    });
+    EXPECT_EQ(code, 1) << text;
+    EXPECT_EQ(output.rfind("ZORVEX KILLED: " + text + " (see ", 0), 0u) << "printed: " << output;
+}
+
+// As a user thread of S.
+auto AsFiber(std::function<void(Fiber *)> body) {
+    return [body](Scheduler *S) {
+        NewFiber(S, body);
+        RunUntilIdle(S);
+    };
+}
+
+TEST(SchedFatal, Yields) {
+    ExpectFatal("Recursive SchedYield detected current->State[6]", AsFiber([](Fiber *F) {
+                    F->State = FSTATE_TIMED_WAIT;
+                    SchedYield(F, Yield_USER);
+                }));
+    ExpectFatal("Invalid yield reason 9\n", AsFiber([](Fiber *F) { SchedYield(F, 9); }));
+}
+
+TEST(SchedFatal, CleanupTable) {
+    auto nothing = [](Fiber *, Scheduler *, uintptr_t *, uint32_t) {};
+    ExpectFatal("TermCleanupFuncSet: limit hit 2", AsFiber([&](Fiber *F) {
+                    for (int i = 0; i < 3; ++i) TermCleanupFuncSet(F, nothing);
+                }));
+    ExpectFatal("TermCleanupFuncRemove: limit hit 0", AsFiber([&](Fiber *F) { TermCleanupFuncRemove(F, nothing); }));
+}
+
+TEST(SchedFatal, SlotsBeyondWhatFollowsAThread) {
+    ExpectFatal("We need more dynamic TLS slots 64\n", AsFiber([](Fiber *F) {
+                    gTlsHighWater = 63;
+                    CaptureTls(F);  // the last one that is carried
+                    while (TlsAlloc() < 64) {
+                    }
+                    CaptureTls(F);
+                }));
+    ExpectFatal("The static TLS HEAP is NULL\n", AsFiber([](Fiber *F) {
+                    os::CurrentThreadBlock()->StaticTls = nullptr;
+                    CaptureTls(F);
+                }));
+}
+
+TEST(SchedFatal, APacketThatIsNobodys) {
+    auto [output, code] = RunChild([] {
+        InitLibrary();
+        Scheduler *S = NewScheduler();
+        static FIBEROVERLAPPED stray;
+        stray.Magic = 7;
+        os::PostQueuedCompletionStatus(S->Port, 0, 0x10, &stray.Ov);
+        RunUntilIdle(S);
+    });
+    EXPECT_EQ(code, 1);
+    EXPECT_NE(output.find("ProcessIOCPMessage: Invalid Overlapped[0x"), std::string::npos) << output;
+    EXPECT_NE(output.find("] 7 != 2712847316\n"), std::string::npos) << output;
+}
+
+TEST(SchedFatal, AffinityAndPriorityOfAStackAllocation) {
+    struct Case {
+        const char *Call;
+        uint32_t Nth;
+        DWORD Error;
+        const char *Text;
+    };
+    for (const Case &c : {Case{"SetThreadPriority", 1, 5, "FAlloc: Unable to set priority 5"},
+                          Case{"SetThreadAffinityMask", 1, 87, "FAlloc: Unable to set SetThreadAffinityMask  E[87]\n"},
+                          Case{"SetThreadAffinityMask", 2, 6, "FAlloc: Unable to restore SetThreadAffinityMask E[6]\n"},
+                          Case{"SetThreadPriority", 2, 31, "FAlloc: Unable to restore priority 31"}}) {
+        ExpectFatal(c.Text, [&](Scheduler *S) {
+            // Until the free list is empty, so that a new block is made, and its memory is there already.
+            while (gFreeShells[0].Shells.Count != 0) AllocFiberShell(S, 0);
+            os::FailCall(c.Call, c.Nth, c.Error);
+            AllocFiberShell(S, 0);
+        });
+    }
+}
+
+TEST(SchedFatal, SchedulerThreads) {
+    ExpectFatal("sizeof(SchedBitMaskId) too small", [](Scheduler *S) { InitScheduler(S, 32); });
+    ExpectFatal("Unknown affinity for null sched\n",
+                [](Scheduler *) { SetSchedThreadAffinityAndPriority(os::GetCurrentThread(), nullptr, true, 1, 1, false); });
+    ExpectFatal("Unable to SetProcessAffinityMask E[87]\n", [](Scheduler *S) {
+        os::FailCall("SetThreadAffinityMask", 1, 87);
+        SetSchedThreadAffinityAndPriority(os::GetCurrentThread(), S, true, 1, 1, false);
+    });
+    ExpectFatal("Unable to Set Priority E[5]\n", [](Scheduler *S) {
+        os::FailCall("SetThreadPriority", 1, 5);
+        SetSchedThreadAffinityAndPriority(os::GetCurrentThread(), S, false, 1, 1, true);
+    });
+    ExpectFatal("Failed to spawn scheduler thread\n", [](Scheduler *S) {
+        os::FailCall("CreateThread", 1, 8);
+        SpawnSchedulerThread(S, false, 1);
+    });
+    ExpectFatal("Unable to resume suspended scheduler thread 6\n", [](Scheduler *S) {
+        os::FailCall("ResumeThread", 1, 6);
+        SpawnSchedulerThread(S, false, 1);
+    });
+    ExpectFatal("Unable to spawn FiberQuantumUpdateThread", [](Scheduler *) {
+        os::FailCall("CreateThread", 1, 8);
+        StartQuantumUpdateThread();
+    });
+    ExpectFatal("Unable to resume suspended timer thread 6\n", [](Scheduler *) {
+        os::FailCall("ResumeThread", 1, 6);
+        StartQuantumUpdateThread();
+    });
+}
+
+TEST(SchedPlacement, ProcessorsAreDealtInTurn) {
+    InitLibrary();
+    gProcessAffinityMask = 0b1010;
+    gNextBitMask = 1;
+    EXPECT_EQ(NextSchedulerMask(), 0b0010u);
+    EXPECT_EQ(NextSchedulerMask(), 0b1000u);
+    EXPECT_EQ(NextSchedulerMask(), 0b0010u);
+    for (uint32_t &mask : gNodeMasks) mask = 0;
+    gNodeMasks[3] = 0b1000;
+    EXPECT_EQ(NodeOfMask(0b1000), 3);
+    EXPECT_EQ(NodeOfMask(0b0100), 0);
+}
+
+TEST(SchedPlacement, AboveNormalIsConvertedAsTheSettingsSay) {
+    InitLibrary();
+    Scheduler *S = NewScheduler();
+    SetOption(su_SetThreadPriority);
+    auto given = [&](uint32_t set) {
+        ClearOption(su_SetThreadPriorityConvertANtoHIGHEST | su_SetThreadPriorityConvertANtoTC);
+        SetOption(set);
+        SetSchedThreadAffinityAndPriority(os::GetCurrentThread(), S, false, 1, 1, false);
+        return S->BasePriority;
+    };
+    EXPECT_EQ(given(0), 1);
+    EXPECT_EQ(given(su_SetThreadPriorityConvertANtoTC), 15);
+    EXPECT_EQ(given(su_SetThreadPriorityConvertANtoTC | su_SetThreadPriorityConvertANtoHIGHEST), 2);
+    ClearOption(su_SetThreadPriority);
+    S->BasePriority = 0;
+    EXPECT_EQ(given(0), 0) << "without the setting a thread keeps its priority";
+}
+
+TEST(Quantum, TheIndicatorFollowsTheSlowestScheduler) {
+    InitLibrary();
+    Scheduler *S = NewScheduler();
+    Scheduler *other = NewScheduler();
+    static uint32_t indicator = 7;
+    gQuantumIndicator = &indicator;
+    gQuantumTick = 10;
+    S->QuantumStartTick = 7;
+    other->QuantumStartTick = 8;
+    EXPECT_FALSE(UpdateQuantumIndicator(true)) << "three ticks are within the quantum";
+    EXPECT_EQ(indicator, 0u);
+    gQuantumTick = 11;
+    EXPECT_TRUE(UpdateQuantumIndicator(true));
+    EXPECT_EQ(indicator, 1u);
+    S->QuantumStartTick = 12;  // ahead of the clock: counts from 0
+    EXPECT_TRUE(UpdateQuantumIndicator(true));
+    S->QuantumStartTick = 11;
+    other->QuantumStartTick = 11;
+    EXPECT_FALSE(UpdateQuantumIndicator(true));
+
+    // The check yields only beyond the quantum, and starts a new one.
+    other->QuantumStartTick = 11;
+    NewFiber(S, [&](Fiber *) {
+        uint32_t passes = S->SwitchCount.load();
+        gQuantumTick = S->QuantumStartTick.load() + 3;
+        UserThreadQuantumExpiredCheck();
+        EXPECT_EQ(S->SwitchCount.load(), passes);
+        gQuantumTick = S->QuantumStartTick.load() + 4;
+        UserThreadQuantumExpiredCheck();
+        EXPECT_GT(S->SwitchCount.load(), passes);
+        EXPECT_EQ(S->QuantumStartTick.load(), gQuantumTick.load());
+        Note("checked");
+    });
+    RunUntilIdle(S);
+    EXPECT_EQ(TakeNotes().size(), 1u);
+    uint32_t passes = S->SwitchCount.load();
+    UserThreadQuantumExpiredCheck();  // not a user thread
+    EXPECT_EQ(S->SwitchCount.load(), passes);
+}
+
+}  // namespace
+}  // namespace zvx::test
