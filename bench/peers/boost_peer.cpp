@@ -1,0 +1,123 @@
+// bench/peers/boost_peer.cpp - the same cases on Boost.Fiber: its round-robin scheduler on one kernel thread.
+//
+// Cases: yield, create (with --impl naming the stack allocator: "boost" is the default one, "boost guarded" has a guard
+// page under every stack as ours have, "boost pooled" recycles stacks), wait_ended, park.
+#include <boost/fiber/all.hpp>
+
+#include <condition_variable>
+
+#include "bench/harness.h"
+
+namespace {
+
+using namespace bench;
+namespace fibers = boost::fibers;
+
+Options gOptions;
+
+// Fibers run until the process ends; what they would return to is gone by then.
+[[noreturn]] void Leave() {
+    std::fflush(nullptr);
+    std::_Exit(0);
+}
+
+void YieldCase() {
+    for (uint32_t i = 1; i < gOptions.Threads; ++i) {
+        fibers::fiber([] {
+            for (;;) boost::this_fiber::yield();
+        }).detach();
+    }
+    boost::this_fiber::yield();
+    Measure(
+        gOptions, "yield/" + std::to_string(gOptions.Threads),
+        [](uint64_t n) {
+            const uint64_t laps = (n + gOptions.Threads - 1) / gOptions.Threads;
+            const double start = NowNs();
+            for (uint64_t i = 0; i < laps; ++i) boost::this_fiber::yield();
+            return (NowNs() - start) * static_cast<double>(n) / static_cast<double>(laps * gOptions.Threads);
+        },
+        gOptions.Threads * 4);
+    Leave();
+}
+
+uint64_t gEnded;
+
+template <typename Allocator>
+void CreateCase(Allocator allocator) {
+    std::vector<fibers::fiber> batch(gOptions.Threads);
+    Measure(gOptions, "create/" + std::to_string(gOptions.Threads), [&](uint64_t n) {
+        const double start = NowNs();
+        uint64_t done = 0;
+        for (; done < n; done += gOptions.Threads) {
+            for (auto &fiber : batch) fiber = fibers::fiber(std::allocator_arg, allocator, [] { ++gEnded; });
+            for (auto &fiber : batch) fiber.join();
+        }
+        return (NowNs() - start) * static_cast<double>(n) / static_cast<double>(done);
+    });
+}
+
+void WaitEndedCase() {
+    std::vector<fibers::fiber> batch(gOptions.Threads);
+    Measure(
+        gOptions, "wait_ended",
+        [&](uint64_t n) {
+            double took = 0;
+            uint64_t done = 0;
+            for (; done < n; done += gOptions.Threads) {
+                for (auto &fiber : batch) fiber = fibers::fiber([] { ++gEnded; });
+                for (int i = 0; i < 4; ++i) boost::this_fiber::yield();
+                const double start = NowNs();
+                for (auto &fiber : batch) fiber.join();
+                took += NowNs() - start;
+            }
+            return took * static_cast<double>(n) / static_cast<double>(done);
+        },
+        gOptions.Threads * 4, gOptions.Threads * 400);
+}
+
+void ParkMany(uint32_t from, uint32_t to) {
+    static fibers::mutex lock;
+    static fibers::condition_variable never;
+    for (uint32_t i = from; i < to; ++i) {
+        fibers::fiber(std::allocator_arg, fibers::protected_fixedsize_stack(128 * 1024), [] {
+            std::unique_lock<fibers::mutex> guard(lock);
+            for (;;) never.wait(guard);
+        }).detach();
+    }
+    for (int i = 0; i < 4; ++i) boost::this_fiber::yield();
+}
+
+void ParkCase() {
+    constexpr uint32_t kFew = 1000;
+    ParkMany(0, kFew);
+    const double resident = StatusValue("VmRSS");
+    const double tables = StatusValue("VmPTE");
+    ParkMany(kFew, gOptions.Threads);
+    const double more = gOptions.Threads - kFew;
+    Report(gOptions, "park/resident", gOptions.Threads, {(StatusValue("VmRSS") - resident) / more}, "KiB");
+    Report(gOptions, "park/page_tables", gOptions.Threads, {(StatusValue("VmPTE") - tables) / more}, "KiB");
+    Report(gOptions, "park/kernel_threads", gOptions.Threads, {StatusValue("Threads")}, "threads");
+    Leave();
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    gOptions.Impl = "boost";
+    if (!ParseOptions(argc, argv, &gOptions)) return 2;
+    if (gOptions.Case == "yield")
+        YieldCase();
+    else if (gOptions.Case == "create" && gOptions.Impl == "boost guarded")
+        CreateCase(fibers::protected_fixedsize_stack());
+    else if (gOptions.Case == "create" && gOptions.Impl == "boost pooled")
+        CreateCase(fibers::pooled_fixedsize_stack());
+    else if (gOptions.Case == "create")
+        CreateCase(fibers::default_stack());
+    else if (gOptions.Case == "wait_ended")
+        WaitEndedCase();
+    else if (gOptions.Case == "park")
+        ParkCase();
+    else
+        return 2;
+    return 0;
+}

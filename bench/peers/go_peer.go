@@ -1,0 +1,140 @@
+// bench/peers/go_peer.go - the same cases on goroutines, on one processor. Cases: yield, create, park.
+package main
+
+import (
+	"bufio"
+	"flag"
+	"fmt"
+	"math"
+	"os"
+	"runtime"
+	"sort"
+	"strconv"
+	"strings"
+	"sync"
+	"time"
+)
+
+var (
+	caseName       = flag.String("case", "", "yield, create or park")
+	threads        = flag.Int("threads", 2, "goroutines")
+	repetitions    = flag.Int("repetitions", 7, "")
+	repetitionMs   = flag.Float64("repetition-ms", 100, "")
+	implementation = flag.String("impl", "go", "")
+)
+
+func median(samples []float64) float64 {
+	sorted := append([]float64(nil), samples...)
+	sort.Float64s(sorted)
+	n := len(sorted)
+	if n%2 == 1 {
+		return sorted[n/2]
+	}
+	return (sorted[n/2-1] + sorted[n/2]) / 2
+}
+
+func report(name string, iterations int64, samples []float64, unit string) {
+	low, high := math.Inf(1), math.Inf(-1)
+	middle := median(samples)
+	var away []float64
+	for _, s := range samples {
+		low, high = math.Min(low, s), math.Max(high, s)
+		away = append(away, math.Abs(s-middle))
+	}
+	fmt.Printf("{\"name\":%q,\"impl\":%q,\"backend\":\"\",\"schedulers\":1,\"iterations\":%d,\"repetitions\":%d,"+
+		"\"unit\":%q,\"better\":\"lower\",\"median\":%.4g,\"deviation\":%.3g,\"min\":%.4g,\"max\":%.4g}\n",
+		name, *implementation, iterations, len(samples), unit, middle, median(away), low, high)
+}
+
+// The same search for the number of iterations as the other programs have.
+func measure(name string, first int64, body func(n int64) float64) {
+	wanted := *repetitionMs * 1e6
+	n := first
+	for {
+		took := body(n)
+		if took >= wanted {
+			break
+		}
+		grow := math.Min(16, math.Max(1.3, wanted*1.2/math.Max(took, 1)))
+		n = int64(float64(n)*grow) + 1
+	}
+	var samples []float64
+	for i := 0; i < *repetitions; i++ {
+		samples = append(samples, body(n)/float64(n))
+	}
+	report(name, n, samples, "ns")
+}
+
+func status(field string) float64 {
+	file, err := os.Open("/proc/self/status")
+	if err != nil {
+		return 0
+	}
+	defer file.Close()
+	lines := bufio.NewScanner(file)
+	for lines.Scan() {
+		words := strings.Fields(lines.Text())
+		if len(words) > 1 && words[0] == field+":" {
+			value, _ := strconv.ParseFloat(words[1], 64)
+			return value
+		}
+	}
+	return 0
+}
+
+func main() {
+	flag.Parse()
+	runtime.GOMAXPROCS(1)
+	count := int64(*threads)
+	switch *caseName {
+	case "yield":
+		for i := int64(1); i < count; i++ {
+			go func() {
+				for {
+					runtime.Gosched()
+				}
+			}()
+		}
+		runtime.Gosched()
+		measure(fmt.Sprintf("yield/%d", count), count*4, func(n int64) float64 {
+			laps := (n + count - 1) / count
+			start := time.Now()
+			for i := int64(0); i < laps; i++ {
+				runtime.Gosched()
+			}
+			return float64(time.Since(start)) * float64(n) / float64(laps*count)
+		})
+	case "create":
+		measure(fmt.Sprintf("create/%d", count), 64, func(n int64) float64 {
+			var ended sync.WaitGroup
+			done := int64(0)
+			start := time.Now()
+			for ; done < n; done += count {
+				ended.Add(int(count))
+				for i := int64(0); i < count; i++ {
+					go ended.Done()
+				}
+				ended.Wait()
+			}
+			return float64(time.Since(start)) * float64(n) / float64(done)
+		})
+	case "park":
+		never := make(chan struct{})
+		park := func(n int64) {
+			for i := int64(0); i < n; i++ {
+				go func() { <-never }()
+			}
+			time.Sleep(50 * time.Millisecond)
+		}
+		park(1000)
+		resident, tables := status("VmRSS"), status("VmPTE")
+		park(count - 1000)
+		more := float64(count - 1000)
+		report("park/resident", count, []float64{(status("VmRSS") - resident) / more}, "KiB")
+		report("park/page_tables", count, []float64{(status("VmPTE") - tables) / more}, "KiB")
+		report("park/kernel_threads", count, []float64{status("Threads")}, "threads")
+	default:
+		flag.Usage()
+		os.Exit(2)
+	}
+}

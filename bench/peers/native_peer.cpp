@@ -1,0 +1,339 @@
+// bench/peers/native_peer.cpp - the same cases on what the operating system gives: kernel threads, futexes, pread,
+// nanosleep, and the bare waits of a ring.
+//
+// Cases: yield (--threads kernel threads on one processor that call sched_yield), create, wait_ended, park, sleep,
+// futex (round trip between two threads that both sleep), futex_wake (one way, to a sleeper), cached, idle.
+#include <fcntl.h>
+#include <liburing.h>
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "bench/harness.h"
+
+namespace {
+
+using namespace bench;
+
+Options gOptions;
+
+[[noreturn]] void Leave() {
+    std::fflush(nullptr);
+    std::_Exit(0);
+}
+
+pthread_t Create(void *(*start)(void *), void *param, size_t stackBytes = 0, int processor = -1) {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    if (stackBytes != 0) pthread_attr_setstacksize(&attributes, stackBytes);
+    if (processor >= 0) {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(static_cast<size_t>(processor), &set);
+        pthread_attr_setaffinity_np(&attributes, sizeof set, &set);
+    }
+    pthread_t thread;
+    const int error = pthread_create(&thread, &attributes, start, param);
+    if (error != 0) Fail("pthread_create", error);
+    pthread_attr_destroy(&attributes);
+    return thread;
+}
+
+int ProcessorNumber(int nth) {
+    cpu_set_t set;
+    sched_getaffinity(0, sizeof set, &set);
+    int last = -1;
+    for (int i = 0; i < CPU_SETSIZE; ++i) {
+        if (!CPU_ISSET(static_cast<size_t>(i), &set)) continue;
+        last = i;
+        if (nth-- == 0) break;
+    }
+    return last;
+}
+
+void SleepNs(double ns) {
+    timespec time{static_cast<time_t>(ns / 1e9), static_cast<long>(std::fmod(ns, 1e9))};
+    nanosleep(&time, nullptr);
+}
+
+// ---- Yield -------------------------------------------------------------------------------------------
+
+struct alignas(64) Counter {
+    std::atomic<uint64_t> Value;
+};
+
+void *Yielder(void *counter) {
+    auto *count = static_cast<Counter *>(counter);
+    for (;;) {
+        sched_yield();
+        count->Value.store(count->Value.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+}
+
+// The kernel need not go round in a circle, so every thread counts for itself.
+void YieldCase() {
+    std::vector<Counter> counters(gOptions.Threads);
+    for (auto &counter : counters) Create(Yielder, &counter, 64 * 1024, ProcessorNumber(0));
+    const auto sum = [&] {
+        uint64_t all = 0;
+        for (const auto &counter : counters) all += counter.Value.load(std::memory_order_relaxed);
+        return all;
+    };
+    SleepNs(5e7);
+    std::vector<double> samples;
+    const uint64_t first = sum();
+    for (uint32_t i = 0; i < gOptions.Repetitions; ++i) {
+        const uint64_t before = sum();
+        const double start = NowNs();
+        SleepNs(gOptions.RepetitionMs * 1e6);
+        const uint64_t more = sum() - before;
+        if (more != 0) samples.push_back((NowNs() - start) / static_cast<double>(more));
+    }
+    Report(gOptions, "yield/" + std::to_string(gOptions.Threads), (sum() - first) / gOptions.Repetitions, samples);
+    Leave();
+}
+
+// ---- Creation and end --------------------------------------------------------------------------------
+
+std::atomic<uint64_t> gEnded;
+
+void *CountAndEnd(void *) {
+    gEnded.fetch_add(1, std::memory_order_relaxed);
+    return nullptr;
+}
+
+void CreateCase() {
+    std::vector<pthread_t> batch(gOptions.Threads);
+    Measure(gOptions, "create/" + std::to_string(gOptions.Threads), [&](uint64_t n) {
+        const double start = NowNs();
+        uint64_t done = 0;
+        for (; done < n; done += gOptions.Threads) {
+            for (auto &thread : batch) thread = Create(CountAndEnd, nullptr);
+            for (auto thread : batch) pthread_join(thread, nullptr);
+        }
+        return (NowNs() - start) * static_cast<double>(n) / static_cast<double>(done);
+    });
+}
+
+void WaitEndedCase() {
+    std::vector<pthread_t> batch(gOptions.Threads);
+    Measure(
+        gOptions, "wait_ended",
+        [&](uint64_t n) {
+            double took = 0;
+            uint64_t done = 0;
+            for (; done < n; done += gOptions.Threads) {
+                for (auto &thread : batch) thread = Create(CountAndEnd, nullptr);
+                SleepNs(3e6);
+                const double start = NowNs();
+                for (auto thread : batch) pthread_join(thread, nullptr);
+                took += NowNs() - start;
+            }
+            return took * static_cast<double>(n) / static_cast<double>(done);
+        },
+        gOptions.Threads * 4, gOptions.Threads * 20);
+}
+
+void *Park(void *) {
+    for (;;) pause();
+}
+
+void ParkCase() {
+    constexpr uint32_t kFew = 1000;
+    uint32_t have = 0;
+    for (; have < kFew; ++have) Create(Park, nullptr, 128 * 1024);
+    SleepNs(2e8);
+    const double resident = StatusValue("VmRSS");
+    const double tables = StatusValue("VmPTE");
+    for (; have < gOptions.Threads; ++have) Create(Park, nullptr, 128 * 1024);
+    SleepNs(5e8);
+    const double more = gOptions.Threads - kFew;
+    Report(gOptions, "park/resident", gOptions.Threads, {(StatusValue("VmRSS") - resident) / more}, "KiB");
+    Report(gOptions, "park/page_tables", gOptions.Threads, {(StatusValue("VmPTE") - tables) / more}, "KiB");
+    Report(gOptions, "park/kernel_threads", gOptions.Threads, {StatusValue("Threads")}, "threads");
+    Leave();
+}
+
+// ---- Sleep -------------------------------------------------------------------------------------------
+
+void SleepCase() {
+    std::vector<double> late;
+    const double end = NowNs() + gOptions.Seconds * 1e9;
+    for (uint32_t i = 0; NowNs() < end; ++i) {
+        const uint32_t ms = gOptions.Threads != 0 ? gOptions.Threads : 1 + i % 20;
+        const double start = NowNs();
+        SleepNs(ms * 1e6);
+        late.push_back((NowNs() - start) / 1e3 - ms * 1e3);
+    }
+    Report(gOptions, gOptions.Threads != 0 ? "sleep/" + std::to_string(gOptions.Threads) : "sleep/1-20", late.size(),
+           late, "us late", "lower", {{"p90", Percentile(late, 90)}, {"p99", Percentile(late, 99)}});
+}
+
+// ---- Futexes -----------------------------------------------------------------------------------------
+
+alignas(64) std::atomic<uint32_t> gPing;
+alignas(64) std::atomic<uint32_t> gPong;
+alignas(64) std::atomic<double> gWokeAt;
+
+void Wait(std::atomic<uint32_t> *word) {
+    while (word->load(std::memory_order_acquire) == 0)
+        syscall(SYS_futex, word, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
+    word->store(0, std::memory_order_relaxed);
+}
+
+void Wake(std::atomic<uint32_t> *word) {
+    word->store(1, std::memory_order_release);
+    syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
+void *Answer(void *) {
+    for (;;) {
+        Wait(&gPing);
+        Wake(&gPong);
+    }
+}
+
+void *Stamp(void *) {
+    for (;;) {
+        Wait(&gPing);
+        gWokeAt.store(NowNs(), std::memory_order_release);
+    }
+}
+
+void PinSelf(int processor) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(static_cast<size_t>(processor), &set);
+    sched_setaffinity(0, sizeof set, &set);
+}
+
+void FutexCase() {
+    const int other = ProcessorNumber(1);
+    PinSelf(ProcessorNumber(0));
+    Create(Answer, nullptr, 0, other);
+    Measure(gOptions, "message/post", [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            Wake(&gPing);
+            Wait(&gPong);
+        }
+        return NowNs() - start;
+    });
+    Leave();
+}
+
+void FutexWakeCase() {
+    const int other = ProcessorNumber(1);
+    PinSelf(ProcessorNumber(0));
+    Create(Stamp, nullptr, 0, other);
+    std::vector<double> samples;
+    Random random{88172645463325252ull};
+    const double end = NowNs() + gOptions.Seconds * 1e9;
+    while (NowNs() < end) {
+        const double pause = NowNs() + 50000 + static_cast<double>(random.Next() % 2000000);
+        while (NowNs() < pause) {
+        }
+        gWokeAt.store(0, std::memory_order_relaxed);
+        const double sent = NowNs();
+        Wake(&gPing);
+        double woke;
+        while ((woke = gWokeAt.load(std::memory_order_acquire)) == 0) {
+        }
+        samples.push_back(woke - sent);
+    }
+    Report(gOptions, "message/resume", samples.size(), samples, "ns", "lower",
+           {{"p90", Percentile(samples, 90)}, {"p99", Percentile(samples, 99)}});
+    Leave();
+}
+
+// ---- Reads from the page cache -----------------------------------------------------------------------
+
+void CachedCase() {
+    const uint64_t blocks = BlocksOfFile(gOptions.File);
+    ReadWholeFile(gOptions.File);
+    const int file = open(gOptions.File.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) Fail("open");
+    static char *buffer = static_cast<char *>(std::aligned_alloc(4096, kReadBytes));
+    Random random{88172645463325252ull};
+    Measure(gOptions, "read_cached/random", [&](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            const auto offset = static_cast<off_t>(random.Next() % blocks * kReadBytes);
+            if (pread(file, buffer, kReadBytes, offset) != kReadBytes) Fail("pread");
+        }
+        return NowNs() - start;
+    });
+    Measure(gOptions, "read_cached/sequential", [&](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            const ssize_t got = read(file, buffer, kReadBytes);
+            if (got < 0) Fail("read");
+            if (got < kReadBytes) lseek(file, 0, SEEK_SET);
+        }
+        return NowNs() - start;
+    });
+    close(file);
+}
+
+// ---- Idle --------------------------------------------------------------------------------------------
+
+// What a scheduler cannot do without when it waits at most a millisecond at a time.
+void *WaitOnRing(void *) {
+    io_uring ring;
+    io_uring_params params{};
+    params.flags = IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN;
+    if (io_uring_queue_init_params(64, &ring, &params) != 0) Fail("no ring");
+    for (;;) {
+        io_uring_cqe *done = nullptr;
+        __kernel_timespec wait{0, static_cast<long long>(gOptions.PortWaitMs) * 1000000};
+        if (wait.tv_nsec >= 1000000000) wait = {wait.tv_nsec / 1000000000, wait.tv_nsec % 1000000000};
+        io_uring_submit_and_wait_timeout(&ring, &done, 1, &wait, nullptr);
+        if (done != nullptr) io_uring_cqe_seen(&ring, done);
+    }
+}
+
+void IdleCase() {
+    Create(WaitOnRing, nullptr);
+    Create(WaitOnRing, nullptr);
+    SleepNs(3e8);
+    const double cpu = ProcessorSeconds();
+    const double start = NowNs();
+    SleepNs(gOptions.Seconds * 1e9);
+    Report(gOptions, "idle/port_wait_" + std::to_string(gOptions.PortWaitMs), 1,
+           {(ProcessorSeconds() - cpu) * 1000 / ((NowNs() - start) / 1e9)}, "ms/s");
+    Leave();
+}
+
+struct {
+    const char *Name;
+    const char *Impl;
+    void (*Body)();
+} const kCases[] = {
+    {"yield", "pthreads", YieldCase},          {"create", "pthreads", CreateCase},
+    {"wait_ended", "pthreads", WaitEndedCase}, {"park", "pthreads", ParkCase},
+    {"sleep", "nanosleep", SleepCase},         {"futex", "futex", FutexCase},
+    {"futex_wake", "futex", FutexWakeCase},    {"cached", "pread", CachedCase},
+    {"idle", "bare rings", IdleCase},
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    gOptions.Impl.clear();
+    if (!ParseOptions(argc, argv, &gOptions)) return 2;
+    for (const auto &item : kCases) {
+        if (gOptions.Case != item.Name) continue;
+        if (gOptions.Impl.empty()) gOptions.Impl = item.Impl;
+        item.Body();
+        return 0;
+    }
+    std::fprintf(stderr, "cases:");
+    for (const auto &item : kCases) std::fprintf(stderr, " %s", item.Name);
+    std::fprintf(stderr, "\n");
+    return 2;
+}

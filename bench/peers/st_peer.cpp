@@ -1,0 +1,120 @@
+// bench/peers/st_peer.cpp - the same cases on State Threads. It has no yield of its own; st_usleep(0) is what its
+// programs use instead. Cases: yield, create, wait_ended, park.
+extern "C" {
+#include <st.h>
+}
+
+#include "bench/harness.h"
+
+namespace {
+
+using namespace bench;
+
+Options gOptions;
+uint64_t gEnded;
+
+[[noreturn]] void Leave() {
+    std::fflush(nullptr);
+    std::_Exit(0);
+}
+
+st_thread_t Create(void *(*start)(void *), bool joinable) {
+    st_thread_t thread = st_thread_create(start, nullptr, joinable ? 1 : 0, 0);
+    if (thread == nullptr) Fail("st_thread_create");
+    return thread;
+}
+
+void *Yielder(void *) {
+    for (;;) st_usleep(0);
+}
+
+void *CountAndEnd(void *) {
+    ++gEnded;
+    return nullptr;
+}
+
+void *Park(void *) {
+    for (;;) st_usleep(ST_UTIME_NO_TIMEOUT);
+}
+
+void YieldCase() {
+    for (uint32_t i = 1; i < gOptions.Threads; ++i) Create(Yielder, false);
+    st_usleep(0);
+    Measure(
+        gOptions, "yield/" + std::to_string(gOptions.Threads),
+        [](uint64_t n) {
+            const uint64_t laps = (n + gOptions.Threads - 1) / gOptions.Threads;
+            const double start = NowNs();
+            for (uint64_t i = 0; i < laps; ++i) st_usleep(0);
+            return (NowNs() - start) * static_cast<double>(n) / static_cast<double>(laps * gOptions.Threads);
+        },
+        gOptions.Threads * 4);
+    Leave();
+}
+
+void CreateCase() {
+    std::vector<st_thread_t> batch(gOptions.Threads);
+    Measure(gOptions, "create/" + std::to_string(gOptions.Threads), [&](uint64_t n) {
+        const double start = NowNs();
+        uint64_t done = 0;
+        for (; done < n; done += gOptions.Threads) {
+            for (auto &thread : batch) thread = Create(CountAndEnd, true);
+            for (auto thread : batch) st_thread_join(thread, nullptr);
+        }
+        return (NowNs() - start) * static_cast<double>(n) / static_cast<double>(done);
+    });
+    Leave();
+}
+
+void WaitEndedCase() {
+    std::vector<st_thread_t> batch(gOptions.Threads);
+    Measure(
+        gOptions, "wait_ended",
+        [&](uint64_t n) {
+            double took = 0;
+            uint64_t done = 0;
+            for (; done < n; done += gOptions.Threads) {
+                for (auto &thread : batch) thread = Create(CountAndEnd, true);
+                for (int i = 0; i < 4; ++i) st_usleep(0);
+                const double start = NowNs();
+                for (auto thread : batch) st_thread_join(thread, nullptr);
+                took += NowNs() - start;
+            }
+            return took * static_cast<double>(n) / static_cast<double>(done);
+        },
+        gOptions.Threads * 4, gOptions.Threads * 400);
+    Leave();
+}
+
+void ParkCase() {
+    constexpr uint32_t kFew = 1000;
+    uint32_t have = 0;
+    for (; have < kFew; ++have) Create(Park, false);
+    for (int i = 0; i < 4; ++i) st_usleep(0);
+    const double resident = StatusValue("VmRSS");
+    const double tables = StatusValue("VmPTE");
+    for (; have < gOptions.Threads; ++have) Create(Park, false);
+    for (int i = 0; i < 4; ++i) st_usleep(0);
+    const double more = gOptions.Threads - kFew;
+    Report(gOptions, "park/resident", gOptions.Threads, {(StatusValue("VmRSS") - resident) / more}, "KiB");
+    Report(gOptions, "park/page_tables", gOptions.Threads, {(StatusValue("VmPTE") - tables) / more}, "KiB");
+    Report(gOptions, "park/kernel_threads", gOptions.Threads, {StatusValue("Threads")}, "threads");
+    Leave();
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    gOptions.Impl = "state threads";
+    if (!ParseOptions(argc, argv, &gOptions)) return 2;
+    if (st_init() != 0) Fail("st_init");
+    if (gOptions.Case == "yield")
+        YieldCase();
+    else if (gOptions.Case == "create")
+        CreateCase();
+    else if (gOptions.Case == "wait_ended")
+        WaitEndedCase();
+    else if (gOptions.Case == "park")
+        ParkCase();
+    return 2;
+}
