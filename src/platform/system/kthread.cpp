@@ -101,6 +101,19 @@ constexpr size_t kStackFactor = 1;
 #else
 constexpr size_t kStackFactor = 1;
 #endif
+// The host's own system calls must not fail because a thread was suspended in them. ThreadSanitizer delivers
+// the signal only after the call, so there the call has to come back.
+#if defined(__SANITIZE_THREAD__)
+constexpr int kRestart = 0;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr int kRestart = 0;
+#else
+constexpr int kRestart = SA_RESTART;
+#endif
+#else
+constexpr int kRestart = SA_RESTART;
+#endif
 
 int StopSignal() {
     return SIGRTMIN + 3;
@@ -198,7 +211,7 @@ bool AtSystemCall(const ucontext_t *context) {
 
 [[noreturn]] void JumpToBase(KernelThread *thread) {
     thread->Jumps.store(false, std::memory_order_relaxed);
-    _longjmp(thread->Base, 1);
+    longjmp(thread->Base, 1);
 }
 
 void OnStopSignal(int, siginfo_t *, void *context) {
@@ -433,8 +446,7 @@ constexpr ThreadOps kKernelThread = {SuspendKernelThread,     ResumeKernelThread
 void InstallHandler() {
     struct sigaction action {};
     action.sa_sigaction = OnStopSignal;
-    // Restarted, so that the host's own system calls do not fail because a thread was suspended in them.
-    action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
+    action.sa_flags = SA_SIGINFO | kRestart | SA_ONSTACK;
     sigfillset(&action.sa_mask);
     // What a fault in the handler raises must still be reported.
     sigdelset(&action.sa_mask, SIGSEGV);
