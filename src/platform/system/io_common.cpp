@@ -257,6 +257,7 @@ Engine *OpenEngine(const EngineOps *ops) {
         SetLastError(ERROR_NO_SYSTEM_RESOURCES);
         return nullptr;
     }
+    ForgetStreams(engine);
     engine->Ops = ops;
     bool open = ops->Open(engine);
     if (!open && ops != &kEpollOps) {
@@ -468,6 +469,10 @@ void StepRequest(Engine *engine, Request *request, int32_t result) {
 }
 
 void EndRequest(Engine *engine, Request *request) {
+    if (request->InStream) {
+        Request *next = RemoveFromStream(engine, request);
+        if (next != nullptr && engine->Ops->StartNext != nullptr) engine->Ops->StartNext(engine, next);
+    }
     IoCall call = request->Call;
     const DWORD status = request->Status;
     FreeRequest(engine, request);

@@ -115,7 +115,7 @@ enum class RequestStage : uint8_t {
     kPrepared,  // ring: its entry is in the submission queue or further
     kQueued,    // file pool: no thread has taken it ([pool lock])
     kRunning,   // file pool: a thread works on it ([pool lock])
-    kParked,    // epoll: waits for readiness in a watch
+    kParked,    // in its stream: waits for readiness (epoll) or for those before it (ring)
     kLocking,   // waits for a byte range
     kEnded,     // has its result and will be ended by the next reap
 };
@@ -127,14 +127,29 @@ struct Request {
     Engine *Owner = nullptr;       // init
     Request *Next = nullptr;       // owner: ring of outstanding requests, or the free chain
     Request *Prev = nullptr;       // owner
-    Request *QueueNext = nullptr;  // the one queue that its stage names: pool, watch, lock waiters, done list
+    Request *QueueNext = nullptr;  // the one queue that it is in: pool, stream, byte ranges, done list
     Request *QueuePrev = nullptr;  // [pool lock]
     uint32_t Index = 0;            // init: number in its engine
     uint32_t Entry = 0;            // ring: sequence number of its submission entry
     DWORD Status = 0;              // final status once AccountTransfer has said so
     // Written by whoever the stage before it names; a cancelling owner may look while a file thread writes.
     std::atomic<RequestStage> Stage{RequestStage::kFree};
+    bool InStream = false;               // owner: in the queue of its stream
     std::atomic<bool> Cancelled{false};  // owner sets it; the pool's thread reads it between two calls
+};
+
+inline uint32_t DirectionOf(RequestKind kind) {
+    return kind == RequestKind::kRead ? 0 : 1;
+}
+
+// The requests of one engine on one object without offsets, by direction, oldest first; see io_stream.cpp. Found by
+// descriptor number; Serial tells whether it is still the same object.
+struct Stream {
+    uint32_t Serial;   // 0: never used
+    bool Watched;      // epoll: the set was asked to report its readiness
+    bool Refused;      // epoll: the kernel reports none for it (a device like /dev/null), so the pool serves it
+    Request *Head[2];  // reads, writes; on a ring the head is the one that runs
+    Request *Tail[2];
 };
 
 // ---- Messages ----------------------------------------------------------------------------------------
@@ -170,6 +185,8 @@ struct EngineOps {
     void (*Close)(Engine *engine);  // nothing is outstanding any more
     // Starts a transfer or its next step; never blocks. True when it ended at once (Call.Done, Status).
     bool (*Start)(Engine *engine, Request *request);
+    // The request has become the oldest of its stream. Null where readiness starts it.
+    void (*StartNext)(Engine *engine, Request *request);
     void (*Cancel)(Engine *engine, Request *request);  // the request still ends by being reaped
     void (*Reap)(Engine *engine);                      // ends what has ended; submits by its own rule
     void (*Submit)(Engine *engine);
@@ -205,6 +222,8 @@ struct Engine {
     uint32_t LockCalls = 0;  // reaps since the clock was last read for them
     uint32_t LockBackoffMs = 0;
     uint64_t LockNextTry = 0;   // monotonic nanoseconds
+    Stream *Streams = nullptr;  // by descriptor
+    uint32_t StreamLimit = 0;
     RingState *Ring = nullptr;  // kept when the engine is recycled
     EpollState *Epoll = nullptr;
 
@@ -268,6 +287,14 @@ void ReapDone(Engine *engine);  // owner: ends what PushDone brought
 void WakeEngine(Engine *engine);
 void ReapEngine(Engine *engine);              // inbox, byte ranges, back end
 bool WaitEngine(Engine *engine, int64_t ns);  // the same, and sleeps once; true when the time ran out
+
+// io_stream.cpp, owner only.
+
+Stream *StreamOf(Engine *engine, const IoObject *object);  // null without memory; valid until the next call
+bool AppendToStream(Stream *stream, Request *request);     // true when it is the oldest of its direction
+// Takes a request out; the next oldest when it was the oldest itself.
+Request *RemoveFromStream(Engine *engine, Request *request);
+void ForgetStreams(Engine *engine);  // the engine begins anew
 
 // io_inbox.cpp: messages.
 

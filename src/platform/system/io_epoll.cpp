@@ -11,7 +11,6 @@
 // owner must come here to ask.
 #include <errno.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -19,23 +18,9 @@
 
 namespace os {
 
-namespace {
-
-// The requests of one descriptor. Found by descriptor number; Serial tells whether it is still the same object.
-struct Watch {
-    uint32_t Serial;   // 0: never used; object of this serial is in the set, or was refused by it
-    bool Refused;      // the kernel reports no readiness for it (a device like /dev/null): the pool serves it
-    Request *Head[2];  // parked requests by direction, oldest first: reads, writes
-    Request *Tail[2];
-};
-
-}  // namespace
-
 struct EpollState {
     int SetFd;
-    uint32_t WatchLimit;
-    Watch *Watches;               // by descriptor; grows, never shrinks
-    uint32_t Parked;              // requests in watches
+    uint32_t Parked;              // requests in streams
     uint32_t CallsWaited;         // reaps since the set was last asked
     std::atomic<uint32_t> Tasks;  // Io.Tasks: 1 while Parked is not 0
 };
@@ -48,48 +33,31 @@ constexpr uint64_t kWakeTag = UINT64_MAX;
 constexpr uint32_t kAskCalls = 16;
 constexpr int kEventsAtOnce = 64;
 
-int DirectionOf(const Request *request) {
-    return request->Call.Kind == RequestKind::kRead ? 0 : 1;
-}
-
 void CountParked(EpollState *state, int by) {
     state->Parked += static_cast<uint32_t>(by);
     state->Tasks.store(state->Parked != 0, std::memory_order_relaxed);
 }
 
-// The watch of an object, entered in the set if need be; null without memory.
-Watch *WatchOf(EpollState *state, const IoObject *object) {
-    const uint32_t index = static_cast<uint32_t>(object->Fd);
-    if (index >= state->WatchLimit) {
-        uint32_t limit = state->WatchLimit == 0 ? 64 : state->WatchLimit;
-        while (limit <= index) limit *= 2;
-        Watch *grown = static_cast<Watch *>(realloc(state->Watches, limit * sizeof(Watch)));
-        if (grown == nullptr) return nullptr;
-        memset(static_cast<void *>(grown + state->WatchLimit), 0, (limit - state->WatchLimit) * sizeof(Watch));
-        state->Watches = grown;
-        state->WatchLimit = limit;
-    }
-    Watch *watch = &state->Watches[index];
-    if (watch->Serial == object->Serial) return watch;
-    // Another object had this number. Its requests have ended, or it would still hold the number; and the set forgot
-    // it when it was closed.
-    *watch = Watch{};
-    watch->Serial = object->Serial;
+epoll_event EventOf(const IoObject *object) {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
-    event.data.u64 = static_cast<uint64_t>(object->Serial) << 32 | index;
+    event.data.u64 = static_cast<uint64_t>(object->Serial) << 32 | static_cast<uint32_t>(object->Fd);
+    return event;
+}
+
+// Enters the object in the set. The set forgot what had the number before when that was closed.
+void Watch(EpollState *state, Stream *stream, const IoObject *object) {
+    epoll_event event = EventOf(object);
     int result = epoll_ctl(state->SetFd, EPOLL_CTL_ADD, object->Fd, &event);
     // Still there under its old name when a child process kept the descriptor open.
     if (result != 0 && errno == EEXIST) result = epoll_ctl(state->SetFd, EPOLL_CTL_MOD, object->Fd, &event);
-    watch->Refused = result != 0;
-    return watch;
+    stream->Watched = true;
+    stream->Refused = result != 0;
 }
 
 // Makes the kernel report the descriptor once more if it is ready.
 void AskAgain(EpollState *state, const IoObject *object) {
-    epoll_event event{};
-    event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
-    event.data.u64 = static_cast<uint64_t>(object->Serial) << 32 | static_cast<uint32_t>(object->Fd);
+    epoll_event event = EventOf(object);
     epoll_ctl(state->SetFd, EPOLL_CTL_MOD, object->Fd, &event);
 }
 
@@ -106,28 +74,12 @@ bool Attempt(Request *request) {
     }
 }
 
-void Park(EpollState *state, Watch *watch, Request *request) {
-    const int direction = DirectionOf(request);
-    request->Stage.store(RequestStage::kParked, std::memory_order_relaxed);
-    request->QueueNext = nullptr;
-    if (watch->Tail[direction] != nullptr)
-        watch->Tail[direction]->QueueNext = request;
-    else
-        watch->Head[direction] = request;
-    watch->Tail[direction] = request;
-    CountParked(state, 1);
-}
-
 // An edge: tries the parked requests of one direction in their order until one would block.
-void TryParked(Engine *engine, uint32_t index, int direction) {
-    EpollState *state = engine->Epoll;
-    // Ending a request may enlarge the array of watches, so nothing of it is kept over that.
-    while (Request *request = state->Watches[index].Head[direction]) {
+void TryParked(Engine *engine, uint32_t index, uint32_t direction) {
+    // Ending a request may enlarge the table of streams, so nothing of it is kept over that.
+    while (Request *request = engine->Streams[index].Head[direction]) {
         if (!Attempt(request)) return;
-        Watch *watch = &state->Watches[index];
-        watch->Head[direction] = request->QueueNext;
-        if (request->QueueNext == nullptr) watch->Tail[direction] = nullptr;
-        CountParked(state, -1);
+        CountParked(engine->Epoll, -1);
         EndRequest(engine, request);
     }
 }
@@ -143,7 +95,7 @@ bool Ask(Engine *engine, int ms) {
         // The eventfd is edge-triggered too: every write is reported, and its count is of no interest.
         if (tag == kWakeTag) continue;
         const uint32_t index = static_cast<uint32_t>(tag);
-        if (state->Watches[index].Serial != tag >> 32) continue;
+        if (engine->Streams[index].Serial != tag >> 32) continue;
         const uint32_t seen = events[i].events;
         if ((seen & (EPOLLIN | EPOLLHUP | EPOLLERR | EPOLLRDHUP)) != 0) TryParked(engine, index, 0);
         if ((seen & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0) TryParked(engine, index, 1);
@@ -167,7 +119,6 @@ bool EpollOpen(Engine *engine) {
         close(state->SetFd);
         return false;
     }
-    if (state->WatchLimit != 0) memset(static_cast<void *>(state->Watches), 0, state->WatchLimit * sizeof(Watch));
     state->Parked = state->CallsWaited = 0;
     state->Tasks.store(0, std::memory_order_relaxed);
     engine->Io.Tail = &engine->DoneCount;
@@ -184,38 +135,31 @@ void EpollClose(Engine *engine) {
 bool EpollStart(Engine *engine, Request *request) {
     EpollState *state = engine->Epoll;
     const IoObject *object = request->Call.Target;
-    if (object->Pollable) {
-        Watch *watch = WatchOf(state, object);
-        if (watch == nullptr) {
-            request->Status = StatusOfError(ERROR_NOT_ENOUGH_MEMORY);
-            return true;
-        }
-        if (!watch->Refused) {
-            // Not past those that wait already, and not at once when the caller shall wait.
-            const bool first = watch->Head[DirectionOf(request)] == nullptr;
-            if (first && !request->Call.Later && Attempt(request)) return true;
-            Park(state, watch, request);
-            if (request->Call.Later) AskAgain(state, object);
-            return false;
-        }
+    Stream *stream = object->Pollable ? StreamOf(engine, object) : nullptr;
+    if (stream == nullptr && object->Pollable) {
+        request->Status = StatusOfError(ERROR_NOT_ENOUGH_MEMORY);
+        return true;
     }
-    PoolSubmit(request);
+    if (stream != nullptr && !stream->Watched) Watch(state, stream, object);
+    if (stream == nullptr || stream->Refused) {
+        PoolSubmit(request);
+        return false;
+    }
+    // Not past those that wait already, and not at once when the caller shall wait.
+    const bool first = stream->Head[DirectionOf(request->Call.Kind)] == nullptr;
+    if (first && !request->Call.Later && Attempt(request)) return true;
+    AppendToStream(stream, request);
+    request->Stage.store(RequestStage::kParked, std::memory_order_relaxed);
+    CountParked(state, 1);
+    if (first && request->Call.Later) AskAgain(state, object);
     return false;
 }
 
 void EpollCancel(Engine *engine, Request *request) {
-    if (request->Stage.load(std::memory_order_relaxed) == RequestStage::kParked) {
-        EpollState *state = engine->Epoll;
-        Watch *watch = &state->Watches[request->Call.Target->Fd];
-        const int direction = DirectionOf(request);
-        Request *before = nullptr;
-        for (Request *at = watch->Head[direction]; at != request; at = at->QueueNext) before = at;
-        if (before != nullptr)
-            before->QueueNext = request->QueueNext;
-        else
-            watch->Head[direction] = request->QueueNext;
-        if (request->QueueNext == nullptr) watch->Tail[direction] = before;
-        CountParked(state, -1);
+    if (request->InStream) {
+        // Those behind it wait for the same readiness that it did not find.
+        RemoveFromStream(engine, request);
+        CountParked(engine->Epoll, -1);
     } else if (!PoolWithdraw(request)) {
         return;  // a file thread has it: it ends with what the call gives, or between two calls
     }
@@ -239,7 +183,7 @@ bool EpollWait(Engine *engine, int64_t ns) {
 
 }  // namespace
 
-constexpr EngineOps kEpollOps{"epoll",     EpollOpen, EpollClose,  EpollStart,
+constexpr EngineOps kEpollOps{"epoll",     EpollOpen, EpollClose,  EpollStart, nullptr,
                               EpollCancel, EpollReap, EpollSubmit, EpollWait};
 
 }  // namespace os

@@ -174,7 +174,8 @@ void RingClose(Engine *engine) {
     io_uring_queue_exit(&engine->Ring->Ring);
 }
 
-bool RingStart(Engine *engine, Request *request) {
+// Prepares the entry of the request's next step.
+void Prepare(Engine *engine, Request *request) {
     const IoCall &call = request->Call;
     if (engine->Io.Unsubmitted == 0) engine->Ring->CallsWaited = 0;
     io_uring_sqe *entry = NextEntry(engine);
@@ -190,23 +191,47 @@ bool RingStart(Engine *engine, Request *request) {
     entry->user_data = reinterpret_cast<uint64_t>(request);
     request->Entry = engine->Ring->Ring.sq.sqe_tail - 1;
     request->Stage.store(RequestStage::kPrepared, std::memory_order_relaxed);
+}
+
+bool RingStart(Engine *engine, Request *request) {
+    if (!request->Call.Target->Seekable && !request->InStream) {
+        Stream *stream = StreamOf(engine, request->Call.Target);
+        if (stream == nullptr) {
+            request->Status = StatusOfError(ERROR_NOT_ENOUGH_MEMORY);
+            return true;
+        }
+        if (!AppendToStream(stream, request)) {
+            request->Stage.store(RequestStage::kParked, std::memory_order_relaxed);
+            return false;
+        }
+    }
+    Prepare(engine, request);
     return false;
+}
+
+void RingStartNext(Engine *engine, Request *request) {
+    // One that was cancelled while it waited is on its way through the ring already.
+    if (request->Stage.load(std::memory_order_relaxed) == RequestStage::kParked) Prepare(engine, request);
 }
 
 void RingCancel(Engine *engine, Request *request) {
     io_uring *ring = &engine->Ring->Ring;
     const uint32_t consumed = io_uring_smp_load_acquire(ring->sq.khead);
-    if (static_cast<int32_t>(request->Entry - consumed) >= 0) {
-        // The kernel has not seen it: make it an empty operation, whose completion ends the request.
-        io_uring_sqe *entry = &ring->sq.sqes[request->Entry & ring->sq.ring_mask];
-        io_uring_prep_nop(entry);
-        entry->user_data = reinterpret_cast<uint64_t>(request);
-        request->Stage.store(RequestStage::kEnded, std::memory_order_relaxed);
+    io_uring_sqe *entry;
+    if (request->Stage.load(std::memory_order_relaxed) == RequestStage::kParked) {
+        entry = NextEntry(engine);
+    } else if (static_cast<int32_t>(request->Entry - consumed) >= 0) {
+        entry = &ring->sq.sqes[request->Entry & ring->sq.ring_mask];
+    } else {
+        entry = NextEntry(engine);
+        io_uring_prep_cancel64(entry, reinterpret_cast<uint64_t>(request), 0);
+        entry->user_data = kIgnored;
         return;
     }
-    io_uring_sqe *entry = NextEntry(engine);
-    io_uring_prep_cancel64(entry, reinterpret_cast<uint64_t>(request), 0);
-    entry->user_data = kIgnored;
+    // The kernel has not seen it: an empty operation takes its place, and the completion of that ends the request.
+    io_uring_prep_nop(entry);
+    entry->user_data = reinterpret_cast<uint64_t>(request);
+    request->Stage.store(RequestStage::kEnded, std::memory_order_relaxed);
 }
 
 void RingReap(Engine *engine) {
@@ -249,6 +274,7 @@ bool RingsAllowed() {
     return result == 0;
 }
 
-constexpr EngineOps kRingOps{"io_uring", RingOpen, RingClose, RingStart, RingCancel, RingReap, RingSubmit, RingWait};
+constexpr EngineOps kRingOps{"io_uring", RingOpen, RingClose,  RingStart, RingStartNext,
+                             RingCancel, RingReap, RingSubmit, RingWait};
 
 }  // namespace os
