@@ -17,6 +17,7 @@ namespace zvx {
 
 namespace {
 
+std::atomic<uintptr_t> sSuspendSerial{0};  // names each request to suspend; never 0
 constexpr DWORD kSuspendFailed = 0xFFFFFFFF;
 constexpr uint32_t kMostSuspends = 127;
 constexpr size_t kPassThroughStack = 0x100000;
@@ -156,15 +157,15 @@ void HurryMessages(Fiber *C, Scheduler *TS) {
 }
 
 // May yield. False when the thread has ended before there was a scheduler to send to.
-bool SendAbout(Fiber *C, const Target &target, uint8_t kind, DWORD exitCode) {
+bool SendAbout(Fiber *C, const Target &target, uint8_t kind, uintptr_t second, uintptr_t third = 0) {
     Scheduler *TS = HomeOf(target);
     if (TS == nullptr) return false;
     FIBER_MESSAGE *msg = AllocMessage(SchedOf(C), TS, kind);
     msg->Count = 1;
     msg->Generation = target.Generation;
     msg->One.Target = target.Thread;
-    msg->One.ExitCode = exitCode;
-    msg->One.Routine = nullptr;
+    msg->One.ExitCode = second;
+    msg->One.Routine = reinterpret_cast<void *>(third);
     SendMessage(TS, msg);
     HurryMessages(C, TS);
     return true;
@@ -314,10 +315,10 @@ DWORD SuspendThread(HANDLE thread) {
         os::SetLastError(0xFFFFFFFF);
         return kSuspendFailed;
     }
-    const uint32_t requests = target.Thread->SuspendRequests.load(std::memory_order_acquire);
-    if (IsSame(target) && SendAbout(C, target, MSG_SUSPEND, 0)) {
+    const uintptr_t request = sSuspendSerial.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (IsSame(target) && SendAbout(C, target, MSG_SUSPEND, reinterpret_cast<uintptr_t>(C), request)) {
         // Counted means stopped: the thread does not run again before it is resumed.
-        while (target.Thread->SuspendRequests.load(std::memory_order_acquire) == requests && IsSame(target)) Sleep(1);
+        while (C->SuspendAnswer.load(std::memory_order_acquire) != request && IsSame(target)) Sleep(1);
     }
     if (IsSame(target)) return previous;
     StaleHandle();

@@ -50,6 +50,7 @@ static void ResetFiber(Fiber *F, Scheduler *S) {
     F->TlsCaptured.store(0, std::memory_order_relaxed);
     F->RoutinePending.store(0, std::memory_order_relaxed);
     F->SuspendRequests.store(0, std::memory_order_relaxed);
+    F->SuspendAnswer.store(0, std::memory_order_relaxed);
     F->LastRunStamp = 0;
     F->LastError = 0;
     F->ShellSerial = serial;

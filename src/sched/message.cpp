@@ -17,6 +17,7 @@ FIBER_MESSAGE *AllocMessage(Scheduler *from, Scheduler *to, uint8_t kind) {
     msg->Kind = kind;
     msg->Count = 0;
     msg->Generation = 0;
+    msg->One = {nullptr, 0, nullptr};
     return msg;
 }
 
@@ -89,10 +90,18 @@ static bool PassedOn(Scheduler *S, FIBER_MESSAGE *msg) {
 
 // While a routine is pending the count of before is put aside in ExecSave; what arrives meanwhile raises the
 // visible one and is added to the other when the routine has finished.
-static void ProcessSuspend(Fiber *F) {
+//
+// The sender waits for the answer to its own request: with two senders, a count of requests alone would let one
+// return before its request was handled, and its resume would then find nothing to take back. The answer goes to
+// the sender's record, which is never freed, and names the request, so that a record that was reused meanwhile
+// takes no harm.
+static void ProcessSuspend(Fiber *F, const FIBER_MESSAGE *msg) {
     uint32_t count = F->SuspendCount.load(std::memory_order_relaxed);
     if (count < 127) F->SuspendCount.store(count + 1, std::memory_order_release);
     F->SuspendRequests.fetch_add(1, std::memory_order_release);
+    auto *sender = reinterpret_cast<Fiber *>(msg->One.ExitCode);
+    if (sender != nullptr)
+        sender->SuspendAnswer.store(reinterpret_cast<uintptr_t>(msg->One.Routine), std::memory_order_release);
 }
 
 static bool ProcessResume(Scheduler *S, Fiber *F) {
@@ -151,7 +160,7 @@ bool ProcessMessage(Scheduler *S, FIBER_MESSAGE *msg) {
             if (Generation(F) != msg->Generation) break;
             if (PassedOn(S, msg)) return false;
             if (msg->Kind == MSG_SUSPEND) {
-                ProcessSuspend(F);
+                ProcessSuspend(F, msg);
             } else if (msg->Kind == MSG_RESUME) {
                 woke = ProcessResume(S, F);
             } else if (msg->Kind == MSG_TERMINATE) {

@@ -169,8 +169,8 @@ struct FIBER_MESSAGE {
         Fiber *Fibers[16];  // kinds 1 and 2
         struct {
             Fiber *Target;
-            uintptr_t ExitCode;  // kind 5
-            void *Routine;       // kind 6
+            uintptr_t ExitCode;  // kind 5; kind 3: the Fiber that waits for the answer, or 0
+            void *Routine;       // kind 6; kind 3: what to store in its SuspendAnswer
         } One;
     };
     uint32_t Generations[16];  // kind 1: each target's generation when it was named
@@ -269,6 +269,7 @@ struct alignas(64) Fiber {
     std::atomic<uint32_t> TlsCaptured;    // atomic: FIBER_TLS_CAPTURED or 0, stored by capture and end
     std::atomic<uint32_t> SuspendRequests;  // atomic: owner counts, SuspendThread waits for a change
     std::atomic<uint32_t> RoutinePending;   // atomic: owner mirrors FIBER_EXEC_PENDING, ResumeThread reads
+    std::atomic<uintptr_t> SuspendAnswer;   // atomic: the request of this thread that was handled last
     std::atomic<const char *> Tag;        // atomic: owner writes, dumps and the overflow report read
     FIBEROVERLAPPED OwnOvs[3];            // ordinary I/O; I/O of an injected routine; I/O of an exit
     void *TlsValues[os::kTlsSlots];       // owner: slots 0 to 63; installed by pointer while the fiber runs

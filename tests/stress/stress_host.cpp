@@ -166,9 +166,10 @@ void CreateAndTerminate(std::mt19937_64 &rng) {
 }
 
 // Suspends and resumes another worker; its handle may go stale at any moment, which must be an error, no more.
+// Only ones of a lower number: two that suspend each other would wait for ever, in any system.
 void TroubleNeighbour(std::mt19937_64 &rng, uint32_t self) {
-    uint32_t victim = static_cast<uint32_t>(rng() % gOptions.Workers);
-    if (victim == self) return;
+    if (self == 0) return;
+    uint32_t victim = static_cast<uint32_t>(rng() % self);
     HANDLE thread = gSlots[victim].Thread.load();
     if (thread == nullptr) return;
     DWORD previous = SuspendThread(thread);
@@ -236,7 +237,14 @@ void Spawn(uint32_t i) {
 
 void Reap(uint32_t i) {
     HANDLE thread = gSlots[i].Thread.exchange(nullptr);
-    if (WaitForSingleObject(thread, 60000) != WAIT_OBJECT_0) Fail("worker did not end", i);
+    if (WaitForSingleObject(thread, 60000) != WAIT_OBJECT_0) {
+        const PSEHAND *entry = LookUpHandle(thread);
+        const Fiber *F = entry != nullptr ? entry->OwnerFiber : nullptr;
+        if (F == nullptr) Fail("worker did not end and has no entry", i);
+        std::fprintf(stderr, "worker %u: state %u flags x%X suspends %u generation %u/%u sched %u\n", i, F->State,
+                     F->Flags, F->SuspendCount.load(), Generation(F), entry->OwnerGeneration, SchedOf(F)->Index);
+        Fail("worker did not end", i);
+    }
     CloseHandle(thread);
 }
 
