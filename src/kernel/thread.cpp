@@ -107,8 +107,10 @@ Scheduler *ChooseScheduler(uint32_t mask) {
     return best != nullptr ? best : gSchedulers[0];
 }
 
-// Whatever is out of memory without saying so has said it now.
+// A record with a stack. Those that have ended on this scheduler are taken back first: it may have been too busy to
+// do so, and their stacks are both at hand and in the cache. Whatever is out of memory without saying so has said it.
 Fiber *AllocFiberOrSayWhy(Scheduler *S, uint8_t node) {
+    FreeExitedFibers(S);
     const DWORD before = os::GetLastError();
     os::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     Fiber *F = AllocFiberShell(S, node);
