@@ -180,6 +180,12 @@ TEST(KernelThread, ASuspendedWaiterTakesNothing) {
     os::CloseHandle(event);
 }
 
+void TakeSlotAndStack() {
+    os::TlsFree(os::TlsAlloc());
+    os::DeleteFiber(os::CreateFiber(
+        65536, [](void *) {}, nullptr));
+}
+
 // A thread stopped while it holds a lock of the platform would block the one who stopped it.
 TEST(KernelThread, SuspendedThreadsHoldNoPlatformLock) {
     const unsigned seed = 515;
@@ -197,6 +203,7 @@ TEST(KernelThread, SuspendedThreadsHoldNoPlatformLock) {
             os::ResumeThread(backing);
             os::ResumeThread(backing);
             os::CloseHandle(backing);
+            TakeSlotAndStack();
         }
         return 0u;
     };
@@ -210,6 +217,7 @@ TEST(KernelThread, SuspendedThreadsHoldNoPlatformLock) {
         ASSERT_EQ(os::WaitForMultipleObjects(2, both, TRUE, INFINITE), WAIT_OBJECT_0);
         os::ReleaseMutex(shared);
         os::CloseHandle(event);
+        TakeSlotAndStack();
         ASSERT_EQ(os::ResumeThread(target), 1u);
         for (unsigned spin = Draw(random, 3000); spin > 0; spin--) os::CpuRelax();
     }
