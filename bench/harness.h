@@ -119,10 +119,15 @@ inline void Report(const Options &options, const std::string &name, uint64_t ite
     std::fflush(stdout);
 }
 
+// Processor time of the whole process so far, in seconds, user and system.
+inline double ProcessorSeconds() {
+    return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
+}
+
 // `body(n)` does n operations and returns the nanoseconds they took. Finds n, warms up, repeats, reports.
 template <typename Body>
 void Measure(const Options &options, const std::string &name, Body body, uint64_t first = 64,
-             uint64_t most = uint64_t{1} << 40) {
+             uint64_t most = uint64_t{1} << 40, bool wholeBody = true) {
     const double wanted = options.RepetitionMs * 1e6;
     uint64_t n = first;
     bool sure = false;
@@ -139,8 +144,18 @@ void Measure(const Options &options, const std::string &name, Body body, uint64_
         sure = false;
     }
     std::vector<double> samples;
-    for (uint32_t i = 0; i < options.Repetitions; ++i) samples.push_back(body(n) / static_cast<double>(n));
-    Report(options, name, n, samples);
+    std::vector<double> cpu;
+    for (uint32_t i = 0; i < options.Repetitions; ++i) {
+        const double before = ProcessorSeconds();
+        const double took = body(n);
+        cpu.push_back((ProcessorSeconds() - before) * 1e9 / static_cast<double>(n));
+        samples.push_back(took / static_cast<double>(n));
+    }
+    // Where everything between start and end was measured, the processor time says the same without the other
+    // programs of the machine.
+    Extras extras;
+    if (wholeBody) extras.push_back({"cpu_ns", Median(cpu)});
+    Report(options, name, n, samples, "ns", "lower", extras);
 }
 
 // Kilobytes (or the count) behind `field` in the status file of this process; 0 when there is none.
@@ -155,11 +170,6 @@ inline double StatusValue(const char *field) {
     }
     std::fclose(file);
     return value;
-}
-
-// Processor time of the whole process so far, in seconds, user and system.
-inline double ProcessorSeconds() {
-    return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
 }
 
 // A small generator, so that every program reads the same places in the same order.

@@ -56,12 +56,14 @@ class Series:
         self.unit = line["unit"]
         self.better = line["better"]
         self.rounds = {}
-        self.low = []
+        self.cpu = {}
         self.extras = {}
 
     def add(self, line):
-        self.rounds[line.get("round", len(self.rounds))] = line["median"]
-        self.low.append(line["min"])
+        number_of_round = line.get("round", len(self.rounds))
+        self.rounds[number_of_round] = line["median"]
+        if "cpu_ns" in line:
+            self.cpu[number_of_round] = line["cpu_ns"]
         for key in ("p90", "p99", "cpu_us_per_read"):
             if key in line:
                 self.extras.setdefault(key, []).append(line[key])
@@ -96,14 +98,14 @@ def number(value):
     return f"{value:.3g}"
 
 
-def ratios(ours, peer):
-    """Ours against the peer, turned so that above 1 is a loss; one a round that has both."""
+def ratios(ours, peers, better):
+    """Ours against the peer's, turned so that above 1 is a loss; one a round that has both."""
     result = []
-    for key, value in ours.rounds.items():
-        if key not in peer.rounds:
+    for key, value in ours.items():
+        if key not in peers:
             continue
-        other = peer.rounds[key]
-        above, below = (value, other) if ours.better == "lower" else (other, value)
+        other = peers[key]
+        above, below = (value, other) if better == "lower" else (other, value)
         if above <= 0 or below <= 0:
             continue  # a sleep cannot be early; a difference of memory may vanish
         result.append(above / below)
@@ -134,24 +136,26 @@ def table(name):
         if title != section:
             section = title
             print(f"\n{title}\n")
-            print("| case | unit | ours | deviation | peer | its median | ratio (range of rounds) | |")
-            print("|---|---|---|---|---|---|---|---|")
+            print("| case | unit | ours | deviation | peer | its median | ratio (range of rounds) | by processor time | |")
+            print("|---|---|---|---|---|---|---|---|---|")
         if ours is None:
-            print(f"| {ours_name} | | missing | | | | | |")
+            print(f"| {ours_name} | | missing | | | | | | |")
             missing += 1
             continue
         own = f"{number(ours.median())} | {number(ours.deviation())}"
         for key, values in ours.extras.items():
             own = own.replace(" |", f" ({key} {number(statistics.median(values))}) |", 1)
         if not peers:
-            print(f"| {ours_name} | {ours.unit} | {own} | - | - | - | |")
+            print(f"| {ours_name} | {ours.unit} | {own} | - | - | - | - | |")
         for impl in peers:
             peer = series[(peer_name, impl)]
-            text, word = verdict(ratios(ours, peer))
+            text, word = verdict(ratios(ours.rounds, peer.rounds, ours.better))
+            by_cpu = ratios(ours.cpu, peer.cpu, "lower")
+            cpu = f"{statistics.median(by_cpu):.2f}" if by_cpu else "-"
             if impl.startswith("bare switch"):
                 word = "floor"
             lost += word.startswith("lost")
-            print(f"| {ours_name} | {ours.unit} | {own} | {impl} | {number(peer.median())} | {text} | {word} |")
+            print(f"| {ours_name} | {ours.unit} | {own} | {impl} | {number(peer.median())} | {text} | {cpu} | {word} |")
     print(f"\n{lost} rows lost, {missing} missing.")
 
 

@@ -109,7 +109,7 @@ double WaitOnEnded(uint64_t n) {
 }
 
 void WaitEndedCase() {
-    Measure(gOptions, "wait_ended", WaitOnEnded, gOptions.Threads * 4, gOptions.Threads * 400);
+    Measure(gOptions, "wait_ended", WaitOnEnded, gOptions.Threads * 4, gOptions.Threads * 400, false);
 }
 
 // ---- Sleep -------------------------------------------------------------------------------------------

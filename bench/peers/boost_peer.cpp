@@ -72,7 +72,7 @@ void WaitEndedCase() {
             }
             return took * static_cast<double>(n) / static_cast<double>(done);
         },
-        gOptions.Threads * 4, gOptions.Threads * 400);
+        gOptions.Threads * 4, gOptions.Threads * 400, false);
 }
 
 void ParkMany(uint32_t from, uint32_t to) {

@@ -12,6 +12,7 @@ import (
 	"strconv"
 	"strings"
 	"sync"
+	"syscall"
 	"time"
 )
 
@@ -33,7 +34,7 @@ func median(samples []float64) float64 {
 	return (sorted[n/2-1] + sorted[n/2]) / 2
 }
 
-func report(name string, iterations int64, samples []float64, unit string) {
+func report(name string, iterations int64, samples []float64, unit, extra string) {
 	low, high := math.Inf(1), math.Inf(-1)
 	middle := median(samples)
 	var away []float64
@@ -42,8 +43,8 @@ func report(name string, iterations int64, samples []float64, unit string) {
 		away = append(away, math.Abs(s-middle))
 	}
 	fmt.Printf("{\"name\":%q,\"impl\":%q,\"backend\":\"\",\"schedulers\":1,\"iterations\":%d,\"repetitions\":%d,"+
-		"\"unit\":%q,\"better\":\"lower\",\"median\":%.4g,\"deviation\":%.3g,\"min\":%.4g,\"max\":%.4g}\n",
-		name, *implementation, iterations, len(samples), unit, middle, median(away), low, high)
+		"\"unit\":%q,\"better\":\"lower\",\"median\":%.4g,\"deviation\":%.3g,\"min\":%.4g,\"max\":%.4g%s}\n",
+		name, *implementation, iterations, len(samples), unit, middle, median(away), low, high, extra)
 }
 
 // The same search for the number of iterations as the other programs have.
@@ -58,11 +59,22 @@ func measure(name string, first int64, body func(n int64) float64) {
 		grow := math.Min(16, math.Max(1.3, wanted*1.2/math.Max(took, 1)))
 		n = int64(float64(n)*grow) + 1
 	}
-	var samples []float64
+	var samples, cpu []float64
 	for i := 0; i < *repetitions; i++ {
-		samples = append(samples, body(n)/float64(n))
+		before := processorNs()
+		took := body(n)
+		cpu = append(cpu, (processorNs()-before)/float64(n))
+		samples = append(samples, took/float64(n))
 	}
-	report(name, n, samples, "ns")
+	report(name, n, samples, "ns", fmt.Sprintf(",\"cpu_ns\":%.4g", median(cpu)))
+}
+
+func processorNs() float64 {
+	var used syscall.Rusage
+	if syscall.Getrusage(syscall.RUSAGE_SELF, &used) != nil {
+		return 0
+	}
+	return float64(used.Utime.Nano() + used.Stime.Nano())
 }
 
 func status(field string) float64 {
@@ -130,9 +142,9 @@ func main() {
 		resident, tables := status("VmRSS"), status("VmPTE")
 		park(count - 1000)
 		more := float64(count - 1000)
-		report("park/resident", count, []float64{(status("VmRSS") - resident) / more}, "KiB")
-		report("park/page_tables", count, []float64{(status("VmPTE") - tables) / more}, "KiB")
-		report("park/kernel_threads", count, []float64{status("Threads")}, "threads")
+		report("park/resident", count, []float64{(status("VmRSS") - resident) / more}, "KiB", "")
+		report("park/page_tables", count, []float64{(status("VmPTE") - tables) / more}, "KiB", "")
+		report("park/kernel_threads", count, []float64{status("Threads")}, "threads", "")
 	default:
 		flag.Usage()
 		os.Exit(2)

@@ -136,7 +136,7 @@ void WaitEndedCase() {
             }
             return took * static_cast<double>(n) / static_cast<double>(done);
         },
-        gOptions.Threads * 4, gOptions.Threads * 20);
+        gOptions.Threads * 4, gOptions.Threads * 20, false);
 }
 
 void *Park(void *) {
