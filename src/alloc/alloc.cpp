@@ -85,7 +85,7 @@ void *PopChunk(Scheduler *sched, uint8_t node) {
 
 // Owner: a plain addition; the dump reads the word from another thread, hence the atomic accesses.
 void CountChunk(const AllocType *type, Scheduler *sched, int32_t change) {
-    std::atomic_ref<int32_t> count(sched->ChunkTypeCount[type->Id]);
+    std::atomic<int32_t> &count = sched->ChunkTypeCount[type->Id];
     count.store(count.load(std::memory_order_relaxed) + change, std::memory_order_relaxed);
 }
 
@@ -105,6 +105,8 @@ void RefillCache(Scheduler *sched, uint8_t node) {
     if (taken != 0) return;
     auto *block = static_cast<char *>(KVTAlloc(kCutBytes, node, true, sched->CurPriority, sched->AffinityMask));
     if (block == nullptr) FatalExit("allocator: ran out of memory\n");
+    // Somebody asked for bytes in a size that is no multiple of 16: records would lie across their words.
+    ZVX_CHECK(reinterpret_cast<uintptr_t>(block) % 16 == 0);
     for (uint32_t at = 0; at + gChunkSize <= kCutBytes; at += gChunkSize) PushChunk(sched, node, block + at);
 }
 
@@ -188,7 +190,7 @@ void KVTAllocDebugInfo() {
         int32_t chunks = 0;
         for (Scheduler *sched : gSchedulers) {
             if (sched == nullptr) continue;
-            chunks += std::atomic_ref<int32_t>(sched->ChunkTypeCount[type.Id]).load(std::memory_order_relaxed);
+            chunks += sched->ChunkTypeCount[type.Id].load(std::memory_order_relaxed);
         }
         TraceLog(false, true, false, "Chunks of type %s = %u k bytes\n", type.Name,
                  static_cast<uint32_t>(chunks) * gChunkSize / 1024);

@@ -384,7 +384,7 @@ struct alignas(64) Scheduler {
     uint32_t RetireSnapshot[kMaxSchedulers];
     uint32_t ChunkCacheCount[kMaxNodes];
     void *ChunkCache[kMaxNodes][kChunkCacheSlots];
-    int32_t ChunkTypeCount[8];     // owner: chunks in use by allocation type, allocated here minus freed here
+    std::atomic<int32_t> ChunkTypeCount[8];  // atomic: owner writes, the dump sums; by type, allocated minus freed here
     // -- start-up and diagnostics
     LPTHREAD_START_ROUTINE MainRoutine;  // init: last static scheduler only
     void *MainParam;
