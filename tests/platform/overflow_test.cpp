@@ -5,7 +5,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include <regex>
+#include <algorithm>
+#include <string>
 
 #include "child.h"
 #include "platform/base/fiber_internal.h"
@@ -38,6 +39,8 @@ void RunFiber(void (*start)(void *), const char *tag, size_t stack) {
     SwitchToFiber(CurrentThreadBlock(), fiber);
 }
 
+volatile uintptr_t gWild = 8;  // an address that nothing is mapped at
+
 constexpr size_t kFactor =
 #if defined(ZVX_ASAN) || defined(ZVX_TSAN)
     4;
@@ -45,9 +48,13 @@ constexpr size_t kFactor =
     1;
 #endif
 
-std::string Line(const char *who, size_t bytes) {
-    return std::string("zvxkvt: stack overflow in ") + who + " \\(stack of " + std::to_string(bytes) +
-           " bytes at 0x[0-9a-f]+\\)\n";
+// The text is exactly that line; the address at its end is any.
+bool IsReport(const std::string &text, const char *who, size_t bytes) {
+    const std::string before =
+        std::string("zvxkvt: stack overflow in ") + who + " (stack of " + std::to_string(bytes) + " bytes at 0x";
+    if (text.compare(0, before.size(), before) != 0) return false;
+    const size_t after = text.find_first_not_of("0123456789abcdef", before.size());
+    return after > before.size() && text.substr(after) == ")\n";
 }
 
 }  // namespace
@@ -55,13 +62,11 @@ std::string Line(const char *who, size_t bytes) {
 TEST(Overflow, IsReportedWithTheTagOnceAndKillsBySignal) {
     const ChildResult tagged = RunChild([] { RunFiber(OverflowFiber, "SHAD", 131072); });
     EXPECT_EQ(tagged.Signal, SIGSEGV);
-    EXPECT_TRUE(std::regex_match(tagged.Output, std::regex(Line("user thread SHAD", 131072 * kFactor))))
-        << tagged.Output;
+    EXPECT_TRUE(IsReport(tagged.Output, "user thread SHAD", 131072 * kFactor)) << tagged.Output;
 
     const ChildResult untagged = RunChild([] { RunFiber(OverflowFiber, "", 16384); });
     EXPECT_EQ(untagged.Signal, SIGSEGV);
-    EXPECT_TRUE(std::regex_match(untagged.Output, std::regex(Line("user thread without a tag", 16384 * kFactor))))
-        << untagged.Output;
+    EXPECT_TRUE(IsReport(untagged.Output, "user thread without a tag", 16384 * kFactor)) << untagged.Output;
 
     // The old kind of guard.
     const ChildResult old = RunChild([] {
@@ -69,7 +74,7 @@ TEST(Overflow, IsReportedWithTheTagOnceAndKillsBySignal) {
         RunFiber(OverflowFiber, "DBW0", 1 << 20);
     });
     EXPECT_EQ(old.Signal, SIGSEGV);
-    EXPECT_TRUE(std::regex_match(old.Output, std::regex(Line("user thread DBW0", (1 << 20) * kFactor)))) << old.Output;
+    EXPECT_TRUE(IsReport(old.Output, "user thread DBW0", (1 << 20) * kFactor)) << old.Output;
 }
 
 // A frame whose lowest bytes are touched first steps over part of the guard.
@@ -104,14 +109,14 @@ TEST(Overflow, AKernelThreadThatIsNoFiberIsReportedByItsIdentifier) {
         pthread_join(thread, nullptr);
     });
     EXPECT_EQ(result.Signal, SIGSEGV);
-    EXPECT_TRUE(std::regex_search(result.Output, std::regex("in kernel thread [0-9]+ \\(stack of [0-9]+ bytes")))
-        << result.Output;
+    EXPECT_EQ(result.Output.find("zvxkvt: stack overflow in kernel thread "), 0u) << result.Output;
+    EXPECT_EQ(std::count(result.Output.begin(), result.Output.end(), '\n'), 1) << result.Output;
 }
 
 TEST(Overflow, OtherFaultsTakeTheirOwnCourse) {
     // No handler before ours: the plain death of a wild pointer, without a word.
     const ChildResult wild =
-        RunChild([] { RunFiber([](void *) { *reinterpret_cast<volatile int *>(8) = 1; }, "SHAD", 65536); });
+        RunChild([] { RunFiber([](void *) { *reinterpret_cast<volatile int *>(gWild) = 1; }, "SHAD", 65536); });
     EXPECT_EQ(wild.Output.find("zvxkvt"), std::string::npos) << wild.Output;
 #if !defined(ZVX_ASAN) && !defined(ZVX_TSAN)
     EXPECT_EQ(wild.Signal, SIGSEGV);
@@ -135,10 +140,10 @@ TEST(Overflow, OtherFaultsTakeTheirOwnCourse) {
         struct sigaction action = {};
         action.sa_flags = SA_SIGINFO;
         action.sa_sigaction = [](int, siginfo_t *info, void *) {
-            _exit(info->si_addr == reinterpret_cast<void *>(8) ? 33 : 34);
+            _exit(info->si_addr == reinterpret_cast<void *>(gWild) ? 33 : 34);
         };
         sigaction(SIGSEGV, &action, nullptr);
-        RunFiber([](void *) { *reinterpret_cast<volatile int *>(8) = 1; }, "SHAD", 65536);
+        RunFiber([](void *) { *reinterpret_cast<volatile int *>(gWild) = 1; }, "SHAD", 65536);
     });
     EXPECT_EQ(chained.ExitCode, 33) << chained.Output;
 }

@@ -161,7 +161,7 @@ void SwitchToFiber(ThreadBlock *block, FiberContext *to) {
     __sanitizer_start_switch_fiber(&from->FakeStack, to->StackLow, static_cast<size_t>(to->StackHigh - to->StackLow));
 #endif
 #if defined(ZVX_TSAN)
-    __tsan_switch_fiber(to->RaceFiber, 0);
+    __tsan_switch_to_fiber(to->RaceFiber, 0);
 #endif
     zvx_switch_stack(&from->StackPointer, to->StackPointer);
 #if defined(ZVX_ASAN)

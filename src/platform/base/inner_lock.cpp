@@ -20,7 +20,8 @@ constinit thread_local InnerRegion tRegion{};
 
 }  // namespace
 
-[[gnu::noinline]] InnerRegion *CurrentInnerRegion() {
+ZVX_THREAD_ACCESSOR InnerRegion *CurrentInnerRegion() {
+    asm volatile("");
     return &tRegion;
 }
 
