@@ -397,7 +397,7 @@ TEST(Alloc, SharedListsUnderThreads) {
                     chunks.push_back(chunk);
                 }
                 if (round % 8 == 0) {
-                    void *block = KVTAlloc(static_cast<uint32_t>(1000 + random() % 1000), 0, false, 0, 0xF);
+                    void *block = KVTAlloc(static_cast<uint32_t>(1008 + random() % 64 * 16), 0, false, 0, 0xF);
                     std::memset(block, t, 1000);
                     KVTFree(block, 0);
                 }
