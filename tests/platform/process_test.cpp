@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "child.h"
+#include "platform/base/fiber_internal.h"
 #include "platform/base/module.h"
 #include "platform/os.h"
 
@@ -35,7 +36,7 @@ TEST(Module, FilesAreLoadedAndThePlatformsOwnAreAnswered) {
     ASSERT_NE(dumps, nullptr);
     EXPECT_NE(dumps, own);
     // A function of the C library is no function of the system that is asked for here.
-    EXPECT_EQ(GetProcAddress(own, "printf"), nullptr);
+    EXPECT_EQ(GetProcAddress(own, "getservbyport"), nullptr);
     ProvideProcedure("dbghelp.dll", "Provided", [] { return intptr_t{5}; });
     ASSERT_NE(GetProcAddress(dumps, "Provided"), nullptr);
     EXPECT_EQ(GetProcAddress(dumps, "Provided")(), 5);
@@ -82,6 +83,9 @@ TEST(Process, ExitFlushesWhatIsFreeAndWaitsForNoLock) {
     EXPECT_EQ(plain.ExitCode, 7);
     EXPECT_EQ(plain.Output, "buffered direct at the end");
 
+#if defined(ZVX_TSAN)
+    GTEST_SKIP() << "the sanitizer itself flushes the streams when a process ends, and waits for their locks";
+#endif
     const ChildResult locked = RunChild([] {
         std::thread holder([] {
             flockfile(stdout);
@@ -93,11 +97,12 @@ TEST(Process, ExitFlushesWhatIsFreeAndWaitsForNoLock) {
         alarm(10);
         ExitProcess(9);
     });
-    EXPECT_EQ(locked.ExitCode, 9);
+    EXPECT_EQ(locked.ExitCode, 9) << "signal " << locked.Signal;
     EXPECT_EQ(locked.Output, "out");
 }
 
 TEST(Process, KernelThreadsAreCounted) {
+    std::thread([] {}).join();  // a sanitizer starts a thread of its own with the first
     const uint32_t before = KernelThreadCount();
     EXPECT_GE(before, 1u);
     std::thread other([] { usleep(300000); });

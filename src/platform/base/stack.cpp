@@ -40,7 +40,7 @@ constexpr int kMadvGuardInstall = 102;
 constexpr size_t kGuardPages = 4;
 
 // Stack tops are moved down by 0 to 31 cache lines. Tops at the same offset in their page meet in the same few sets of
-// the first-level cache (bench/fiber_switch_bench, EPYC of 2025: 10.3 ns a switch among 1000 fibers against 8.5; 16
+// the first-level cache (bench/platform_bench, EPYC of 2025: 10.3 ns a switch among 1000 fibers against 8.5; 16
 // colours cost the same, and 64 gain nothing). More than half a page would cost parked fibers a second page too often.
 constexpr uint32_t kColours = 32;
 
