@@ -77,6 +77,7 @@ void *Yielder(void *counter) {
 
 // The kernel need not go round in a circle, so every thread counts for itself.
 void YieldCase() {
+    if (gOptions.Threads > 1000) Fail("so many runnable kernel threads stop the machine", gOptions.Threads);
     std::vector<Counter> counters(gOptions.Threads);
     for (auto &counter : counters) Create(Yielder, &counter, 64 * 1024, ProcessorNumber(0));
     const auto sum = [&] {
