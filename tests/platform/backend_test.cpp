@@ -52,6 +52,20 @@ TEST(Backend, OneThreadWithoutARing) {
     os::FailCall("io_uring_setup", 1, ERROR_NOT_ENOUGH_MEMORY);
     ReadPending();
     EXPECT_EQ(os::CurrentThreadBlock()->Io->TaskMask, 1u) << "the ring was not refused";
+    // The descriptor was opened for rings, which wait in the kernel; this thread must not.
+    Scratch fifo("nonblocking");
+    fifo.Fifo();
+    const HANDLE port = NewPort(), pipe = fifo.Open();
+    char byte = 0;
+    OVERLAPPED get{}, put{};
+    ASSERT_FALSE(os::ReadFile(pipe, &byte, 1, nullptr, &get));
+    if (!os::WriteFile(pipe, "n", 1, nullptr, &put)) {
+        EXPECT_EQ(STATUS_SUCCESS, Await(port, &put));
+    }
+    EXPECT_EQ(STATUS_SUCCESS, Await(port, &get));
+    EXPECT_EQ('n', byte);
+    os::CloseHandle(pipe);
+    os::CloseHandle(port);
 }
 
 TEST(Backend, FailPointsReachTheirFunctions) {

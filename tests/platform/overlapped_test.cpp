@@ -89,7 +89,7 @@ TEST(Overlapped, ManyDirectReadsAllEnd) {
 // A host that never enters the port sees its operation end, because asking for the status reaps and submits.
 TEST(Overlapped, SpinningOnTheStatusWordIsEnough) {
     Scratch file("spin");
-    file.Fill(65536).Name;
+    file.Fill(65536);
     Scratch fifo("spinfifo");
     fifo.Fifo();
     const HANDLE port = NewPort(), handle = file.Open(FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING);

@@ -125,9 +125,7 @@ DWORD Describe(FileObject *file, int openFlags) {
     const int flags = fcntl(file->Fd, F_GETFL);
     file->Direct = (flags & O_DIRECT) != 0;
     if (file->EndIsBreak && file->CanWrite) IgnoreBrokenPipes();
-    // The epoll back end tries such descriptors before it waits for them; rings and blocking calls want to wait.
-    const bool keepNonBlocking = file->Pollable && file->Overlapped && Backend() == &kEpollOps;
-    if (!keepNonBlocking && fcntl(file->Fd, F_SETFL, flags & ~O_NONBLOCK) != 0) return ErrorOfErrno(errno);
+    if (fcntl(file->Fd, F_SETFL, flags & ~O_NONBLOCK) != 0) return ErrorOfErrno(errno);
     // Past the cache "would it block?" is always yes, and a synchronous write always waits.
     file->NowaitRead.store(file->Regular && !file->Direct, std::memory_order_relaxed);
     file->NowaitWrite.store(file->Regular && !file->Direct && (openFlags & O_DSYNC) == 0, std::memory_order_relaxed);

@@ -76,6 +76,8 @@ constexpr uint32_t kOpIsMessage = 0x40000000u;  // the link of a Message, not an
 
 // ---- Operations --------------------------------------------------------------------------------------
 
+// A new kind needs its entry in Prepare (io_uring.cpp), its call in Attempt (io_epoll.cpp), its direction below and its
+// line in AccountTransfer; everything else is the same for all.
 enum class RequestKind : uint8_t { kRead, kWrite, kLock };
 
 // A completion routine that waits for its operation; from the heap, freed after it ran or was dropped.

@@ -10,6 +10,7 @@
 // file threads have pushed, and one that is set while requests are parked: readiness has no word in memory, so the
 // owner must come here to ask.
 #include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
 #include <unistd.h>
@@ -47,6 +48,10 @@ epoll_event EventOf(const IoObject *object) {
 
 // Enters the object in the set. The set forgot what had the number before when that was closed.
 void Watch(EpollState *state, Stream *stream, const IoObject *object) {
+    // From now on it is tried before it is waited for. Only overlapped handles come here, so no blocking call is hurt,
+    // and a ring of another thread waits for such a descriptor all the same.
+    const int flags = fcntl(object->Fd, F_GETFL);
+    if ((flags & O_NONBLOCK) == 0) fcntl(object->Fd, F_SETFL, flags | O_NONBLOCK);
     epoll_event event = EventOf(object);
     int result = epoll_ctl(state->SetFd, EPOLL_CTL_ADD, object->Fd, &event);
     // Still there under its old name when a child process kept the descriptor open.

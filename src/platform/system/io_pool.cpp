@@ -15,8 +15,8 @@ namespace os {
 
 namespace {
 
-// A disk serves more than one request at a time, but the files of one disk gain little beyond this (8 KiB random
-// reads, see the bench of the ports), and each thread costs 256 KiB of address space.
+// Enough to keep a disk busy with random reads (16 kept up with 64 on a ring, 8 KiB direct); each costs 256 KiB of
+// address space.
 constexpr uint32_t kMaxThreads = 16;
 
 InnerLock gLock;

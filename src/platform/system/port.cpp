@@ -56,6 +56,7 @@ void PortHandlesGone(Object *object) {
 
 void PortDestroy(Object *object) {
     PortObject *port = static_cast<PortObject *>(object);
+    // Only a port whose owner ended still has packets; their records may be gone with it, so they are not looked at.
     port->Head = port->Tail = nullptr;
     FreeObject(&gPortPool, port);
 }
