@@ -98,6 +98,20 @@ TEST(KernelThread, EndsByReturnOrByExitFromAnyDepth) {
     EXPECT_EQ(JoinForCode(thread), 259u);
 }
 
+TEST(KernelThread, EndsFromAFiberToo) {
+    Body body = []() -> DWORD {
+        gTlsGuard.Used = 1;
+        int data = 0;
+        os::ConvertThreadToFiber(&data);
+        os::FiberContext *fiber = os::CreateFiber(
+            65536, [](void *) { os::ExitThread(78); }, &data);
+        os::SwitchToFiber(os::CurrentThreadBlock(), fiber);
+        return 1;
+    };
+    EXPECT_EQ(JoinForCode(Start(body)), 78u);
+    EXPECT_EQ(gTlsGone, 1);
+}
+
 TEST(KernelThread, AStackThatCannotBeMappedIsRefusedCleanly) {
     Body never = [] { return 0u; };
     EXPECT_EQ(os::CreateThread(nullptr, size_t{1} << 46, RunBody, &never, 0, nullptr), nullptr);

@@ -171,6 +171,20 @@ void SwitchToFiber(ThreadBlock *block, FiberContext *to) {
 #endif
 }
 
+void LeaveFibersByJump(ThreadLocals *locals) {
+    FiberContext *own = locals->Converted;
+    if (own == nullptr || locals->Block.Current == own) return;
+    locals->Block.Current = own;
+    locals->Block.FiberData = own->Data;
+#if defined(ZVX_ASAN)
+    __sanitizer_start_switch_fiber(nullptr, own->StackLow, static_cast<size_t>(own->StackHigh - own->StackLow));
+    __sanitizer_finish_switch_fiber(own->FakeStack, nullptr, nullptr);
+#endif
+#if defined(ZVX_TSAN)
+    __tsan_switch_to_fiber(own->RaceFiber, 0);
+#endif
+}
+
 void DeleteFiber(FiberContext *fiber) {
     if (fiber->SizeClass == kConvertedThread) {
         // The calling thread's own: it is a plain thread again. Another thread's context is that thread's to free,

@@ -82,6 +82,8 @@ const ThreadBlock *PeekThreadBlock();
 // fiber.cpp and overflow.cpp, at the end of a kernel thread.
 void FreeConvertedContext(ThreadLocals *locals);
 void DisarmSignalStack(ThreadLocals *locals);
+// fiber.cpp: the calling thread is about to jump from whatever fiber it runs to its own stack, for good.
+void LeaveFibersByJump(ThreadLocals *locals);
 
 }  // namespace os
 

@@ -31,6 +31,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "platform/base/fiber_internal.h"
 #include "platform/base/futex.h"
 #include "platform/base/inner_lock.h"
 #include "platform/base/object_pool.h"
@@ -90,29 +91,20 @@ ZVX_THREAD_ACCESSOR void SetSelf(KernelThread *thread) {
 constexpr uint64_t kLongSleepNs = 3600ull * 1000000000u;
 constexpr size_t kDefaultStack = 1024 * 1024;
 constexpr size_t kLeastStack = 64 * 1024;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t kStackFactor = 4;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#if defined(ZVX_ASAN) || defined(ZVX_TSAN)
 constexpr size_t kStackFactor = 4;
 #else
 constexpr size_t kStackFactor = 1;
 #endif
-#else
-constexpr size_t kStackFactor = 1;
-#endif
-// The host's own system calls must not fail because a thread was suspended in them. ThreadSanitizer delivers
-// the signal only after the call, so there the call has to come back.
-#if defined(__SANITIZE_THREAD__)
+// The host's own system calls must not fail because a thread was suspended in them, and one signal is enough.
+// ThreadSanitizer delivers a signal only after the call, so there the call has to come back, and it loses one
+// that arrives while it makes a fiber.
+#if defined(ZVX_TSAN)
 constexpr int kRestart = 0;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-constexpr int kRestart = 0;
+constexpr uint64_t kResendNs = 20 * 1000000u;
 #else
 constexpr int kRestart = SA_RESTART;
-#endif
-#else
-constexpr int kRestart = SA_RESTART;
+constexpr uint64_t kResendNs = kLongSleepNs;
 #endif
 
 int StopSignal() {
@@ -211,6 +203,7 @@ bool AtSystemCall(const ucontext_t *context) {
 
 [[noreturn]] void JumpToBase(KernelThread *thread) {
     thread->Jumps.store(false, std::memory_order_relaxed);
+    LeaveFibersByJump(CurrentThreadLocals());
     longjmp(thread->Base, 1);
 }
 
@@ -351,7 +344,10 @@ DWORD SuspendKernelThread(ThreadObject *object) {
         uint32_t word = thread->StopWord.load(std::memory_order_seq_cst);
         if ((word & 1) != 0 || thread->SuspendCount.load(std::memory_order_seq_cst) == 0) return previous;
         if (thread->Ended.load(std::memory_order_seq_cst)) return previous;
-        FutexWait(&thread->StopWord, word, MonotonicNs() + kLongSleepNs);
+        if (!FutexWait(&thread->StopWord, word, MonotonicNs() + kResendNs)) {
+            InnerGuard guard(&thread->Lock);
+            if (thread->Tid != 0) InterruptLocked(thread);
+        }
     }
 }
 
