@@ -21,8 +21,9 @@ constinit thread_local InnerRegion tRegion{};
 }  // namespace
 
 ZVX_THREAD_ACCESSOR InnerRegion *CurrentInnerRegion() {
-    asm volatile("");
-    return &tRegion;
+    InnerRegion *region = &tRegion;
+    asm volatile("" : "+r"(region));  // clang's link-time optimiser takes the address for a constant
+    return region;
 }
 
 void EnterInnerRegion() {

@@ -116,14 +116,18 @@ inline ThreadLocals *Locals() {
 
 }  // namespace
 
+// The address goes through an asm statement: link-time optimisation of clang takes the address of a thread-local
+// for a constant, and hands constant results to callers even of functions that it may not inline.
 ZVX_THREAD_ACCESSOR ThreadBlock *CurrentThreadBlock() {
-    asm volatile("");
-    return &Locals()->Block;
+    ThreadBlock *block = &Locals()->Block;
+    asm volatile("" : "+r"(block));
+    return block;
 }
 
 ZVX_THREAD_ACCESSOR ThreadLocals *CurrentThreadLocals() {
-    asm volatile("");
-    return Locals();
+    ThreadLocals *locals = Locals();
+    asm volatile("" : "+r"(locals));
+    return locals;
 }
 
 ZVX_THREAD_ACCESSOR void *GetFiberData() {
@@ -143,8 +147,9 @@ ZVX_THREAD_ACCESSOR void SetLastError(DWORD error) {
 
 // The overflow report runs in a signal handler, where completing a record is not allowed: whatever is there, as it is.
 ZVX_THREAD_ACCESSOR const ThreadBlock *PeekThreadBlock() {
-    asm volatile("");
-    return &gStorage.Locals.Block;
+    const ThreadBlock *block = &gStorage.Locals.Block;
+    asm volatile("" : "+r"(block));
+    return block;
 }
 
 void AddThreadExitHook(ThreadExitHook hook) {
