@@ -31,8 +31,9 @@ struct OwnedMutexes {
 constinit thread_local OwnedMutexes tOwned{};
 
 ZVX_THREAD_ACCESSOR OwnedMutexes *CurrentLists() {
-    asm volatile("");
-    return &tOwned;
+    OwnedMutexes *lists = &tOwned;
+    asm volatile("" : "+r"(lists));  // else link-time optimisation may hand the address to callers as a constant
+    return lists;
 }
 
 void OwnLocked(MutexObject *mutex, uint64_t who, MutexObject **owned) {
