@@ -37,14 +37,6 @@ TEST(Backend, RefusedRingsAreReplaced) {
     ReadPending();
 }
 
-TEST(Backend, RefusedProbeIsReported) {
-    setenv("ZVXKVT_IO", "nonsense", 1);
-    os::FailCall("io_uring_setup", 1, ERROR_ACCESS_DENIED);
-    EXPECT_STREQ("epoll", os::IoBackendName());
-    EXPECT_STRNE("", os::IoBackendNote());
-    EXPECT_EQ(nullptr, strstr(os::IoBackendNote(), "ZVXKVT_IO"));
-}
-
 // Rings are allowed, but this thread's cannot be had (locked memory, descriptors): it gets the other kind.
 TEST(Backend, OneThreadWithoutARing) {
     unsetenv("ZVXKVT_IO");
@@ -65,22 +57,6 @@ TEST(Backend, OneThreadWithoutARing) {
     EXPECT_EQ(STATUS_SUCCESS, Await(port, &get));
     EXPECT_EQ('n', byte);
     os::CloseHandle(pipe);
-    os::CloseHandle(port);
-}
-
-TEST(Backend, FailPointsReachTheirFunctions) {
-    Scratch file("points");
-    file.Fill(4096);
-    os::FailCall("CreateFileA", 1, ERROR_TOO_MANY_OPEN_FILES);
-    EXPECT_EQ(INVALID_HANDLE_VALUE,
-              os::CreateFileA(file.Name.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    EXPECT_EQ(ERROR_TOO_MANY_OPEN_FILES, os::GetLastError());
-    os::FailCall("CreateIoCompletionPort", 2, ERROR_ACCESS_DENIED);
-    const HANDLE port = NewPort(), handle = file.Open();
-    EXPECT_EQ(nullptr, os::CreateIoCompletionPort(handle, port, 0, 0));
-    EXPECT_EQ(ERROR_ACCESS_DENIED, os::GetLastError());
-    EXPECT_EQ(port, os::CreateIoCompletionPort(handle, port, 0, 0));
-    os::CloseHandle(handle);
     os::CloseHandle(port);
 }
 

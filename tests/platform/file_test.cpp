@@ -1,6 +1,4 @@
 // Files: opening by disposition, names, positions, sizes, moving and deleting, and synchronous transfers.
-#include <sys/wait.h>
-
 #include <thread>
 
 #include "io_support.h"
@@ -240,23 +238,4 @@ TEST(File, OpeningAFifoNeverWaits) {
     EXPECT_FALSE(os::ReadFile(reader, buffer, 10, &got, nullptr));
     EXPECT_EQ(ERROR_BROKEN_PIPE, os::GetLastError());
     os::CloseHandle(reader);
-}
-
-// No descriptor outlives its handle, and none is inherited.
-TEST(File, DescriptorsAreNotLeaked) {
-    Scratch file("leak");
-    file.Fill(100);
-    const int before = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    close(before);
-    const HANDLE kept = file.Open();
-    for (int i = 0; i < 200; i++) {
-        const HANDLE handle = file.Open(i % 2 == 0 ? FILE_FLAG_OVERLAPPED : 0);
-        EXPECT_EQ(ERROR_ACCESS_DENIED, Open(".", GENERIC_READ, OPEN_EXISTING).Error);
-        os::CloseHandle(handle);
-    }
-    const int after = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    EXPECT_EQ(before + 1, after);
-    EXPECT_NE(0, fcntl(before, F_GETFD) & FD_CLOEXEC);
-    close(after);
-    os::CloseHandle(kept);
 }

@@ -372,7 +372,7 @@ TEST(Overlapped, PlainThreadsAreServed) {
     OVERLAPPED first{}, second{};
     second.Offset = 65000;
     ASSERT_TRUE(os::ReadFileEx(direct, pages.Data, 4096, &first, NoteRoutine));
-    ASSERT_TRUE(os::ReadFileEx(handle, pages.Data, 4096, &second, NoteRoutine));
+    ASSERT_TRUE(os::ReadFileEx(handle, pages.Data + 4096, 4096, &second, NoteRoutine));
     ASSERT_FALSE(os::ReadFileEx(handle, pages.Data, 4096, &second, nullptr));
     os::Sleep(50);
     EXPECT_TRUE(tRoutines.empty());
