@@ -118,7 +118,7 @@ def verdict(found):
         return "-", "-"
     middle = statistics.median(found)
     text = f"{middle:.2f} ({found[0]:.2f}-{found[-1]:.2f})"
-    word = "won" if middle < 1 else "lost"
+    word = "won" if middle < 1 else "lost" if middle > 1 else "even"
     if len(found) > 1 and found[0] < 1 < found[-1]:
         word += ", not resolved"
     return text, word
