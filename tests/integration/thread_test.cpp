@@ -13,6 +13,14 @@ namespace {
 
 class Thread : public HostTest {};
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+constexpr bool kSanitized = false;
+#endif
+
 uint64_t Time(const FILETIME &time) {
     return uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime;
 }
@@ -305,9 +313,7 @@ TEST_P(Thread, BurstsSpreadEvenly) {
 
 // Out of address space a creation fails with its reason; what runs goes on, and creations work again afterwards.
 TEST_P(Thread, LimitsAreReported) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "sanitizers reserve address space of their own";
-#endif
+    if (kSanitized) GTEST_SKIP() << "sanitizers reserve address space of their own";
     EXPECT_HOST_OK(RunHost(Options(), [] {
         const HANDLE release = CreateEventA(nullptr, TRUE, FALSE, nullptr);
         FILE *statm = fopen("/proc/self/statm", "r");

@@ -84,7 +84,6 @@ TEST_P(Wait, ManyObjectsAnyAndAll) {
         SetEvent(events[1]);
         HOST_EQ(WAIT_TIMEOUT, WaitForMultipleObjects(3, events, TRUE, 20));
         HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(events[0], 0));
-        std::atomic<bool> early{false};
         HostThread all([&]() -> DWORD { return WaitForMultipleObjects(3, events, TRUE, INFINITE); });
         Sleep(20);
         SetEvent(events[2]);
