@@ -286,7 +286,8 @@ void ConsumeEnded(Scheduler *S, uint32_t pollList, bool deep) {
 bool PollOvLists(Scheduler *S, bool deep) {
     if (MessagesWaiting(S)) DrainMessages(S);
     if (IoWaiting(S)) HandOverEnded(S);
-    for (uint32_t i = 0; i < kPollLists; ++i) ConsumeEnded(S, i, deep);
+    if (deep || (S->Attention & kAttEnded) != 0)
+        for (uint32_t i = 0; i < kPollLists; ++i) ConsumeEnded(S, i, deep);
     return RunnableWork(S);
 }
 

@@ -55,10 +55,13 @@ static uint32_t PortWait(const Scheduler *S) {
 }
 
 void InitFiberRoutine(Scheduler *S) {
-    PollOvLists(S, false);
+    bool work = PollOvLists(S, false);
     S->IdleCalls++;
-    if (S->IdleCalls > 10000) ChkTimeForTimerQ(S);
-    if (RunnableWork(S)) return;
+    if (S->IdleCalls > 10000) [[unlikely]] {
+        ChkTimeForTimerQ(S);
+        work = RunnableWork(S);
+    }
+    if (work) return;
     ChkTimeForTimerQ(S);
     if (RunnableWork(S)) return;
     PollOvLists(S, true);

@@ -39,6 +39,8 @@ void MakeRunnable(Scheduler *S, Fiber *F, uint32_t queue) {
 }
 
 bool RunnableWork(const Scheduler *S) {
+    // The init fiber alone, or among yielded ones, is the common case of the idle pass.
+    if ((S->QueueMask & ~(1u << gORQ)) == 0) return S->RunQueues[gORQ].Count != S->BackgroundRunnable;
     uint32_t sum = S->ReadyList.Count + S->LatchSleepers.Count;
     for (const ListHead &queue : S->RunQueues) sum += queue.Count;
     return sum != S->BackgroundRunnable;

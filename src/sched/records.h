@@ -34,6 +34,7 @@ enum FiberFlag : uint32_t {
     FIBER_INFINITE_WAIT = 0x2000,   // RunLink is in InfiniteWaiters rather than TimedWaiters
     FIBER_EXEC_PENDING = 0x10000,   // an injected routine waits to run
     FIBER_EXEC_RUNNING = 0x20000,   // the injected routine is running
+    FIBER_POLLED_WAIT = 0x40000,    // the timed wait is a slice of a polled one and ends at the next timer check
 };
 // The slots of the backing thread were captured or restored. Kept in Fiber.TlsCaptured rather than in Flags,
 // because the thread that ends the backing thread need not be the owner; the value is the bit's.
@@ -295,6 +296,7 @@ constexpr uint32_t kMaskRunQueues = 0x3F;
 constexpr uint32_t kAttEndedHigh = 1u << kPollHigh;
 constexpr uint32_t kAttEndedFile = 1u << kPollFile;
 constexpr uint32_t kAttEndedSocket = 1u << kPollSocket;
+constexpr uint32_t kAttEnded = kAttEndedHigh | kAttEndedFile | kAttEndedSocket;
 constexpr uint32_t kAttNoPortCheck = 1u << 4;  // the yielding fiber left for good (exit, migration)
 
 // Scheduler: one per scheduler thread; gSchedulers[Index] leads to it.

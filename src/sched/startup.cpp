@@ -179,7 +179,6 @@ void InitSchedulerGlobals() {
 }
 
 static Scheduler *AllocScheduler(uint32_t n) {
-    if (n >= kMaxSchedulers) FatalExit("sizeof(SchedBitMaskId) too small");
     uint32_t mask = NextSchedulerMask();
     uint8_t node = NodeOfMask(mask);
     constexpr uint32_t kBytes = sizeof(Scheduler) + alignof(Scheduler);
@@ -250,6 +249,7 @@ void InitUserThreadScheduler(LPTHREAD_START_ROUTINE routine, void *param, const 
     if (AvoidCompletionEvent == nullptr || AvoidCompletionEvent == INVALID_HANDLE_VALUE)
         FatalExit("COULD NOT CREATE AVOID COMPLETION EVENT\n");
     // The debugger-event thread starts here.
+    if (gNumSchedulers >= kMaxSchedulers) FatalExit("sizeof(SchedBitMaskId) too small");
     for (uint32_t n = 0; n < gNumSchedulers; ++n) AllocScheduler(n);
     for (uint32_t n = 0; n < gNumSchedulers; ++n) {
         Scheduler *S = gSchedulers[n];

@@ -82,9 +82,17 @@ void FileTimedWaiter(Scheduler *S, Fiber *F) {
         F->Flags |= FIBER_INFINITE_WAIT;
         return;
     }
-    uint64_t now = os::GetTickCountUp();
-    F->WaitStartTick = static_cast<uint32_t>(now);
-    F->WaitDeadline = now + F->WaitTimeoutMs;
+    if (F->Flags & FIBER_POLLED_WAIT) {
+        // A slice of a polled wait ends at the next check, whenever that was to be, so that the condition is tested
+        // again within the interval and not within twice that.
+        F->Flags &= ~static_cast<uint32_t>(FIBER_POLLED_WAIT);  // a routine injected meanwhile waits for itself
+        F->WaitStartTick = os::GetTickCount();
+        F->WaitDeadline = S->LastTimerCheck + gTimerInterval;
+    } else {
+        uint64_t now = os::GetTickCountUp();
+        F->WaitStartTick = static_cast<uint32_t>(now);
+        F->WaitDeadline = now + F->WaitTimeoutMs;
+    }
     F->WaitSeq = S->WaitSeqNext++;
     AppendLink(&S->TimedWaiters, &F->RunLink);
     F->Flags &= ~static_cast<uint32_t>(FIBER_INFINITE_WAIT);
@@ -201,6 +209,7 @@ bool WaitWithPolling(Fiber *F, WaitTestFunc test, uintptr_t a1, uintptr_t a2, ui
         uint64_t start = os::GetTickCount64();
         F->WaitTimeoutMs = remaining < gTimerInterval ? remaining : gTimerInterval;
         if (F->Flags & FIBER_POLL_OWN_OVS) F->CurOv = GatherPollSet(F, 3, 0);
+        if (remaining >= gTimerInterval) F->Flags |= FIBER_POLLED_WAIT;
         SchedYield(F, Yield_TIMER_WAIT);
         if (remaining == INFINITE) {
             F->WaitTimeoutMs = INFINITE;

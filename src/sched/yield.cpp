@@ -253,7 +253,7 @@ void SchedYield(Fiber *F, uint32_t reason) {
             FileOtherReason(S, F, reason);
         }
 
-        if ((S->Attention & (kAttEndedHigh | kAttEndedFile | kAttEndedSocket)) || MessagesWaiting(S) || IoWaiting(S))
+        if ((S->Attention & kAttEnded) || MessagesWaiting(S) || IoWaiting(S))
             [[unlikely]]
             ReapWhatEnded(S);
         if (!NoPortCheck(S)) {

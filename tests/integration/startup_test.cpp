@@ -20,6 +20,10 @@ void PrintTo(const Refusal &refusal, std::ostream *out) {
 
 class StartUp : public testing::TestWithParam<Refusal> {};
 
+std::string NameOf(const testing::TestParamInfo<Refusal> &refusal) {
+    return refusal.param.Name;
+}
+
 void MustNotRun() {
     HOST_CHECK(!"the main routine ran");
 }
@@ -85,7 +89,7 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"SecondSchedulerThread", "CreateThread:2:8", {}, "Failed to spawn scheduler thread\n"},
         Refusal{"MainRoutine", "CreateBackingThread:1:8", {}, "Unable to allocate FMAIN fiber"},
         Refusal{"QuantumThread", "CreateThread:3:8", {}, "Unable to spawn FiberQuantumUpdateThread"}),
-    [](const auto &info) { return std::string(info.param.Name); });
+    NameOf);
 
 TEST(StartUpSlots, MoreSlotsThanFollowAThread) {
     const HostOptions options = With({});
@@ -117,7 +121,8 @@ TEST(StartUpSettings, SchedulersAtTheEdge) {
     for (auto [given, expected] : {std::pair{"0", 1u}, {"1", 1u}, {"17", 17u}, {"+3x", 3u}}) {
         HostOptions options;
         options.Settings.emplace_back("Schedulers", given);
-        EXPECT_HOST_OK(RunHost(options, [expected = expected] { HOST_EQ(expected, ZvxSchedulerCount()); })) << given;
+        const uint32_t wanted = expected;
+        EXPECT_HOST_OK(RunHost(options, [wanted] { HOST_EQ(wanted, ZvxSchedulerCount()); }));
     }
     HostOptions one;
     one.Settings.emplace_back("Schedulers", "none");

@@ -219,7 +219,8 @@ uint32_t SetThreadAffinityMask(HANDLE thread, uint32_t mask) {
     uint32_t inForce = ref.Thread->Kind->SetAffinity(ref.Thread, mask);
     if (inForce == 0) return 0;
     // A mask that was asked for is reported as it was given; before that, what was in force.
-    uint32_t old = ref.Thread->Affinity.exchange(mask, std::memory_order_relaxed);
+    // Processors that the process has lost since are no part of it: the caller may give the mask back later.
+    uint32_t old = ref.Thread->Affinity.exchange(mask, std::memory_order_relaxed) & all;
     return old != 0 ? old : inForce & all;
 }
 
