@@ -78,7 +78,7 @@ void MakeTree(const std::string &root) {
         std::string folder = root + "/d" + std::to_string(d % 4);
         mkdir(folder.c_str(), 0755);
         if (d >= 4) mkdir((folder += "/sub " + std::to_string(d)).c_str(), 0755);
-        for (size_t size : {0, 1, 15, 16, 17, 255, 4096, 32767, 32768, 32769, 65536, 100001}) {
+        for (size_t size : {0u, 1u, 15u, 16u, 17u, 255u, 4096u, 32767u, 32768u, 32769u, 65536u, 100001u}) {
             WriteRandom(folder + "/f" + std::to_string(size), size, seed++);
         }
     }
