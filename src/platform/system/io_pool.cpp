@@ -15,8 +15,8 @@ namespace os {
 
 namespace {
 
-// Enough to keep a disk busy with random reads (16 kept up with 64 on a ring, 8 KiB direct); each costs 256 KiB of
-// address space.
+// With 64 direct 8 KiB reads outstanding on two processors 16 threads gave 49,000 a second, 32 between 28,000 and
+// 55,000, 64 at most 35,000 (a ring: 76,000). Each costs 256 KiB of address space.
 constexpr uint32_t kMaxThreads = 16;
 
 InnerLock gLock;
