@@ -208,12 +208,8 @@ void ReadRunQueueOrder() {
     static const char *const filesFirst[] = {"HPRQ", "FRQ", "PRQ", "SRQ", "LPRQ", "ORQ"};
     uint32_t order = 0;
     const bool swapped = Number("RunQOrder", &order) && order == 1;
-    gHPRQ = 0;
     gPRQ = swapped ? 2 : 1;
     gFRQ = swapped ? 1 : 2;
-    gSRQ = 3;
-    gLPRQ = 4;
-    gORQ = 5;
     gRunQNames = swapped ? filesFirst : postsFirst;
     AppendInitialOutput("RunQ Order [%s]\n", swapped ? "F P S" : "P F S");
 }

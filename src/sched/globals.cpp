@@ -11,7 +11,7 @@ void *gProcessTls;
 std::atomic<uint32_t> gTlsHighWater;
 std::atomic<uint32_t> gQuantumTick;
 
-uint32_t gHPRQ = 0, gPRQ = 1, gFRQ = 2, gSRQ = 3, gLPRQ = 4, gORQ = 5;
+uint32_t gPRQ = 1, gFRQ = 2;
 static const char *const kDefaultQueueNames[] = {"HPRQ", "PRQ", "FRQ", "SRQ", "LPRQ", "ORQ"};
 const char *const *gRunQNames = kDefaultQueueNames;
 

@@ -54,18 +54,17 @@ static uint32_t PortWait(const Scheduler *S) {
     return nearest < gPortWaitMs ? nearest : gPortWaitMs;
 }
 
-void InitFiberRoutine(Scheduler *S) {
+bool InitFiberRoutine(Scheduler *S) {
     bool work = PollOvLists(S, false);
     S->IdleCalls++;
     if (S->IdleCalls > 10000) [[unlikely]] {
         ChkTimeForTimerQ(S);
         work = RunnableWork(S);
     }
-    if (work) return;
+    if (work) return false;
     ChkTimeForTimerQ(S);
-    if (RunnableWork(S)) return;
-    PollOvLists(S, true);
-    if (RunnableWork(S)) return;
+    if (RunnableWork(S)) return true;
+    if (PollOvLists(S, true)) return true;
 
     S->SelectPasses = 0;
     S->SwitchesSinceIdle = 0;
@@ -82,14 +81,15 @@ void InitFiberRoutine(Scheduler *S) {
     }
     uint32_t waiters = (S->HighPriPostWaiter != nullptr ? 1 : 0) + S->ShadowPostWaiters;
     if (lgwrActive && gNumContextSwitchesBeforePolling < kAlwaysPackets) {
-        if ((S->PolledCount != 0 || waiters != 0) && Spin(S, true, waiters)) return;
+        if ((S->PolledCount != 0 || waiters != 0) && Spin(S, true, waiters)) return true;
     } else if (S->PolledCount != 0) {
-        if (Spin(S, lgwrActive, 0)) return;
+        if (Spin(S, lgwrActive, 0)) return true;
     }
     FreeExitedFibers(S);
     ReleaseRetired(S);
     PollPort(S, PortWait(S));
     PollOvLists(S, false);
+    return true;
 }
 
 }  // namespace zvx

@@ -326,7 +326,6 @@ struct alignas(64) Scheduler {
     uint32_t LprqDelay;            // owner: passes still to wait before LPRQ is served
     uint32_t LastQueue;            // owner: index last taken from, or 6
     uint8_t LatchSkip;             // owner
-    uint8_t IdleInline;            // owner: the idle routine runs on a yielding fiber's stack
     uint8_t NumaNode;              // init
     ListHead ReadyList;
     ListHead LatchSleepers;
@@ -410,7 +409,10 @@ extern Fiber *gFirstShells[19];                 // the records with serials 1 to
 extern void *gProcessTls;                       // init: StaticTls of the thread that initialised the library
 extern std::atomic<uint32_t> gTlsHighWater;     // atomic: highest index TlsAlloc handed out
 extern std::atomic<uint32_t> gQuantumTick;      // atomic: advanced by the quantum thread
-extern uint32_t gHPRQ, gPRQ, gFRQ, gSRQ, gLPRQ, gORQ;  // init: run-queue indices
+// Run-queue indices. "RunQOrder" swaps the two that are variables; the others are known to the compiler, which
+// saves the switch path its loads.
+constexpr uint32_t gHPRQ = 0, gSRQ = 3, gLPRQ = 4, gORQ = 5;
+extern uint32_t gPRQ, gFRQ;                     // init
 extern const char *const *gRunQNames;           // init: names by index
 
 }  // namespace zvx

@@ -37,7 +37,8 @@ void UnlinkTimedWaiter(Scheduler *S, Fiber *F);  // from TimedWaiters or Infinit
 bool RunnableWork(const Scheduler *S);           // the sum of the runnable lists differs from BackgroundRunnable
 
 // ---- idle.cpp
-void InitFiberRoutine(Scheduler *S);
+// False when there was work at the first look; true when time passed that belongs to no fiber.
+bool InitFiberRoutine(Scheduler *S);
 
 // ---- completion.cpp: overlapped records, polling, the port
 FIBEROVERLAPPED *AllocOv(Fiber *F, PSEHAND *handleRec, uint32_t opArg);

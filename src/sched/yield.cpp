@@ -147,7 +147,7 @@ Fiber *TakeFromRunQueues(Scheduler *S, uint32_t mask) {
 }
 
 // One selection pass after another until a fiber may run. `ranIdle` tells that the idle routine ran on the
-// current stack, so that the time since the last reading of the cycle counter is nobody's.
+// current stack for more than a look, so that the time since the last reading of the cycle counter is nobody's.
 Fiber *SelectNext(Scheduler *S, bool *ranIdle) {
     for (;;) {
         S->SelectPasses++;
@@ -175,12 +175,9 @@ Fiber *SelectNext(Scheduler *S, bool *ranIdle) {
             // Running the idle routine here saves two switches. After an exit or a migration the switch must
             // be real, because this stack is about to go away.
             S->BackgroundRunnable--;
-            S->IdleInline++;
-            InitFiberRoutine(S);
-            S->IdleInline--;
+            *ranIdle |= InitFiberRoutine(S);
             S->BackgroundRunnable++;
-            AppendRunQueue(S, gORQ, N);
-            *ranIdle = true;
+            AppendMasked(S, &S->RunQueues[gORQ], 1u << gORQ, N);
             continue;
         }
         if (N->State == FSTATE_SCHED_YIELD && S->BackgroundRunnable != 0) S->BackgroundRunnable--;
@@ -194,20 +191,23 @@ Fiber *SelectNext(Scheduler *S, bool *ranIdle) {
     }
 }
 
-// Brings the record of the fiber two ahead into the cache while the next one runs: with thousands of user
-// threads each record was evicted since it last ran.
+// With thousands of user threads everything of one was evicted since it last ran, and each thing leads to the
+// next: the link to the record, the record to the context, the context to the stack. So they are fetched at
+// different distances: the record of the third in the queue, the context of the second, the stack of the first, each
+// through what an earlier switch has fetched already.
 inline void PrefetchAhead(Scheduler *S) {
     uint32_t mask = S->QueueMask;
     if (mask == 0) return;
     ListHead *list = (mask & kMaskReady) ? &S->ReadyList
-                                         : &S->RunQueues[static_cast<uint32_t>(__builtin_ctz(mask | (1u << 5)))];
-    ListLink *next = FirstLink(list);
-    if (next == &list->Ends) return;
-    // The next one's record was prefetched a switch ago; its context can be followed now.
-    os::PrefetchFiber(FiberOfRunLink(next)->OsFiber);
-    ListLink *after = next->Next;
-    __builtin_prefetch(after);
-    __builtin_prefetch(reinterpret_cast<char *>(after) + 64);
+                                         : &S->RunQueues[static_cast<uint32_t>(__builtin_ctz(mask | (1u << gORQ)))];
+    if (list->Count < 4) return;  // few enough to stay in the cache by themselves
+    ListLink *first = FirstLink(list);
+    os::PrefetchFiber(FiberOfRunLink(first)->OsFiber);
+    ListLink *second = first->Next;
+    __builtin_prefetch(FiberOfRunLink(second)->OsFiber, 1);
+    ListLink *third = second->Next;
+    __builtin_prefetch(third, 1);
+    __builtin_prefetch(reinterpret_cast<char *>(third) + 64, 1);
 }
 
 [[gnu::noinline]] Fiber *CallSwitchHook(Scheduler *S) { return static_cast<Fiber *>(S->SwitchHook()); }
@@ -248,7 +248,7 @@ void SchedYield(Fiber *F, uint32_t reason) {
 
         if (reason == Yield_USER) {
             F->State = FSTATE_YIELDED;
-            AppendRunQueue(S, gORQ, F);
+            AppendMasked(S, &S->RunQueues[gORQ], 1u << gORQ, F);
         } else {
             FileOtherReason(S, F, reason);
         }
@@ -269,7 +269,7 @@ void SchedYield(Fiber *F, uint32_t reason) {
         if (N == F) {
             S->Os->LastError = F->LastError;
             S->Os->InlineBudget = os::kInlineIoBudget;
-            StartCpuClock(S);
+            if (ranIdle) StartCpuClock(S);
         } else {
             if (ranIdle) StartCpuClock(S);
             SwitchTo(F, N);
