@@ -329,7 +329,9 @@ void PollPort(Scheduler *S, uint32_t waitMs) {
         // Before any packet is looked at: a record must not be in the platform's chain when it is used again.
         HandOverEnded(S);
         if (!got && overlapped == nullptr) {
-            if (error != WAIT_TIMEOUT || timeout == 0) return;
+            // A wait that ended with news may have left packets behind; one that ended without has not, and what
+            // comes in this moment is found before the next wait.
+            if (error != WAIT_TIMEOUT || timeout == 0 || !(S->Attention & kAttEnded)) return;
             timeout = 0;
             continue;
         }

@@ -85,10 +85,17 @@ bool InitFiberRoutine(Scheduler *S) {
     } else if (S->PolledCount != 0) {
         if (Spin(S, lgwrActive, 0)) return true;
     }
-    FreeExitedFibers(S);
-    ReleaseRetired(S);
-    PollPort(S, PortWait(S));
-    PollOvLists(S, false);
+    // Wait, and wait again for as long as nothing came that a pass through the selection would act on: after a
+    // millisecond's sleep every line of code is cold, and this is what an idle process pays for.
+    bool mayStay = S->PolledCount == 0 && (gNumContextSwitchesBeforePolling >= kAlwaysPackets || waiters == 0);
+    do {
+        FreeExitedFibers(S);
+        ReleaseRetired(S);
+        PollPort(S, PortWait(S));
+        S->QuantumStartTick.store(gQuantumTick.load(std::memory_order_relaxed), std::memory_order_relaxed);
+        if (PollOvLists(S, false) || S->BackgroundRunnable != 0) return true;
+        ChkTimeForTimerQ(S);
+    } while (mayStay && S->PolledCount == 0 && !RunnableWork(S));
     return true;
 }
 
