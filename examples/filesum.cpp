@@ -315,11 +315,11 @@ DWORD WINAPI Main(LPVOID) {
     }
     ListFiles();
     const uint32_t threads = StartUserThreads();
+    DWORD peak = ZvxKernelThreadCount();
     Leave();
     if (threads == 0 && !gJob.Files.empty()) return 1;
 
     Totals totals;
-    DWORD peak = 0;
     for (bool finished = false; !finished;) {
         finished = WaitForSingleObject(gJob.Finished, kProgressMs) == WAIT_OBJECT_0;
         const DWORD now = ZvxKernelThreadCount();

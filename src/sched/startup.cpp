@@ -115,6 +115,9 @@ static DWORD SchedulerThreadStart(void *scheduler) {
     CaptureTls(F);
     os::SetSlotArray(F->TlsValues);
     S->Port = os::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0);
+    // Without a port nothing that this scheduler starts would ever be seen to end: better no start than that.
+    if (S->Port == nullptr || S->Os->Io == nullptr)
+        FatalExit("Unable to create the port of scheduler %u E[%d]\n", S->Index, LastErrorNumber());
     S->Io = S->Os->Io;
     // With "LogToFile", scheduler 0 creates the "FLOG" fiber here, and sets up the ring log below.
     if (S->MainRoutine != nullptr) StartMainRoutine(S);
