@@ -1,5 +1,8 @@
 # tools/packages.sh - sourced by ./run and ./test: installs what a build needs, on Debian, when it is missing.
 
+# A second checkout in another folder finds what the first one compiled.
+export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=1
+
 zvx_say() { printf '== %s\n' "$*"; }
 
 # zvx_need PACKAGE... : asks dpkg first, so that a machine that has everything needs no network.

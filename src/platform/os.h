@@ -286,7 +286,8 @@ BOOL HasOverlappedIoCompleted(OVERLAPPED *overlapped);
 BOOL CancelIoEx(HANDLE file, OVERLAPPED *overlapped);
 BOOL CancelIo(HANDLE file);  // every operation of the calling thread on the handle
 // Asks for the end of each operation of the calling thread whose OVERLAPPED lies in [low, high); returns
-// how many are still outstanding. For a stack that is about to go away.
+// how many are still outstanding. For a stack that is about to go away; operations issued with an IoOp are not
+// looked at.
 uint32_t CancelIoInRange(const void *low, const void *high);
 
 // "io_uring" or "epoll": what was probed, or what the environment variable ZVXKVT_IO asked for.

@@ -353,7 +353,9 @@ BOOL CancelIo(HANDLE file) {
 
 uint32_t CancelIoInRange(const void *low, const void *high) {
     Engine *engine = CurrentEngine();
-    if (engine == nullptr || engine->Io.Outstanding == 0) return 0;
+    // Records of the library lie in no stack. With none of the host's own outstanding there is nothing to walk, so
+    // that the end of a thread costs the same however many others have operations running.
+    if (engine == nullptr || engine->HostOwned == 0) return 0;
     return CancelOwn(engine, nullptr, reinterpret_cast<uintptr_t>(low), reinterpret_cast<uintptr_t>(high));
 }
 

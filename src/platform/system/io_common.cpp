@@ -123,6 +123,8 @@ Request *AllocRequest(Engine *engine) {
 }
 
 void FreeRequest(Engine *engine, Request *request) {
+    if (request->HostOwned) engine->HostOwned--;
+    request->HostOwned = false;
     request->Prev->Next = request->Next;
     request->Next->Prev = request->Prev;
     request->Stage.store(RequestStage::kFree, std::memory_order_relaxed);
@@ -203,6 +205,8 @@ bool BeginRequest(Engine *engine, Request *request, const IoCall &call) {
     StoreBytes(call.Ov, request->Index);
     StoreStatus(call.Ov, STATUS_PENDING);
     request->Call = call;
+    request->HostOwned = call.Op == nullptr;
+    if (request->HostOwned) engine->HostOwned++;
     if (call.Kind == RequestKind::kLock)
         ParkLock(engine, request);
     else if (engine->Ops->Start(engine, request))

@@ -137,6 +137,7 @@ struct Request {
     // Written by whoever the stage before it names; a cancelling owner may look while a file thread writes.
     std::atomic<RequestStage> Stage{RequestStage::kFree};
     bool InStream = false;               // owner: in the queue of its stream
+    bool HostOwned = false;              // owner: issued without an IoOp; counted in the engine's HostOwned
     std::atomic<bool> Cancelled{false};  // owner sets it; the pool's thread reads it between two calls
 };
 
@@ -216,6 +217,7 @@ struct Engine {
     Request *FreeRequests = nullptr;
     Request **Chunks = nullptr;  // kMaxChunks pointers in reserved memory
     uint32_t ChunkCount = 0;
+    uint32_t HostOwned = 0;           // outstanding operations on the host's own OVERLAPPEDs
     uint32_t EndedWithoutPacket = 0;  // operations ended that queued no packet here; tells a wait to return
     Message *Spare = nullptr;         // free messages at hand
     Request *LockHead = nullptr;      // requests of kind kLock that wait, oldest first
