@@ -95,7 +95,7 @@ bool InitFiberRoutine(Scheduler *S) {
         S->QuantumStartTick.store(gQuantumTick.load(std::memory_order_relaxed), std::memory_order_relaxed);
         if (PollOvLists(S, false) || S->BackgroundRunnable != 0) return true;
         ChkTimeForTimerQ(S);
-    } while (mayStay && S->PolledCount == 0 && !RunnableWork(S));
+    } while (mayStay && S->PolledCount == 0 && !PollOvLists(S, true));
     return true;
 }
 
