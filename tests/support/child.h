@@ -1,4 +1,4 @@
-// tests/support/child.h - running a piece of a test in a child process, with its output caught.
+// tests/support/child.h - running a piece of a test in a child process, and the trace file that a test writes.
 //
 // For everything that ends the process: the exact text, the exit code and what is left behind are compared by the
 // parent. The child starts as a copy of the test's process and never returns into it.
@@ -14,7 +14,47 @@
 #include <iterator>
 #include <string>
 
+#include "diag/trace.h"
+
 namespace zvx::test {
+
+inline std::string ReadWhole(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// A fresh folder, removed with the object. One at a time in a process.
+struct Folder {
+    Folder() {
+        std::filesystem::remove_all(Path);
+        std::filesystem::create_directories(Path);
+    }
+    ~Folder() { std::filesystem::remove_all(Path); }
+    Folder(const Folder &) = delete;
+    Folder &operator=(const Folder &) = delete;
+
+    // The name of the only file; empty when there is not exactly one.
+    std::string OnlyFile() const {
+        std::string name;
+        for (const auto &entry : std::filesystem::directory_iterator(Path)) {
+            if (!name.empty()) return "";
+            name = entry.path().filename().string();
+        }
+        return name;
+    }
+    std::string Text() const { return ReadWhole(Path + "/" + OnlyFile()); }
+    // The text without the time stamps at the beginnings of its lines.
+    std::string Lines() const {
+        std::ifstream file(Path + "/" + OnlyFile());
+        std::string text;
+        for (std::string line; std::getline(file, line);) text += line.substr(line.find("] ") + 2) + "\n";
+        return text;
+    }
+
+    // Without a separator at its end.
+    const std::string Path =
+        (std::filesystem::temp_directory_path() / ("zvx_unit_" + std::to_string(getpid()))).string();
+};
 
 struct ChildResult {
     int ExitCode;        // -1 when a signal ended it
@@ -47,28 +87,33 @@ ChildResult RunChild(Body body) {
     return result;
 }
 
-// A fresh, empty directory for this test, without a separator at its end.
-inline std::string FreshDirectory(const std::string &name) {
-    const auto path = std::filesystem::temp_directory_path() / ("zvx_" + name + "_" + std::to_string(getpid()));
-    std::filesystem::remove_all(path);
-    std::filesystem::create_directories(path);
-    return path.string();
+// How FatalExit ended the process that ran body().
+struct Killed {
+    std::string
+        Output;  // on standard output, with "|" for each " (see <trace file>)\n"; after "N: " if N was the exit code
+    std::string Lines;  // of the trace file
+};
+
+template <typename Body>
+Killed Kill(Body body) {
+    const Folder folder;
+    const ChildResult child = RunChild([&] {
+        TraceInit(folder.Path.c_str());
+        body();
+    });
+    std::string output = child.ExitCode == 1 ? child.Output : std::to_string(child.ExitCode) + ": " + child.Output;
+    const std::string see = " (see " + folder.Path + "/" + folder.OnlyFile() + ")\n";
+    for (size_t at; (at = output.find(see)) != output.npos;) output.replace(at, see.size(), "|");
+    return {output, folder.Lines()};
 }
 
-// The only file of a directory: its name, empty when there is not exactly one.
-inline std::string OnlyFile(const std::string &directory) {
-    std::string name;
-    int files = 0;
-    for (const auto &entry : std::filesystem::directory_iterator(directory)) {
-        name = entry.path().filename().string();
-        files++;
-    }
-    return files == 1 ? name : "";
-}
-
-inline std::string ReadWhole(const std::string &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+// The message with which body() ends the process by FatalExit; how the child really ended when it does not.
+template <typename Body>
+std::string FatalTextOf(Body body) {
+    const std::string output = Kill(body).Output;
+    const std::string begin = "ZORVEX KILLED: ";
+    const bool whole = output.rfind(begin, 0) == 0 && output.find('|') == output.size() - 1;
+    return whole ? output.substr(begin.size(), output.size() - begin.size() - 1) : output;
 }
 
 }  // namespace zvx::test

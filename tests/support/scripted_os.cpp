@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 
 namespace os {
 
@@ -16,40 +15,33 @@ Script gScript;
 
 namespace {
 
-std::mutex gSleepsLock;
-
 // Reads of the cycle counter by one fiber since anything else happened. Foreign threads do not spin.
-struct SpinWatch {
-    const void *Spinner;
-    uint32_t Reads;
-    uint32_t Moved;  // milliseconds that the clocks were moved by for want of OnSpin
-};
-thread_local SpinWatch gSpin;
+thread_local const void *gSpinner;
+thread_local uint32_t gSpins;
 
 void CountSpin() {
     const void *fiber = GetFiberData();
-    if (fiber != gSpin.Spinner) gSpin = {fiber, 0, 0};
-    if (++gSpin.Reads <= 10 * gScript.SpinLimit) return;
-    gSpin.Reads = 0;
-    if (gScript.OnSpin) {
-        gScript.OnSpin();
-        return;
-    }
-    AdvanceClock(1);
-    if (++gSpin.Moved < 100'000) return;
-    std::fprintf(stderr, "scripted os: a scheduler spins for ever and there is no OnSpin\n");
-    std::abort();
+    if (fiber != gSpinner) gSpins = 0;
+    gSpinner = fiber;
+    if (++gSpins <= 10 * gScript.SpinLimit) return;
+    gSpins = 0;
+    if (gScript.OnSpin) gScript.OnSpin();
 }
 
 }  // namespace
 
+void Misuse(const char *what) {
+    std::fprintf(stderr, "scripted os: %s\n", what);
+    std::abort();
+}
+
 void NoteProgress() {
-    gSpin = {nullptr, 0, 0};
+    gSpinner = nullptr;
 }
 
 void AdvanceClock(uint64_t ms) {
     gScript.TickMs.fetch_add(ms);
-    gScript.Tsc.fetch_add(ms * gScript.TscPerMs.load());
+    gScript.Tsc.fetch_add(ms * 1'000'000);
     gScript.Qpc.fetch_add(static_cast<int64_t>(ms) * gScript.QpcFrequency.load() / 1000);
     gScript.FileTime.fetch_add(ms * 10'000);
 }
@@ -61,7 +53,6 @@ void SetTick(uint64_t ms) {
 }  // namespace script
 
 using script::gScript;
-using script::gSleepsLock;
 
 // ---- Clocks ------------------------------------------------------------------------------------------
 
@@ -92,31 +83,11 @@ BOOL QueryPerformanceCounter(LARGE_INTEGER *count) {
 }
 
 void Sleep(DWORD ms) {
-    {
-        std::lock_guard<std::mutex> guard(gSleepsLock);
-        gScript.Sleeps.push_back(ms);
-    }
-    if (gScript.OnSleep) {
+    if (!gScript.OnSleep && ms == INFINITE) script::Misuse("an endless sleep without OnSleep");
+    if (gScript.OnSleep)
         gScript.OnSleep(ms);
-        return;
-    }
-    if (ms == INFINITE) {
-        std::fprintf(stderr, "scripted os: an endless sleep without OnSleep\n");
-        std::abort();
-    }
-    script::AdvanceClock(ms);
-}
-
-// Completion routines run at the reap, as scripted operations end them.
-DWORD SleepEx(DWORD ms, BOOL alertable) {
-    if (alertable) {
-        IoThread *io = CurrentThreadBlock()->Io;
-        const uint32_t before = io == nullptr ? 0 : io->Head;
-        if (io != nullptr) ReapIo(io);
-        if (io != nullptr && io->Head != before) return WAIT_IO_COMPLETION;
-    }
-    Sleep(ms);
-    return 0;
+    else
+        script::AdvanceClock(ms);
 }
 
 void GetLocalTime(SYSTEMTIME *time) {
@@ -128,18 +99,16 @@ void GetSystemTimeAsFileTime(FILETIME *time) {
     time->dwHighDateTime = static_cast<DWORD>(now >> 32);
 }
 
-// ---- Processors -----------------------------------------------------------------------
+// ---- Processors --------------------------------------------------------------------------------------
 
-BOOL GetProcessAffinityMask(HANDLE process, uint32_t *processMask, uint32_t *systemMask) {
-    static_cast<void>(process);
+BOOL GetProcessAffinityMask(HANDLE, uint32_t *processMask, uint32_t *systemMask) {
     if (ShouldFail("GetProcessAffinityMask")) return FALSE;
     *processMask = gScript.ProcessMask;
     *systemMask = gScript.SystemMask;
     return TRUE;
 }
 
-BOOL SetProcessAffinityMask(HANDLE process, uint32_t mask) {
-    static_cast<void>(process);
+BOOL SetProcessAffinityMask(HANDLE, uint32_t mask) {
     if (ShouldFail("SetProcessAffinityMask")) return FALSE;
     if (mask == 0 || (mask & ~gScript.SystemMask) != 0) {
         SetLastError(ERROR_INVALID_PARAMETER);

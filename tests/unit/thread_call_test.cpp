@@ -2,49 +2,32 @@
 // a burst, a thread between two schedulers, a pending routine, and a backing thread that somebody else has touched.
 #include "kernel/thread.h"
 
-#include <gtest/gtest.h>
-
-#include "diag/timesource.h"
-#include "kernel/handles.h"
-#include "sched_fixture.h"
+#include "call_fixture.h"
 
 namespace zvx::test {
 namespace {
-
-namespace script = os::script;
-using Names = std::vector<std::string>;
 
 DWORD NoteAndReturn(void *param) {
     Note(static_cast<const char *>(param));
     return 5;
 }
+DWORD SleepForEver(void *) {
+    Sleep(INFINITE);
+    return 0;
+}
 
-struct ThreadCall : testing::Test {
-    void SetUp() override {
-        InitLibrary();
-        S = NewScheduler();
-        CalcTimes();
+struct ThreadCall : CallTest {
+    static HANDLE Create(const char *name, DWORD mask = 0) {
+        return ZCreateThreadWithAffinity(nullptr, 0, NoteAndReturn, const_cast<char *>(name), 0, nullptr, mask);
     }
-    void TearDown() override { CheckHandleTable(); }
-    static void CalcTimes() {
-        gCpuFrequency = 1e9;
-        gTscTicksPerMs = 1000000;
+    // A thread in its sleep, on the scheduler that gets it.
+    HANDLE CreateSleeper(Scheduler *home) {
+        HANDLE thread = nullptr;
+        Run([&](Fiber *) { thread = CreateThread(nullptr, 0, SleepForEver, nullptr, 0, nullptr); });
+        RunUntilIdle(home);
+        EXPECT_EQ(LookUpHandle(thread)->OwnerFiber->State, FSTATE_TIMED_WAIT);
+        return thread;
     }
-    void Run(std::function<void(Fiber *)> body) {
-        NewFiber(S, std::move(body));
-        RunUntilIdle(S);
-    }
-    // Lets time pass on one scheduler, a millisecond at a time.
-    void Pass(uint32_t ms, Scheduler *on = nullptr) {
-        for (uint32_t i = 0; i < ms; i++) {
-            script::AdvanceClock(1);
-            RunUntilIdle(on != nullptr ? on : S);
-        }
-    }
-    static HANDLE Create(const char *name, DWORD flags = 0) {
-        return CreateThread(nullptr, 0, NoteAndReturn, const_cast<char *>(name), flags, nullptr);
-    }
-    Scheduler *S = nullptr;
 };
 
 TEST_F(ThreadCall, AFailedCreationLeavesNothingAndSaysWhy) {
@@ -52,19 +35,14 @@ TEST_F(ThreadCall, AFailedCreationLeavesNothingAndSaysWhy) {
         ASSERT_NE(Create("first"), nullptr);  // whatever is made once is made now
         const uint32_t handles = gHandleCount;
         const uint32_t shells = gFreeShells[0].Shells.Count;
-        const struct {
-            const char *Call;
-            DWORD Error;
-        } failures[] = {{"CreateBackingThread", ERROR_MAX_THRDS_REACHED},
-                        {"ResumeThread", ERROR_ACCESS_DENIED},
-                        {"DuplicateHandle", ERROR_TOO_MANY_OPEN_FILES}};
-        for (const auto &failure : failures) {
-            os::FailCall(failure.Call, 1, failure.Error);
-            EXPECT_EQ(Create("never"), nullptr) << failure.Call;
-            EXPECT_EQ(os::GetLastError(), failure.Error) << failure.Call;
-            EXPECT_EQ(gHandleCount, handles) << failure.Call;
-            EXPECT_EQ(gFreeShells[0].Shells.Count, shells) << failure.Call;
-            EXPECT_EQ(S->InTransit.load(), 1u) << failure.Call;
+        for (const char *call : {"CreateBackingThread", "ResumeThread", "DuplicateHandle"}) {
+            SCOPED_TRACE(call);
+            os::FailCall(call, 1, ERROR_MAX_THRDS_REACHED);
+            EXPECT_EQ(Create("never"), nullptr);
+            EXPECT_EQ(os::GetLastError(), ERROR_MAX_THRDS_REACHED);
+            EXPECT_EQ(gHandleCount, handles);
+            EXPECT_EQ(gFreeShells[0].Shells.Count, shells);
+            EXPECT_EQ(S->InTransit.load(), 1u);
         }
         ASSERT_NE(Create("last"), nullptr);
     });
@@ -79,11 +57,13 @@ TEST_F(ThreadCall, WhereANewThreadGoes) {
     S->AffinityMask = 1;
     second->AffinityMask = 2;
     third->AffinityMask = 4;
+    const auto sent = [&] {
+        return std::vector{S->InTransit.load(), second->InTransit.load(), third->InTransit.load()};
+    };
+    using Counts = std::vector<uint32_t>;
     Run([&](Fiber *) {
         for (int i = 0; i < 5; i++) Create("a");  // this thread is one more on the first scheduler
-        EXPECT_EQ(S->InTransit.load(), 1u);
-        EXPECT_EQ(second->InTransit.load(), 2u);
-        EXPECT_EQ(third->InTransit.load(), 2u);
+        EXPECT_EQ(sent(), (Counts{1, 2, 2}));
         // Schedulers of the log writer and of a database writer are made to look busier, or less.
         Fiber *someone = S->InitFiber;
         gAlterDistributionLGWR = 10;
@@ -91,59 +71,22 @@ TEST_F(ThreadCall, WhereANewThreadGoes) {
         second->LgwrFiber.store(someone);
         third->DbwrFiber.store(someone);
         Create("b");
-        EXPECT_EQ(third->InTransit.load(), 3u);
+        EXPECT_EQ(sent(), (Counts{1, 2, 3}));
         second->LgwrFiber.store(nullptr);
         third->DbwrFiber.store(nullptr);
         // A mask narrows the choice; one that fits nobody means the first.
-        const auto bound = [](DWORD mask) {
-            return ZCreateThreadWithAffinity(nullptr, 0, NoteAndReturn, const_cast<char *>("c"), 0, nullptr, mask);
-        };
-        for (int i = 0; i < 4; i++) bound(4);
-        EXPECT_EQ(third->InTransit.load(), 7u);
-        const uint32_t before = S->InTransit.load();
-        bound(0x80);
-        EXPECT_EQ(S->InTransit.load(), before + 1);
+        for (int i = 0; i < 4; i++) Create("c", 4);
+        EXPECT_EQ(sent(), (Counts{1, 2, 7}));
+        Create("c", 0x80);
+        EXPECT_EQ(sent(), (Counts{2, 2, 7}));
     });
-}
-
-// Tag and role are the thread's before it can run, and it runs in FIFO order with the rest.
-TEST_F(ThreadCall, InternalCreationGivesTagAndRole) {
-    struct Seen {
-        std::string Tag;
-        uint32_t Role = 0;
-    } seen;
-    Run([&](Fiber *self) {
-        const HANDLE thread = CreateUserThread(
-            nullptr, 0,
-            [](void *param) -> DWORD {
-                const auto *F = static_cast<Fiber *>(os::GetFiberData());
-                *static_cast<Seen *>(param) = {F->Tag.load(), F->Role};
-                return 0;
-            },
-            &seen, 0, nullptr, 0, SchedOf(self), "FMAIN", ROLE_INTERNAL);
-        ASSERT_NE(thread, nullptr);
-        EXPECT_EQ(LookUpHandle(thread)->Type, PHAND_HTYPE_CreateThread);
-        EXPECT_NE(LookUpHandle(thread)->Parent, nullptr);
-    });
-    EXPECT_EQ(seen.Tag, "FMAIN");
-    EXPECT_EQ(seen.Role, ROLE_INTERNAL);
 }
 
 // While a routine is pending the visible count is 0 and the real one is put aside: a resume must reach that one. With
 // nothing pending a resume of a running thread sends nothing.
 TEST_F(ThreadCall, ResumeReachesThePutAsideCount) {
-    HANDLE thread = nullptr;
-    Run([&](Fiber *) {
-        thread = CreateThread(
-            nullptr, 0,
-            [](void *) -> DWORD {
-                Sleep(INFINITE);
-                return 0;
-            },
-            nullptr, 0, nullptr);
-    });
+    const HANDLE thread = CreateSleeper(S);
     Fiber *F = LookUpHandle(thread)->OwnerFiber;
-    ASSERT_EQ(F->State, FSTATE_TIMED_WAIT);
     F->ExecSave.SuspendCount = 2;
     F->Flags |= FIBER_EXEC_PENDING | FIBER_EXEC_RUNNING;
     for (uint32_t pending : {0u, 1u}) {
@@ -165,23 +108,10 @@ TEST_F(ThreadCall, ResumeReachesThePutAsideCount) {
 
 // Between two schedulers a thread belongs to nobody: who wants something of it waits for its arrival.
 TEST_F(ThreadCall, ATargetBetweenTwoSchedulersIsWaitedFor) {
-    Scheduler *other = NewScheduler();
-    Fiber *target = nullptr;
-    HANDLE thread = nullptr;
-    Run([&](Fiber *) {
-        thread = CreateThread(
-            nullptr, 0,
-            [](void *) -> DWORD {
-                Sleep(INFINITE);
-                return 0;
-            },
-            nullptr, 0, nullptr);
-        target = LookUpHandle(thread)->OwnerFiber;
-    });
-    RunUntilIdle(other);
-    Scheduler *home = SchedOf(target);
-    RunUntilIdle(home);
-    ASSERT_EQ(target->State, FSTATE_TIMED_WAIT);
+    Scheduler *home = NewScheduler();  // it has less to do
+    const HANDLE thread = CreateSleeper(home);
+    Fiber *target = LookUpHandle(thread)->OwnerFiber;
+    ASSERT_EQ(SchedOf(target), home);
     target->Sched.store(nullptr);
     Run([&](Fiber *) { Note("suspended after " + std::to_string(SuspendThread(thread))); });
     Pass(10);
@@ -198,60 +128,20 @@ TEST_F(ThreadCall, ATargetBetweenTwoSchedulersIsWaitedFor) {
 // The object behind a user thread's handle may have been suspended, resumed or terminated by others: the end of the
 // user thread waits for none of that, and the handle is signalled.
 TEST_F(ThreadCall, TheEndOfABackingThreadThatOthersTouched) {
-    const struct {
-        const char *Name;
-        void (*Touch)(HANDLE);
-        DWORD Code;
-    } cases[] = {
-        {"suspended",
-         [](HANDLE h) {
-             for (int i = 0; i < 3; i++) os::SuspendThread(h);
-         },
-         5},
-        {"resumed", [](HANDLE h) { os::ResumeThread(h); }, STILL_ACTIVE},
-        {"terminated", [](HANDLE h) { os::TerminateThread(h, 77); }, 77},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.Name);
+    const auto exitCodeOf = [&](auto touch) {
         HANDLE thread = nullptr;
         DWORD code = 1;
-        Run([&](Fiber *) {
-            thread = Create(c.Name);
-            c.Touch(thread);
-        });
-        EXPECT_EQ(TakeNotes(), Names{c.Name});
+        Run([&](Fiber *) { touch(thread = Create("ran")); });
+        EXPECT_EQ(TakeNotes(), Names{"ran"});
         EXPECT_EQ(os::WaitForSingleObject(thread, 0), WAIT_OBJECT_0);
         EXPECT_TRUE(os::GetExitCodeThread(thread, &code));
-        EXPECT_EQ(code, c.Code);
         Run([&](Fiber *) { EXPECT_TRUE(CloseHandle(thread)); });
         EXPECT_EQ(gHandleCount, 0u);
-    }
-}
-
-TEST_F(ThreadCall, TimesOfAThread) {
-    HANDLE thread = nullptr;
-    FILETIME creation{}, exit{}, kernel{}, user{};
-    const auto value = [](const FILETIME &t) { return uint64_t{t.dwHighDateTime} << 32 | t.dwLowDateTime; };
-    Run([&](Fiber *) {
-        thread = CreateThread(
-            nullptr, 0,
-            [](void *) -> DWORD {
-                script::gScript.Tsc.fetch_add(250'000'000);  // a quarter of a second at 1 GHz
-                FILETIME times[4];
-                GetThreadTimes(GetCurrentThread(), &times[0], &times[1], &times[2], &times[3]);
-                script::gScript.Tsc.fetch_add(250'000'000);
-                return 0;
-            },
-            nullptr, 0, nullptr);
-        EXPECT_TRUE(GetThreadTimes(thread, &creation, &exit, &kernel, &user));
-        EXPECT_EQ(value(user), 0u) << "it has not asked yet";
-    });
-    Run([&](Fiber *) {
-        EXPECT_TRUE(GetThreadTimes(thread, &creation, &exit, &kernel, &user));
-        EXPECT_EQ(value(user), 2'500'000u) << "as it was when the thread last asked";
-        EXPECT_EQ(value(kernel), 0u);
-        EXPECT_EQ(value(exit), script::gScript.FileTime.load());
-    });
+        return code;
+    };
+    EXPECT_EQ(exitCodeOf([](HANDLE h) { os::SuspendThread(h), os::SuspendThread(h), os::SuspendThread(h); }), 5u);
+    EXPECT_EQ(exitCodeOf([](HANDLE h) { os::ResumeThread(h); }), STILL_ACTIVE);
+    EXPECT_EQ(exitCodeOf([](HANDLE h) { os::TerminateThread(h, 77); }), 77u);
 }
 
 }  // namespace

@@ -1,0 +1,60 @@
+// tests/support/call_fixture.h - one scheduler and its user threads, for tests of the exported functions.
+#ifndef ZVX_TESTS_SUPPORT_CALL_FIXTURE_H
+#define ZVX_TESTS_SUPPORT_CALL_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include "kernel/file.h"
+#include "kernel/handles.h"
+#include "sched_fixture.h"
+
+namespace zvx::test {
+
+namespace script = os::script;
+using Names = std::vector<std::string>;
+
+struct CallTest : testing::Test {
+    void SetUp() override {
+        InitLibrary();
+        S = NewScheduler();
+    }
+    void TearDown() override {
+        CheckHandleTable();
+        CheckScheduler(S);
+    }
+    // Runs body as a user thread until it parks or ends.
+    Fiber *Run(std::function<void(Fiber *)> body, uint32_t role = ROLE_OTHER) {
+        Fiber *F = NewFiber(S, std::move(body));
+        F->Role = role;
+        RunUntilIdle(S);
+        return F;
+    }
+    // Lets time pass, a millisecond at a time.
+    void Pass(uint32_t ms) {
+        for (uint32_t i = 0; i < ms; i++) {
+            script::AdvanceClock(1);
+            RunUntilIdle(S);
+        }
+    }
+    // Ends F's oldest operation that has a routine; below, the one that F waits for.
+    void EndRoutineOf(Fiber *F, DWORD status, DWORD bytes) {
+        script::EndOperation(&ZVX_RECORD_OF(FirstLink(&F->FileOvs), FIBEROVERLAPPED, Link)->Ov, status, bytes);
+        RunUntilIdle(S);
+    }
+    void EndWaitOf(Fiber *F, DWORD status, DWORD bytes) {
+        script::EndOperation(&F->OwnOvs[0].Ov, status, bytes);
+        RunUntilIdle(S);
+    }
+    static void Answer(script::IoAnswer answer) {
+        script::gScript.OnIo = [answer](const script::IoCall &) { return answer; };
+    }
+    static HANDLE Open(DWORD flags = FILE_FLAG_OVERLAPPED) {
+        return CreateFileA("name", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, flags, nullptr);
+    }
+    static HANDLE NewEvent(bool manual, bool set) { return os::CreateEventA(nullptr, manual, set, nullptr); }
+    Scheduler *S = nullptr;
+};
+
+}  // namespace zvx::test
+
+#endif  // ZVX_TESTS_SUPPORT_CALL_FIXTURE_H

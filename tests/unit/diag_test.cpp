@@ -1,0 +1,133 @@
+// Statistics: the table against the data that it was made from, and the refusal of equal names. Time: calibration of
+// the cycle counter, with counters that the test moves during the sleep of a measurement.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <sstream>
+
+#include "child.h"
+#include "diag/stats.h"
+#include "diag/timesource.h"
+#include "scripted_os.h"
+
+namespace zvx {
+namespace {
+
+using os::script::gScript;
+
+TEST(Stats, EveryEntryAndTheNamesOfLocks) {
+    std::memset(static_cast<void *>(gStats), 0xA5, sizeof(gStats));
+    std::memset(gStatSide, 0xA5, sizeof(gStatSide));
+    StatsInit();
+    std::ifstream data(ZVX_TEST_DATA "/stats.tsv");
+    std::string line;
+    std::getline(data, line);
+    uint32_t id = 0;
+    for (; std::getline(data, line); id++) {
+        std::istringstream row(line);
+        uint32_t rowId = 0, level = 0;
+        std::string name;
+        row >> rowId >> level >> std::ws;
+        std::getline(row, name);
+        ASSERT_EQ(rowId, id);
+        const StatRecord &stat = gStats[id];
+        EXPECT_EQ(stat.Id, id);
+        EXPECT_EQ(stat.Level, level);
+        EXPECT_EQ(stat.Name, name);
+        EXPECT_EQ(stat.ShortName, name.substr(0, name.find(' ')));
+        const bool number = name.find("%u") + 1 || name.find("%d") + 1 || name.find("%X") + 1;
+        EXPECT_EQ(stat.ArgKind, name.find("%s") != std::string::npos ? 2u : number ? 1u : 0u) << name;
+        EXPECT_EQ(stat.FirstWord, 1u);
+        EXPECT_EQ(stat.SecondWord, 0u);
+        for (uint32_t counter : stat.Counters) EXPECT_EQ(counter, 0u);
+        for (uint32_t word : gStatSide[id]) EXPECT_EQ(word, 0u);
+    }
+    EXPECT_EQ(id, kNumStats);
+    // A spin lock takes the entry of its own name.
+    EXPECT_STREQ(gStats[STAT_RingLogQLock].Name, "RingLogQLock");
+    EXPECT_STREQ(gStats[STAT_FreeFiberShellsQLock].Name, "FreeFiberShellsQLock");
+    EXPECT_STREQ(gStats[STAT_FreeBytesLock].Name, "FreeBytesLock");
+    EXPECT_STREQ(gStats[STAT_UserMessageQLock].Name, "UserMessageQLock");
+}
+
+TEST(Stats, EqualNamesAreFatal) {
+    const auto check = [](const char *first, const char *second) {
+        StatRecord table[3] = {};
+        int i = 0;
+        for (const char *name : {"other [%d]", first, second}) {
+            table[i].Name = name;
+            std::strncpy(table[i++].ShortName, name, std::strcspn(name, " "));
+        }
+        return test::FatalTextOf([&] { CheckStatNames(table, 3); });
+    };
+    EXPECT_EQ(check("SelectW N[%d]", "SelectW"), "Duplicate stat short name SelectW N[%d]\n");
+    EXPECT_EQ(check("TimedPoll x", "TimedPoll x"), "Duplicate stat name TimedPoll x\n");
+    EXPECT_EQ(check("TO_FIBER [x%X]", "TO_FIBER_N [%s]"), "99: ");
+}
+
+// Calibrates where each measurement meets the next of these rates in ticks per second, the last one again and again;
+// returns how many measurements it took.
+size_t Calibrate(const std::vector<double> &rates) {
+    size_t measured = 0;
+    gScript.OnSleep = [&](DWORD ms) {
+        EXPECT_EQ(ms, 50u);
+        const double rate = rates[std::min(measured++, rates.size() - 1)];
+        // The sleep is a little longer than asked for, as sleeps are.
+        gScript.Tsc.fetch_add(static_cast<uint64_t>(std::llround(rate * 0.052)));
+        gScript.Qpc.fetch_add(gScript.QpcFrequency.load() * 52 / 1000);
+    };
+    CalcFreq();
+    gScript.OnSleep = nullptr;
+    return measured;
+}
+
+TEST(TimeSource, StopsAtTheFirstTwoThatAgree) {
+    gScript.ProcessMask = 0xC;
+    os::SetThreadAffinityMask(os::GetCurrentThread(), 0x8);
+    os::SetThreadPriority(os::GetCurrentThread(), THREAD_PRIORITY_HIGHEST);
+    EXPECT_EQ(Calibrate({2e9, 2.03e9, 2.031e9, 9e9}), 3u);
+    EXPECT_NEAR(gCpuFrequency, 2031000000.0, 1.0);
+    // On the lowest processor, raised; afterwards as before.
+    EXPECT_EQ(gScript.Masks, (std::vector<uint32_t>{0x8, 0x4, 0x8}));
+    EXPECT_EQ(gScript.Priorities,
+              (std::vector<int>{THREAD_PRIORITY_HIGHEST, THREAD_PRIORITY_TIME_CRITICAL, THREAD_PRIORITY_HIGHEST}));
+}
+
+// A refused raise is no error, and then nothing is put back.
+TEST(TimeSource, PriorityRefused) {
+    os::FailCall("SetThreadPriority", 1, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(Calibrate({2999999800.0}), 2u);
+    EXPECT_EQ(gTscTicksPerMs, 2999999u) << "truncated";
+    EXPECT_TRUE(gScript.Priorities.empty());
+}
+
+// A counter that never settles: twenty measurements, the median of the last five.
+TEST(TimeSource, NeverSettles) {
+    std::vector<double> rates;
+    for (int i = 0; i < 15; i++) rates.push_back(i % 2 != 0 ? 8e9 : 1e9);
+    for (double rate : {5.0e9, 3.0e9, 4.0e9, 1.0e9, 2.0e9, 7e9}) rates.push_back(rate);
+    EXPECT_EQ(Calibrate(rates), 20u);
+    EXPECT_NEAR(gCpuFrequency, 3e9, 1.0);
+}
+
+TEST(TimeSource, EveryFailureNamesItself) {
+    const auto failing = [](const char *function, uint32_t nth) {
+        return test::FatalTextOf([&] {
+            os::FailCall(function, nth, 77);
+            if (nth == 0) gScript.ProcessMask = 0;
+            Calibrate({2e9});
+        });
+    };
+    for (const char *function : {"GetProcessAffinityMask", "SetThreadAffinityMask", "GetThreadPriority",
+                                 "QueryPerformanceFrequency", "QueryPerformanceCounter"})
+        EXPECT_EQ(failing(function, 1), "CalcFreq:" + std::string(function) + " failed=77");
+    for (const char *function : {"SetThreadPriority", "SetThreadAffinityMask"})
+        EXPECT_EQ(failing(function, 2), "CalcFreq:restore " + std::string(function) + " failed=77");
+    EXPECT_EQ(failing("QueryPerformanceCounter", 4), "CalcFreq:QueryPerformanceCounter failed=77");
+    EXPECT_EQ(failing("none", 0), "CalcFreq:procmask=0");
+}
+
+}  // namespace
+}  // namespace zvx
