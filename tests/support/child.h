@@ -47,7 +47,10 @@ struct Folder {
     std::string Lines() const {
         std::ifstream file(Path + "/" + OnlyFile());
         std::string text;
-        for (std::string line; std::getline(file, line);) text += line.substr(line.find("] ") + 2) + "\n";
+        for (std::string line; std::getline(file, line);) {
+            const size_t stamp = line.find("] ");
+            text += (stamp == line.npos ? line : line.substr(stamp + 2)) + "\n";
+        }
         return text;
     }
 

@@ -3,6 +3,8 @@
 #include "kernel/thread.h"
 
 #include "call_fixture.h"
+#include "diag/timesource.h"
+#include "kernel/wait.h"
 
 namespace zvx::test {
 namespace {
@@ -142,6 +144,33 @@ TEST_F(ThreadCall, TheEndOfABackingThreadThatOthersTouched) {
     EXPECT_EQ(exitCodeOf([](HANDLE h) { os::SuspendThread(h), os::SuspendThread(h), os::SuspendThread(h); }), 5u);
     EXPECT_EQ(exitCodeOf([](HANDLE h) { os::ResumeThread(h); }), STILL_ACTIVE);
     EXPECT_EQ(exitCodeOf([](HANDLE h) { os::TerminateThread(h, 77); }), 77u);
+}
+
+// Only the thread itself reads its cycle account; others see what it computed when it last asked.
+TEST_F(ThreadCall, TimesAreThoseOfTheLastQuestion) {
+    static DWORD used;
+    static const auto ask = [](HANDLE thread) {
+        FILETIME creation{}, ended{}, kernel{}, user{};
+        EXPECT_TRUE(GetThreadTimes(thread, &creation, &ended, &kernel, &user));
+        used = user.dwLowDateTime;
+    };
+    gCpuFrequency = 1e9;
+    const auto body = [](void *) -> DWORD {
+        script::gScript.Tsc += 250'000'000;  // a quarter of a second
+        ask(GetCurrentThread());
+        script::gScript.Tsc += 250'000'000;
+        return 0;
+    };
+    Run([&](Fiber *) {
+        const HANDLE thread = CreateThread(nullptr, 0, body, nullptr, 0, nullptr);
+        ask(thread);
+        Note(std::to_string(used));
+        while (WaitForSingleObject(thread, 10) == WAIT_TIMEOUT) continue;
+        ask(thread);
+        Note(std::to_string(used));
+    });
+    Pass(10 + gTimerInterval);
+    EXPECT_EQ(TakeNotes(), (Names{"0", "2500000"}));
 }
 
 }  // namespace
