@@ -153,20 +153,17 @@ TEST_F(Alloc, ThreadIsPinnedForARegionOnly) {
     EXPECT_EQ(gScript.Priorities.size(), 2u) << "its priority is nobody's business";
 }
 
-// A refused privilege is one line of the start-up text; without it nobody asks for large pages any more.
-TEST(AllocInit, LargePages) {
+// A refused privilege is one line of the start-up text; without it nobody asks for large pages any more. Where the
+// privilege is there and pages are not, the region comes in small ones.
+TEST_F(Alloc, LargePages) {
     SetOption(su_EnableLargePages);
+    os::FailCall("VirtualAllocInRange", 1, ERROR_NO_SYSTEM_RESOURCES);
+    EXPECT_NE(Take(1), nullptr);
+    EXPECT_TRUE(OptionSet(su_EnableLargePages));
     os::FailCall("EnableLockMemoryPrivilege", 1, ERROR_PRIVILEGE_NOT_HELD);
     InitAllocator();
     EXPECT_FALSE(OptionSet(su_EnableLargePages));
     EXPECT_STREQ(initialOutputBuffer, "** Unable to get privs for large pages; disabling lps**\n");
-
-    // The privilege is there, pages are not: the region comes in small ones.
-    SetOption(su_EnableLargePages);
-    os::FailCall("VirtualAllocInRange", 1, ERROR_NO_SYSTEM_RESOURCES);
-    const SchedulerPtr S = NewScheduler();
-    EXPECT_NE(KVTAllocSched(1, S.get(), 0), nullptr);
-    EXPECT_TRUE(OptionSet(su_EnableLargePages));
 }
 
 TEST_F(Alloc, FailuresAreFatal) {

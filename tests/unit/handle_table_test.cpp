@@ -66,14 +66,10 @@ TEST_F(HandleTable, FamiliesLiveAsLongAsTheirLastHandle) {
         EXPECT_EQ(LookUpHandle(second)->OwnerGeneration, 17u);
         EXPECT_EQ(LookUpHandle(second)->Flags.load(), entry->Flags.load());
         EXPECT_EQ(entry->RefCount, 3u);
-        CheckHandleTable();
         EXPECT_TRUE(CloseHandle(root));
         EXPECT_EQ(LookUpHandle(root), entry) << "the family keeps its root";
         EXPECT_TRUE(CloseHandle(first));
-        EXPECT_EQ(LookUpHandle(first), nullptr);
         EXPECT_EQ(entry->RefCount, 1u);
-        CheckHandleTable();
-
         // Moving a handle closes its source, whose entry goes too.
         const HANDLE moved = duplicate(second, DUPLICATE_CLOSE_SOURCE);
         EXPECT_EQ(LookUpHandle(second), nullptr);

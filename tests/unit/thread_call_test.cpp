@@ -98,14 +98,6 @@ TEST_F(ThreadCall, ResumeReachesThePutAsideCount) {
         EXPECT_EQ(TakeNotes(), Names{"0"});
         EXPECT_EQ(F->ExecSave.SuspendCount, 2 - pending);
     }
-    // Without a routine: the count itself, and what waits for it.
-    F->Flags &= ~static_cast<uint32_t>(FIBER_EXEC_PENDING | FIBER_EXEC_RUNNING);
-    F->RoutinePending.store(0);
-    Run([&](Fiber *) { Note("suspend " + std::to_string(SuspendThread(thread))); });
-    Run([&](Fiber *) { Note("resume " + std::to_string(ResumeThread(thread))); });
-    Pass(3);
-    EXPECT_EQ(TakeNotes(), (Names{"suspend 0", "resume 1"}));
-    EXPECT_EQ(F->SuspendCount.load(), 0u);
 }
 
 // Between two schedulers a thread belongs to nobody: who wants something of it waits for its arrival.
