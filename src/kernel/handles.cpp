@@ -23,7 +23,7 @@ namespace zvx {
 
 std::atomic<HandleSlot *> gHandleTable{nullptr};
 std::atomic<uint32_t> gHandleTableSize{0};
-uint32_t gHandleCount = 0;
+std::atomic<uint32_t> gHandleCount{0};
 HandleSlot *gRetiredHandleTable = nullptr;
 SpinLock HandHashQLock;
 os::CriticalSection gHandleRefLock;
@@ -94,7 +94,7 @@ void InitHandleTable() {
     gHandleTableSize.store(0, std::memory_order_release);
     gHandleTable.store(nullptr, std::memory_order_release);
     gRetiredHandleTable = nullptr;
-    gHandleCount = 0;
+    gHandleCount.store(0, std::memory_order_relaxed);
 }
 
 PSEHAND *AllocHandleEntry(Scheduler *S, uint8_t node) {
@@ -121,7 +121,7 @@ void InsertHandle(PSEHAND *entry) {
     // An occupied slot (a post event that is registered twice) is overwritten, and counts once. Release: a reader
     // that finds the entry finds it complete.
     HandleSlot &place = gHandleTable.load(std::memory_order_relaxed)[slot];
-    if (place.load(std::memory_order_relaxed) == nullptr) gHandleCount++;
+    if (place.load(std::memory_order_relaxed) == nullptr) gHandleCount.fetch_add(1, std::memory_order_relaxed);
     place.store(entry, std::memory_order_release);
 }
 
@@ -132,7 +132,7 @@ bool RemoveHandle(PSEHAND *entry) {
     HandleSlot &place = gHandleTable.load(std::memory_order_relaxed)[slot];
     if (place.load(std::memory_order_relaxed) != entry) return false;
     place.store(nullptr, std::memory_order_relaxed);
-    gHandleCount--;
+    gHandleCount.fetch_sub(1, std::memory_order_relaxed);
     return true;
 }
 
@@ -288,7 +288,7 @@ void CheckHandleTable() {
             ZVX_CHECK(table[entry->Parent->Handle >> 2].load(std::memory_order_relaxed) == entry->Parent);
             ZVX_CHECK(entry->Type == entry->Parent->Type);
         }
-        ZVX_CHECK(occupied == gHandleCount);
+        ZVX_CHECK(occupied == gHandleCount.load(std::memory_order_relaxed));
         // Every duplicate counts once in its root, and a root once more while its own handle is open.
         ZVX_CHECK(rootRefs >= children && rootRefs <= children + roots);
     }

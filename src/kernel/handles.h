@@ -22,7 +22,7 @@ constexpr uint8_t kOwnNode = 255;                 // "the scheduler's own node" 
 // gRetiredHandleTable until the growth after the next.
 extern std::atomic<HandleSlot *> gHandleTable;  // [HandHashQLock] to write; null until the first insertion
 extern std::atomic<uint32_t> gHandleTableSize;  // [HandHashQLock] to write; slots
-extern uint32_t gHandleCount;                   // [HandHashQLock] occupied slots
+extern std::atomic<uint32_t> gHandleCount;                   // [HandHashQLock] occupied slots
 extern HandleSlot *gRetiredHandleTable;         // [HandHashQLock] the array before the latest growth, or null
 extern SpinLock HandHashQLock;                  // insertion, removal, growth and the dump
 extern os::CriticalSection gHandleRefLock;      // reference counts and the recording of duplicates
