@@ -1,79 +1,69 @@
 // tests/integration/passthrough_test.cpp - the same functions where there are no user threads.
-#include <cstring>
-
 #include "support/host_runner.h"
 
 using namespace hosttest;
 
 namespace {
 
-class PassThrough : public testing::TestWithParam<std::string> {
-  protected:
-    static HostOptions Options() {
-        HostOptions options;
-        options.Settings.emplace_back(GetParam(), GetParam() == "DisableFibers" ? "1" : "0");
-        return options;
-    }
-};
-
 DWORD WINAPI CountUp(LPVOID counter) {
     static_cast<std::atomic<uint32_t> *>(counter)->fetch_add(1);
     return 12;
 }
+
+// Files, waits and operations of a thread that the operating system schedules; 0 when all of it works.
+DWORD UseFiles(const std::string &name) {
+    const DWORD both = GENERIC_READ | GENERIC_WRITE;
+    const HANDLE file = CreateFileA(name.c_str(), both, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, 0, nullptr);
+    DWORD moved = 0;
+    char buffer[16] = {};
+    if (!WriteFile(file, "plain text", 10, &moved, nullptr) || moved != 10) return 1;
+    if (SetFilePointer(file, -4, nullptr, FILE_CURRENT) != 6) return 2;
+    if (!ReadFile(file, buffer, 16, &moved, nullptr) || moved != 4 || memcmp(buffer, "text", 4) != 0) return 3;
+    if (!CloseHandle(file) || CloseHandle(file)) return 4;
+    // A completion routine runs in an alertable wait, and nowhere else.
+    const HANDLE later =
+        CreateFileA(name.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+    OVERLAPPED ov{};
+    static DWORD routineBytes;
+    routineBytes = 0;
+    if (!ReadFileEx(later, buffer, 16, &ov, [](DWORD, DWORD bytes, LPOVERLAPPED) { routineBytes = bytes; })) return 5;
+    Sleep(20);
+    if (routineBytes != 0 || SleepEx(10000, TRUE) != WAIT_IO_COMPLETION || routineBytes != 10) return 6;
+    return SleepEx(1, TRUE) == 0 && CloseHandle(later) ? 0 : 7;
+}
+
+class PassThrough : public testing::TestWithParam<std::string> {};
 
 }  // namespace
 
 TEST_P(PassThrough, EverythingIsTheOperatingSystems) {
     const ScratchFolder scratch;
     const std::string name = scratch.File("plain");
-    EXPECT_HOST_OK(RunHost(Options(), [name] {
+    HostOptions options;
+    options.Settings.emplace_back(GetParam(), GetParam() == "DisableFibers" ? "1" : "0");
+    EXPECT_HOST_OK(RunHost(options, [name] {
         HOST_EQ(0u, ZvxSchedulerCount());
         std::atomic<uint32_t> counter{0};
-        InitUserThreadScheduler(CountUp, &counter, nullptr);  // a second call does nothing
-        HOST_EQ(0u, counter.load());
-
-        const HANDLE file =
-            CreateFileA(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-        DWORD moved = 0;
-        HOST_CHECK(WriteFile(file, "plain text", 10, &moved, nullptr) && moved == 10);
-        HOST_EQ(6u, SetFilePointer(file, -4, nullptr, FILE_CURRENT));
-        char buffer[16] = {};
-        HOST_CHECK(ReadFile(file, buffer, 16, &moved, nullptr) && moved == 4 && memcmp(buffer, "text", 4) == 0);
-        HOST_CHECK(ReadFile(file, buffer, 16, &moved, nullptr) && moved == 0);
-        HOST_CHECK(CloseHandle(file) && !CloseHandle(file));
-
-        // Threads are kernel threads; a mask makes one that is bound and running, or bound and suspended.
-        DWORD process = 0, system = 0;
+        InitUserThreadScheduler(CountUp, &counter, nullptr);  // a second call does nothing, or the count were three
+        HOST_EQ(0u, UseFiles(name));
+        // A mask makes a thread that is bound and running, or bound and suspended.
+        DWORD process = 0, system = 0, code = 0;
         GetProcessAffinityMask(GetCurrentProcess(), &process, &system);
         const DWORD one = process & (~process + 1);
-        DWORD id = 0;
-        const HANDLE running = ZCreateThreadWithAffinity(nullptr, 0, CountUp, &counter, 0, &id, one);
-        HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(running, 10000));
-        HOST_CHECK(id != 0 && id != GetCurrentThreadId());
-        DWORD code = 0;
-        HOST_CHECK(GetExitCodeThread(running, &code) && code == 12);
-        const HANDLE suspended =
-            ZCreateThreadWithAffinity(nullptr, 0, CountUp, &counter, CREATE_SUSPENDED, nullptr, one);
-        HOST_EQ(one, SetThreadAffinityMask(suspended, process));
-        HOST_EQ(WAIT_TIMEOUT, WaitForSingleObject(suspended, 30));
-        HOST_EQ(1u, counter.load());
-        HOST_EQ(1u, ResumeThread(suspended));
-        HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(suspended, 10000));
+        for (const DWORD flags : {DWORD{0}, DWORD{CREATE_SUSPENDED}}) {
+            const HANDLE thread = ZCreateThreadWithAffinity(nullptr, 0, CountUp, &counter, flags, nullptr, one);
+            if (flags != 0) {
+                HOST_EQ(one, SetThreadAffinityMask(thread, process));
+                HOST_EQ(WAIT_TIMEOUT, WaitForSingleObject(thread, 30));
+                HOST_EQ(1u, counter.load());
+                HOST_EQ(1u, ResumeThread(thread));
+            }
+            HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 10000));
+            HOST_CHECK(GetExitCodeThread(thread, &code) && code == 12);
+        }
         HOST_EQ(2u, counter.load());
-
-        const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-        HostThread setter([event]() -> DWORD {
-            Sleep(10);
-            SetEvent(event);
-            ExitThread(5);
-            return 0;
-        });
-        HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(event, 10000));
-        HOST_EQ(5u, setter.Join());
-        UserThreadQuantumExpiredCheck();
-        HOST_EQ(0u, SleepEx(1, TRUE));
-        SetLastError(31);
-        HOST_EQ(31u, GetLastError());
+        HostThread exits([]() -> DWORD { return ExitThread(5), 0; });
+        HOST_EQ(5u, exits.Join());
     }));
 }
 
@@ -83,33 +73,14 @@ INSTANTIATE_TEST_SUITE_P(Modes, PassThrough, testing::Values("DisableFibers", "F
 // A kernel thread of a process in fiber mode is no user thread: its calls pass through, on wrapped handles too.
 TEST(PassThroughInFiberMode, KernelThreadsOfTheHost) {
     const ScratchFolder scratch;
-    const std::string name = scratch.File("kernel");
+    static const std::string name = scratch.File("kernel");
     HostOptions options;
     options.Schedulers = 2;
-    EXPECT_HOST_OK(RunHost(options, [name] {
-        HOST_EQ(2u, ZvxSchedulerCount());
-        std::atomic<uint32_t> counter{0};
-        InitUserThreadScheduler(CountUp, &counter, nullptr);
-        HOST_EQ(0u, counter.load());
-        struct Shared {
-            HANDLE Event;
-            std::string Name;
-        } shared{CreateEventA(nullptr, FALSE, FALSE, nullptr), name};
-        const HANDLE thread = CreateRemoteThread(
-            GetCurrentProcess(), nullptr, 0,
-            [](LPVOID param) -> DWORD {
-                const auto *with = static_cast<Shared *>(param);
-                const HANDLE file = CreateFileA(with->Name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr);
-                DWORD moved = 0;
-                if (!WriteFile(file, "kernel", 6, &moved, nullptr) || moved != 6) return 1;
-                if (!CloseHandle(file)) return 2;
-                Sleep(20);
-                SetEvent(with->Event);
-                return 0;
-            },
-            &shared, 0, nullptr);
-        HOST_CHECK(thread != nullptr);
-        HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(shared.Event, 10000));
+    EXPECT_HOST_OK(RunHost(options, [] {
+        const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+        auto use = [](LPVOID toSet) { return SetEvent(toSet) ? UseFiles(name) : 99; };
+        const HANDLE thread = CreateRemoteThread(GetCurrentProcess(), nullptr, 0, use, event, 0, nullptr);
+        HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(event, 10000));
         HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 10000));
         DWORD code = 9;
         HOST_CHECK(GetExitCodeThread(thread, &code));

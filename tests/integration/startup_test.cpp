@@ -25,7 +25,7 @@ std::string NameOf(const testing::TestParamInfo<Refusal> &refusal) {
 }
 
 void MustNotRun() {
-    HOST_CHECK(!"the main routine ran");
+    HostFailed(__FILE__, __LINE__, "the main routine ran");
 }
 
 HostOptions With(std::vector<std::pair<std::string, std::string>> settings) {
@@ -66,11 +66,12 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"CalibrationPriority", "GetThreadPriority:1:6", {}, "CalcFreq:GetThreadPriority failed=6"},
         Refusal{"Kernel32", "GetModuleHandleA:1:126", {}, "Unable to get a module handle for kernel32.dll"},
         Refusal{"Descriptor", "LocalAlloc:1:8", {}, "Unable to alloc mem for security descrip 20 err=8"},
-        Refusal{"DescriptorInit",
-                "InitializeSecurityDescriptor:1:87",
+        Refusal{
+            "DescriptorInit", "InitializeSecurityDescriptor:1:87", {}, "Unable to initialize security descrip err=87"},
+        Refusal{"DescriptorDacl",
+                "SetSecurityDescriptorDacl:1:87",
                 {},
-                "Unable to initialize security descrip err=87"},
-        Refusal{"DescriptorDacl", "SetSecurityDescriptorDacl:1:87", {}, "Unable to add null dacl to security descrip err=87"},
+                "Unable to add null dacl to security descrip err=87"},
         Refusal{"ProcessMask",
                 "GetProcessAffinityMask:3:5",
                 {},
@@ -88,7 +89,8 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"SchedulerThread", "CreateThread:1:8", {}, "Failed to spawn scheduler thread\n"},
         Refusal{"SecondSchedulerThread", "CreateThread:2:8", {}, "Failed to spawn scheduler thread\n"},
         Refusal{"MainRoutine", "CreateBackingThread:1:8", {}, "Unable to allocate FMAIN fiber"},
-        Refusal{"QuantumThread", "CreateThread:3:8", {}, "Unable to spawn FiberQuantumUpdateThread"}),
+        Refusal{
+            "QuantumThread", "CreateThread:2:8", {{"Schedulers", "1"}}, "Unable to spawn FiberQuantumUpdateThread"}),
     NameOf);
 
 TEST(StartUpSlots, MoreSlotsThanFollowAThread) {
@@ -108,7 +110,8 @@ TEST(StartUpSlots, MoreSlotsThanFollowAThread) {
     close(ends[1]);
     std::string output;
     char buffer[256];
-    for (ssize_t got; (got = read(ends[0], buffer, sizeof buffer)) > 0;) output.append(buffer, static_cast<size_t>(got));
+    for (ssize_t got; (got = read(ends[0], buffer, sizeof buffer)) > 0;)
+        output.append(buffer, static_cast<size_t>(got));
     close(ends[0]);
     int status = 0;
     waitpid(child, &status, 0);

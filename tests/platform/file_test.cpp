@@ -1,241 +1,103 @@
-// Files: opening by disposition, names, positions, sizes, moving and deleting, and synchronous transfers.
-#include <thread>
-
-#include "io_support.h"
+// tests/platform/file_test.cpp - byte ranges locked between handles and processes.
+#include "support.h"
 
 namespace {
 
-struct Outcome {
-    bool Opened;
-    DWORD Error;
-};
-
-Outcome Open(const char *name, DWORD access, DWORD disposition, DWORD flags = 0) {
-    os::SetLastError(77);
-    const HANDLE handle = os::CreateFileA(name, access, 0, nullptr, disposition, flags, nullptr);
-    const DWORD error = os::GetLastError();
-    if (handle != INVALID_HANDLE_VALUE) os::CloseHandle(handle);
-    return {handle != INVALID_HANDLE_VALUE, error};
+BOOL Lock(HANDLE file, uint64_t offset, DWORD length, DWORD flags, Operation *a) {
+    return os::LockFileEx(file, flags, 0, length, 0, a->At(offset));
 }
 
-long SizeOf(const std::string &name) {
-    struct stat info;
-    return stat(name.c_str(), &info) == 0 ? static_cast<long>(info.st_size) : -1;
+bool TryLock(HANDLE file, uint64_t offset, DWORD length, bool exclusive) {
+    Operation a;
+    const DWORD kind = exclusive ? LOCKFILE_EXCLUSIVE_LOCK : 0;
+    const BOOL ok = Lock(file, offset, length, LOCKFILE_FAIL_IMMEDIATELY | kind, &a);
+    EXPECT_TRUE(ok || os::GetLastError() == ERROR_LOCK_VIOLATION);
+    return ok != FALSE;
 }
 
-constexpr DWORD kBoth = GENERIC_READ | GENERIC_WRITE;
+bool Unlock(HANDLE file, uint64_t offset, DWORD length) {
+    Operation a;
+    return os::UnlockFileEx(file, 0, length, 0, a.At(offset)) != FALSE;
+}
+
+// Whether another process could take the range now.
+bool FreeElsewhere(const Scratch &file, off_t offset, off_t length) {
+    return RunChild([&] {
+               struct flock range {};
+               range.l_type = F_WRLCK;
+               range.l_start = offset;
+               range.l_len = length;
+               _exit(fcntl(open(file.Name.c_str(), O_RDWR), F_OFD_SETLK, &range) == 0 ? 0 : 1);
+           }).ExitCode == 0;
+}
 
 }  // namespace
 
-TEST(File, Dispositions) {
-    struct {
-        DWORD Disposition;
-        bool Exists;
-        bool Opened;
-        DWORD Error;  // 77: untouched
-        long Size;
-    } const cases[] = {
-        {CREATE_NEW, false, true, 77, 0},
-        {CREATE_NEW, true, false, ERROR_FILE_EXISTS, 100},
-        {CREATE_ALWAYS, false, true, 0, 0},
-        {CREATE_ALWAYS, true, true, ERROR_ALREADY_EXISTS, 0},
-        {OPEN_EXISTING, false, false, 2, -1},
-        {OPEN_EXISTING, true, true, 77, 100},
-        {OPEN_ALWAYS, false, true, 0, 0},
-        {OPEN_ALWAYS, true, true, ERROR_ALREADY_EXISTS, 100},
-        {TRUNCATE_EXISTING, false, false, 2, -1},
-        {TRUNCATE_EXISTING, true, true, 77, 0},
-        {0, true, false, ERROR_INVALID_PARAMETER, 100},
-        {6, true, false, ERROR_INVALID_PARAMETER, 100},
-    };
-    for (const auto &each : cases) {
-        Scratch file("disposition");
-        if (each.Exists) file.Fill(100);
-        const Outcome outcome = Open(file.Name.c_str(), kBoth, each.Disposition);
-        EXPECT_EQ(each.Opened, outcome.Opened) << each.Disposition << each.Exists;
-        EXPECT_EQ(each.Error, outcome.Error) << each.Disposition << each.Exists;
-        EXPECT_EQ(each.Size, SizeOf(file.Name)) << each.Disposition << each.Exists;
-    }
+TEST(FileLock, ExcludesBetweenHandlesAndProcessesAndIsReleasedRangeByRange) {
+    Scratch file(1000);
+    const HANDLE a = file.Open(), b = file.Open(0);
+    EXPECT_TRUE(TryLock(a, 100, 50, true));
+    EXPECT_FALSE(TryLock(b, 149, 1, true));
+    EXPECT_FALSE(TryLock(b, 0, 101, false));
+    EXPECT_FALSE(TryLock(a, 100, 50, true)) << "not even by the same handle";
+    EXPECT_TRUE(TryLock(b, 150, 50, true)) << "ranges that touch do not overlap";
+    EXPECT_FALSE(FreeElsewhere(file, 120, 1));
+    EXPECT_FALSE(Unlock(a, 100, 49)) << "only what was locked can be released";
+    EXPECT_TRUE(Unlock(a, 100, 50));
+    EXPECT_TRUE(FreeElsewhere(file, 100, 50));
+    // Shared ones overlap; a release leaves what another of them still covers.
+    EXPECT_TRUE(TryLock(a, 500, 100, false));
+    EXPECT_TRUE(TryLock(a, 550, 100, false));
+    EXPECT_TRUE(TryLock(a, 570, 10, false));
+    EXPECT_TRUE(TryLock(b, 500, 60, false));
+    EXPECT_TRUE(Unlock(b, 500, 60));
+    EXPECT_TRUE(Unlock(a, 500, 100));
+    EXPECT_TRUE(FreeElsewhere(file, 500, 50));
+    EXPECT_FALSE(FreeElsewhere(file, 599, 1));
+    EXPECT_TRUE(Unlock(a, 550, 100));
+    EXPECT_TRUE(FreeElsewhere(file, 550, 20));
+    EXPECT_FALSE(FreeElsewhere(file, 579, 1));
+    EXPECT_TRUE(FreeElsewhere(file, 580, 70));
+    os::CloseHandle(a);
+    EXPECT_TRUE(TryLock(b, 570, 10, true)) << "closing releases";
 }
 
-TEST(File, NamesThatCannotBeOpened) {
-    Scratch file("names");
-    file.Fill(10);
-    EXPECT_EQ(ERROR_PATH_NOT_FOUND, Open(nullptr, kBoth, OPEN_ALWAYS).Error);
-    EXPECT_EQ(ERROR_PATH_NOT_FOUND, Open("", kBoth, OPEN_ALWAYS).Error);
-    EXPECT_EQ(ERROR_PATH_NOT_FOUND, Open((file.Name + "/x").c_str(), kBoth, OPEN_ALWAYS).Error);
-    EXPECT_EQ(ERROR_ACCESS_DENIED, Open(".", GENERIC_READ, OPEN_EXISTING).Error);
-    EXPECT_EQ(ERROR_ACCESS_DENIED, Open(".", kBoth, OPEN_EXISTING).Error);
-    EXPECT_EQ(ERROR_FILENAME_EXCED_RANGE, Open(std::string(300, 'n').c_str(), kBoth, OPEN_ALWAYS).Error);
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, Open(file.Name.c_str(), GENERIC_READ, TRUNCATE_EXISTING).Error);
-    EXPECT_FALSE(Open("\\\\.\\pipe\\zvx_no_such_pipe", kBoth, OPEN_EXISTING).Opened);
-    // A backslash is a character like any other.
-    Scratch odd("odd\\name");
-    EXPECT_TRUE(Open(odd.Name.c_str(), kBoth, CREATE_NEW).Opened);
-    EXPECT_EQ(0, SizeOf(odd.Name));
-}
-
-TEST(File, WideNames) {
-    Scratch file("wide-\u00e4\u20ac\U0001F600");
-    file.Fill(8);
-    std::wstring wide = L"zvx_scratch_wide-\u00e4\u20ac\U0001F600";
-    wide += std::wstring(file.Name.begin() + static_cast<long>(file.Name.find("_", 15)), file.Name.end());
-    const HANDLE handle = os::CreateFileW(wide.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    EXPECT_NE(INVALID_HANDLE_VALUE, handle) << os::GetLastError();
-    os::CloseHandle(handle);
-    for (const WCHAR bad : {WCHAR(0xD800), WCHAR(0x110000)}) {
-        const WCHAR name[] = {L'x', bad, 0};
-        EXPECT_EQ(INVALID_HANDLE_VALUE, os::CreateFileW(name, kBoth, 0, nullptr, CREATE_NEW, 0, nullptr));
-        EXPECT_EQ(ERROR_INVALID_NAME, os::GetLastError());
-    }
-    EXPECT_EQ(INVALID_HANDLE_VALUE,
-              os::CreateFileW(std::wstring(5000, L'x').c_str(), kBoth, 0, nullptr, CREATE_NEW, 0, nullptr));
-    EXPECT_EQ(ERROR_FILENAME_EXCED_RANGE, os::GetLastError());
-}
-
-TEST(File, PositionOfASynchronousHandle) {
-    Scratch file("position");
-    file.Fill(1000);
-    const HANDLE handle = file.Open(0);
-    char buffer[1000];
-    DWORD got;
-    for (uint32_t at : {0u, 400u, 800u}) {
-        ASSERT_TRUE(os::ReadFile(handle, buffer, 400, &got, nullptr));
-        EXPECT_EQ(at == 800 ? 200u : 400u, got);
-        EXPECT_TRUE(HasPattern(buffer, at, got));
-    }
-    EXPECT_TRUE(os::ReadFile(handle, buffer, 400, &got, nullptr)) << "the end is an empty answer";
-    EXPECT_EQ(0u, got);
-    // An offset of the caller's counts, and moves the position.
-    OVERLAPPED ov{};
-    ov.Offset = 100;
-    EXPECT_TRUE(os::ReadFile(handle, buffer, 40, &got, &ov));
-    EXPECT_EQ(40u, ov.InternalHigh);
-    EXPECT_TRUE(HasPattern(buffer, 100, 40));
-    EXPECT_EQ(140u, os::SetFilePointer(handle, 0, nullptr, FILE_CURRENT));
-    ov.Offset = 1000;
-    EXPECT_FALSE(os::ReadFile(handle, buffer, 40, &got, &ov));
-    EXPECT_EQ(ERROR_HANDLE_EOF, os::GetLastError());
-    EXPECT_TRUE(os::WriteFile(handle, "abcd", 4, &got, nullptr));
-    EXPECT_EQ(144u, os::SetFilePointer(handle, 0, nullptr, FILE_CURRENT));
-    EXPECT_FALSE(os::ReadFileEx(handle, buffer, 4, &ov, [](DWORD, DWORD, OVERLAPPED *) {}));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, os::GetLastError());
-
-    // Threads that read along get every piece once.
-    os::SetFilePointer(handle, 0, nullptr, FILE_BEGIN);
-    os::SetFileLength(handle, 400000);
-    std::atomic<uint32_t> total{0};
-    std::vector<std::thread> readers;
-    for (int i = 0; i < 3; i++)
-        readers.emplace_back([&] {
-            char piece[100];
-            DWORD length = 1;
-            while (length != 0 && os::ReadFile(handle, piece, 100, &length, nullptr)) total += length;
-        });
-    for (std::thread &reader : readers) reader.join();
-    EXPECT_EQ(400000u, total.load());
-    os::CloseHandle(handle);
-}
-
-TEST(File, MovingThePointer) {
-    Scratch file("pointer");
-    file.Fill(1000);
-    const HANDLE handle = file.Open(0);
-    LONG high = 0;
-    EXPECT_EQ(1000u, os::SetFilePointer(handle, 0, nullptr, FILE_END));
-    EXPECT_EQ(990u, os::SetFilePointer(handle, -10, nullptr, FILE_CURRENT));
-    EXPECT_EQ(INVALID_SET_FILE_POINTER, os::SetFilePointer(handle, -991, nullptr, FILE_CURRENT));
-    EXPECT_EQ(ERROR_NEGATIVE_SEEK, os::GetLastError());
-    EXPECT_EQ(990u, os::SetFilePointer(handle, 0, nullptr, FILE_CURRENT)) << "a refused move moves nothing";
-    high = 3;
-    EXPECT_EQ(0x80000000u, os::SetFilePointer(handle, INT32_MIN, &high, FILE_BEGIN));
-    EXPECT_EQ(3, high);
-    high = -1;
-    EXPECT_EQ(0x7FFFFFFFu, os::SetFilePointer(handle, -1, &high, FILE_CURRENT));
-    EXPECT_EQ(3, high);
-    // Positions that look like the error value: told by the last error, or refused where they cannot be told.
-    high = 5;
-    EXPECT_EQ(0xFFFFFFFFu, os::SetFilePointer(handle, -1, &high, FILE_BEGIN));
-    EXPECT_EQ(0u, os::GetLastError());
-    EXPECT_EQ(5, high);
-    EXPECT_EQ(INVALID_SET_FILE_POINTER, os::SetFilePointer(handle, 1, nullptr, FILE_CURRENT));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, os::GetLastError());
-    EXPECT_EQ(INVALID_SET_FILE_POINTER, os::SetFilePointer(handle, 0, nullptr, 3));
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, os::GetLastError());
-
-    os::SetFilePointer(handle, 300, nullptr, FILE_BEGIN);
-    EXPECT_TRUE(os::SetEndOfFile(handle));
-    EXPECT_EQ(300, SizeOf(file.Name));
-    EXPECT_TRUE(os::SetFileLength(handle, (5ull << 30) + 1));
-    DWORD upper = 0;
-    EXPECT_EQ((5u << 30) + 1, os::GetFileSize(handle, &upper));
-    EXPECT_EQ(1u, upper);
-    LARGE_INTEGER size;
-    EXPECT_TRUE(os::GetFileSizeEx(handle, &size));
-    EXPECT_EQ((5ll << 30) + 1, size.QuadPart);
-    EXPECT_TRUE(os::FlushFileBuffers(handle));
-    os::CloseHandle(handle);
-
-    const HANDLE readOnly = file.Open(0, GENERIC_READ);
-    EXPECT_FALSE(os::SetFileLength(readOnly, 0));
-    EXPECT_EQ(ERROR_ACCESS_DENIED, os::GetLastError());
-    EXPECT_FALSE(os::FlushFileBuffers(readOnly));
-    os::CloseHandle(readOnly);
-    EXPECT_EQ(INVALID_SET_FILE_POINTER, os::SetFilePointer(readOnly, 0, nullptr, FILE_BEGIN));
-    EXPECT_EQ(ERROR_INVALID_HANDLE, os::GetLastError());
-}
-
-TEST(File, MovingAndDeleting) {
-    Scratch a("move_a"), b("move_b"), c("move_c");
-    a.Fill(10), b.Fill(20);
-    EXPECT_FALSE(os::MoveFileExA(a.Name.c_str(), b.Name.c_str(), 0));
-    EXPECT_EQ(ERROR_ALREADY_EXISTS, os::GetLastError());
-    EXPECT_EQ(10, SizeOf(a.Name));
-    EXPECT_TRUE(os::MoveFileExA(a.Name.c_str(), b.Name.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH));
-    EXPECT_EQ(10, SizeOf(b.Name));
-    EXPECT_EQ(-1, SizeOf(a.Name));
-    EXPECT_FALSE(os::MoveFileExA(a.Name.c_str(), c.Name.c_str(), MOVEFILE_REPLACE_EXISTING));
-    EXPECT_EQ(ERROR_FILE_NOT_FOUND, os::GetLastError());
-    EXPECT_TRUE(os::DeleteFileA(b.Name.c_str()));
-    EXPECT_FALSE(os::DeleteFileA(b.Name.c_str()));
-    EXPECT_EQ(ERROR_FILE_NOT_FOUND, os::GetLastError());
-    EXPECT_FALSE(os::DeleteFileA("."));
-    EXPECT_EQ(ERROR_ACCESS_DENIED, os::GetLastError());
-
-    // Delete on close: with the last handle, and only what was opened.
-    const HANDLE handle = c.Open(FILE_FLAG_DELETE_ON_CLOSE, kBoth, CREATE_NEW);
-    HANDLE copy = nullptr;
-    ASSERT_TRUE(os::DuplicateHandle(os::GetCurrentProcess(), handle, os::GetCurrentProcess(), &copy, 0, FALSE,
-                                    DUPLICATE_SAME_ACCESS));
-    os::CloseHandle(handle);
-    EXPECT_EQ(0, SizeOf(c.Name));
-    os::CloseHandle(copy);
-    EXPECT_EQ(-1, SizeOf(c.Name));
-    const HANDLE again = c.Open(FILE_FLAG_DELETE_ON_CLOSE, kBoth, CREATE_NEW);
-    unlink(c.Name.c_str());
-    c.Fill(5);
-    os::CloseHandle(again);
-    EXPECT_EQ(5, SizeOf(c.Name)) << "somebody else's file by then";
-}
-
-TEST(File, OpeningAFifoNeverWaits) {
-    Scratch fifo("fifo");
-    fifo.Fifo();
-    EXPECT_EQ(ERROR_NOT_READY, Open(fifo.Name.c_str(), GENERIC_WRITE, OPEN_EXISTING).Error);
-    const HANDLE reader = fifo.Open(0, GENERIC_READ), writer = fifo.Open(0, GENERIC_WRITE);
-    char buffer[10];
-    DWORD got;
-    // Once both ends are there a synchronous read waits for data like any other.
-    std::thread late([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        EXPECT_TRUE(os::WriteFile(writer, "data", 4, nullptr, nullptr));
+TEST(FileLock, IsGrantedLaterOrCancelled) {
+    Scratch file(1000);
+    const HANDLE holder = file.Open(0), port = NewPort(), waiter = file.Open();
+    ASSERT_EQ(port, os::CreateIoCompletionPort(waiter, port, 3, 0));
+    ASSERT_TRUE(TryLock(holder, 0, 10, true));
+    Operation a[5];
+    for (Operation &each : a) EXPECT_FALSE(Lock(waiter, 0, 10, LOCKFILE_EXCLUSIVE_LOCK, &each));
+    EXPECT_EQ(ERROR_IO_PENDING, os::GetLastError());
+    EXPECT_TRUE(os::IoNeedsAttention(Io())) << "a busy owner must keep looking";
+    EXPECT_EQ(nullptr, Take(port, 30).Ov);
+    EXPECT_TRUE(os::CancelIoEx(waiter, &a[1].Ov));
+    EXPECT_EQ(STATUS_CANCELLED, Await(port, &a[1].Ov));
+    std::thread other([&] {
+        Pause(20);
+        EXPECT_TRUE(Unlock(holder, 0, 10));
     });
-    EXPECT_TRUE(os::ReadFile(reader, buffer, 10, &got, nullptr));
-    EXPECT_EQ(4u, got);
-    late.join();
-    EXPECT_EQ(INVALID_SET_FILE_POINTER, os::SetFilePointer(reader, 0, nullptr, FILE_BEGIN));
-    os::CloseHandle(writer);
-    EXPECT_FALSE(os::ReadFile(reader, buffer, 10, &got, nullptr));
-    EXPECT_EQ(ERROR_BROKEN_PIPE, os::GetLastError());
-    os::CloseHandle(reader);
+    EXPECT_EQ(STATUS_SUCCESS, Await(port, &a[0].Ov));
+    other.join();
+    EXPECT_FALSE(TryLock(holder, 0, 10, true));
+    EXPECT_TRUE(Unlock(waiter, 0, 10));
+    EXPECT_EQ(STATUS_SUCCESS, Await(port, &a[2].Ov));
+    Together([&] { os::CloseHandle(waiter); });
+    EXPECT_EQ(STATUS_CANCELLED, Await(port, &a[3].Ov));
+    EXPECT_EQ(STATUS_CANCELLED, Await(port, &a[4].Ov));
+    EXPECT_FALSE(os::IoNeedsAttention(Io()));
+    EXPECT_TRUE(FreeElsewhere(file, 0, 10)) << "a cancelled waiter took the range";
+    // A synchronous handle of a thread without a port waits its way.
+    ASSERT_TRUE(TryLock(holder, 0, 10, true));
+    std::atomic<bool> granted{false};
+    std::thread blocked([&] {
+        Operation ov;
+        EXPECT_TRUE(Lock(file.Open(0), 0, 10, LOCKFILE_EXCLUSIVE_LOCK, &ov));
+        granted = true;
+    });
+    Pause(20);
+    EXPECT_FALSE(granted);
+    EXPECT_TRUE(Unlock(holder, 0, 10));
+    blocked.join();
 }
