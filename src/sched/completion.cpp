@@ -70,6 +70,7 @@ bool AttachHandleToPort(Scheduler *S, PSEHAND *handleRec, HANDLE handle) {
 void PacketOrPoll(Scheduler *S, FIBEROVERLAPPED *rec, PSEHAND *handleRec, uint32_t kind, bool neverPoll) {
     rec->Flags = kind;
     rec->ForeignPort = 0;
+    rec->Issuer = S;
     if (!(handleRec->Flags.load(std::memory_order_acquire) & PHAND_FLAG_ON_PORT)) return;
     // A packet would arrive at the port of the scheduler that attached the handle, whose thread must not
     // touch this fiber. The own ring ends the operation and the own wait in the port all the same.
@@ -358,11 +359,10 @@ void PollPort(Scheduler *S, uint32_t waitMs) {
 void ProcessIOCPMessage(Scheduler *S, OVERLAPPED *overlapped, uintptr_t key) {
     FIBEROVERLAPPED *rec = OvRecord(overlapped);
     if (rec->Magic != FIBEROVERLAPPED_MAGIC) InvalidPacket(overlapped, key, rec->Magic);
-    Scheduler *owner = SchedOf(rec->Fiber);
-    if (owner != S) {
-        // The fiber moved since; only its own scheduler may touch it. A fiber moves with no packet owed to
-        // its records, so that there is a scheduler to pass this one on to.
-        if (owner != nullptr) os::PostQueuedCompletionStatus(owner->Port, 0, key, overlapped);
+    if (rec->Issuer != S && rec->Issuer != nullptr) [[unlikely]] {
+        // Issued by the thread of another scheduler, which alone may touch it. Not Fiber says so: a free record with
+        // packets still to come names a thread that may have ended, and whose Fiber may run elsewhere by now.
+        os::PostQueuedCompletionStatus(rec->Issuer->Port, 0, key, overlapped);
         return;
     }
     if (rec->SkipPackets != 0) {

@@ -135,6 +135,7 @@ struct FIBEROVERLAPPED {
     LPOVERLAPPED_COMPLETION_ROUTINE CompletionRoutine;
     void *SocketRoutine;
     PSEHAND *HandleRec;
+    Scheduler *Issuer;    // owner: the scheduler that issued the latest operation, whose port its packet comes to
     uint32_t Magic;       // always FIBEROVERLAPPED_MAGIC
     uint8_t PollList;     // owner: a PollIndex
     uint8_t CountClass;   // owner: the PollClass it is counted under now

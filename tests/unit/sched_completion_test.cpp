@@ -300,6 +300,36 @@ TEST_F(AlertableTest, SleepExNWaitsForAsManyAsAsked) {
     EXPECT_EQ(TakeNotes(), Names{"none outstanding"});
 }
 
+// A free record with packets still to come used to be judged by its last fiber; once that had ended and its record
+// ran on another scheduler, the packets were passed on to the wrong port, and counted by the wrong thread.
+TEST_F(AlertableTest, PacketsOfAFreeRecordStayWithTheirScheduler) {
+    Scheduler *other = NewScheduler();
+    script::gScript.OnIo = [](const script::IoCall &) { return script::Done(1); };
+    Fiber *F = NewFiber(S, [&](Fiber *self) {
+        FIBEROVERLAPPED *rec = AllocOv(self, File, 6);
+        PacketOrPoll(S, rec, File, OV_FILE_ROUTINE, false);
+        DWORD got;
+        EXPECT_TRUE(os::ReadFile(rec->OsHandle, nullptr, 1, &got, &rec->Ov, &rec->Io));
+        AccountPacket(rec);
+        FreeOv(rec, S);
+        Records[0] = rec;
+        self->WaitTimeoutMs = INFINITE;
+        SchedYield(self, Yield_TIMER_WAIT);
+    });
+    // The thread has ended and its record stands for one of the other scheduler before the packet is looked at.
+    NewFiber(S, [&](Fiber *) {
+        EXPECT_EQ(Records[0]->SkipPackets, 1u);
+        F->Sched = other;
+        PollPort(S, 0);
+        F->Sched = S;
+        Note("drained");
+    });
+    RunUntilIdle(S);
+    EXPECT_EQ(TakeNotes(), Names{"drained"});
+    EXPECT_EQ(Records[0]->SkipPackets, 0u);
+    EXPECT_TRUE(script::gScript.Posted.empty());
+}
+
 TEST_F(AlertableTest, ATimeOutTakesTheRecordOutOfItsPollList) {
     NewFiber(S, [&](Fiber *self) {
         Issue(self);
