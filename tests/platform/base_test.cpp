@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "platform/base/alertable.h"
+#include "platform/base/fiber_internal.h"  // which sanitizer this build has
 #include "platform/base/spin.h"
 #include "support.h"
 
