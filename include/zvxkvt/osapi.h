@@ -77,6 +77,8 @@ ZVXKVT_API const char *WINAPI ZvxIoBackendName(void); /* "io_uring" or "epoll" *
 ZVXKVT_API const char *WINAPI ZvxIoBackendNote(void);
 ZVXKVT_API DWORD WINAPI ZvxKernelThreadCount(void); /* kernel threads of this process now */
 ZVXKVT_API DWORD WINAPI ZvxSchedulerCount(void);    /* static schedulers; 0 outside fiber mode */
+/* User threads of a scheduler now, and how often it has picked one to run (wraps). FALSE for no such scheduler. */
+ZVXKVT_API BOOL WINAPI ZvxSchedulerFigures(DWORD index, LPDWORD userThreads, LPDWORD switches);
 
 #ifdef __cplusplus
 } /* extern "C" */

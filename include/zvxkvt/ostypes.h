@@ -95,6 +95,17 @@ typedef struct _OVERLAPPED {
     HANDLE hEvent;      /* signalled at the end; with the low bit set no packet goes to a port */
 } OVERLAPPED, *LPOVERLAPPED;
 
+/* A lock for short sections, recursive. Its words belong to whoever initialised it; set up and used by the functions
+ * only. */
+typedef struct _CRITICAL_SECTION {
+    ULONG_PTR DebugInfo;
+    LONG LockCount;
+    LONG RecursionCount;
+    HANDLE OwningThread; /* in fiber mode the library's own record */
+    ULONG_PTR LockSemaphore;
+    ULONG_PTR SpinCount;
+} CRITICAL_SECTION, *PCRITICAL_SECTION, *LPCRITICAL_SECTION;
+
 typedef DWORD(WINAPI *LPTHREAD_START_ROUTINE)(LPVOID);
 typedef void(WINAPI *LPOVERLAPPED_COMPLETION_ROUTINE)(DWORD error, DWORD bytes, LPOVERLAPPED overlapped);
 typedef intptr_t(WINAPI *FARPROC)(void);

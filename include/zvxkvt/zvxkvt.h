@@ -207,6 +207,50 @@ ZVXKVT_API HANDLE WINAPI CreateEventA(LPSECURITY_ATTRIBUTES security, BOOL manua
 ZVXKVT_API BOOL WINAPI SetEvent(HANDLE event);
 ZVXKVT_API BOOL WINAPI ResetEvent(HANDLE event);
 
+/* ---- Identity, post and wait ------------------------------------------------------------------------- */
+
+/* Says who the calling user thread is, and by which event others post it (an event handle of its own that the host
+ * made; nobody sets that event in fiber mode). Tags decide the scheduling class: null, "" or "SHAD" a session; "LGWR" the
+ * log writer; "DBW..." a database writer; "PMON" the monitor; "P" any character and two digits a slave; others are
+ * background. The string is kept by pointer and must outlive the thread's identity. Identifying twice without
+ * UnidentifyUserThread ends the process. Does nothing outside fiber mode. Does not yield. */
+ZVXKVT_API void WINAPI IdentifyUserThread(LPCSTR tag, HANDLE postEvent);
+/* Takes the identity back; to be called before the thread ends. `reserved` is not read. */
+ZVXKVT_API void WINAPI UnidentifyUserThread(DWORD reserved);
+/* Records the tag of a thread that wants a scheduler of its own; called before IdentifyUserThread. */
+ZVXKVT_API void WINAPI MigrateUserThread(LPCSTR tag);
+
+/* Wakes the user thread that identified itself with `event`, or lets its next WaitForUserThreadPost end at once; several
+ * posts before a wait count as one. For any other event: SetEvent. TRUE as well when the event is gone. May yield to a
+ * thread of a higher class (setting "YieldAfterHPPost"). */
+ZVXKVT_API BOOL WINAPI PostUserThread(HANDLE event);
+/* The same for a list that ends with a 0 entry; one message for up to 16 targets on one scheduler. -1, or the index of
+ * the first event that could not be posted; those before it are posted all the same. Does not yield. */
+ZVXKVT_API int WINAPI PostMultipleUserThreads(const HANDLE *events);
+/* Yields until the caller is posted or `ms` milliseconds have passed: 0 or WAIT_TIMEOUT. `event` is the one the caller
+ * identified itself with; any other is waited for as WaitForSingleObject does. */
+ZVXKVT_API DWORD WINAPI WaitForUserThreadPost(HANDLE event, DWORD ms);
+
+/* ---- Critical sections ------------------------------------------------------------------------------- */
+
+/* A recursive lock that belongs to a user thread. Entering a section that another thread owns yields until that one has
+ * left; leaving wakes whoever has waited longest, which then tries again. A thread that ends leaves what it owns. The
+ * structure must not move. Errors end the process with a message: a section that was never initialised, leaving one that
+ * another thread owns, deleting one that another thread owns or waits for.
+ * Sections that were initialised before fiber mode are taken over at their first entry by a user thread; they must be
+ * free then. */
+ZVXKVT_API void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION section);
+/* `spinCount`: attempts that a waiter makes while the owner runs on another scheduler. Always TRUE. */
+ZVXKVT_API BOOL WINAPI InitializeCriticalSectionAndSpinCount(LPCRITICAL_SECTION section, DWORD spinCount);
+/* Outside fiber mode only; a user thread's call ends the process. The previous count. */
+ZVXKVT_API DWORD WINAPI SetCriticalSectionSpinCount(LPCRITICAL_SECTION section, DWORD spinCount);
+ZVXKVT_API void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION section);
+ZVXKVT_API void WINAPI EnterCriticalSection(LPCRITICAL_SECTION section);
+/* FALSE when another thread owns it. Does not yield. */
+ZVXKVT_API BOOL WINAPI TryEnterCriticalSection(LPCRITICAL_SECTION section);
+/* May yield to a waiter of a higher class (setting "YieldAfterHPPost"). */
+ZVXKVT_API void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION section);
+
 /* ---- Modules ----------------------------------------------------------------------------------------- */
 
 /* The module of that name if the process has loaded it, null with ERROR_MOD_NOT_FOUND. */

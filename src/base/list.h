@@ -69,6 +69,14 @@ inline void SpliceAll(ListHead *to, ListHead *from) {
     InitList(from);
 }
 
+// The part of a record by which it waits until no other thread can have it in hand any more; Release then gives the
+// record back, on the scheduler that retired it.
+struct Scheduler;
+struct RetireEntry {
+    ListLink Link;
+    void (*Release)(Scheduler *S, RetireEntry *entry);
+};
+
 // The record that embeds `member` at `link`.
 template <typename Record, typename Member>
 inline Record *RecordOf(Member *member, size_t offset) {

@@ -5,12 +5,14 @@
 #include <cstddef>
 
 #include "diag/trace.h"
+#include "kernel/critsec.h"
 #include "kernel/file.h"
 #include "kernel/handles.h"
 #include "kernel/query.h"
 #include "kernel/thread.h"
 #include "kernel/wait.h"
 #include "platform/os.h"
+#include "postwait/postwait.h"
 #include "sched/sched.h"
 #include "sched/startup.h"
 #include "zvxkvt/osapi.h"
@@ -177,6 +179,48 @@ BOOL ResetEvent(HANDLE event) {
     return zvx::ResetEvent(event);
 }
 
+// ---- Identity, posts, critical sections --------------------------------------------------------------
+
+void IdentifyUserThread(LPCSTR tag, HANDLE postEvent) {
+    zvx::IdentifyUserThread(tag, postEvent);
+}
+void UnidentifyUserThread(DWORD reserved) {
+    zvx::UnidentifyUserThread(reserved);
+}
+void MigrateUserThread(LPCSTR tag) {
+    zvx::MigrateUserThread(tag);
+}
+BOOL PostUserThread(HANDLE event) {
+    return zvx::PostUserThread(event);
+}
+int PostMultipleUserThreads(const HANDLE *events) {
+    return zvx::PostMultipleUserThreads(events);
+}
+DWORD WaitForUserThreadPost(HANDLE event, DWORD ms) {
+    return zvx::WaitForUserThreadPost(event, ms);
+}
+void InitializeCriticalSection(LPCRITICAL_SECTION section) {
+    zvx::InitializeCriticalSection(section);
+}
+BOOL InitializeCriticalSectionAndSpinCount(LPCRITICAL_SECTION section, DWORD spinCount) {
+    return zvx::InitializeCriticalSectionAndSpinCount(section, spinCount);
+}
+DWORD SetCriticalSectionSpinCount(LPCRITICAL_SECTION section, DWORD spinCount) {
+    return zvx::SetCriticalSectionSpinCount(section, spinCount);
+}
+void DeleteCriticalSection(LPCRITICAL_SECTION section) {
+    zvx::DeleteCriticalSection(section);
+}
+void EnterCriticalSection(LPCRITICAL_SECTION section) {
+    zvx::EnterCriticalSection(section);
+}
+BOOL TryEnterCriticalSection(LPCRITICAL_SECTION section) {
+    return zvx::TryEnterCriticalSection(section);
+}
+void LeaveCriticalSection(LPCRITICAL_SECTION section) {
+    zvx::LeaveCriticalSection(section);
+}
+
 // ---- ZVXKVT_OS ---------------------------------------------------------------------------------------
 
 DWORD GetTickCount(void) {
@@ -265,6 +309,9 @@ DWORD ZvxKernelThreadCount(void) {
 }
 DWORD ZvxSchedulerCount(void) {
     return zvx::SchedulerCount();
+}
+BOOL ZvxSchedulerFigures(DWORD index, LPDWORD userThreads, LPDWORD switches) {
+    return zvx::SchedulerFigures(index, userThreads, switches);
 }
 
 }  // extern "C"

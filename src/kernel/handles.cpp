@@ -101,7 +101,7 @@ PSEHAND *AllocHandleEntry(Scheduler *S, uint8_t node) {
     void *chunk = AllocChunk(&gAllocTypes[ALLOC_PSEHAND], S, node == kOwnNode ? S->NumaNode : node);
     PSEHAND *entry = new (chunk) PSEHAND{};
     entry->RefCount = 1;
-    InitLink(&entry->RetireLink);
+    InitLink(&entry->Retire.Link);
     do {
         entry->Serial = sHandleSerial.fetch_add(1, std::memory_order_relaxed) + 1;
     } while (entry->Serial == 0);
@@ -136,15 +136,16 @@ bool RemoveHandle(PSEHAND *entry) {
     return true;
 }
 
-void DestroyHandleEntry(PSEHAND *entry, Scheduler *S) {
-    RemoveHandle(entry);
-    RetireRecord(S, &entry->RetireLink);
-}
-
-void ReleaseRetiredHandle(Scheduler *S, ListLink *link) {
-    PSEHAND *entry = ZVX_RECORD_OF(link, PSEHAND, RetireLink);
+static void ReleaseRetiredHandle(Scheduler *S, RetireEntry *retired) {
+    PSEHAND *entry = ZVX_RECORD_OF(retired, PSEHAND, Retire);
     os::UnpinHandleValue(HandleValue(entry));
     FreeHandleEntry(entry, S);
+}
+
+void DestroyHandleEntry(PSEHAND *entry, Scheduler *S) {
+    RemoveHandle(entry);
+    entry->Retire.Release = ReleaseRetiredHandle;
+    RetireRecord(S, &entry->Retire);
 }
 
 void ReleaseHandleRef(PSEHAND *entry, uintptr_t handle, Scheduler *S) {
@@ -275,7 +276,7 @@ void CheckHandleTable() {
             occupied++;
             ZVX_CHECK(entry->Handle >> 2 == i);
             ZVX_CHECK(entry->RefCount != 0 && entry->Serial != 0);
-            ZVX_CHECK(!IsLinked(&entry->RetireLink));
+            ZVX_CHECK(!IsLinked(&entry->Retire.Link));
             if (entry->Parent == nullptr) {
                 roots++;
                 rootRefs += entry->RefCount;

@@ -58,7 +58,7 @@ struct PSEHAND {
     uint64_t CreationTime;               // threads: creation of the backing thread, as a file time
     std::atomic<uint64_t> ExitTime;      // threads: end of the user thread, as a file time
     std::atomic<uint64_t> UserTime;      // threads: last computed by the thread itself, 100-ns units
-    ListLink RetireLink;                 // in a scheduler's retire lists after removal
+    RetireEntry Retire;                  // in a scheduler's retire lists after removal
 };
 static_assert(sizeof(PSEHAND) <= 256, "one chunk holds one entry");
 

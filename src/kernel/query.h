@@ -7,6 +7,8 @@
 namespace zvx {
 
 uint32_t SchedulerCount();  // static schedulers; 0 outside fiber mode
+// User threads and passes through the selection (wraps) of a scheduler, both as of now; false for no such scheduler.
+bool SchedulerFigures(uint32_t index, uint32_t *userThreads, uint32_t *switches);
 
 }  // namespace zvx
 

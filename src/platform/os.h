@@ -118,13 +118,20 @@ void *LocalFree(void *memory);                // null on success
 // ---- Locks -------------------------------------------------------------------------------------------
 //
 // Recursive, owned by the fiber where there is one, else by the thread. Enter blocks the kernel thread;
-// never hold one across SchedYield (debug builds count them in SpinLocksHeld).
+// never hold one across SchedYield (debug builds count them in SpinLocksHeld). The layout is that of the host's
+// CRITICAL_SECTION; all zero is a free section.
 struct CriticalSection {
-    std::atomic<uint32_t> State;     // 0 free, 1 held, 2 held with sleepers
     std::atomic<uintptr_t> OwnerId;  // fiber data, or the thread block's address
+    std::atomic<uint32_t> State;     // 0 free, 1 held, 2 held with sleepers
     uint32_t Recursion;              // owner only
+    void *LibraryRecord;             // not the platform's: null, or what the library put in its place
+    uintptr_t Reserved;
+    uintptr_t SpinCount;             // pauses before sleeping; 0 is the platform's own number
 };
 void InitializeCriticalSection(CriticalSection *section);
+BOOL InitializeCriticalSectionAndSpinCount(CriticalSection *section, DWORD spinCount);
+DWORD SetCriticalSectionSpinCount(CriticalSection *section, DWORD spinCount);  // the previous one
+void DeleteCriticalSection(CriticalSection *section);
 void EnterCriticalSection(CriticalSection *section);
 BOOL TryEnterCriticalSection(CriticalSection *section);
 void LeaveCriticalSection(CriticalSection *section);
@@ -168,6 +175,7 @@ BOOL DuplicateHandle(HANDLE sourceProcess, HANDLE source, HANDLE targetProcess, 
 // The library's table entry for a value keeps the value from being reused; pins are counted.
 void PinHandleValue(HANDLE handle);
 void UnpinHandleValue(HANDLE handle);
+BOOL GetHandleInformation(HANDLE handle, DWORD *flags);  // whether the value stands for an object; flags get 0
 HANDLE GetCurrentProcess();  // pseudo handle, (HANDLE)-1
 DWORD GetCurrentProcessId();
 

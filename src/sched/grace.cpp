@@ -9,7 +9,6 @@
 // words of the other schedulers, which are atomics: a pass stores SwitchCount with release after the reads of
 // the fibers before it, and the load here acquires.
 #include "sched/internal.h"
-#include "sched/upcalls.h"
 
 namespace zvx {
 
@@ -37,11 +36,14 @@ static bool EveryoneMovedOn(const Scheduler *S) {
     return true;
 }
 
-void RetireRecord(Scheduler *S, ListLink *link) { AppendLink(&S->RetireOpen, link); }
+void RetireRecord(Scheduler *S, RetireEntry *entry) { AppendLink(&S->RetireOpen, &entry->Link); }
 
 void ReleaseRetired(Scheduler *S) {
     if (S->RetireWaiting.Count != 0 && EveryoneMovedOn(S)) {
-        while (ListLink *link = PopLink(&S->RetireWaiting)) ReleaseRetiredHandle(S, link);
+        while (ListLink *link = PopLink(&S->RetireWaiting)) {
+            RetireEntry *entry = ZVX_RECORD_OF(link, RetireEntry, Link);
+            entry->Release(S, entry);
+        }
     }
     if (S->RetireWaiting.Count == 0 && S->RetireOpen.Count != 0) TakeSnapshot(S);
 }

@@ -16,6 +16,7 @@ FIBER_MESSAGE *AllocMessage(Scheduler *from, Scheduler *to, uint8_t kind) {
     InitLink(&msg->Link);
     msg->Kind = kind;
     msg->Count = 0;
+    msg->PostBit = 0;
     msg->Generation = 0;
     msg->One = {nullptr, 0, nullptr};
     return msg;
@@ -150,7 +151,7 @@ bool ProcessMessage(Scheduler *S, FIBER_MESSAGE *msg) {
     switch (msg->Kind) {
         case MSG_POST:
             for (uint32_t i = 0; i < msg->Count; ++i)
-                if (Generation(msg->Fibers[i]) == msg->Generations[i]) woke |= WakePosted(msg->Fibers[i], S, POST_HOST);
+                if (Generation(msg->Fibers[i]) == msg->Generations[i]) woke |= WakePosted(msg->Fibers[i], S, msg->PostBit);
             break;
         case MSG_ATTACH:
             for (uint32_t i = 0; i < msg->Count; ++i) woke |= AttachFiber(S, msg->Fibers[i]);
@@ -200,12 +201,15 @@ bool AttachFiber(Scheduler *S, Fiber *F) {
 
 bool WakePosted(Fiber *F, Scheduler *S, uint32_t postBit) {
     if (SchedOf(F) != S) return false;  // it has moved; the post is dropped
+    return SetPost(S, F, postBit) != kNotWoken;
+}
+
+uint32_t SetPost(Scheduler *S, Fiber *F, uint32_t postBit) {
     F->PostPending |= postBit;
-    if (F->State != FSTATE_TIMED_WAIT || !(F->Flags & FIBER_POST_WAIT)) return false;
+    if (F->State != FSTATE_TIMED_WAIT || !(F->Flags & FIBER_POST_WAIT) || !(F->PostWaitMask & postBit)) return kNotWoken;
     UnlinkTimedWaiter(S, F);
     if (S->HighPriPostWaiter == F) S->HighPriPostWaiter = nullptr;
-    MakeRunnable(S, F, gPRQ);
-    return true;
+    return MakeRunnable(S, F, gPRQ);
 }
 
 void WakeForMessage(Scheduler *S, Fiber *F) {

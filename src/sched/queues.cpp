@@ -24,18 +24,27 @@ static void InsertByStamp(Scheduler *S, uint32_t queue, Fiber *F) {
     S->QueueMask |= 1u << queue;
 }
 
-void MakeRunnable(Scheduler *S, Fiber *F, uint32_t queue) {
+uint32_t MakeRunnable(Scheduler *S, Fiber *F, uint32_t queue) {
     F->State = FSTATE_READY;
     if (F->SchedClass >= CLASS_HIGH) {
         PushRunQueue(S, gHPRQ, F);
-    } else if (F->Role == ROLE_DBWR) {
+        return gHPRQ;
+    }
+    if (F->Role == ROLE_DBWR) {
         if (IsEmpty(&S->RunQueues[gLPRQ])) S->LprqDelay = gLPRQMaxDelay;
         PushRunQueue(S, gLPRQ, F);
-    } else if (F->SchedClass < CLASS_NORMAL) {
-        AppendRunQueue(S, gORQ, F);
-    } else {
-        InsertByStamp(S, queue, F);
+        return gLPRQ;
     }
+    if (F->SchedClass < CLASS_NORMAL) {
+        AppendRunQueue(S, gORQ, F);
+        return gORQ;
+    }
+    InsertByStamp(S, queue, F);
+    return queue;
+}
+
+void InsertBehind(Scheduler *S, uint32_t queue, Fiber *before, Fiber *F) {
+    InsertBefore(&S->RunQueues[queue], before->RunLink.Next, &F->RunLink);
 }
 
 bool RunnableWork(const Scheduler *S) {

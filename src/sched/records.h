@@ -166,6 +166,7 @@ struct FIBER_MESSAGE {
     ListLink Link;  // [MessageLock] in Messages
     uint8_t Kind;
     uint8_t Count;        // fibers for kinds 1 and 2, else 1
+    uint16_t PostBit;     // kind 1: the POST_ bit
     uint32_t Generation;  // kinds 3 to 6: the target's when sent
     union {
         Fiber *Fibers[16];  // kinds 1 and 2
@@ -241,6 +242,8 @@ struct alignas(64) Fiber {
     void *StaticTls;                      // owner: value carried in the thread block
     uint64_t WaitDeadline;                // owner: 64-bit tick at which a finite wait ends
     // -- the rest
+    uint32_t PostWaitMask;                // owner: the POST_ bits that end the post wait in progress
+    uint32_t PostEventSerial;             // owner: Serial of PostEvent, which the host may close at any time
     Fiber *HeapChild;                     // owner: time-out heap (sched/timer.cpp)
     Fiber *HeapNext;
     Fiber *HeapPrev;                      // parent for a first child, else the left sibling
@@ -256,7 +259,8 @@ struct alignas(64) Fiber {
     ListHead OwnedCritSecs;
     uint32_t ShellSerial;                 // init: kept across reuse
     uint32_t ExitCode;                    // owner: 259 until the thread ends; read by the backing thread's end
-    PSEHAND *PostEvent;
+    PSEHAND *PostEvent;                   // owner: null, or identified; may be freed already
+    uint32_t PostEventHandle;             // owner: its handle value, 0 when it is in no table
     PSEHAND *ThreadHandleRec;
     SECURITY_ATTRIBUTES SecurityAttributes;
     void *StartParam;
@@ -381,7 +385,7 @@ struct alignas(64) Scheduler {
     ListHead FreeOvs;
     // -- messages being gathered, chunk caches, retired records
     FIBER_MESSAGE *PendingPosts[kMaxSchedulers];
-    ListHead RetireOpen;           // owner: retired since the last snapshot (PSEHAND.RetireLink and the like)
+    ListHead RetireOpen;           // owner: RetireEntry records since the last snapshot
     ListHead RetireWaiting;        // owner: waiting for every scheduler to pass RetireSnapshot
     uint32_t RetireSnapshot[kMaxSchedulers];
     uint32_t ChunkCacheCount[kMaxNodes];

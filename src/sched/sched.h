@@ -29,7 +29,8 @@ void AccountCpu(Scheduler *S, Fiber *F);
 void StartCpuClock(Scheduler *S);
 
 // ---- queues.cpp: lists with their mask, placement
-void MakeRunnable(Scheduler *S, Fiber *F, uint32_t queue);
+uint32_t MakeRunnable(Scheduler *S, Fiber *F, uint32_t queue);  // the queue that F was put in
+void InsertBehind(Scheduler *S, uint32_t queue, Fiber *before, Fiber *F);
 void AppendRunQueue(Scheduler *S, uint32_t queue, Fiber *F);
 void PushRunQueue(Scheduler *S, uint32_t queue, Fiber *F);
 void AppendReady(Scheduler *S, Fiber *F);
@@ -79,6 +80,9 @@ bool DrainMessages(Scheduler *S);
 bool ProcessMessage(Scheduler *S, FIBER_MESSAGE *msg);
 bool AttachFiber(Scheduler *S, Fiber *F);
 bool WakePosted(Fiber *F, Scheduler *S, uint32_t postBit);
+constexpr uint32_t kNotWoken = 0xFFFFFFFF;
+// F is on S. Leaves the post for F's next wait, or ends the one it is in: the queue it was put in, or kNotWoken.
+uint32_t SetPost(Scheduler *S, Fiber *F, uint32_t postBit);
 void WakeForMessage(Scheduler *S, Fiber *F);
 bool SendFiberToScheduler(Fiber *F, Scheduler *from, Scheduler *to);
 
@@ -118,9 +122,9 @@ void SuspendTermCleanups(Fiber *F, Scheduler *S);
 void RestoreTermCleanups(Fiber *F, Scheduler *S);
 
 // ---- grace.cpp: records under a reader's feet
-// `link` leads a record that is out of every table; `release` runs on S once every scheduler has made a
-// selection pass or was blocked in its port since.
-void RetireRecord(Scheduler *S, ListLink *link);
+// The record of `entry` is out of every table; entry->Release runs on S once every scheduler has made a selection
+// pass or was blocked in its port since.
+void RetireRecord(Scheduler *S, RetireEntry *entry);
 void ReleaseRetired(Scheduler *S);
 
 // ---- quantum.cpp

@@ -11,6 +11,7 @@
 #include "diag/stats.h"
 #include "diag/timesource.h"
 #include "diag/trace.h"
+#include "kernel/critsec.h"
 #include "kernel/handles.h"
 #include "kernel/thread.h"
 #include "sched/internal.h"
@@ -172,6 +173,7 @@ static const char *TagOfFiber(const void *fiberData) {
 
 void InitSchedulerGlobals() {
     InitHandleTable();
+    InitCriticalSections();
     os::InitializeCriticalSection(&gQuantumLock);
     for (FreeShellList &list : gFreeShells) {
         InitSpinLock(&list.Lock, &gStats[STAT_FreeFiberShellsQLock]);

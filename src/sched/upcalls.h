@@ -15,8 +15,6 @@ void EndBackingThread(Fiber *F, bool terminate);
 // kernel/thread.cpp. Creates the backing thread and the thread entry of an internal fiber that is not
 // running yet; false when either could not be had.
 bool SetUpInternalThread(Fiber *F, Scheduler *S);
-// kernel/handles.cpp. The retired record at `link` (PSEHAND.RetireLink) has no reader left: free it on S.
-void ReleaseRetiredHandle(Scheduler *S, ListLink *link);
 // kernel/handles.cpp. Identifying text and type name of the entry for a handle value; false when unwrapped.
 bool DescribeHandle(uintptr_t handle, const char **hid, const char **typeName);
 // kernel/file.cpp. `rec` (kind OV_FILE_ROUTINE) has ended and is unlinked from FileOvs and every poll list:

@@ -31,6 +31,7 @@ struct MessageTest : testing::Test {
     }
     void SendPost(Scheduler *to, Fiber *F, uint32_t generation) {
         FIBER_MESSAGE *msg = AllocMessage(S, to, MSG_POST);
+        msg->PostBit = POST_HOST;
         msg->Count = 1;
         msg->Fibers[0] = F;
         msg->Generations[0] = generation;
@@ -40,6 +41,7 @@ struct MessageTest : testing::Test {
         Fiber *F = NewFiber(on, [](Fiber *self) {
             self->WaitTimeoutMs = 100;
             self->Flags |= FIBER_POST_WAIT;
+            self->PostWaitMask = POST_HOST;
             SchedYield(self, Yield_TIMER_WAIT);
             self->Flags &= ~static_cast<uint32_t>(FIBER_POST_WAIT);
             Note(self->PostPending != 0 ? "posted" : "timed out");

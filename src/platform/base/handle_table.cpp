@@ -188,6 +188,18 @@ bool StillOpen(HANDLE handle, const Object *object) {
     return SlotOf(handle)->Target.load(std::memory_order_acquire) == object;
 }
 
+BOOL GetHandleInformation(HANDLE handle, DWORD *flags) {
+    if (!IsPseudoHandle(handle)) {
+        const Object *object = PeekHandle(handle);
+        if (object == nullptr) {
+            SetLastError(ERROR_INVALID_HANDLE);
+            return FALSE;
+        }
+    }
+    *flags = 0;
+    return TRUE;
+}
+
 void UnrefObject(Object *object) {
     // Release: everything done with the object comes before its destruction on another thread.
     if (object->Refs.fetch_sub(1, std::memory_order_acq_rel) == 1) object->Ops->Destroy(object);

@@ -29,7 +29,8 @@ bool TakeFree(CriticalSection *section) {
 }
 
 __attribute__((noinline)) void EnterSlow(CriticalSection *section) {
-    for (int i = 0; i < kSpins; ++i) {
+    const uintptr_t spins = section->SpinCount != 0 ? section->SpinCount : kSpins;
+    for (uintptr_t i = 0; i < spins; ++i) {
         CpuRelax();
         if (section->State.load(std::memory_order_relaxed) == 0 && TakeFree(section)) return;
     }
@@ -54,6 +55,25 @@ void InitializeCriticalSection(CriticalSection *section) {
     section->State.store(0, std::memory_order_relaxed);
     section->OwnerId.store(0, std::memory_order_relaxed);
     section->Recursion = 0;
+    section->LibraryRecord = nullptr;
+    section->Reserved = section->SpinCount = 0;
+}
+
+BOOL InitializeCriticalSectionAndSpinCount(CriticalSection *section, DWORD spinCount) {
+    InitializeCriticalSection(section);
+    SetCriticalSectionSpinCount(section, spinCount);
+    return TRUE;
+}
+
+DWORD SetCriticalSectionSpinCount(CriticalSection *section, DWORD spinCount) {
+    const DWORD before = static_cast<DWORD>(section->SpinCount);
+    // The top bit asked for memory in advance where that was needed; an uninterrupted spin of a minute helps nobody.
+    section->SpinCount = spinCount & 0x7FFFFFFF;
+    return before;
+}
+
+void DeleteCriticalSection(CriticalSection *section) {
+    InitializeCriticalSection(section);
 }
 
 // OwnerId can only equal our own identity if we stored it, so a relaxed load decides.
