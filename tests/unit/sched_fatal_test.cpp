@@ -6,6 +6,8 @@
 
 #include "alloc/alloc.h"
 #include "diag/trace.h"
+#include "kernel/critsec.h"
+#include "postwait/postwait.h"
 #include "sched/startup.h"
 #include "sched_fixture.h"
 
@@ -50,6 +52,66 @@ auto AsFiber(std::function<void(Fiber *)> body) {
         NewFiber(S, body);
         RunUntilIdle(S);
     };
+}
+
+std::string Address(const void *pointer) {
+    return std::to_string(static_cast<unsigned>(reinterpret_cast<uintptr_t>(pointer)));
+}
+
+TEST(SchedFatal, SectionsAndIdentities) {
+    static CRITICAL_SECTION section;
+    static Fiber *owner;
+    section = {};
+    const auto ownedBySleeper = [](std::function<void(Fiber *)> body) {
+        return [body](Scheduler *S) {
+            owner = NewFiber(S, [](Fiber *) {
+                InitializeCriticalSection(&section);
+                EnterCriticalSection(&section);
+                Sleep(INFINITE);
+            });
+            RunUntilIdle(S);
+            NewFiber(S, body);
+            RunUntilIdle(S);
+        };
+    };
+    ExpectFatal("EnterCriticalSection: unwrapped critical section\n", AsFiber([](Fiber *) { EnterCriticalSection(&section); }));
+    ExpectFatal("SetCriticalSectionSpinCount is not supported\n", AsFiber([](Fiber *) {
+                    InitializeCriticalSection(&section);
+                    SetCriticalSectionSpinCount(&section, 1);
+                }));
+    ExpectFatal("DeleteCriticalSection: Waiters list not null: num_waiters[2]\n", AsFiber([](Fiber *F) {
+                    InitializeCriticalSection(&section);
+                    EnterCriticalSection(&section);
+                    for (int i = 0; i < 2; ++i) NewFiber(SchedOf(F), [](Fiber *) { EnterCriticalSection(&section); });
+                    Sleep(0), Sleep(0), Sleep(0);
+                    DeleteCriticalSection(&section);
+                }));
+    ExpectFatal("PostEvent handle is not null\n", AsFiber([](Fiber *) {
+                    IdentifyUserThread("SHAD", os::CreateEventA(nullptr, FALSE, FALSE, nullptr));
+                    IdentifyUserThread("SHAD", os::CreateEventA(nullptr, FALSE, FALSE, nullptr));
+                }));
+    // The two that name the threads: the address of the other one is known in the child only.
+    auto [output, code] = RunChild([&] {
+        InitLibrary();
+        ownedBySleeper([](Fiber *F) {
+            fprintf(stdout, "%s %s\n", Address(F).c_str(), Address(owner).c_str());
+            fflush(stdout);
+            LeaveCriticalSection(&section);
+        })(NewScheduler());
+    });
+    unsigned self = 0, other = 0;
+    ASSERT_EQ(sscanf(output.c_str(), "%u %u", &self, &other), 2) << output;
+    EXPECT_EQ(code, 1);
+    EXPECT_NE(output.find("Couldn't free critical section: current[" + std::to_string(self) + "] owner[" +
+                          std::to_string(other) + "]\n"),
+              std::string::npos)
+        << output;
+    std::tie(output, code) = RunChild([&] {
+        InitLibrary();
+        ownedBySleeper([](Fiber *) { DeleteCriticalSection(&section); })(NewScheduler());
+    });
+    EXPECT_EQ(code, 1);
+    EXPECT_NE(output.find("DeleteCriticalSection: Owner not null: owner["), std::string::npos) << output;
 }
 
 TEST(SchedFatal, Yields) {
