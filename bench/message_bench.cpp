@@ -1,14 +1,15 @@
 // bench/message_bench.cpp - how long a message from one scheduler to another takes.
 //
-// The leader runs on one scheduler and its partner on the other. Messages are made and sent as the library does it:
-// a post ends a wait of the partner (and always wakes a scheduler that is blocked in its port), a resume lets a
-// suspended partner run (and wakes it only where the setting allows longer waits in the port).
+// The leader runs on one scheduler and its partner on the other. Posts are the exported functions (and always wake a
+// scheduler that is blocked in its port); a resume is made and sent as the library does it (and wakes it only where the
+// setting allows longer waits in the port).
 //
 //   post         round trip, both schedulers idle between the messages
 //   post_busy    round trip, each scheduler also has a thread that yields all the time
 //   resume       one way, from the send until the partner runs; its scheduler is blocked in its port
 //   resume_busy  the same; its scheduler has a thread that yields all the time
 #include "bench/host.h"
+#include "postwait/postwait.h"
 #include "sched/internal.h"
 
 namespace {
@@ -22,31 +23,13 @@ DWORD Yielder(void *) {
     for (;;) zvx::Sleep(0);
 }
 
-void AwaitPost() {
-    zvx::Fiber *F = zvx::CallingFiber();
-    while (F->PostPending == 0) {
-        F->WaitTimeoutMs = INFINITE;
-        F->Flags |= zvx::FIBER_POST_WAIT;
-        zvx::SchedYield(F, zvx::Yield_TIMER_WAIT);
-        F->Flags &= ~static_cast<uint32_t>(zvx::FIBER_POST_WAIT);
-    }
-    F->PostPending = 0;
-}
-
 void Send(zvx::Fiber *target, uint8_t kind) {
     zvx::Scheduler *from = zvx::SchedOf(zvx::CallingFiber());
     zvx::Scheduler *to = zvx::SchedOf(target);
     zvx::FIBER_MESSAGE *msg = zvx::AllocMessage(from, to, kind);
     msg->Count = 1;
-    if (kind == zvx::MSG_POST) {
-        msg->Fibers[0] = target;
-        msg->Generations[0] = zvx::Generation(target);
-    } else {
-        msg->Generation = zvx::Generation(target);
-        msg->One.Target = target;
-        msg->One.ExitCode = 0;
-        msg->One.Routine = nullptr;
-    }
+    msg->Generation = zvx::Generation(target);
+    msg->One.Target = target;
     zvx::SendMessage(to, msg);
 }
 
@@ -70,31 +53,42 @@ void KeepBusy(const zvx::Scheduler *S) {
 
 // ---- Post and wait -----------------------------------------------------------------------------------
 
+HANDLE gLeaderEvent;
+HANDLE gPartnerEvent;
+
+HANDLE Identify() {
+    const HANDLE event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    zvx::IdentifyUserThread("SHAD", event);
+    return event;
+}
+
 DWORD Answer(void *) {
+    gPartnerEvent = Identify();
     gPartner.store(zvx::CallingFiber());
     for (;;) {
-        AwaitPost();
-        Send(gLeader, zvx::MSG_POST);
+        zvx::WaitForUserThreadPost(gPartnerEvent, INFINITE);
+        zvx::PostUserThread(gLeaderEvent);
     }
 }
 
 double RoundTrips(uint64_t n) {
-    zvx::Fiber *partner = gPartner.load();
     const double start = NowNs();
     for (uint64_t i = 0; i < n; ++i) {
-        Send(partner, zvx::MSG_POST);
-        AwaitPost();
+        zvx::PostUserThread(gPartnerEvent);
+        zvx::WaitForUserThreadPost(gLeaderEvent, INFINITE);
     }
     return NowNs() - start;
 }
 
 void PostCase() {
+    gLeaderEvent = Identify();
     StartPartner(Answer);
     zvx::Sleep(20);
     Measure(gOptions, Named("post"), RoundTrips, 16);
 }
 
 void PostBusyCase() {
+    gLeaderEvent = Identify();
     StartPartner(Answer);
     KeepBusy(zvx::SchedOf(gLeader));
     KeepBusy(zvx::SchedOf(gPartner.load()));

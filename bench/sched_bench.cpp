@@ -1,9 +1,12 @@
-// bench/sched_bench.cpp - what the scheduler costs: a yield, a user thread's life, a wait for its end, a sleep.
+// bench/sched_bench.cpp - what the scheduler costs: a yield, a user thread's life, a wait for its end, a sleep, a
+// post and a wait for it, a critical section.
 //
 // Every case runs as the first user thread of a host and ends the process. The calls are the exported functions, by
 // their names inside the library.
 #include "bench/host.h"
+#include "kernel/critsec.h"
 #include "kernel/wait.h"
+#include "postwait/postwait.h"
 
 namespace {
 
@@ -130,9 +133,59 @@ void SleepCase() {
            {{"p90", Percentile(late, 90)}, {"p99", Percentile(late, 99)}});
 }
 
+// ---- Post and wait, critical sections ----------------------------------------------------------------
+
+HANDLE NewPostEvent() {
+    const HANDLE event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    zvx::IdentifyUserThread("SHAD", event);
+    return event;
+}
+
+HANDLE gLeaderEvent;
+HANDLE gPartnerEvent;
+
+DWORD AnswerPosts(void *) {
+    gPartnerEvent = NewPostEvent();
+    for (;;) {
+        zvx::WaitForUserThreadPost(gPartnerEvent, INFINITE);
+        zvx::PostUserThread(gLeaderEvent);
+    }
+}
+
+// A round trip between two user threads of one scheduler.
+void PostWaitCase() {
+    gLeaderEvent = NewPostEvent();
+    CreateAndForget(AnswerPosts);
+    while (gPartnerEvent == nullptr) zvx::Sleep(0);
+    Measure(gOptions, "post_wait", [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            zvx::PostUserThread(gPartnerEvent);
+            zvx::WaitForUserThreadPost(gLeaderEvent, INFINITE);
+        }
+        return NowNs() - start;
+    });
+}
+
+// Enter and leave, uncontended.
+void LockCase() {
+    static CRITICAL_SECTION section;
+    zvx::InitializeCriticalSection(&section);
+    Measure(gOptions, Named("lock", 1), [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            zvx::EnterCriticalSection(&section);
+            Keep(section);
+            zvx::LeaveCriticalSection(&section);
+        }
+        return NowNs() - start;
+    });
+}
+
 const NamedCase kCases[] = {
     {"yield", YieldCase},          {"create", CreateCase}, {"create_wait", CreateWaitCase},
-    {"wait_ended", WaitEndedCase}, {"sleep", SleepCase},
+    {"wait_ended", WaitEndedCase}, {"sleep", SleepCase},      {"post_wait", PostWaitCase},
+    {"lock", LockCase},
 };
 
 }  // namespace

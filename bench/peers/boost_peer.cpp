@@ -1,7 +1,8 @@
 // bench/peers/boost_peer.cpp - the same cases on Boost.Fiber: its round-robin scheduler on one kernel thread.
 //
 // Cases: yield, create (with --impl naming the stack allocator: "boost" is the default one, "boost guarded" has a guard
-// page under every stack as ours have, "boost pooled" recycles stacks), wait_ended, park.
+// page under every stack as ours have, "boost pooled" recycles stacks), wait_ended, park,
+// post_wait, lock.
 #include <boost/fiber/all.hpp>
 
 #include <condition_variable>
@@ -100,6 +101,56 @@ void ParkCase() {
     Leave();
 }
 
+// A round trip over two condition variables with their mutexes.
+struct Flag {
+    fibers::mutex Lock;
+    fibers::condition_variable Changed;
+    bool Set = false;
+    void Post() {
+        std::unique_lock<fibers::mutex> guard(Lock);
+        Set = true;
+        guard.unlock();
+        Changed.notify_one();
+    }
+    void Wait() {
+        std::unique_lock<fibers::mutex> guard(Lock);
+        while (!Set) Changed.wait(guard);
+        Set = false;
+    }
+};
+
+void PostWaitCase() {
+    static Flag ping, pong;
+    fibers::fiber([] {
+        for (;;) {
+            ping.Wait();
+            pong.Post();
+        }
+    }).detach();
+    Measure(gOptions, "post_wait", [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            ping.Post();
+            pong.Wait();
+        }
+        return NowNs() - start;
+    });
+    Leave();
+}
+
+void LockCase() {
+    static fibers::mutex mutex;
+    Measure(gOptions, "lock/1", [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            mutex.lock();
+            Keep(mutex);
+            mutex.unlock();
+        }
+        return NowNs() - start;
+    });
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -115,6 +166,10 @@ int main(int argc, char **argv) {
         CreateCase(fibers::default_stack());
     else if (gOptions.Case == "wait_ended")
         WaitEndedCase();
+    else if (gOptions.Case == "post_wait")
+        PostWaitCase();
+    else if (gOptions.Case == "lock")
+        LockCase();
     else if (gOptions.Case == "park")
         ParkCase();
     else

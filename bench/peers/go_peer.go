@@ -17,7 +17,7 @@ import (
 )
 
 var (
-	caseName       = flag.String("case", "", "yield, create or park")
+	caseName       = flag.String("case", "", "yield, create, park, post_wait or lock")
 	threads        = flag.Int("threads", 2, "goroutines")
 	repetitions    = flag.Int("repetitions", 7, "")
 	repetitionMs   = flag.Float64("repetition-ms", 100, "")
@@ -129,6 +129,32 @@ func main() {
 				ended.Wait()
 			}
 			return float64(time.Since(start)) * float64(n) / float64(done)
+		})
+	case "post_wait":
+		ping, pong := make(chan struct{}, 1), make(chan struct{}, 1)
+		go func() {
+			for {
+				<-ping
+				pong <- struct{}{}
+			}
+		}()
+		measure("post_wait", 64, func(n int64) float64 {
+			start := time.Now()
+			for i := int64(0); i < n; i++ {
+				ping <- struct{}{}
+				<-pong
+			}
+			return float64(time.Since(start))
+		})
+	case "lock":
+		var mutex sync.Mutex
+		measure("lock/1", 64, func(n int64) float64 {
+			start := time.Now()
+			for i := int64(0); i < n; i++ {
+				mutex.Lock()
+				mutex.Unlock()
+			}
+			return float64(time.Since(start))
 		})
 	case "park":
 		never := make(chan struct{})

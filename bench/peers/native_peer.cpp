@@ -2,7 +2,8 @@
 // nanosleep, and the bare waits of a ring.
 //
 // Cases: yield (--threads kernel threads on one processor that call sched_yield), create, wait_ended, park, sleep,
-// futex (round trip between two threads that both sleep), futex_wake (one way, to a sleeper), cached, idle.
+// futex (round trip between two threads that both sleep), futex_wake (one way, to a sleeper), cached, idle,
+// lock (a mutex, uncontended, in a process with two threads).
 #include <fcntl.h>
 #include <liburing.h>
 #include <linux/futex.h>
@@ -54,6 +55,22 @@ int ProcessorNumber(int nth) {
         if (nth-- == 0) break;
     }
     return last;
+}
+
+// With a second thread, as in every host: a mutex may take a shortcut in a process with one.
+void LockCase() {
+    static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    Create([](void *) -> void * { pause(); return nullptr; }, nullptr);
+    Measure(gOptions, "lock/1", [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            pthread_mutex_lock(&mutex);
+            Keep(mutex);
+            pthread_mutex_unlock(&mutex);
+        }
+        return NowNs() - start;
+    });
+    Leave();
 }
 
 void SleepNs(double ns) {
@@ -319,7 +336,7 @@ struct {
     {"wait_ended", "pthreads", WaitEndedCase}, {"park", "pthreads", ParkCase},
     {"sleep", "nanosleep", SleepCase},         {"futex", "futex", FutexCase},
     {"futex_wake", "futex", FutexWakeCase},    {"cached", "pread", CachedCase},
-    {"idle", "bare rings", IdleCase},
+    {"idle", "bare rings", IdleCase},          {"lock", "pthreads", LockCase},
 };
 
 }  // namespace

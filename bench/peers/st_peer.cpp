@@ -1,5 +1,5 @@
 // bench/peers/st_peer.cpp - the same cases on State Threads. It has no yield of its own; st_usleep(0) is what its
-// programs use instead. Cases: yield, create, wait_ended, park.
+// programs use instead. Cases: yield, create, wait_ended, park, post_wait, lock.
 extern "C" {
 #include <st.h>
 }
@@ -86,6 +86,47 @@ void WaitEndedCase() {
     Leave();
 }
 
+// A round trip over two condition variables; everything runs on one kernel thread, so no mutex goes with them.
+st_cond_t gPing;
+st_cond_t gPong;
+
+void *Answerer(void *) {
+    for (;;) {
+        st_cond_wait(gPing);
+        st_cond_signal(gPong);
+    }
+}
+
+void PostWaitCase() {
+    gPing = st_cond_new();
+    gPong = st_cond_new();
+    if (st_thread_create(Answerer, nullptr, 0, 0) == nullptr) Fail("st_thread_create");
+    st_sleep(0);
+    Measure(gOptions, "post_wait", [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            st_cond_signal(gPing);
+            st_cond_wait(gPong);
+        }
+        return NowNs() - start;
+    });
+    std::fflush(nullptr);
+    std::_Exit(0);
+}
+
+void LockCase() {
+    st_mutex_t mutex = st_mutex_new();
+    Measure(gOptions, "lock/1", [mutex](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            st_mutex_lock(mutex);
+            Keep(mutex);
+            st_mutex_unlock(mutex);
+        }
+        return NowNs() - start;
+    });
+}
+
 void ParkCase() {
     constexpr uint32_t kFew = 1000;
     uint32_t have = 0;
@@ -114,6 +155,10 @@ int main(int argc, char **argv) {
         CreateCase();
     else if (gOptions.Case == "wait_ended")
         WaitEndedCase();
+    else if (gOptions.Case == "post_wait")
+        PostWaitCase();
+    else if (gOptions.Case == "lock")
+        LockCase();
     else if (gOptions.Case == "park")
         ParkCase();
     return 2;
