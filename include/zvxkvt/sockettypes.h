@@ -203,6 +203,7 @@ struct tcp_keepalive {
 #define WSAVERNOTSUPPORTED 10092u
 #define WSANOTINITIALISED 10093u
 #define WSAEDISCON 10101u
+#define WSATRY_AGAIN 11002u
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -17,6 +17,10 @@ namespace os {
 
 namespace {
 
+inline bool HasTransfers(ObjectType type) {
+    return type == ObjectType::kFile || type == ObjectType::kPipe || type == ObjectType::kSocket;
+}
+
 inline uint64_t OffsetOf(const OVERLAPPED *overlapped) {
     return static_cast<uint64_t>(overlapped->OffsetHigh) << 32 | overlapped->Offset;
 }
@@ -131,7 +135,7 @@ BOOL Transfer(RequestKind kind, HANDLE file, char *buffer, DWORD count, DWORD *d
     if (done != nullptr) *done = 0;
     Object *object = RefHandle(file);
     if (object == nullptr) return FALSE;
-    if (object->Type != ObjectType::kFile && object->Type != ObjectType::kPipe) {
+    if (!HasTransfers(object->Type)) {
         UnrefObject(object);
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
@@ -169,7 +173,7 @@ BOOL TransferEx(RequestKind kind, HANDLE file, char *buffer, DWORD count, OVERLA
     call.Kind = kind;
     call.ThreadId = GetCurrentThreadId();
     const bool isFile = object->Type == ObjectType::kFile;
-    if (!isFile && object->Type != ObjectType::kPipe) return Refuse(&call, ERROR_INVALID_HANDLE);
+    if (!HasTransfers(object->Type)) return Refuse(&call, ERROR_INVALID_HANDLE);
     if (isFile) {
         const FileObject *opened = static_cast<const FileObject *>(object);
         if (!(kind == RequestKind::kRead ? opened->CanRead : opened->CanWrite))
@@ -240,14 +244,10 @@ uint32_t CancelOwn(Engine *engine, const IoObject *object, uintptr_t low, uintpt
     return found;
 }
 
-bool IsCancellable(ObjectType type) {
-    return type == ObjectType::kFile || type == ObjectType::kPipe || type == ObjectType::kSocket;
-}
-
 // The object of a handle that operations run on, with a reference.
 IoObject *RefIoObject(HANDLE handle) {
     Object *object = RefHandle(handle);
-    if (object == nullptr || IsCancellable(object->Type)) return static_cast<IoObject *>(object);
+    if (object == nullptr || HasTransfers(object->Type)) return static_cast<IoObject *>(object);
     UnrefObject(object);
     SetLastError(ERROR_INVALID_HANDLE);
     return nullptr;
@@ -287,7 +287,10 @@ void QueueEndRoutine(EndRoutine *routine, DWORD status, DWORD bytes) {
         EndRoutine *self = static_cast<EndRoutine *>(arg);
         const EndRoutine copy = *self;
         FreeEndRoutine(self);  // first: the host's routine may end the thread
-        copy.Routine(copy.Error, copy.Bytes, copy.Ov);
+        if (copy.SocketRoutine != nullptr)
+            copy.SocketRoutine(copy.Error, copy.Bytes, copy.Ov, 0);
+        else
+            copy.Routine(copy.Error, copy.Bytes, copy.Ov);
     };
     routine->Node.Discard = [](void *arg) { FreeEndRoutine(static_cast<EndRoutine *>(arg)); };
     if (!QueueRoutine(routine->Alert, &routine->Node)) FreeEndRoutine(routine);

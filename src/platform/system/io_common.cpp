@@ -170,6 +170,7 @@ void AnnounceEnd(Engine *engine, IoCall *call, DWORD status, DWORD bytes) {
 // The end of an operation that was answered as pending: what the owner of the OVERLAPPED sees, in the order in which
 // it may look. Takes over the call's references.
 void EndCall(Engine *engine, IoCall *call, DWORD status) {
+    ReleaseExtras(call);
     StoreBytes(call->Ov, call->Done);
     if (IoOp *op = call->Op) {
         op->Request = nullptr;
@@ -200,11 +201,16 @@ void EndCall(Engine *engine, IoCall *call, DWORD status) {
 
 // Fills the request and starts it. True when it ended at once: Status is final, and nobody has been told.
 bool BeginRequest(Engine *engine, Request *request, const IoCall &call) {
-    const bool orphaned = NoteEngine(engine, call.Target);
+    bool orphaned = NoteEngine(engine, call.Target);
+    if (call.Accepted != nullptr) orphaned |= NoteEngine(engine, call.Accepted);
     // While the operation runs its byte count means nothing; a cancelling owner finds the request by this number.
     StoreBytes(call.Ov, request->Index);
     StoreStatus(call.Ov, STATUS_PENDING);
     request->Call = call;
+    if (call.Parts != nullptr && !call.PartsOnHeap) {
+        memcpy(request->InlineParts, call.Parts, call.PartCount * sizeof(iovec));
+        request->Call.Parts = request->InlineParts;
+    }
     request->HostOwned = call.Op == nullptr;
     if (request->HostOwned) engine->HostOwned++;
     if (call.Kind == RequestKind::kLock)
@@ -335,7 +341,7 @@ void CancelObject(IoObject *object) {
         if (engine == own) {
             for (Request *request = engine->Outstanding.Next; request != &engine->Outstanding;) {
                 Request *next = request->Next;
-                if (request->Call.Target == object) CancelRequest(engine, request);
+                if (request->Call.Target == object || request->Call.Accepted == object) CancelRequest(engine, request);
                 request = next;
             }
             continue;
@@ -379,10 +385,12 @@ void DropCall(IoCall *call) {
         UnrefAlert(call->Routine->Alert);
         free(call->Routine);
     }
+    ReleaseExtras(call);
     UnrefObject(call->Target);
 }
 
 BOOL FailAtOnce(IoCall *call, DWORD status) {
+    if (call->Accepted != nullptr) SettleAccept(call);
     StoreBytes(call->Ov, 0);
     StoreStatus(call->Ov, status);
     DropCall(call);
@@ -391,6 +399,7 @@ BOOL FailAtOnce(IoCall *call, DWORD status) {
 }
 
 void FinishAtOnce(Engine *engine, IoCall *call) {
+    ReleaseExtras(call);
     StoreBytes(call->Ov, call->Done);
     StoreStatus(call->Ov, STATUS_SUCCESS);
     AnnounceEnd(engine, call, STATUS_SUCCESS, call->Done);
@@ -431,6 +440,7 @@ void IssueForOther(Engine *engine, IoCall *call) {
 }
 
 bool AccountTransfer(IoCall *call, int64_t result, bool cancelled, DWORD *status) {
+    if (IsSocketKind(call->Kind)) return AccountSocket(call, result, cancelled, status);
     const IoObject *object = call->Target;
     const bool read = call->Kind == RequestKind::kRead;
     if (result < 0) {

@@ -20,6 +20,10 @@
 #ifndef ZVX_PLATFORM_SYSTEM_IO_ENGINE_H
 #define ZVX_PLATFORM_SYSTEM_IO_ENGINE_H
 
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
 #include <atomic>
 #include <cstdint>
 
@@ -27,6 +31,7 @@
 #include "platform/base/inner_lock.h"
 #include "platform/base/object.h"
 #include "platform/os.h"
+#include "zvxkvt/sockettypes.h"
 
 namespace os {
 
@@ -49,7 +54,7 @@ struct TransferOps {
 // The common part of files, pipes and sockets: a descriptor that can be bound to a port. Written before the first
 // handle exists, except where a field says otherwise. EndIoObject is called by each type's Destroy.
 struct IoObject : Object {
-    int Fd = -1;
+    int Fd = -1;              // sockets: written later, and published by their State (socket.h)
     uint32_t Serial = 0;      // process-wide, never 0: tells this use of a descriptor number from an older one
     bool Seekable = false;    // has positions: transfers continue until the count or the end is reached
     bool Pollable = false;    // the kernel reports readiness for it: never given to a file thread
@@ -76,15 +81,18 @@ constexpr uint32_t kOpIsMessage = 0x40000000u;  // the link of a Message, not an
 
 // ---- Operations --------------------------------------------------------------------------------------
 
-// A new kind needs its entry in Prepare (io_uring.cpp), its call in Attempt (io_epoll.cpp), its direction below and its
-// line in AccountTransfer; everything else is the same for all.
-enum class RequestKind : uint8_t { kRead, kWrite, kLock };
+// A new kind needs its entry in Prepare (io_uring.cpp), its call in Attempt (io_epoll.cpp) and its line in
+// AccountTransfer; everything else is the same for all. The low bit of a transfer's kind is its direction.
+enum class RequestKind : uint8_t { kRead, kWrite, kReceive, kSend, kAccept, kLock };
+
+constexpr uint32_t kInlineParts = 8;  // buffers of one operation that need no memory of their own
 
 // A completion routine that waits for its operation; from the heap, freed after it ran or was dropped.
 struct EndRoutine {
-    AlertRoutine Node;  // must be first
-    AlertState *Alert;  // a reference
-    LPOVERLAPPED_COMPLETION_ROUTINE Routine;
+    AlertRoutine Node;                                 // must be first
+    AlertState *Alert;                                 // a reference
+    LPOVERLAPPED_COMPLETION_ROUTINE Routine;           // one of the two
+    LPWSAOVERLAPPED_COMPLETION_ROUTINE SocketRoutine;  // of the socket functions
     OVERLAPPED *Ov;
     DWORD Error;
     DWORD Bytes;
@@ -99,8 +107,15 @@ struct IoCall {
     HANDLE QuietEvent = nullptr;  // an event that came with the low bit: signalled at the end if it is not already
     EndRoutine *Routine = nullptr;
     char *Buffer = nullptr;  // caller: until the end
-    uint64_t Offset = 0;     // kLock: first byte
-    uint64_t Length = 0;     // kLock: bytes, never 0
+    // Several buffers of kReceive and kSend, null for one: an array that is consumed as the transfer goes on. Its
+    // memory is the request's (or, before there is one, the issuing function's), or from the heap.
+    iovec *Parts = nullptr;
+    IoObject *Accepted = nullptr;  // kAccept: a reference on the socket that takes the connection
+    uint64_t Offset = 0;           // kLock: first byte. kAccept: bytes of the local address's area
+    uint64_t Length = 0;           // kLock: bytes, never 0. kAccept: bytes of the peer address's area
+    uint32_t PartCount = 0;
+    uint32_t PartFirst = 0;  // parts that are through
+    int MsgFlags = 0;        // kReceive, kSend: the kernel's flags
     DWORD Count = 0;
     DWORD Done = 0;      // transferred so far
     DWORD ThreadId = 0;  // who asked; CancelIo of a thread without an engine
@@ -109,6 +124,7 @@ struct IoCall {
     bool Later = false;      // must be answered as pending although it could finish at once
     bool Append = false;     // kWrite: at the end of the file, wherever that is
     bool Exclusive = false;  // kLock
+    bool PartsOnHeap = false;
 };
 
 enum class RequestStage : uint8_t {
@@ -139,10 +155,12 @@ struct Request {
     bool InStream = false;               // owner: in the queue of its stream
     bool HostOwned = false;              // owner: issued without an IoOp; counted in the engine's HostOwned
     std::atomic<bool> Cancelled{false};  // owner sets it; the pool's thread reads it between two calls
+    msghdr Header{};                     // ring: of the entry that is prepared, when Call.Parts is given
+    iovec InlineParts[kInlineParts];     // Call.Parts, unless from the heap
 };
 
 inline uint32_t DirectionOf(RequestKind kind) {
-    return kind == RequestKind::kRead ? 0 : 1;
+    return static_cast<uint32_t>(kind) & 1;
 }
 
 // The requests of one engine on one object without offsets, by direction, oldest first; see io_stream.cpp. Found by
@@ -269,6 +287,12 @@ extern std::atomic<uint32_t> gStatusWaiters;
 // Looks at hEvent: takes and resets the event, or notes the quiet one. False with ERROR_INVALID_HANDLE.
 bool TakeEvent(IoCall *call);
 void DropCall(IoCall *call);  // lets go of the references of a call that was not issued
+// What only the operations of sockets hold; before the final status is stored, because it may be used again then.
+void SettleAccept(IoCall *call);  // socket_accept.cpp
+inline void ReleaseExtras(IoCall *call) {
+    if (call->PartsOnHeap) free(call->Parts);
+    if (call->Accepted != nullptr) SettleAccept(call);
+}
 // Starts a call on `engine`, or on the service engine when that is null; takes over its references. TRUE when it
 // ended at once (Done, final), FALSE with 997 when it is pending, FALSE with the reason (no packet, no event).
 BOOL IssueCall(Engine *engine, IoCall *call);
@@ -285,6 +309,23 @@ void CancelRequest(Engine *engine, Request *request);
 Request *FindRequest(Engine *engine, const OVERLAPPED *overlapped);  // owner; null when it is not outstanding
 // Books a result of read or write (a count, or minus errno) in Done. True when nothing is left to do: *status is final.
 bool AccountTransfer(IoCall *call, int64_t result, bool cancelled, DWORD *status);
+// socket_transfer.cpp: the same for kReceive, kSend and kAccept, and one system call of such an operation: what it
+// moved (kAccept: the new descriptor), or minus errno. `extra` is MSG_DONTWAIT or 0.
+bool AccountSocket(IoCall *call, int64_t result, bool cancelled, DWORD *status);
+int64_t MoveSocket(IoCall *call, int extra);
+inline bool IsSocketKind(RequestKind kind) {
+    return kind >= RequestKind::kReceive && kind <= RequestKind::kAccept;
+}
+// The areas of an AcceptEx buffer: this, then the address. The kernel stores the peer's length.
+struct AcceptArea {
+    uint32_t Length;  // of the address; 0 while the local one was not asked for
+    uint32_t Serial;  // local: of the accept socket
+    uint64_t Socket;  // local: its handle
+};
+static_assert(sizeof(AcceptArea) == 16);
+// Prepares the peer's area for the kernel; where it puts the address, and where the length.
+sockaddr *PeerArea(IoCall *call, socklen_t **length);
+void NeverBlock(IoObject *object);  // socket.cpp: the descriptor of a listening socket, for the epoll engines
 // Any thread: the request has its final Status; the owner ends it at its next reap.
 void PushDone(Engine *engine, Request *request);
 void ReapDone(Engine *engine);  // owner: ends what PushDone brought
@@ -343,9 +384,10 @@ DWORD RunBlocking(IoCall *call, const std::atomic<bool> *cancelled);
 
 // io_errors.cpp
 
-DWORD ErrorOfErrno(int error);     // last-error value
-DWORD StatusOfErrno(int error);    // status of an operation that failed so
-DWORD StatusOfError(DWORD error);  // a status that ErrorOfStatus turns back
+DWORD ErrorOfErrno(int error);        // last-error value
+DWORD StatusOfErrno(int error);       // status of an operation that failed so
+DWORD SocketErrorOfErrno(int error);  // WSAE code (or 995)
+DWORD StatusOfError(DWORD error);     // a status that ErrorOfStatus turns back
 DWORD ErrorOfStatus(DWORD status);
 inline bool IsFailure(DWORD status) {
     return (status & 0xC0000000u) == 0xC0000000u;

@@ -49,8 +49,8 @@ epoll_event EventOf(const IoObject *object) {
 // Enters the object in the set. The set forgot what had the number before when that was closed.
 void Watch(EpollState *state, Stream *stream, const IoObject *object) {
     // From now on it is tried before it is waited for. Only overlapped handles come here, so no blocking call is hurt,
-    // and a ring of another thread waits for such a descriptor all the same.
-    const int flags = fcntl(object->Fd, F_GETFL);
+    // and a ring of another thread waits for such a descriptor all the same. Sockets are told with each call.
+    const int flags = object->Type == ObjectType::kSocket ? O_NONBLOCK : fcntl(object->Fd, F_GETFL);
     if ((flags & O_NONBLOCK) == 0) fcntl(object->Fd, F_SETFL, flags | O_NONBLOCK);
     epoll_event event = EventOf(object);
     int result = epoll_ctl(state->SetFd, EPOLL_CTL_ADD, object->Fd, &event);
@@ -70,12 +70,18 @@ void AskAgain(EpollState *state, const IoObject *object) {
 bool Attempt(Request *request) {
     IoCall *call = &request->Call;
     for (;;) {
-        char *at = call->Buffer + call->Done;
-        const size_t left = call->Count - call->Done;
-        const int fd = call->Target->Fd;
-        const ssize_t moved = call->Kind == RequestKind::kRead ? read(fd, at, left) : write(fd, at, left);
-        if (moved < 0 && errno == EAGAIN) return false;
-        if (AccountTransfer(call, moved < 0 ? -errno : moved, false, &request->Status)) return true;
+        int64_t moved;
+        if (IsSocketKind(call->Kind)) {
+            moved = MoveSocket(call, MSG_DONTWAIT);
+        } else {
+            char *at = call->Buffer + call->Done;
+            const size_t left = call->Count - call->Done;
+            const int fd = call->Target->Fd;
+            moved = call->Kind == RequestKind::kRead ? read(fd, at, left) : write(fd, at, left);
+            if (moved < 0) moved = -errno;
+        }
+        if (moved == -EAGAIN) return false;
+        if (AccountTransfer(call, moved, false, &request->Status)) return true;
     }
 }
 
@@ -139,7 +145,8 @@ void EpollClose(Engine *engine) {
 
 bool EpollStart(Engine *engine, Request *request) {
     EpollState *state = engine->Epoll;
-    const IoObject *object = request->Call.Target;
+    IoObject *object = request->Call.Target;
+    if (request->Call.Kind == RequestKind::kAccept) NeverBlock(object);  // accepting has no flag of its own for that
     Stream *stream = object->Pollable ? StreamOf(engine, object) : nullptr;
     if (stream == nullptr && object->Pollable) {
         request->Status = StatusOfError(ERROR_NOT_ENOUGH_MEMORY);

@@ -78,6 +78,51 @@ DWORD ErrorOfErrno(int error) {
     }
 }
 
+DWORD SocketErrorOfErrno(int error) {
+    switch (error) {
+        case 0: return ERROR_SUCCESS;
+        case EINTR: return WSAEINTR;
+        case EBADF:
+        case ENOTSOCK: return WSAENOTSOCK;
+        case EACCES:
+        case EPERM: return WSAEACCES;
+        case EFAULT: return WSAEFAULT;
+        case EMFILE:
+        case ENFILE: return WSAEMFILE;
+        case EAGAIN: return WSAEWOULDBLOCK;
+        case EINPROGRESS: return WSAEINPROGRESS;
+        case EALREADY: return WSAEALREADY;
+        case EDESTADDRREQ: return WSAEDESTADDRREQ;
+        case EMSGSIZE: return WSAEMSGSIZE;
+        case EPROTOTYPE: return WSAEPROTOTYPE;
+        case ENOPROTOOPT: return WSAENOPROTOOPT;
+        case EPROTONOSUPPORT: return WSAEPROTONOSUPPORT;
+        case ESOCKTNOSUPPORT: return WSAESOCKTNOSUPPORT;
+        case EOPNOTSUPP: return WSAEOPNOTSUPP;
+        case EPFNOSUPPORT: return WSAEPFNOSUPPORT;
+        case EAFNOSUPPORT: return WSAEAFNOSUPPORT;
+        case EADDRINUSE: return WSAEADDRINUSE;
+        case EADDRNOTAVAIL: return WSAEADDRNOTAVAIL;
+        case ENETDOWN: return WSAENETDOWN;
+        case ENETUNREACH: return WSAENETUNREACH;
+        case ENETRESET: return WSAENETRESET;
+        case ECONNABORTED: return WSAECONNABORTED;
+        case EPIPE:
+        case ECONNRESET: return WSAECONNRESET;
+        case ENOMEM:
+        case ENOBUFS: return WSAENOBUFS;
+        case EISCONN: return WSAEISCONN;
+        case ENOTCONN: return WSAENOTCONN;
+        case ESHUTDOWN: return WSAESHUTDOWN;
+        case ETIMEDOUT: return WSAETIMEDOUT;
+        case ECONNREFUSED: return WSAECONNREFUSED;
+        case EHOSTDOWN: return WSAEHOSTDOWN;
+        case EHOSTUNREACH: return WSAEHOSTUNREACH;
+        case ECANCELED: return ERROR_OPERATION_ABORTED;
+        default: return WSAEINVAL;
+    }
+}
+
 DWORD StatusOfError(DWORD error) {
     if (error == ERROR_SUCCESS) return STATUS_SUCCESS;
     for (const StatusPair &pair : kStatusPairs)

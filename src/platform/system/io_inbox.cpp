@@ -80,8 +80,9 @@ void CancelWhere(Engine *engine, const Message *message) {
     for (Request *request = engine->Outstanding.Next; request != &engine->Outstanding;) {
         Request *next = request->Next;
         const IoCall &call = request->Call;
-        if (call.Target == message->Call.Target &&
-            (message->Kind != MessageKind::kCancelOne || call.Ov == message->Call.Ov) &&
+        const bool meant = call.Target == message->Call.Target ||
+                           (call.Accepted == message->Call.Target && message->Kind == MessageKind::kCancelObject);
+        if (meant && (message->Kind != MessageKind::kCancelOne || call.Ov == message->Call.Ov) &&
             (message->Kind != MessageKind::kCancelThread || call.ThreadId == message->Call.ThreadId))
             CancelRequest(engine, request);
         request = next;

@@ -121,7 +121,13 @@ DWORD RunBlocking(IoCall *call, const std::atomic<bool> *cancelled) {
         const size_t left = call->Count - call->Done;
         const off_t offset = static_cast<off_t>(call->Offset + call->Done);
         ssize_t moved;
-        if (call->Append) {
+        if (IsSocketKind(call->Kind)) {
+            moved = MoveSocket(call, 0);
+            if (moved < 0) {
+                errno = static_cast<int>(-moved);
+                moved = -1;
+            }
+        } else if (call->Append) {
             iovec part{at, left};
             moved = pwritev2(fd, &part, 1, 0, RWF_APPEND);
         } else if (call->Kind == RequestKind::kRead) {

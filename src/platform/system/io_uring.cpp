@@ -25,6 +25,7 @@ struct RingState {
     unsigned EnterFd;      // what the kernel is entered with: the registered index or the descriptor
     unsigned EnterFlags;   // IORING_ENTER_REGISTERED_RING with an index
     bool WakeArmed;        // a read of WakeFd is prepared or running
+    bool PollFirst;        // receives may say that they expect to wait
 };
 
 namespace {
@@ -160,6 +161,8 @@ bool RingOpen(Engine *engine) {
         errno = -result;
         return false;
     }
+    // Kernels that defer task running know it; older ones would not refuse it either.
+    state->PollFirst = (state->Ring.flags & IORING_SETUP_DEFER_TASKRUN) != 0;
     // A registered descriptor saves its look-up at each entry; not every kernel has it.
     const bool registered = io_uring_register_ring_fd(&state->Ring) == 1;
     state->EnterFd = static_cast<unsigned>(registered ? state->Ring.enter_ring_fd : state->Ring.ring_fd);
@@ -175,6 +178,34 @@ void RingClose(Engine *engine) {
     io_uring_queue_exit(&engine->Ring->Ring);
 }
 
+// The entry of an operation on a socket. Sends are left to the kernel until everything is taken. A receive is nearly
+// always issued by somebody who has just answered and has to wait, so the kernel is told not to try first.
+void PrepareSocket(const RingState *state, io_uring_sqe *entry, Request *request) {
+    IoCall &call = request->Call;
+    const int fd = call.Target->Fd;
+    if (call.Kind == RequestKind::kAccept) {
+        socklen_t *length;
+        sockaddr *address = PeerArea(&call, &length);
+        io_uring_prep_accept(entry, fd, address, length, SOCK_CLOEXEC);
+        return;
+    }
+    const bool receive = call.Kind == RequestKind::kReceive;
+    const int flags = call.MsgFlags | (receive ? 0 : MSG_NOSIGNAL | MSG_WAITALL);
+    if (call.Parts != nullptr) {
+        request->Header.msg_iov = call.Parts + call.PartFirst;
+        request->Header.msg_iovlen = call.PartCount - call.PartFirst;
+        if (receive)
+            io_uring_prep_recvmsg(entry, fd, &request->Header, static_cast<unsigned>(flags));
+        else
+            io_uring_prep_sendmsg(entry, fd, &request->Header, static_cast<unsigned>(flags));
+    } else if (receive) {
+        io_uring_prep_recv(entry, fd, call.Buffer + call.Done, call.Count - call.Done, flags);
+    } else {
+        io_uring_prep_send(entry, fd, call.Buffer + call.Done, call.Count - call.Done, flags);
+    }
+    if (receive && state->PollFirst) entry->ioprio |= IORING_RECVSEND_POLL_FIRST;
+}
+
 // Prepares the entry of the request's next step.
 void Prepare(Engine *engine, Request *request) {
     const IoCall &call = request->Call;
@@ -183,7 +214,9 @@ void Prepare(Engine *engine, Request *request) {
     const uint32_t left = call.Count - call.Done;
     const uint32_t length = left < kMaxTransfer ? left : kMaxTransfer;
     const uint64_t offset = call.Target->Seekable && !call.Append ? call.Offset + call.Done : ~0ull;
-    if (call.Kind == RequestKind::kRead) {
+    if (IsSocketKind(call.Kind)) {
+        PrepareSocket(engine->Ring, entry, request);
+    } else if (call.Kind == RequestKind::kRead) {
         io_uring_prep_read(entry, call.Target->Fd, call.Buffer + call.Done, length, offset);
     } else {
         io_uring_prep_write(entry, call.Target->Fd, call.Buffer + call.Done, length, call.Append ? 0 : offset);
