@@ -251,7 +251,7 @@ HANDLE CreateUserThread(SECURITY_ATTRIBUTES *security, size_t stackBytes, LPTHRE
         return nullptr;
     }
     RecordDuplicate(copy, F->OsThreadHandle, CS, T->NumaNode);
-    F->Sched.store(T, std::memory_order_release);
+    SetSched(F, T, std::memory_order_release);
     T->InTransit.fetch_add(1, std::memory_order_relaxed);
     SendFiberToScheduler(F, CS, T);  // from here on F is T's, and may have ended already
     return copy;

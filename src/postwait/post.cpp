@@ -72,7 +72,7 @@ uint32_t Post(Fiber *T, PostMode mode, Fiber *P, uint32_t postBit) {
     }
     // The generation goes along, so that a record that is reused before the message arrives is left alone.
     batch->Fibers[batch->Count] = T;
-    batch->Generations[batch->Count] = Generation(T);
+    *GenerationOfTarget(batch, batch->Count) = Generation(T);
     batch->Count++;
     if (mode == kPostMultiple && batch->Count < 16) return to->BitMaskId;
     SendBatch(from, to->Index);

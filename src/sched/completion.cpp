@@ -308,11 +308,10 @@ void PollPort(Scheduler *S, uint32_t waitMs) {
     S->PortPollCountdown = gDCPQ;
     uint32_t timeout = waitMs;
     if (timeout != 0) {
-        SpinGuard guard(&S->MessageLock);
-        if (!IsEmpty(&S->Messages)) {
+        S->BlockedInPort.store(1, std::memory_order_seq_cst);
+        if (S->Messages.load(std::memory_order_seq_cst) != nullptr) {
+            S->BlockedInPort.store(0, std::memory_order_relaxed);
             timeout = 0;
-        } else {
-            S->BlockedInPort.store(1, std::memory_order_release);
         }
     }
     for (;;) {
@@ -322,10 +321,9 @@ void PollPort(Scheduler *S, uint32_t waitMs) {
         BOOL got = os::GetQueuedCompletionStatus(S->Port, &bytes, &key, &overlapped, timeout);
         DWORD error = got ? 0 : S->Os->LastError;
         if (timeout != 0) {
-            S->BlockedInPort.store(0, std::memory_order_release);
-            // A sender that saw the flag set has finished queueing once the lock can be taken.
-            AcquireSpinLock(&S->MessageLock);
-            ReleaseSpinLock(&S->MessageLock);
+            // Sequentially consistent: what fibers look up from now on is looked up after it (grace.cpp).
+            S->BlockedInPort.store(0, std::memory_order_seq_cst);
+            S->ExpectMessages = got && key == KEY_MESSAGES;
         }
         // Before any packet is looked at: a record must not be in the platform's chain when it is used again.
         HandOverEnded(S);

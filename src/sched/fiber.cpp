@@ -45,7 +45,7 @@ static os::FiberContext *FAlloc(Scheduler *S, uint8_t node, Fiber *F) {
 static void ResetFiber(Fiber *F, Scheduler *S) {
     uint32_t serial = F->ShellSerial;
     std::memset(reinterpret_cast<char *>(F) + offsetof(Fiber, CpuCycles), 0,
-                offsetof(Fiber, OsThreadId) - offsetof(Fiber, CpuCycles));
+                offsetof(Fiber, Sched) - offsetof(Fiber, CpuCycles));
     std::memset(F->TlsValues, 0, sizeof F->TlsValues);
     F->SuspendCount.store(0, std::memory_order_relaxed);
     F->OsThreadId.store(0, std::memory_order_relaxed);
@@ -61,7 +61,7 @@ static void ResetFiber(Fiber *F, Scheduler *S) {
     F->Role = ROLE_NONE;
     F->State = FSTATE_RUNNING;
     F->Tag.store("UID", std::memory_order_relaxed);
-    F->Sched.store(S, std::memory_order_relaxed);
+    SetSched(F, S, std::memory_order_relaxed);
     F->StaticTls = gProcessTls;
     F->ExitCode = STILL_ACTIVE;
     InitLink(&F->RunLink);

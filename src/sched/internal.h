@@ -43,7 +43,7 @@ inline PollIndex PollListOf(const FIBEROVERLAPPED *rec) {
 }
 inline bool HasEnded(const FIBEROVERLAPPED *rec) { return os::LoadStatus(&rec->Ov) != STATUS_PENDING; }
 
-inline bool MessagesWaiting(const Scheduler *S) { return S->MessageCount.load(std::memory_order_relaxed) != 0; }
+inline bool MessagesWaiting(const Scheduler *S) { return S->Messages.load(std::memory_order_relaxed) != nullptr; }
 inline bool IoWaiting(const Scheduler *S) { return os::IoNeedsAttention(S->Io) || S->Io->EndedHead != nullptr; }
 
 // idle.cpp: consumes what has ended of one poll list.

@@ -1,11 +1,11 @@
 // sched/message.cpp - requests to a scheduler about one of its fibers.
 //
-// Any thread may send. A message is appended under the target's MessageLock; a target that waits in its port
-// is woken by a packet with key 1. The receiver takes the whole list under the lock and works on it without.
+// Any thread may send: it pushes the message with one exchange. The receiver takes everything at once and works on it
+// in the order in which it was sent. A target that waits in its port is woken by a packet with key 1.
 //
-// No message is lost: the receiver looks at Messages under the lock before it sets BlockedInPort, and a
-// sender looks at BlockedInPort under the same lock after it appended. So either the receiver sees the
-// message, or the sender sees the flag.
+// No message is lost: the receiver sets BlockedInPort and then looks at Messages before it waits, and a sender pushes
+// and then looks at BlockedInPort, both sequentially consistent. So either the receiver sees the message, or the
+// sender sees the flag. Of several senders the one that clears the flag posts the packet.
 #include "alloc/alloc.h"
 #include "sched/internal.h"
 
@@ -13,7 +13,7 @@ namespace zvx {
 
 FIBER_MESSAGE *AllocMessage(Scheduler *from, Scheduler *to, uint8_t kind) {
     auto *msg = static_cast<FIBER_MESSAGE *>(AllocChunk(&gAllocTypes[ALLOC_FIBER_MESSAGE], from, to->NumaNode));
-    InitLink(&msg->Link);
+    msg->Next = nullptr;
     msg->Kind = kind;
     msg->Count = 0;
     msg->PostBit = 0;
@@ -26,19 +26,20 @@ void WakeScheduler(Scheduler *target, Scheduler *from) {
     os::PostQueuedCompletionStatus(target->Port, 0, KEY_MESSAGES, reinterpret_cast<OVERLAPPED *>(from));
 }
 
+static void PushMessage(Scheduler *target, FIBER_MESSAGE *msg) {
+    // Guessing that it is empty saves a look at a line that another processor has just written.
+    FIBER_MESSAGE *newest = nullptr;
+    do {
+        msg->Next = newest;
+    } while (!target->Messages.compare_exchange_weak(newest, msg, std::memory_order_seq_cst, std::memory_order_relaxed));
+}
+
 bool SendMessage(Scheduler *target, FIBER_MESSAGE *msg) {
-    // The receiver may free the message the moment the lock is released.
-    bool mayWake = msg->Kind == MSG_POST || gPortWaitMs > 1;
-    bool blocked;
-    {
-        SpinGuard guard(&target->MessageLock);
-        blocked = target->BlockedInPort.load(std::memory_order_relaxed) != 0;
-        AppendLink(&target->Messages, &msg->Link);
-        target->MessageCount.store(target->Messages.Count, std::memory_order_release);
-        // One packet is enough to wake it; the senders that follow need not post another.
-        if (blocked && mayWake) target->BlockedInPort.store(0, std::memory_order_relaxed);
-    }
-    if (blocked && mayWake) {
+    // The receiver may free the message the moment it is pushed.
+    const bool mayWake = msg->Kind == MSG_POST || gPortWaitMs > 1;
+    PushMessage(target, msg);
+    const bool blocked = target->BlockedInPort.load(std::memory_order_seq_cst) != 0;
+    if (blocked && mayWake && target->BlockedInPort.exchange(0, std::memory_order_relaxed) != 0) {
         Fiber *sender = CallingFiber();
         WakeScheduler(target, sender != nullptr ? SchedOf(sender) : nullptr);
     }
@@ -53,29 +54,33 @@ static bool TargetInFlight(const FIBER_MESSAGE *msg) {
 
 bool DrainMessages(Scheduler *S) {
     bool woke = false;
-    ListHead later;
-    InitList(&later);
+    FIBER_MESSAGE *later = nullptr;  // oldest first
+    FIBER_MESSAGE **laterEnd = &later;
     while (MessagesWaiting(S)) {
-        ListHead local;
-        InitList(&local);
-        {
-            SpinGuard guard(&S->MessageLock);
-            SpliceAll(&local, &S->Messages);
-            S->MessageCount.store(0, std::memory_order_relaxed);
+        FIBER_MESSAGE *newest = S->Messages.exchange(nullptr, std::memory_order_acquire);
+        FIBER_MESSAGE *oldest = nullptr;
+        while (newest != nullptr) {
+            FIBER_MESSAGE *before = newest->Next;
+            newest->Next = oldest;
+            oldest = newest;
+            newest = before;
         }
-        while (ListLink *link = PopLink(&local)) {
-            FIBER_MESSAGE *msg = ZVX_RECORD_OF(link, FIBER_MESSAGE, Link);
+        while (oldest != nullptr) {
+            FIBER_MESSAGE *msg = oldest;
+            oldest = msg->Next;
             if (TargetInFlight(msg)) [[unlikely]] {
-                AppendLink(&later, link);
+                msg->Next = nullptr;
+                *laterEnd = msg;
+                laterEnd = &msg->Next;
             } else {
                 woke |= ProcessMessage(S, msg);
             }
         }
     }
-    if (!IsEmpty(&later)) [[unlikely]] {
-        SpinGuard guard(&S->MessageLock);
-        SpliceAll(&S->Messages, &later);
-        S->MessageCount.store(S->Messages.Count, std::memory_order_release);
+    while (later != nullptr) [[unlikely]] {
+        FIBER_MESSAGE *msg = later;
+        later = msg->Next;
+        PushMessage(S, msg);
     }
     return woke;
 }
@@ -151,7 +156,7 @@ bool ProcessMessage(Scheduler *S, FIBER_MESSAGE *msg) {
     switch (msg->Kind) {
         case MSG_POST:
             for (uint32_t i = 0; i < msg->Count; ++i)
-                if (Generation(msg->Fibers[i]) == msg->Generations[i]) woke |= WakePosted(msg->Fibers[i], S, msg->PostBit);
+                if (Generation(msg->Fibers[i]) == *GenerationOfTarget(msg, i)) woke |= WakePosted(msg->Fibers[i], S, msg->PostBit);
             break;
         case MSG_ATTACH:
             for (uint32_t i = 0; i < msg->Count; ++i) woke |= AttachFiber(S, msg->Fibers[i]);
@@ -193,7 +198,7 @@ bool AttachFiber(Scheduler *S, Fiber *F) {
         default: return false;
     }
     F->LastRunStamp = 0;
-    F->Sched.store(S, std::memory_order_release);
+    SetSched(F, S, std::memory_order_release);
     AppendRunQueue(S, gORQ, F);
     S->FiberCount.store(S->FiberCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return true;

@@ -35,6 +35,7 @@ enum FiberFlag : uint32_t {
     FIBER_EXEC_PENDING = 0x10000,   // an injected routine waits to run
     FIBER_EXEC_RUNNING = 0x20000,   // the injected routine is running
     FIBER_POLLED_WAIT = 0x40000,    // the timed wait is a slice of a polled one and ends at the next timer check
+    FIBER_SLICE_FILED = 0x80000,    // the latest wait in TimedWaiters or InfiniteWaiters was such a slice
 };
 // The slots of the backing thread were captured or restored. Kept in Fiber.TlsCaptured rather than in Flags,
 // because the thread that ends the backing thread need not be the owner; the value is the bit's.
@@ -161,13 +162,13 @@ enum MessageKind : uint8_t {
 
 // FIBER_MESSAGE: a request of any thread to a scheduler about one of its fibers. Written by the sender before
 // SendMessage; afterwards the receiver's, which frees it. A message that names a fiber of an older generation
-// does nothing.
+// does nothing. A post of one fiber reads and writes the first line only.
 struct FIBER_MESSAGE {
-    ListLink Link;  // [MessageLock] in Messages
+    FIBER_MESSAGE *Next;  // in Messages: the one that was sent before it
     uint8_t Kind;
     uint8_t Count;        // fibers for kinds 1 and 2, else 1
     uint16_t PostBit;     // kind 1: the POST_ bit
-    uint32_t Generation;  // kinds 3 to 6: the target's when sent
+    uint32_t Generation;  // the target's when sent; kind 1: the first target's
     union {
         Fiber *Fibers[16];  // kinds 1 and 2
         struct {
@@ -176,9 +177,13 @@ struct FIBER_MESSAGE {
             void *Routine;       // kind 6; kind 3: what to store in its SuspendAnswer
         } One;
     };
-    uint32_t Generations[16];  // kind 1: each target's generation when it was named
+    uint32_t OtherGenerations[15];  // kind 1: those of the other targets
 };
 static_assert(sizeof(FIBER_MESSAGE) <= 256, "one chunk holds one message");
+
+inline uint32_t *GenerationOfTarget(FIBER_MESSAGE *msg, uint32_t i) {
+    return i == 0 ? &msg->Generation : &msg->OtherGenerations[i - 1];
+}
 
 constexpr uintptr_t KEY_MESSAGES = 1;  // completion key of a wake-up packet
 
@@ -226,8 +231,7 @@ struct alignas(64) Fiber {
     uint32_t SchedClass;                  // owner: a FiberClass
     uint32_t Role;                        // owner: a FiberRole
     DWORD LastError;                      // owner: saved while switched out
-    std::atomic<uint32_t> Generation;     // atomic: owner of the free list writes, holders of old references read
-    std::atomic<Scheduler *> Sched;       // atomic: null between two schedulers
+    std::atomic<Scheduler *> Home;        // atomic: Sched again, for those who run there: the line is theirs anyway
     os::FiberContext *OsFiber;            // kept across reuse; null after its stack was given back
     // -- line 1
     uint64_t CpuCycles;                   // owner: cycles spent running
@@ -270,7 +274,10 @@ struct alignas(64) Fiber {
     TermCleanupTable TermCleanup;
     ExecSaveRecord ExecSave;
     ListLink SchedFibersLink;
-    // -- words that other threads read at any time, also after the record was freed
+    // -- words that other threads read at any time, also after the record was freed; a line that the owner seldom
+    // writes, so that a post from another processor does not take the lines of a switch away from it
+    alignas(64) std::atomic<Scheduler *> Sched;  // atomic: null between two schedulers; see SetSched
+    std::atomic<uint32_t> Generation;     // atomic: owner of the free list writes, holders of old references read
     std::atomic<uint32_t> OsThreadId;     // atomic: owner writes, dumps and tools read
     std::atomic<uint32_t> TlsCaptured;    // atomic: FIBER_TLS_CAPTURED or 0, stored by capture and end
     std::atomic<uint32_t> SuspendRequests;  // atomic: owner counts, SuspendThread waits for a change
@@ -307,7 +314,7 @@ constexpr uint32_t kAttNoPortCheck = 1u << 4;  // the yielding fiber left for go
 // Scheduler: one per scheduler thread; gSchedulers[Index] leads to it.
 //
 // Run queues, wait lists and poll lists are touched by the owning thread only, without locks. Other threads
-// reach a scheduler through Messages (under MessageLock) and Port, and through nothing else.
+// reach a scheduler through Messages and Port, and through nothing else.
 //
 // Always true between two calls of SchedYield (CheckScheduler, debug builds):
 //   - a fiber's RunLink is in the one list its State names, in none while it runs;
@@ -338,10 +345,8 @@ struct alignas(64) Scheduler {
     ListLink *InitFiberLink;       // init: RunLink of InitFiber
     void *(*SwitchHook)();         // owner: returns the Fiber to switch to; set and cleared by dumps
     // -- written by other threads: a line of its own
-    alignas(64) SpinLock MessageLock;        // "UserMessageQLock"; guards Messages and BlockedInPort
-    ListHead Messages;                       // [MessageLock]
-    std::atomic<uint32_t> MessageCount;      // atomic: mirrors Messages.Count for a test without the lock
-    std::atomic<uint32_t> BlockedInPort;     // [MessageLock] to set; 1 while waiting in Port with a time-out
+    alignas(64) std::atomic<FIBER_MESSAGE *> Messages;  // atomic: newest first; anyone pushes, the owner takes all
+    std::atomic<uint32_t> BlockedInPort;     // atomic: the owner sets it around a wait in Port; a sender clears it
     std::atomic<uint8_t> DebugRequest;       // atomic: a diagnostic request waits
     std::atomic<uint32_t> InTransit;         // atomic: user threads created for this scheduler, not attached yet
     // -- identity and placement
@@ -370,6 +375,7 @@ struct alignas(64) Scheduler {
     ListHead AllFibers;            // every started fiber (SchedFibersLink)
     Fiber *TimeoutHeap;            // owner: pairing heap over TimedWaiters by WaitDeadline
     uint64_t WaitSeqNext;          // owner
+    uint32_t ExpectMessages;       // owner: 1 while the latest wait in the port was ended by a message
     Fiber *HighPriPostWaiter;      // owner
     uint32_t ShadowPostWaiters;    // owner
     uint64_t LastTimerCheck;       // owner: 64-bit tick of the latest timer-queue check

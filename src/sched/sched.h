@@ -19,7 +19,12 @@ inline Fiber *CallingFiber() {
     if (reinterpret_cast<uintptr_t>(data) == os::kNoFiberData) return nullptr;
     return static_cast<Fiber *>(data);
 }
-inline Scheduler *SchedOf(const Fiber *F) { return F->Sched.load(std::memory_order_relaxed); }
+// Of a fiber that runs on the calling thread or is its scheduler's; Sched is for everybody.
+inline Scheduler *SchedOf(const Fiber *F) { return F->Home.load(std::memory_order_relaxed); }
+inline void SetSched(Fiber *F, Scheduler *S, std::memory_order order) {
+    F->Home.store(S, std::memory_order_relaxed);
+    F->Sched.store(S, order);
+}
 inline FIBEROVERLAPPED *OvRecord(OVERLAPPED *ov) { return ZVX_RECORD_OF(ov, FIBEROVERLAPPED, Ov); }
 inline uint32_t Generation(const Fiber *F) { return F->Generation.load(std::memory_order_acquire); }
 

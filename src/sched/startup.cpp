@@ -52,7 +52,7 @@ void InitScheduler(Scheduler *S, uint32_t index) {
     S->BitMaskId = 1u << index;
     for (ListHead *list :
          {&S->SuspendedFibers, &S->TimedWaiters, &S->InfiniteWaiters, &S->IoWaiters, &S->ReadyList, &S->LatchSleepers,
-          &S->Messages, &S->FreeOvs, &S->MigrationQueue, &S->ExitedFibers, &S->AllFibers, &S->RetireOpen,
+          &S->FreeOvs, &S->MigrationQueue, &S->ExitedFibers, &S->AllFibers, &S->RetireOpen,
           &S->RetireWaiting})
         InitList(list);
     for (ListHead &queue : S->RunQueues) InitList(&queue);
@@ -61,7 +61,6 @@ void InitScheduler(Scheduler *S, uint32_t index) {
         InitList(&S->EndedOvs[i]);
         InitList(&S->DeepOvs[i]);
     }
-    InitSpinLock(&S->MessageLock, &gStats[STAT_UserMessageQLock]);
     S->LastTimerCheck = os::GetTickCount64();
     S->LastQueue = 6;
     S->PortPollCountdown = gDCPQ;
@@ -108,7 +107,7 @@ static DWORD SchedulerThreadStart(void *scheduler) {
     F->OsFiber = os::ConvertThreadToFiber(F);
     F->Flags |= FIBER_STARTED;
     os::GetThreadDesktop(os::GetCurrentThreadId());
-    F->Sched.store(S, std::memory_order_release);
+    SetSched(F, S, std::memory_order_release);
     F->OsThreadHandle = os::GetCurrentThread();
     F->OsThreadId.store(os::GetCurrentThreadId(), std::memory_order_release);
     S->InitFiber = F;

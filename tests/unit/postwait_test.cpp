@@ -110,12 +110,11 @@ TEST_F(PostWaitCall, AListIsSentInBatchesOfSixteen) {
     std::vector<uint32_t> sizes;
     Run([&](Fiber *) {
         EXPECT_EQ(PostMultipleUserThreads(events.data()), -1);
-        for (ListLink *link = FirstLink(&Other->Messages); link != &Other->Messages.Ends; link = link->Next)
-            sizes.push_back(ZVX_RECORD_OF(link, FIBER_MESSAGE, Link)->Count);
+        for (FIBER_MESSAGE *msg = Other->Messages.load(); msg != nullptr; msg = msg->Next) sizes.push_back(msg->Count);
         const HANDLE none[] = {nullptr};
         EXPECT_EQ(PostMultipleUserThreads(none), -1);
     });
-    EXPECT_EQ(sizes, (std::vector<uint32_t>{16, 1}));
+    EXPECT_EQ(sizes, (std::vector<uint32_t>{1, 16})) << "newest first";
     EXPECT_EQ(script::gScript.Posted.size(), 1u) << "one packet wakes a blocked scheduler";
     EXPECT_EQ(TakeNotes(), Names{"near"});
     RunUntilIdle(Other);
@@ -321,7 +320,7 @@ TEST_F(Sections, AnEndingThreadLeavesItsPlaceAndItsPost) {
     post->PostBit = POST_SECTION;
     post->Count = 1;
     post->Fibers[0] = e;
-    post->Generations[0] = Generation(e);
+    post->Generation = Generation(e);
     SendMessage(Other, post);
     FIBER_MESSAGE *kill = AllocMessage(S, Other, MSG_TERMINATE);
     kill->Generation = Generation(e);

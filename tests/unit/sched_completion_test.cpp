@@ -319,9 +319,9 @@ TEST_F(AlertableTest, PacketsOfAFreeRecordStayWithTheirScheduler) {
     // The thread has ended and its record stands for one of the other scheduler before the packet is looked at.
     NewFiber(S, [&](Fiber *) {
         EXPECT_EQ(Records[0]->SkipPackets, 1u);
-        F->Sched = other;
+        SetSched(F, other, std::memory_order_relaxed);
         PollPort(S, 0);
-        F->Sched = S;
+        SetSched(F, S, std::memory_order_relaxed);
         Note("drained");
     });
     RunUntilIdle(S);

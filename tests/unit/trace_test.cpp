@@ -145,7 +145,7 @@ TEST_F(Trace, PrefixAndLastError) {
     const auto S = std::make_unique<Scheduler>();
     S->Index = 3;
     F->OsThreadId.store(4711);
-    F->Sched.store(S.get());
+    F->Home.store(S.get());
     os::CurrentThreadBlock()->FiberData = F.get();
     for (const char *tag : {"no fiber mode", "SHAD", static_cast<const char *>(nullptr), "PMON", "PMONX"}) {
         F->Tag.store(tag);
