@@ -1,5 +1,5 @@
 // tests/stress/stress_host.cpp - a host whose user threads do everything to each other at once: create, exit,
-// suspend, resume, terminate, sleep, read, write, wait. Seeded and time-boxed; ends with the invariant checkers
+// suspend, resume, terminate, sleep, read, write, wait, post, lock. Seeded and time-boxed; ends with the invariant checkers
 // and with the counts of what must have come back.
 //
 // Built on the internals, so that every user thread can check its own scheduler between two yields.
@@ -11,10 +11,12 @@
 
 #include "alloc/alloc.h"
 #include "diag/trace.h"
+#include "kernel/critsec.h"
 #include "kernel/file.h"
 #include "kernel/handles.h"
 #include "kernel/thread.h"
 #include "kernel/wait.h"
+#include "postwait/postwait.h"
 #include "sched/sched.h"
 #include "sched/startup.h"
 
@@ -33,6 +35,8 @@ struct Options {
 struct Slot {
     std::atomic<HANDLE> Thread{nullptr};
     std::atomic<uint32_t> Runs{0};
+    HANDLE Event = nullptr;         // the post event of whoever has the slot; lives as long as the process
+    std::atomic<uint32_t> Sent{0};  // raised before each post
 };
 
 constexpr uint32_t kMaxWorkers = 256;
@@ -42,6 +46,7 @@ std::atomic<uint64_t> gActions{0};
 std::atomic<uint64_t> gChildren{0};
 std::atomic<uint64_t> gTerminated{0};
 std::atomic<uint64_t> gReads{0};
+std::atomic<uint64_t> gPosts{0};
 char gFileName[256];
 constexpr uint32_t kFileBytes = 1 << 20;
 
@@ -147,13 +152,77 @@ void CreateAndAwait(std::mt19937_64 &rng) {
     if (!CloseHandle(child)) Fail("CloseHandle(child)");
 }
 
-// A child that sleeps for ever, terminated from outside.
+// ---- Posts and sections ------------------------------------------------------------------------------
+
+struct Section {
+    CRITICAL_SECTION Lock;
+    Fiber *Inside;       // [Lock]
+    uint64_t Entries;    // [Lock]
+};
+constexpr uint32_t kSections = 4;
+Section gSections[kSections];
+std::atomic<uint64_t> gEntries{0};
+
+void UseSection(std::mt19937_64 &rng) {
+    Section *section = &gSections[rng() % kSections];
+    if (rng() % 4 == 0) {
+        if (!TryEnterCriticalSection(&section->Lock)) return;
+    } else {
+        EnterCriticalSection(&section->Lock);
+    }
+    Fiber *F = CallingFiber();
+    if (section->Inside != nullptr) Fail("two threads in one section");
+    section->Inside = F;
+    section->Entries++;
+    gEntries.fetch_add(1, std::memory_order_relaxed);
+    const bool twice = rng() % 4 == 0;
+    if (twice) EnterCriticalSection(&section->Lock);
+    if (rng() % 3 == 0) Sleep(static_cast<DWORD>(rng() % 2));
+    if (section->Inside != F) Fail("somebody came into an owned section");
+    if (twice) LeaveCriticalSection(&section->Lock);
+    section->Inside = nullptr;
+    LeaveCriticalSection(&section->Lock);
+}
+
+// Posts one neighbour or several.
+void PostNeighbours(std::mt19937_64 &rng) {
+    HANDLE list[21];
+    const uint32_t count = rng() % 4 == 0 ? 20 : 1;
+    for (uint32_t i = 0; i < count; ++i) {
+        Slot *slot = &gSlots[rng() % gOptions.Workers];
+        slot->Sent.fetch_add(1, std::memory_order_seq_cst);
+        list[i] = slot->Event;
+    }
+    list[count] = nullptr;
+    gPosts.fetch_add(count, std::memory_order_relaxed);
+    if (count == 1 ? !PostUserThread(list[0]) : PostMultipleUserThreads(list) != -1) Fail("post", os::GetLastError());
+}
+
+// A post that was announced must come, whoever else posts meanwhile; what one wait takes is everything so far.
+void TakePosts(Slot *slot, uint32_t *seen) {
+    if (slot->Sent.load(std::memory_order_seq_cst) == *seen) {
+        WaitForUserThreadPost(slot->Event, 1);
+        return;
+    }
+    if (WaitForUserThreadPost(slot->Event, 30000) != WAIT_OBJECT_0) Fail("a post was lost");
+    *seen = slot->Sent.load(std::memory_order_seq_cst);
+}
+
+// Children that are terminated from outside: asleep for ever, or on the way in and out of a section.
 DWORD Sleeper(void *) {
     for (;;) Sleep(INFINITE);
 }
+DWORD Contender(void *param) {
+    Section *section = &gSections[reinterpret_cast<uintptr_t>(param) % kSections];
+    for (;;) {
+        EnterCriticalSection(&section->Lock);
+        Sleep(0);
+        LeaveCriticalSection(&section->Lock);
+    }
+}
 
 void CreateAndTerminate(std::mt19937_64 &rng) {
-    HANDLE child = CreateThread(nullptr, 0, Sleeper, nullptr, 0, nullptr);
+    HANDLE child = CreateThread(nullptr, 0, rng() & 1 ? Sleeper : Contender, reinterpret_cast<void *>(rng() & 0xFF), 0, nullptr);
     if (child == nullptr) Fail("CreateThread", os::GetLastError());
     if (rng() & 1) Sleep(1);
     if (rng() & 1) SuspendThread(child);
@@ -184,9 +253,12 @@ DWORD Worker(void *param) {
     static const DWORD slot = [] { return TlsAlloc(); }();
     auto mine = reinterpret_cast<void *>(uintptr_t{self} + 1);
     os::TlsSetValue(slot, mine);
+    static const char *const tags[] = {"SHAD", "P001", "DBW0", "PMON"};
+    IdentifyUserThread(tags[self % 4], gSlots[self].Event);
+    uint32_t seen = gSlots[self].Sent.load(std::memory_order_seq_cst);
     while (!gStop.load(std::memory_order_relaxed)) {
         os::SetLastError(self + 5000);
-        switch (rng() % 10) {
+        switch (rng() % 14) {
             case 0: CreateAndAwait(rng); break;
             case 1: CreateAndTerminate(rng); break;
             case 2: ReadSync(rng); break;
@@ -205,14 +277,19 @@ DWORD Worker(void *param) {
                 os::CloseHandle(event);
                 break;
             }
+            case 9:
+            case 10: UseSection(rng); break;
+            case 11: PostNeighbours(rng); break;
+            case 12: TakePosts(&gSlots[self], &seen); break;
             case 8: UserThreadQuantumExpiredCheck(); break;
             default: SchedYield(CallingFiber(), Yield_USER); break;
         }
         if (os::TlsGetValue(slot) != mine) Fail("another thread's slot value", self);
         CheckScheduler(SchedOf(CallingFiber()));
         gActions.fetch_add(1, std::memory_order_relaxed);
-        if (rng() % 97 == 0) return 0;  // a fresh worker takes the slot over
+        if (rng() % 97 == 0) break;  // a fresh worker takes the slot over
     }
+    UnidentifyUserThread(0);
     return 0;
 }
 
@@ -250,6 +327,8 @@ void Reap(uint32_t i) {
 
 DWORD MainRoutine(void *) {
     MakeFile();
+    for (uint32_t i = 0; i < gOptions.Workers; ++i) gSlots[i].Event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    for (uint32_t i = 0; i < kSections; ++i) InitializeCriticalSectionAndSpinCount(&gSections[i].Lock, i * 50);
     Sleep(20);
     uint32_t handlesBefore = gHandleCount;
     uint32_t kernelThreads = os::KernelThreadCount();
@@ -269,6 +348,16 @@ DWORD MainRoutine(void *) {
     for (uint32_t i = 0; i < gOptions.Workers; ++i) Reap(i);
     // Retired records and exited threads come back once every scheduler has gone idle or made a pass.
     for (int i = 0; i < 200 && (gHandleCount != handlesBefore || UserThreads() != 1); ++i) Sleep(5);
+    uint64_t entries = 0;
+    for (Section &section : gSections) {
+        if (!TryEnterCriticalSection(&section.Lock)) Fail("a section is still owned");
+        entries += section.Entries;
+        LeaveCriticalSection(&section.Lock);
+        DeleteCriticalSection(&section.Lock);  // fatal when somebody still waits
+    }
+    if (entries != gEntries.load()) Fail("entries were lost", entries, gEntries.load());
+    for (int i = 0; i < 400 && ChunksInUse(ALLOC_FIBER_CRITICAL_SECTION) != 0; ++i) Sleep(5);
+    if (ChunksInUse(ALLOC_FIBER_CRITICAL_SECTION) != 0) Fail("section records left behind");
     CheckHandleTable();
     CheckScheduler(SchedOf(CallingFiber()));
     if (gHandleCount != handlesBefore) Fail("handles left behind", gHandleCount, handlesBefore);
@@ -278,10 +367,12 @@ DWORD MainRoutine(void *) {
         Fail("handle entries left behind", static_cast<uint64_t>(ChunksInUse(ALLOC_PSEHAND)), gHandleCount);
     if (ChunksInUse(ALLOC_FIBER_MESSAGE) != 0) Fail("messages left behind", static_cast<uint64_t>(ChunksInUse(ALLOC_FIBER_MESSAGE)));
     if (os::KernelThreadCount() > kernelThreads + 20) Fail("kernel threads left behind", os::KernelThreadCount(), kernelThreads);
-    std::printf("stress: %u schedulers, %s, seed %llu: %llu actions, %llu children, %llu terminated, %llu reads, %u records\n",
+    std::printf("stress: %u schedulers, %s, seed %llu: %llu actions, %llu children, %llu terminated, %llu reads, %llu posts, "
+                "%llu entries, %u records\n",
                 gNumSchedulers, os::IoBackendName(), static_cast<unsigned long long>(gOptions.Seed),
                 static_cast<unsigned long long>(gActions.load()), static_cast<unsigned long long>(gChildren.load()),
                 static_cast<unsigned long long>(gTerminated.load()), static_cast<unsigned long long>(gReads.load()),
+                static_cast<unsigned long long>(gPosts.load()), static_cast<unsigned long long>(entries),
                 gShellSerial.load());
     std::remove(gFileName);
     if (gActions.load() == 0 || gReads.load() == 0) Fail("nothing was done");
