@@ -9,6 +9,7 @@
 #define ZVXKVT_OSAPI_H
 
 #include "zvxkvt/ostypes.h"
+#include "zvxkvt/processtypes.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -63,6 +64,16 @@ ZVXKVT_API BOOL WINAPI GetProcessAffinityMask(HANDLE process, LPDWORD processMas
 /* A priority that the kernel refuses to an ordinary user is remembered, which is no error. */
 ZVXKVT_API BOOL WINAPI SetThreadPriority(HANDLE thread, int priority);
 ZVXKVT_API int WINAPI GetThreadPriority(HANDLE thread); /* THREAD_PRIORITY_ERROR_RETURN on failure */
+
+/* An event that has the name, see CreateMutexA; null with ERROR_FILE_NOT_FOUND. */
+ZVXKVT_API HANDLE WINAPI OpenEventA(DWORD access, BOOL inherit, LPCSTR name);
+/* STILL_ACTIVE while it runs. Of an exit the kernel keeps eight bits; a signal gives 128 plus its number. FALSE with
+ * ERROR_ACCESS_DENIED for one that somebody else started and that has ended. */
+ZVXKVT_API BOOL WINAPI GetExitCodeProcess(HANDLE process, LPDWORD exitCode);
+/* At once and with that code; a child's parent sees all of its 32 bits. */
+ZVXKVT_API BOOL WINAPI TerminateProcess(HANDLE process, DWORD exitCode);
+/* The handle of a standard stream, the same at every call until it is closed; INVALID_HANDLE_VALUE when there is none. */
+ZVXKVT_API HANDLE WINAPI GetStdHandle(DWORD which);
 
 /* ---- Memory ------------------------------------------------------------------------------------------ */
 

@@ -19,6 +19,7 @@
 #define ZVXKVT_ZVXKVT_H
 
 #include "zvxkvt/ostypes.h"
+#include "zvxkvt/processtypes.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -251,10 +252,84 @@ ZVXKVT_API BOOL WINAPI TryEnterCriticalSection(LPCRITICAL_SECTION section);
 /* May yield to a waiter of a higher class (setting "YieldAfterHPPost"). */
 ZVXKVT_API void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION section);
 
+/* ---- Mutexes and semaphores --------------------------------------------------------------------------- */
+
+/* Null on failure; `name` may be null. A name is known to every process of the same user, with or without "Global\"
+ * or "Local\" before it, until the last one that has the object open closes it or ends. Creating what exists opens it,
+ * and the last error is ERROR_ALREADY_EXISTS then, 0 otherwise. A mutex belongs to the user thread, or else the kernel
+ * thread, that waited for it; one whose owner ended without releasing it gives the next waiter WAIT_ABANDONED_0. A user
+ * thread's end does not count as that. */
+ZVXKVT_API HANDLE WINAPI CreateMutexA(LPSECURITY_ATTRIBUTES security, BOOL initiallyOwned, LPCSTR name);
+ZVXKVT_API HANDLE WINAPI CreateMutexW(LPSECURITY_ATTRIBUTES security, BOOL initiallyOwned, LPCWSTR name);
+ZVXKVT_API HANDLE WINAPI CreateSemaphoreA(LPSECURITY_ATTRIBUTES security, LONG initial, LONG maximum, LPCSTR name);
+ZVXKVT_API HANDLE WINAPI CreateSemaphoreW(LPSECURITY_ATTRIBUTES security, LONG initial, LONG maximum, LPCWSTR name);
+/* Null with ERROR_FILE_NOT_FOUND when nobody has such an object open. */
+ZVXKVT_API HANDLE WINAPI OpenMutexA(DWORD access, BOOL inherit, LPCSTR name);
+ZVXKVT_API HANDLE WINAPI OpenMutexW(DWORD access, BOOL inherit, LPCWSTR name);
+ZVXKVT_API HANDLE WINAPI OpenSemaphoreA(DWORD access, BOOL inherit, LPCSTR name);
+ZVXKVT_API HANDLE WINAPI OpenSemaphoreW(DWORD access, BOOL inherit, LPCWSTR name);
+/* FALSE with ERROR_NOT_OWNER (288) when the caller does not own the mutex. */
+ZVXKVT_API BOOL WINAPI ReleaseMutex(HANDLE mutex);
+/* *previous (may be null) receives the count before; FALSE with ERROR_TOO_MANY_POSTS beyond the maximum. */
+ZVXKVT_API BOOL WINAPI ReleaseSemaphore(HANDLE semaphore, LONG count, PLONG previous);
+
+/* ---- Processes and consoles -------------------------------------------------------------------------- */
+
+/* Starts a program: `application`, or the first word of the command line, which is looked for beside the calling
+ * program and then along PATH. Of the caller's handles the child gets its standard streams only: the caller's own, or
+ * those of STARTF_USESTDHANDLES. Flags: CREATE_NEW_PROCESS_GROUP, DETACHED_PROCESS, CREATE_UNICODE_ENVIRONMENT;
+ * CREATE_SUSPENDED is refused with ERROR_NOT_SUPPORTED. Both handles are signalled when the child has ended and are to
+ * be closed. Blocks until the kernel has loaded the program. */
+ZVXKVT_API BOOL WINAPI CreateProcessA(LPCSTR application, LPSTR commandLine, LPSECURITY_ATTRIBUTES processSecurity,
+                                      LPSECURITY_ATTRIBUTES threadSecurity, BOOL inherit, DWORD flags,
+                                      LPVOID environment, LPCSTR directory, LPSTARTUPINFOA startup,
+                                      LPPROCESS_INFORMATION information);
+ZVXKVT_API BOOL WINAPI CreateProcessW(LPCWSTR application, WCHAR *commandLine, LPSECURITY_ATTRIBUTES processSecurity,
+                                      LPSECURITY_ATTRIBUTES threadSecurity, BOOL inherit, DWORD flags,
+                                      LPVOID environment, LPCWSTR directory, LPSTARTUPINFOW startup,
+                                      LPPROCESS_INFORMATION information);
+ZVXKVT_API HANDLE WINAPI OpenProcess(DWORD access, BOOL inherit, DWORD processId);
+
+/* Waits until a process waits for its user's input. No process here has windows: WAIT_FAILED with
+ * ERROR_NOT_GUI_PROCESS. Yields. */
+ZVXKVT_API DWORD WINAPI WaitForInputIdle(HANDLE process, DWORD ms);
+
+/* Reads a line from a terminal (GetStdHandle, or CreateFileA on "/dev/tty"), or as much of it as has room; it ends with
+ * "\r\n". *read receives the number of characters, 0 at the end of the input. Yields: the read runs on a kernel thread
+ * of its own, which is ended with the calling user thread. */
+ZVXKVT_API BOOL WINAPI ReadConsoleA(HANDLE console, LPVOID buffer, DWORD characters, LPDWORD read, LPVOID reserved);
+
+/* ---- Routines on other threads ----------------------------------------------------------------------- */
+
+/* Has the user thread that is identified by the post event `thread` run the routine on its own stack, at its next
+ * dispatch, whatever it waits for; afterwards it goes back to that wait, an alertable one without operations excepted,
+ * which ends as if a completion routine had run. While one routine is pending for a thread another one is dropped. FALSE with
+ * ERROR_INVALID_HANDLE when the event identifies no living user thread, with 0xFFFFFFFF outside fiber mode. Does not
+ * yield. */
+ZVXKVT_API BOOL WINAPI UserThreadExecRoutine(HANDLE thread, ZVXKVT_ROUTINE routine);
+
+/* Queues routine(data) for the next alertable wait of a kernel thread. The handle of a user thread stands for its
+ * backing thread, which never waits: such a routine is accepted and never runs (UserThreadExecRoutine is what reaches a
+ * user thread). FALSE with ERROR_GEN_FAILURE when the thread has ended. */
+ZVXKVT_API BOOL WINAPI QueueUserAPC(PAPCFUNC routine, HANDLE thread, ULONG_PTR data);
+
 /* ---- Modules ----------------------------------------------------------------------------------------- */
 
 /* The module of that name if the process has loaded it, null with ERROR_MOD_NOT_FOUND. */
 ZVXKVT_API HMODULE WINAPI GetModuleHandleA(LPCSTR name);
+
+/* Loads a shared object by the loader's own search: under the name as given, and a name "x" or "x.dll" as libx.so and
+ * x.so too. Null with ERROR_MOD_NOT_FOUND. Runs the object's initialisers and blocks meanwhile. LoadLibraryExA:
+ * `file` must be null; DONT_RESOLVE_DLL_REFERENCES delays the binding of symbols, other flags have no effect. */
+ZVXKVT_API HMODULE WINAPI LoadLibraryA(LPCSTR name);
+ZVXKVT_API HMODULE WINAPI LoadLibraryExA(LPCSTR name, HANDLE file, DWORD flags);
+ZVXKVT_API BOOL WINAPI FreeLibrary(HMODULE module);
+/* Then ends the calling thread, as ExitThread does. */
+ZVXKVT_API void WINAPI FreeLibraryAndExitThread(HMODULE module, DWORD exitCode);
+/* The module's function of that name; null with ERROR_PROC_NOT_FOUND, also for every ordinal (a "name" below 0x10000).
+ * In fiber mode a user thread that asks for "DsGetDcNameA", where the process can have it at all, is given a form of it
+ * that yields while the query runs. */
+ZVXKVT_API FARPROC WINAPI GetProcAddress(HMODULE module, LPCSTR name);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -334,7 +334,7 @@ BOOL MoveFileExA(const char *from, const char *to, DWORD flags);
 // ---- Modules, environment, process -------------------------------------------------------------------
 
 HMODULE GetModuleHandleA(const char *name);  // "kernel32.dll" is answered by the platform itself
-HMODULE LoadLibraryA(const char *name);      // null with 126 when there is none
+HMODULE LoadLibraryA(const char *name);      // null with 126; "x.dll" may be libx.so or x.so
 BOOL FreeLibrary(HMODULE module);
 FARPROC GetProcAddress(HMODULE module, const char *name);  // null with 127
 // Characters stored without the terminating zero; the size needed when it does not fit; 0 with 203.

@@ -77,6 +77,7 @@ static void HeapRemove(Scheduler *S, Fiber *F) {
 // ---- Waits -------------------------------------------------------------------------------------------
 
 void FileTimedWaiter(Scheduler *S, Fiber *F) {
+    F->Flags &= ~static_cast<uint32_t>(FIBER_SLICE_FILED);
     if (F->WaitTimeoutMs == INFINITE) {
         AppendLink(&S->InfiniteWaiters, &F->RunLink);
         F->Flags |= FIBER_INFINITE_WAIT;
@@ -85,7 +86,8 @@ void FileTimedWaiter(Scheduler *S, Fiber *F) {
     if (F->Flags & FIBER_POLLED_WAIT) {
         // A slice of a polled wait ends at the next check, whenever that was to be, so that the condition is tested
         // again within the interval and not within twice that.
-        F->Flags &= ~static_cast<uint32_t>(FIBER_POLLED_WAIT);  // a routine injected meanwhile waits for itself
+        // A routine injected meanwhile waits for itself; the other mark says what it interrupted.
+        F->Flags = (F->Flags & ~static_cast<uint32_t>(FIBER_POLLED_WAIT)) | FIBER_SLICE_FILED;
         F->WaitStartTick = os::GetTickCount();
         F->WaitDeadline = S->LastTimerCheck + gTimerInterval;
     } else {

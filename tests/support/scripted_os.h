@@ -17,7 +17,8 @@
 //   - A scheduler that spins (polls without waiting) would never come to a wait under clocks that stand still. After
 //     SpinLimit empty polls of a port in a row OnPortWait is called all the same, with a wait of 0. After ten times
 //     as many reads of the cycle counter by one fiber, with nothing else happening, OnSpin is called.
-//   - os::CreateThread only records. Masks and priorities of kernel threads are kept as values, and every change of
+//   - os::CreateThread only records; RunThread runs what it recorded, and EndThread ends one. A thread that
+//     TerminateThread was called for goes on until then, as on the real platform until its next system call. Masks and priorities of kernel threads are kept as values, and every change of
 //     one is recorded.
 //   - os::FailCall makes the nth call of a named function fail, here as on the real platform.
 //
@@ -83,6 +84,7 @@ struct Script {
     std::vector<uint32_t> Masks;                  // of every SetThreadAffinityMask that succeeded
     std::vector<int> Priorities;                  // of every SetThreadPriority that succeeded
     std::vector<LPTHREAD_START_ROUTINE> Threads;  // start routine of every CreateThread
+    std::vector<DWORD> Terminations;              // code of every TerminateThread on one of them
 
     // Overlapped operations and ports.
     std::function<IoAnswer(const IoCall &)> OnIo;
@@ -98,6 +100,20 @@ struct Script {
 };
 
 extern Script gScript;
+
+// What the calls of dedicated threads do (scripted_dedicated.cpp).
+struct DedicatedScript {
+    std::function<BOOL(void *buffer, DWORD characters, DWORD *read)> OnReadConsole;
+    std::function<BOOL(const char *name, void *in, DWORD inBytes, void *out, DWORD outBytes, DWORD *read)> OnCallPipe;
+};
+extern DedicatedScript gDedicatedScript;
+
+// Kernel threads that CreateThread made and nobody has run: a test runs one to its end on its own thread, outside any
+// fiber, and the thread's handle is signalled with the exit code. The oldest comes first.
+size_t WaitingThreads();
+void RunThread();
+// The same by another hand: the oldest ends with that code and runs nothing.
+void EndThread(DWORD code);
 
 // Something that a test must not do was done: says so and ends the process.
 [[noreturn]] void Misuse(const char *what);

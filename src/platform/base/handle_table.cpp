@@ -20,6 +20,7 @@
 #include "platform/base/inner_lock.h"
 #include "platform/base/object.h"
 #include "platform/base/object_pool.h"
+#include "platform/base/process_object.h"
 #include "platform/base/thread_object.h"
 
 namespace os {
@@ -174,6 +175,8 @@ Object *RefHandle(HANDLE handle, ObjectType type) {
         }
     } else if (handle == GetCurrentThread() && (type == ObjectType::kAny || type == ObjectType::kThread)) {
         return RefCurrentThread();
+    } else if (handle == GetCurrentProcess() && (type == ObjectType::kAny || type == ObjectType::kProcess)) {
+        return RefCurrentProcess();
     }
     SetLastError(ERROR_INVALID_HANDLE);
     return nullptr;

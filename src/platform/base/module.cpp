@@ -5,10 +5,11 @@
 #include "platform/base/module.h"
 
 #include <dlfcn.h>
+#include <stdio.h>
 #include <string.h>
 #include <strings.h>
 
-#include "platform/os.h"
+#include "platform/os_process.h"
 
 namespace os {
 
@@ -60,6 +61,37 @@ void *FindOwnExport(const char *name) {
     return found != nullptr && dladdr(found, &where) != 0 && where.dli_fbase == self.dli_fbase ? found : nullptr;
 }
 
+// The module of that name by the loader's own search: first the name as it was given, then, for a name that ends in
+// ".dll" or in nothing, what the same library is called here. Null when there is none.
+void *OpenModule(const char *name, int flags) {
+    if (void *handle = dlopen(name, flags)) return handle;
+    const char *base = strrchr(name, '/');
+    base = base == nullptr ? name : base + 1;
+    const size_t length = strlen(base);
+    const bool suffix = length > 4 && strcasecmp(base + length - 4, ".dll") == 0;
+    if (!suffix && strchr(base, '.') != nullptr) return nullptr;
+    const int folder = static_cast<int>(base - name);
+    const int stem = static_cast<int>(suffix ? length - 4 : length);
+    for (const char *prefix : {"lib", ""}) {
+        char other[1024];
+        const int put = snprintf(other, sizeof other, "%.*s%s%.*s.so", folder, name, prefix, stem, base);
+        if (put < 0 || put >= static_cast<int>(sizeof other)) return nullptr;
+        if (void *handle = dlopen(other, flags)) return handle;
+    }
+    return nullptr;
+}
+
+HMODULE Load(const char *name, int flags) {
+    if (name == nullptr || name[0] == 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    if (OwnModule *own = FindOwnModule(name)) return own;
+    void *handle = OpenModule(name, flags | RTLD_LOCAL);
+    if (handle == nullptr) SetLastError(ERROR_MOD_NOT_FOUND);
+    return handle;
+}
+
 }  // namespace
 
 void ProvideProcedure(const char *module, const char *name, FARPROC procedure) {
@@ -76,7 +108,8 @@ HMODULE GetModuleHandleA(const char *name) {
         if (OwnModule *own = FindOwnModule(name)) return own;
     }
     // Loaded already or nothing. The reference that this takes is given back: the module's owner keeps it loaded.
-    void *handle = dlopen(name, RTLD_LAZY | RTLD_NOLOAD);
+    const int flags = RTLD_LAZY | RTLD_NOLOAD;
+    void *handle = name == nullptr ? dlopen(nullptr, flags) : OpenModule(name, flags);
     if (handle == nullptr) {
         SetLastError(ERROR_MOD_NOT_FOUND);
         return nullptr;
@@ -87,14 +120,16 @@ HMODULE GetModuleHandleA(const char *name) {
 
 HMODULE LoadLibraryA(const char *name) {
     if (ShouldFail("LoadLibraryA")) return nullptr;
-    if (name == nullptr || name[0] == 0) {
+    return Load(name, RTLD_NOW);
+}
+
+HMODULE LoadLibraryExA(const char *name, HANDLE file, DWORD flags) {
+    if (ShouldFail("LoadLibraryExA")) return nullptr;
+    if (file != nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    if (OwnModule *own = FindOwnModule(name)) return own;
-    void *handle = dlopen(name, RTLD_NOW | RTLD_LOCAL);
-    if (handle == nullptr) SetLastError(ERROR_MOD_NOT_FOUND);
-    return handle;
+    return Load(name, (flags & DONT_RESOLVE_DLL_REFERENCES) != 0 ? RTLD_LAZY : RTLD_NOW);
 }
 
 BOOL FreeLibrary(HMODULE module) {

@@ -28,60 +28,89 @@ NamedObject *FindLocked(const char *name) {
     return nullptr;
 }
 
-NamedObject *AcceptType(NamedObject *object, ObjectType type) {
-    if (object->Type == type) {
-        SetLastError(ERROR_ALREADY_EXISTS);
-        return object;
-    }
-    UnrefObject(object);
-    SetLastError(ERROR_INVALID_HANDLE);
-    return nullptr;
-}
-
 HANDLE HandleOrDrop(NamedObject *object) {
     HANDLE handle = NewHandle(object);
     if (handle == nullptr) UnrefObject(object);
     return handle;
 }
 
-}  // namespace
-
-NamedObject *FindNamed(const char *name, ObjectType type) {
-    NamedObject *found = nullptr;
-    if (name != nullptr && name[0] != '\0') {
-        InnerGuard guard(&gNameLock);
-        found = FindLocked(name);
-    }
-    if (found != nullptr) return AcceptType(found, type);
-    SetLastError(ERROR_SUCCESS);
+HANDLE DropWith(NamedObject *object, DWORD error) {
+    UnrefObject(object);
+    SetLastError(error);
     return nullptr;
 }
 
-HANDLE PublishNamed(NamedObject *object, const char *name) {
-    object->Name = nullptr;
-    if (name == nullptr || name[0] == '\0') return HandleOrDrop(object);
-    char *copy = strdup(name);
-    if (copy == nullptr) {
-        UnrefObject(object);
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
+// The name without its prefix, or null with *error. There is one session, so both prefixes mean it.
+const char *PlainName(const char *name, DWORD *error) {
+    for (const char *prefix : {"Global\\", "Local\\"}) {
+        if (strncmp(name, prefix, strlen(prefix)) != 0) continue;
+        name += strlen(prefix);
+        break;
     }
+    *error = ERROR_SUCCESS;
+    if (name[0] == 0)
+        *error = ERROR_INVALID_NAME;
+    else if (strchr(name, '\\') != nullptr)
+        *error = ERROR_PATH_NOT_FOUND;
+    else if (strlen(name) >= kSharedNameBytes)
+        *error = ERROR_FILENAME_EXCED_RANGE;
+    return *error == ERROR_SUCCESS ? name : nullptr;
+}
+
+// [gNameLock] Gives the object its slot and its place in the chain. 0 or the error.
+DWORD BindLocked(NamedObject *object, char *name, NameUse use, const SharedInit &init, bool *fresh) {
+    DWORD error = ERROR_SUCCESS;
+    if (SharedNamesReady()) {
+        SharedGuard guard;
+        SharedSlot *slot = OpenSlotLocked(name, object->Type, &init, use == NameUse::kCreate, fresh, &error);
+        object->Slot.store(slot, std::memory_order_release);
+        if (slot != nullptr) object->Signalled.store(0, std::memory_order_relaxed);
+    } else {
+        *fresh = true;
+        if (use == NameUse::kOpen) error = ERROR_FILE_NOT_FOUND;
+    }
+    if (error != ERROR_SUCCESS) return error;
+    object->Name = name;
+    object->NextNamed = gNamed;
+    gNamed = object;
+    return ERROR_SUCCESS;
+}
+
+}  // namespace
+
+HANDLE PublishNamed(NamedObject *object, const char *name, NameUse use, const SharedInit &init, bool *fresh) {
+    object->Name = nullptr;
+    object->Slot.store(nullptr, std::memory_order_relaxed);
+    object->NextOwnerLook.store(0, std::memory_order_relaxed);
+    *fresh = true;
+    if (name == nullptr || name[0] == '\0') {
+        if (use == NameUse::kOpen) return DropWith(object, ERROR_INVALID_PARAMETER);
+        SetLastError(ERROR_SUCCESS);
+        return HandleOrDrop(object);
+    }
+    DWORD error;
+    const char *plain = PlainName(name, &error);
+    if (plain == nullptr) return DropWith(object, error);
+    char *copy = strdup(plain);
+    if (copy == nullptr) return DropWith(object, ERROR_NOT_ENOUGH_MEMORY);
     NamedObject *found;
     {
         InnerGuard guard(&gNameLock);
-        found = FindLocked(name);
-        if (found == nullptr) {
-            object->Name = copy;
-            object->NextNamed = gNamed;
-            gNamed = object;
-        }
+        found = FindLocked(copy);
+        if (found == nullptr) error = BindLocked(object, copy, use, init, fresh);
     }
-    if (found == nullptr) return HandleOrDrop(object);
-    free(copy);
-    ObjectType type = object->Type;
-    UnrefObject(object);
-    found = AcceptType(found, type);
-    return found == nullptr ? nullptr : HandleOrDrop(found);
+    if (found != nullptr || error != ERROR_SUCCESS) free(copy);
+    if (found != nullptr) {
+        *fresh = false;
+        const ObjectType type = object->Type;
+        UnrefObject(object);
+        object = found;
+        if (found->Type != type) error = ERROR_INVALID_HANDLE;
+    }
+    if (error != ERROR_SUCCESS) return DropWith(object, error);
+    const HANDLE handle = HandleOrDrop(object);
+    if (handle != nullptr) SetLastError(*fresh ? ERROR_SUCCESS : ERROR_ALREADY_EXISTS);
+    return handle;
 }
 
 void ForgetName(NamedObject *object) {
@@ -91,7 +120,16 @@ void ForgetName(NamedObject *object) {
         NamedObject **link = &gNamed;
         while (*link != object) link = &(*link)->NextNamed;
         *link = object->NextNamed;
+        if (SharedSlot *slot = SlotOfObject(object); slot != nullptr) {
+            SharedGuard shared;
+            // Unless the process has bound the name anew while this object was on its way out.
+            bool again = false;
+            for (NamedObject *other = gNamed; other != nullptr; other = other->NextNamed)
+                again = again || SlotOfObject(other) == slot;
+            if (!again) CloseSlotLocked(slot);
+        }
     }
+    object->Slot.store(nullptr, std::memory_order_release);
     free(object->Name);
     object->Name = nullptr;
 }

@@ -37,6 +37,8 @@ struct ObjectOps {
     // Whether `who` may take the object although it is not signalled (a mutex by its owner). Reads atomics
     // only: a zero-time-out test calls it without the lock. Null when never.
     bool (*MayTakeAgain)(const Object *object, uint64_t who) = nullptr;
+    // A NamedObject, whose state may be other processes' too: Take and MayTakeAgain need the table's lock as well.
+    bool Shared = false;
 };
 
 struct Object {

@@ -1,8 +1,8 @@
 // platform/base/overflow.cpp - the report of a stack overflow.
 //
-// A handler for SIGSEGV and SIGBUS on an alternate stack, one per kernel thread. When the faulting address lies in the
+// A handler for SIGSEGV, SIGBUS and SIGFPE on an alternate stack, one per kernel thread. When the faulting address lies in the
 // guard below a stack that we know, it writes one line to standard error and lets the signal take its default
-// course; every other fault goes on to whoever handled it before. The handler runs in the middle of anything, so it
+// course; a fault in a guarded call ends that call; every other one goes on to whoever handled it before. The handler runs in the middle of anything, so it
 // reads memory and calls write and sigaction, nothing else.
 #include <errno.h>
 #include <pthread.h>
@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "platform/base/fiber_internal.h"
+#include "platform/base/guarded.h"
 #include "platform/base/thread_block.h"
 
 namespace os {
@@ -29,6 +30,11 @@ std::atomic<TagFunction> gTagOf{nullptr};
 pthread_once_t gInstallOnce = PTHREAD_ONCE_INIT;
 struct sigaction gPreviousSegv;  // init: what was there before ours
 struct sigaction gPreviousBus;   // init
+struct sigaction gPreviousFpe;   // init
+
+const struct sigaction &PreviousOf(int signal) {
+    return signal == SIGSEGV ? gPreviousSegv : signal == SIGBUS ? gPreviousBus : gPreviousFpe;
+}
 
 // Text of a bounded length, put together without the C library.
 struct Line {
@@ -109,14 +115,15 @@ void TakeDefaultCourse(int signal, const siginfo_t *info) {
 void OnFault(int signal, siginfo_t *info, void *machine) {
     const int savedErrno = errno;
     Victim victim;
-    if (info->si_code > 0 && FindVictim(static_cast<const char *>(info->si_addr), &victim)) {
+    if (info->si_code > 0 && signal != SIGFPE && FindVictim(static_cast<const char *>(info->si_addr), &victim)) {
         Report(victim);
         TakeDefaultCourse(signal, info);
         errno = savedErrno;
         return;
     }
-    const struct sigaction &previous = signal == SIGSEGV ? gPreviousSegv : gPreviousBus;
     errno = savedErrno;
+    if (info->si_code > 0) LeaveGuardedCall();
+    const struct sigaction &previous = PreviousOf(signal);
     if ((previous.sa_flags & SA_SIGINFO) != 0) {
         previous.sa_sigaction(signal, info, machine);
     } else if (previous.sa_handler == SIG_DFL || (previous.sa_handler == SIG_IGN && info->si_code > 0)) {
@@ -134,8 +141,10 @@ void Install() {
     // What was there is read first, so that a fault on another thread meanwhile finds it in place.
     sigaction(SIGSEGV, nullptr, &gPreviousSegv);
     sigaction(SIGBUS, nullptr, &gPreviousBus);
+    sigaction(SIGFPE, nullptr, &gPreviousFpe);
     sigaction(SIGSEGV, &ours, nullptr);
     sigaction(SIGBUS, &ours, nullptr);
+    sigaction(SIGFPE, &ours, nullptr);
 }
 
 void FindOwnStack(ThreadLocals *locals) {

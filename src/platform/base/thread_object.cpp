@@ -207,6 +207,17 @@ BOOL GetThreadTimes(HANDLE thread, FILETIME *creation, FILETIME *exit, FILETIME 
     return TRUE;
 }
 
+BOOL QueueUserAPC(PAPCFUNC routine, HANDLE thread, ULONG_PTR data) {
+    if (ShouldFail("QueueUserAPC")) return FALSE;
+    ThreadRef ref(thread);
+    if (ref.Thread == nullptr) return FALSE;
+    if (ref.Thread->ExitCode.load(std::memory_order_acquire) != STILL_ACTIVE) {
+        SetLastError(ERROR_GEN_FAILURE);
+        return FALSE;
+    }
+    return ref.Thread->Kind->QueueApc == nullptr ? TRUE : ref.Thread->Kind->QueueApc(ref.Thread, routine, data);
+}
+
 uint32_t SetThreadAffinityMask(HANDLE thread, uint32_t mask) {
     if (ShouldFail("SetThreadAffinityMask")) return 0;
     ThreadRef ref(thread);

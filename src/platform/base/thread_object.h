@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "platform/base/object.h"
+#include "platform/os_process.h"
 
 namespace os {
 
@@ -31,6 +32,8 @@ struct ThreadOps {
     uint32_t (*SetAffinity)(ThreadObject *thread, uint32_t mask);  // the mask that was in force, 0 on failure
     BOOL (*SetPriority)(ThreadObject *thread, int priority);
     void (*CpuTimes)(ThreadObject *thread, uint64_t *kernel, uint64_t *user);  // 100 ns units
+    // Takes a routine for the thread's next alertable wait; null where the thread never waits.
+    BOOL (*QueueApc)(ThreadObject *thread, PAPCFUNC routine, ULONG_PTR data) = nullptr;
 };
 
 struct ThreadObject : Object {

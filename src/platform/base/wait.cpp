@@ -10,6 +10,7 @@
 #include "platform/base/wait.h"
 
 #include "platform/base/futex.h"
+#include "platform/base/named_object.h"
 #include "platform/base/thread_block.h"
 #include "platform/base/thread_object.h"
 
@@ -25,6 +26,10 @@ constexpr uint64_t kCompletionStepNs = 1000000;
 // signal handler without coming back.
 constexpr uint64_t kLongestSleepNs = 3600ull * 1000000000u;
 
+// A sleeper for a mutex of another process looks this often whether that process still lives, since the dying wake
+// nobody.
+constexpr uint64_t kOwnerLookNs = 50000000;
+
 // Never seen by a caller: the thread is to end, and holds nothing any more.
 constexpr DWORD kWaitEnded = 0xFFFFFFFEu;
 
@@ -33,8 +38,8 @@ bool Takeable(const Object *object, uint64_t who) {
     return object->Ops->MayTakeAgain != nullptr && object->Ops->MayTakeAgain(object, who);
 }
 
-// [dispatcher lock] Takes what the wait is for, if that can be had in this instant; sets Result.
-bool TryTakeLocked(Waiter *waiter) {
+// [dispatcher lock, and the table's when the wait has shared objects]
+bool TakeNow(Waiter *waiter) {
     if (!waiter->All) {
         for (uint32_t i = 0; i < waiter->Count; i++) {
             Object *object = waiter->Objects[i];
@@ -54,6 +59,48 @@ bool TryTakeLocked(Waiter *waiter) {
             waiter->Result = WAIT_ABANDONED_0 + i;
     }
     return true;
+}
+
+// [dispatcher lock] Takes what the wait is for, if that can be had in this instant; sets Result.
+bool TryTakeLocked(Waiter *waiter) {
+    if (!waiter->Shared) [[likely]]
+        return TakeNow(waiter);
+    SharedGuard guard;
+    return TakeNow(waiter);
+}
+
+// The slots of the wait's shared objects, at most one an object; how many.
+uint32_t SlotsOf(const Waiter *waiter, SharedSlot **slots, uint32_t *seqs) {
+    uint32_t count = 0;
+    for (uint32_t i = 0; i < waiter->Count; i++) {
+        SharedSlot *slot = waiter->Objects[i]->Ops->Shared ? SlotOfObject(waiter->Objects[i]) : nullptr;
+        if (slot == nullptr) continue;
+        slots[count] = slot;
+        seqs[count++] = waiter->Blocks[i].Seen;
+    }
+    return count;
+}
+
+// Before a test: what a sleep that follows it compares with.
+void NoteSlots(Waiter *waiter) {
+    for (uint32_t i = 0; i < waiter->Count; i++) {
+        SharedSlot *slot = waiter->Objects[i]->Ops->Shared ? SlotOfObject(waiter->Objects[i]) : nullptr;
+        if (slot != nullptr) waiter->Blocks[i].Seen = slot->Seq.load(std::memory_order_seq_cst);
+    }
+}
+
+// Returns after one sleep, whatever ended it: the objects must be tested again.
+void SleepOnShared(Waiter *waiter, uint32_t seen, uint64_t until) {
+    SharedSlot *slots[MAXIMUM_WAIT_OBJECTS];
+    uint32_t seqs[MAXIMUM_WAIT_OBJECTS];
+    const uint32_t count = SlotsOf(waiter, slots, seqs);
+    for (uint32_t i = 0; i < waiter->Count; i++) {
+        if (waiter->Objects[i]->Type != ObjectType::kMutex) continue;
+        const uint64_t look = MonotonicNs() + kOwnerLookNs;
+        if (look < until) until = look;
+        break;
+    }
+    SleepOnSlots(&waiter->Alert->Word, seen, slots, seqs, count, until);
 }
 
 // [dispatcher lock]
@@ -99,6 +146,7 @@ void SleepAsWaiter(Waiter *waiter, bool alertable, uint64_t until) {
         if (waiter->State.load(std::memory_order_acquire) == kGranted) return;
         if (region->Pending.load(std::memory_order_relaxed) != 0) return;
         if (alertable && AlertPending(waiter->Alert)) return;
+        if (waiter->Shared) return SleepOnShared(waiter, seen, until);
         if (!WaitAlert(waiter->Alert, seen, until)) return;
     }
 }
@@ -120,10 +168,12 @@ DWORD WaitInRegion(Object *const *objects, WaitBlock *blocks, uint32_t count, bo
     waiter.Blocks = blocks;
     waiter.Count = count;
     waiter.All = all;
+    for (uint32_t i = 0; i < count; i++) waiter.Shared = waiter.Shared || objects[i]->Ops->Shared;
     uint64_t deadline = kNoDeadline;
     bool timedOut = ms == 0;
     for (;;) {
         bool taken;
+        if (waiter.Shared) NoteSlots(&waiter);
         {
             InnerGuard guard(&gDispatcherLock);
             taken = TryTakeLocked(&waiter);
@@ -234,6 +284,10 @@ uint64_t CallerIdentity() {
 void SignalLocked(Object *object, WakeList *wakes) {
     // Release: a test without the lock that sees the object signalled sees what was done before.
     object->Signalled.store(1, std::memory_order_release);
+    OfferLocked(object, wakes);
+}
+
+void OfferLocked(Object *object, WakeList *wakes) {
     WaitBlock *block = object->Waiters;
     while (block != nullptr) {
         Waiter *waiter = block->Owner;
@@ -241,7 +295,7 @@ void SignalLocked(Object *object, WakeList *wakes) {
         do block = block->Next;
         while (block != nullptr && block->Owner == waiter);
         if (TryTakeLocked(waiter)) GrantLocked(waiter, wakes);
-        if (object->Signalled.load(std::memory_order_relaxed) == 0) return;
+        if (object->Signalled.load(std::memory_order_relaxed) == 0 && !object->Ops->Shared) return;
     }
 }
 

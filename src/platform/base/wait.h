@@ -12,8 +12,13 @@
 //   - A waiter that gives up (time-out, a routine, a request to stop) unlinks its blocks itself under the
 //     lock, unless it was granted meanwhile, which then counts.
 //
-// Lock order: a named object's table lock and a thread's lock come before the dispatcher lock; nothing is
-// acquired under it.
+// Waits for objects that other processes share (named_object.h) are the same, with two differences. Testing and
+// taking happens under the table's lock too, so that a wait for all takes its objects in one step everywhere. And a
+// sleeper sleeps on the objects' slots besides its own word, because another process cannot grant it anything: it
+// competes when it has been woken.
+//
+// Lock order: the lock of names and a thread's lock come before the dispatcher lock; under it nothing but the lock of
+// the table of shared names is acquired.
 #ifndef ZVX_PLATFORM_BASE_WAIT_H
 #define ZVX_PLATFORM_BASE_WAIT_H
 
@@ -44,6 +49,7 @@ struct Waiter {
     WaitBlock *Blocks = nullptr;  // [dispatcher lock] Count of them, linked while State is kWaiting
     uint32_t Count = 0;
     bool All = false;
+    bool Shared = false;  // init: one of the objects has Ops->Shared
 };
 
 struct WaitBlock {
@@ -51,6 +57,7 @@ struct WaitBlock {
     WaitBlock *Prev;  // [dispatcher lock] the newest, at the oldest
     Waiter *Owner;    // init
     uint32_t Index;   // init: position of the object in the wait
+    uint32_t Seen;    // owner: Seq of the object's slot before the latest test
 };
 
 // Sleepers to be woken once the dispatcher lock has been released. Only the address is used: the word may
@@ -62,6 +69,8 @@ struct WakeList {
 
 // [dispatcher lock] The object becomes signalled and is given to whoever waits for it.
 void SignalLocked(Object *object, WakeList *wakes);
+// [dispatcher lock] The object may be had now: it is given to whoever of this process waits for it.
+void OfferLocked(Object *object, WakeList *wakes);
 void WakeAll(WakeList *wakes);
 
 // Who takes a mutex: the fiber where there is one, else the thread (with the top bit set).

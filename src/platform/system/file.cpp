@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include "platform/base/object_pool.h"
+#include "platform/base/text.h"
 
 namespace os {
 
@@ -172,26 +173,6 @@ HANDLE OpenFile(const char *name, DWORD access, DWORD disposition, DWORD flags) 
     return handle;
 }
 
-// The name in the kernel's encoding; false when a character is none, or with *tooLong when it does not fit.
-bool NarrowName(const WCHAR *name, char *narrow, bool *tooLong) {
-    size_t used = 0;
-    for (; *name != 0; name++) {
-        const uint32_t c = static_cast<uint32_t>(*name);
-        if (c > 0x10FFFF || (c >= 0xD800 && c < 0xE000)) return false;
-        *tooLong = used + 5 > kMaxName;
-        if (*tooLong) return false;
-        if (c < 0x80) {
-            narrow[used++] = static_cast<char>(c);
-            continue;
-        }
-        const int more = c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
-        narrow[used++] = static_cast<char>((0xF00u >> (more + 1) & 0xF0u) | c >> (6 * more));
-        for (int i = more; i-- > 0;) narrow[used++] = static_cast<char>(0x80u | (c >> (6 * i) & 0x3Fu));
-    }
-    narrow[used] = 0;
-    return true;
-}
-
 BOOL Report(DWORD error) {
     if (error == ERROR_SUCCESS) return TRUE;
     SetLastError(error);
@@ -254,9 +235,28 @@ HANDLE CreateFileW(const WCHAR *name, DWORD access, DWORD share, SECURITY_ATTRIB
     if (ShouldFail("CreateFileW")) return INVALID_HANDLE_VALUE;
     char narrow[kMaxName];
     bool tooLong = false;
-    if (name != nullptr && !NarrowName(name, narrow, &tooLong))
+    if (name != nullptr && !NarrowText(name, narrow, sizeof narrow, &tooLong))
         return Fail(tooLong ? ERROR_FILENAME_EXCED_RANGE : ERROR_INVALID_NAME);
     return OpenFile(name == nullptr ? nullptr : narrow, access, disposition, flags);
+}
+
+HANDLE AdoptDescriptor(int fd, bool canRead, bool canWrite) {
+    FileObject *file = AllocObject(&gFilePool);
+    if (file == nullptr) {
+        close(fd);
+        return nullptr;
+    }
+    InitIoObject(file, fd);
+    file->Overlapped = false;
+    file->CanRead = canRead;
+    file->CanWrite = canWrite;
+    file->Position.store(0, std::memory_order_relaxed);
+    const DWORD error = Describe(file, 0);
+    const HANDLE handle = error == ERROR_SUCCESS ? NewHandle(file) : nullptr;
+    if (handle != nullptr) return handle;
+    if (error != ERROR_SUCCESS) SetLastError(error);
+    UnrefObject(file);  // and with it the descriptor
+    return nullptr;
 }
 
 DWORD SetFilePointer(HANDLE handle, LONG distance, LONG *distanceHigh, DWORD method) {

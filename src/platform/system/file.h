@@ -41,6 +41,9 @@ inline FileObject *RefFile(HANDLE handle) {
     return static_cast<FileObject *>(RefHandle(handle, ObjectType::kFile));
 }
 
+// file.cpp. A handle for a descriptor that is open already and from now on the file's; null, with the descriptor closed
+// and the last error set, on failure.
+HANDLE AdoptDescriptor(int fd, bool canRead, bool canWrite);
 void FreeHeldRanges(FileObject *file);  // file_lock.cpp: the descriptor takes the kernel's locks with it
 
 }  // namespace os

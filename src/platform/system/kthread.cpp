@@ -31,6 +31,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "platform/base/apc.h"
 #include "platform/base/fiber_internal.h"
 #include "platform/base/futex.h"
 #include "platform/base/inner_lock.h"
@@ -434,8 +435,18 @@ void KernelThreadCpuTimes(ThreadObject *object, uint64_t *kernel, uint64_t *user
     *user = thread->Tid != 0 ? ClockTime(thread->CpuClock) : thread->CpuTime;
 }
 
-constexpr ThreadOps kKernelThread = {SuspendKernelThread,     ResumeKernelThread,      TerminateKernelThread,
-                                     SetKernelThreadAffinity, SetKernelThreadPriority, KernelThreadCpuTimes};
+BOOL QueueKernelThreadApc(ThreadObject *object, PAPCFUNC routine, ULONG_PTR data) {
+    KernelThread *thread = static_cast<KernelThread *>(object);
+    // The thread's own reference keeps the state only while the lock is held, and to queue is short.
+    InnerGuard guard(&thread->Lock);
+    if (thread->Tid != 0 && thread->Alert != nullptr) return QueueApc(thread->Alert, routine, data);
+    SetLastError(ERROR_GEN_FAILURE);
+    return FALSE;
+}
+
+constexpr ThreadOps kKernelThread = {SuspendKernelThread,   ResumeKernelThread,      TerminateKernelThread,
+                                     SetKernelThreadAffinity, SetKernelThreadPriority, KernelThreadCpuTimes,
+                                     QueueKernelThreadApc};
 
 // ---- Making threads --------------------------------------------------------------------------------------
 
