@@ -52,7 +52,10 @@ DWORD Connect(SocketObject *socket, const sockaddr *name, int length) {
     const bool nonBlocking = socket->NonBlocking.load(std::memory_order_relaxed);
     Blocker blocker(socket);
     // Before the call: the watcher of events may see its end before this thread does.
-    if (nonBlocking) AddFlags(socket, kSocketConnecting);
+    if (nonBlocking) {
+        AddFlags(socket, kSocketConnecting);
+        AfterCall(socket, FD_CONNECT);
+    }
     const long result = syscall(SYS_connect, socket->Fd, name, length);
     DWORD error = 0;
     if (result != 0) {
@@ -68,7 +71,6 @@ DWORD Connect(SocketObject *socket, const sockaddr *name, int length) {
             error = blocker.Closed() ? WSAEINTR : SocketErrorOfErrno(errno);
     }
     if (error == 0) AddFlags(socket, kSocketConnected);
-    AfterCall(socket, FD_CONNECT);
     return error;
 }
 

@@ -90,8 +90,10 @@ LONG Interpret(EventRecord *record, uint32_t seen) {
     } else if (!IsConnected(socket)) {
         return 0;
     } else if ((flags & kSocketConnecting) != 0) {
+        // connect found its end itself.
         Note(record, &found, FD_CONNECT, FD_CONNECT_BIT, 0);
     }
+    socket->Flags.fetch_and(~kSocketConnecting, std::memory_order_relaxed);
     if ((seen & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) LookForData(record, &found);
     if ((seen & EPOLLPRI) != 0) Note(record, &found, FD_OOB, FD_OOB_BIT, 0);
     if ((seen & EPOLLOUT) != 0) Note(record, &found, FD_WRITE, FD_WRITE_BIT, 0);
