@@ -200,12 +200,13 @@ void PostNeighbours(std::mt19937_64 &rng) {
 
 // A post that was announced must come, whoever else posts meanwhile; what one wait takes is everything so far.
 void TakePosts(Slot *slot, uint32_t *seen) {
-    if (slot->Sent.load(std::memory_order_seq_cst) == *seen) {
-        WaitForUserThreadPost(slot->Event, 1);
-        return;
+    const bool announced = slot->Sent.load(std::memory_order_seq_cst) != *seen;
+    const DWORD result = WaitForUserThreadPost(slot->Event, announced ? 30000 : 1);
+    if (result == WAIT_OBJECT_0) {
+        *seen = slot->Sent.load(std::memory_order_seq_cst);
+    } else if (announced) {
+        Fail("a post was lost");
     }
-    if (WaitForUserThreadPost(slot->Event, 30000) != WAIT_OBJECT_0) Fail("a post was lost");
-    *seen = slot->Sent.load(std::memory_order_seq_cst);
 }
 
 // Children that are terminated from outside: asleep for ever, or on the way in and out of a section.
