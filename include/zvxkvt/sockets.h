@@ -115,10 +115,10 @@ ZVXKVT_API int WINAPI zvx_recv(SOCKET s, char *buffer, int length, int flags);
 /* The same with several buffers, 1024 at most: 0, and the bytes in *bytes. Three ways:
  *   - neither OVERLAPPED nor routine, or a socket for synchronous use: yields until the operation has ended. A routine
  *     is then called before the return, hEvent signalled otherwise.
- *   - a routine: SOCKET_ERROR with WSA_IO_PENDING, or 0; the routine runs on the calling user thread, in a later
- *     alertable wait of it and never before. Buffers and OVERLAPPED must stay valid until then.
+ *   - a routine: SOCKET_ERROR with WSA_IO_PENDING, even when it is done already; the routine runs on the calling user
+ * thread, in a later alertable wait of it and never before. Buffers and OVERLAPPED must stay valid until then.
  *   - an OVERLAPPED alone: SOCKET_ERROR with WSA_IO_PENDING while it runs; the caller waits for it itself. hEvent may
- * get its low bit set; the functions of this library take it with and without that bit. */
+ *     get its low bit set; the functions of this library take it with and without that bit. */
 ZVXKVT_API int WINAPI WSARecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytes, LPDWORD flags,
                               LPOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine);
 ZVXKVT_API int WINAPI WSASend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytes, DWORD flags,

@@ -1,0 +1,445 @@
+// tests/integration/socket_test.cpp - sockets as user threads see them, on real connections.
+//
+// The other end is always a plain thread on the kernel's sockets (support/net_peer.h).
+#include "zvxkvt/sockets.h"
+
+#include <sys/resource.h>
+
+#include <memory>
+#include <thread>
+
+#include "support/host_runner.h"
+#include "support/net_peer.h"
+
+using namespace hosttest;
+
+namespace {
+
+class Sockets : public HostTest {};
+
+struct Listener {
+    SOCKET Socket;
+    uint16_t Port;
+};
+
+Listener Listen(DWORD flags = 0) {
+    Listener result{WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, flags), 0};
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_addr.s_addr = inet_addr("127.0.0.1");
+    int length = sizeof name;
+    HOST_EQ(0, bind(result.Socket, reinterpret_cast<sockaddr *>(&name), length));
+    HOST_EQ(0, listen(result.Socket, 200));
+    HOST_EQ(0, getsockname(result.Socket, reinterpret_cast<sockaddr *>(&name), &length));
+    result.Port = ntohs(name.sin_port);
+    return result;
+}
+
+// A plain thread; the user thread that joins it yields meanwhile.
+class Plain {
+  public:
+    explicit Plain(std::function<void()> body) : Thread([this, body] { body(), Done = true; }) {}
+    void Join() {
+        while (!Done) Sleep(1);
+        Thread.join();
+    }
+
+  private:
+    std::atomic<bool> Done{false};
+    std::thread Thread;
+};
+
+// A connection with its other end.
+struct Pair {
+    explicit Pair(const Listener &listener) : Peer(netpeer::Connect(listener.Port)) {
+        Socket = accept(listener.Socket, nullptr, nullptr);
+        HOST_CHECK(Socket != INVALID_SOCKET && Peer >= 0);
+    }
+    SOCKET Socket;
+    int Peer;
+};
+
+// Echoes until the client has ended; 0 when the end was an orderly one.
+DWORD Echo(SOCKET s) {
+    char buffer[5000];
+    for (;;) {
+        const int got = recv(s, buffer, sizeof buffer, 0);
+        if (got == 0) return closesocket(s) == 0 ? 0 : 2;
+        if (got < 0 || send(s, buffer, got, 0) != got) return 1;
+    }
+}
+
+void CheckNothingLeft(int socketsBefore) {
+    for (int i = 0; i < 200 && netpeer::OpenSockets() != socketsBefore; i++) Sleep(5);
+    HOST_EQ(socketsBefore, netpeer::OpenSockets());
+}
+
+// Accepts and echoes while clients connect, write blocks of many sizes and compare what comes back.
+void RunEchoServer() {
+    constexpr uint32_t kClients = 24, kRounds = 40;
+    const int before = netpeer::OpenSockets();
+    const Listener listener = Listen();
+    std::atomic<uint32_t> good{0};
+    std::vector<uint16_t> ports(kClients);
+    std::vector<std::unique_ptr<Plain>> clients;
+    for (uint32_t c = 0; c < kClients; c++) {
+        clients.push_back(std::make_unique<Plain>([&, c] {
+            const int fd = netpeer::Connect(listener.Port, &ports[c]);
+            uint32_t random = c * 2654435761u + 1;
+            bool same = fd >= 0;
+            for (uint32_t round = 0; round < kRounds && same; round++) {
+                random = random * 1664525 + 1013904223;
+                // Now and then more than the kernel buffers, so that both sides wait.
+                const size_t bytes = round == 31 ? 1000000 : 1 + (random >> 8) % 9000;
+                std::vector<char> out(bytes), in(bytes);
+                for (size_t i = 0; i < bytes; i++) out[i] = static_cast<char>(i * 7 + random + (i >> 9));
+                std::thread writer([&] { netpeer::WriteAll(fd, out.data(), bytes); });
+                same = netpeer::ReadAll(fd, in.data(), bytes) && in == out;
+                writer.join();
+            }
+            netpeer::EndSending(fd);
+            if (same && netpeer::SeesTheEnd(fd, 20000)) good++;
+            close(fd);
+        }));
+    }
+    std::deque<HostThread> sessions;
+    std::vector<uint16_t> seen;
+    for (uint32_t c = 0; c < kClients; c++) {
+        sockaddr_in from{};
+        int length = sizeof from;
+        const SOCKET s = accept(listener.Socket, reinterpret_cast<sockaddr *>(&from), &length);
+        HOST_EQ(16, length);
+        HOST_EQ(inet_addr("127.0.0.1"), from.sin_addr.s_addr);
+        seen.push_back(ntohs(from.sin_port));
+        sessions.emplace_back([s] { return Echo(s); });
+    }
+    for (HostThread &session : sessions) HOST_EQ(0u, session.Join(60000));
+    for (const auto &client : clients) client->Join();
+    HOST_EQ(kClients, good.load());
+    std::sort(ports.begin(), ports.end());
+    std::sort(seen.begin(), seen.end());
+    HOST_CHECK(ports == seen);
+    HOST_EQ(0, closesocket(listener.Socket));
+    CheckNothingLeft(before);
+}
+
+}  // namespace
+
+TEST_P(Sockets, EchoServer) {
+    for (const char *polling : {"10000", "0", "3"}) {
+        HostOptions options = Options();
+        options.Settings.emplace_back("NumContextSwitchesBeforePolling", polling);
+        options.TimeoutMs = 60000;
+        EXPECT_HOST_OK(RunHost(options, RunEchoServer));
+    }
+}
+
+// The same program where there are no user threads.
+TEST(PlainSockets, EchoServerOnKernelThreads) {
+    HostOptions options;
+    options.Settings.emplace_back("DisableFibers", "1");
+    EXPECT_HOST_OK(RunHost(options, RunEchoServer));
+}
+
+// However a connection or a wait ends, the waiting thread is told, and no socket stays.
+TEST_P(Sockets, EndsOfWaits) {
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        const int before = netpeer::OpenSockets();
+        const Listener listener = Listen();
+        Pair reset(listener), closed(listener), dropped(listener);
+        HostThread resetReader([&]() -> DWORD {
+            char byte;
+            return recv(reset.Socket, &byte, 1, 0) == SOCKET_ERROR ? static_cast<DWORD>(WSAGetLastError()) : 1;
+        });
+        HostThread closedReader([&]() -> DWORD {
+            char byte;
+            return static_cast<DWORD>(recv(closed.Socket, &byte, 1, 0));
+        });
+        HostThread droppedReader([&]() -> DWORD {
+            char byte;
+            return static_cast<DWORD>(recv(dropped.Socket, &byte, 1, 0));
+        });
+        HostThread acceptor(
+            [&]() -> DWORD { return accept(listener.Socket, nullptr, nullptr) == INVALID_SOCKET ? 7 : 1; });
+        Sleep(30);
+        netpeer::Reset(reset.Peer);
+        HOST_EQ(WSAECONNRESET, resetReader.Join());
+        netpeer::EndSending(closed.Peer);
+        HOST_EQ(0u, closedReader.Join());
+        // The host's own close ends what waits on the socket as if the connection were closed.
+        HOST_EQ(0, closesocket(dropped.Socket));
+        HOST_EQ(0u, droppedReader.Join());
+        HOST_CHECK(netpeer::SeesTheEnd(dropped.Peer, 5000));
+        HOST_EQ(0, closesocket(listener.Socket));
+        HOST_EQ(7u, acceptor.Join());
+        closesocket(reset.Socket);
+        closesocket(closed.Socket);
+        close(closed.Peer);
+        close(dropped.Peer);
+        char byte;
+        HOST_EQ(SOCKET_ERROR, recv(closed.Socket, &byte, 1, 0));
+        HOST_EQ(static_cast<int>(WSAENOTSOCK), WSAGetLastError());
+        CheckNothingLeft(before);
+    }));
+}
+
+TEST_P(Sockets, TerminationWhileParked) {
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        const int before = netpeer::OpenSockets();
+        const Listener listener = Listen();
+        Pair pair(listener);
+        const std::vector<char> large(16 << 20, 'x');
+        char byte;
+        for (int round = 0; round < 10; round++) {
+            HostThread inReceive([&]() -> DWORD { return recv(pair.Socket, &byte, 1, 0) != 77; });
+            HostThread inSend([&]() -> DWORD { return send(pair.Socket, large.data(), 16 << 20, 0) != 77; });
+            HostThread inAccept([&]() -> DWORD { return accept(listener.Socket, nullptr, nullptr) != 77; });
+            HostThread inSelect([&]() -> DWORD {
+                fd_set set;
+                FD_ZERO(&set);
+                FD_SET(listener.Socket, &set);
+                return select(0, &set, nullptr, nullptr, nullptr) != 77;
+            });
+            if (round % 2 == 0) Sleep(20);
+            for (HostThread *thread : {&inReceive, &inSend, &inAccept, &inSelect}) {
+                HOST_CHECK(TerminateThread(thread->Handle, 42));
+                HOST_EQ(42u, thread->Join());
+            }
+        }
+        // The listening socket serves the next one, and the connection still carries bytes.
+        Pair next(listener);
+        HOST_CHECK(netpeer::WriteAll(pair.Peer, "y", 1) && recv(pair.Socket, &byte, 1, 0) == 1 && byte == 'y');
+        for (const SOCKET s : {pair.Socket, next.Socket, listener.Socket}) HOST_EQ(0, closesocket(s));
+        for (const int fd : {pair.Peer, next.Peer}) close(fd);
+        CheckNothingLeft(before);
+    }));
+}
+
+// Senders and receivers of every scheduler on one socket, from its very first use on. Each byte that was sent must be
+// received once; who gets it is open.
+TEST_P(Sockets, OneSocketOnManySchedulers) {
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        constexpr uint32_t kThreads = 6, kBlocks = 60, kRounds = 12;
+        const Listener listener = Listen();
+        for (uint32_t round = 0; round < kRounds; round++) {
+            Pair pair(listener);
+            Plain echo([&] {
+                char buffer[4000];
+                for (long got; (got = read(pair.Peer, buffer, sizeof buffer)) > 0;)
+                    netpeer::WriteAll(pair.Peer, buffer, static_cast<size_t>(got));
+                close(pair.Peer);
+            });
+            std::atomic<uint32_t> received[kThreads] = {};
+            std::deque<HostThread> senders, receivers;
+            for (uint32_t t = 0; t < kThreads; t++) {
+                senders.emplace_back([&, t]() -> DWORD {
+                    for (uint32_t i = 0; i < kBlocks; i++) {
+                        const std::vector<char> block(1 + (t * 977 + i * 131) % 2000, static_cast<char>(t));
+                        const int bytes = static_cast<int>(block.size());
+                        if (send(pair.Socket, block.data(), bytes, 0) != bytes) return 1;
+                    }
+                    return 0;
+                });
+                receivers.emplace_back([&]() -> DWORD {
+                    char buffer[1500];
+                    int got;
+                    while ((got = recv(pair.Socket, buffer, sizeof buffer, 0)) > 0)
+                        for (int i = 0; i < got; i++) received[static_cast<uint32_t>(buffer[i])]++;
+                    return got == 0 ? 0 : 1;
+                });
+            }
+            for (HostThread &sender : senders) HOST_EQ(0u, sender.Join());
+            HOST_EQ(0, shutdown(pair.Socket, SD_SEND));
+            for (HostThread &receiver : receivers) HOST_EQ(0u, receiver.Join());
+            for (uint32_t t = 0; t < kThreads; t++) {
+                uint32_t sent = 0;
+                for (uint32_t i = 0; i < kBlocks; i++) sent += 1 + (t * 977 + i * 131) % 2000;
+                HOST_EQ(sent, received[t].load());
+            }
+            HOST_EQ(0, closesocket(pair.Socket));
+            echo.Join();
+        }
+        closesocket(listener.Socket);
+    }));
+}
+
+// ---- Operations that the caller does not wait for ----------------------------------------------------
+
+namespace {
+
+struct {
+    DWORD Count, Error, Bytes;
+} gRoutine;
+
+void WINAPI Routine(DWORD error, DWORD bytes, LPOVERLAPPED, DWORD) {
+    gRoutine = {gRoutine.Count + 1, error, gRoutine.Bytes + bytes};
+}
+
+}  // namespace
+
+TEST_P(Sockets, RoutinesAndOwnOperations) {
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        const Listener listener = Listen(WSA_FLAG_OVERLAPPED);
+        Pair pair(listener);
+        char in[2][8] = {}, out[8] = "routine";
+        WSABUF parts[2] = {{3, in[0]}, {8, in[1]}}, text{7, out};
+        DWORD bytes = 0, flags = 0;
+        OVERLAPPED ov{}, second{};
+        HOST_EQ(SOCKET_ERROR, WSARecv(pair.Socket, parts, 2, &bytes, &flags, &ov, Routine));
+        HOST_EQ(static_cast<int>(WSA_IO_PENDING), WSAGetLastError());
+        netpeer::WriteAll(pair.Peer, out, 7);
+        Sleep(30);  // not alertable
+        HOST_EQ(0u, gRoutine.Count);
+        HOST_EQ(WAIT_IO_COMPLETION, SleepEx(10000, TRUE));
+        HOST_CHECK(gRoutine.Bytes == 7 && memcmp(in[0], "rou", 3) == 0 && memcmp(in[1], "tine", 4) == 0);
+        // The send is done at once, and pending for the caller all the same.
+        HOST_EQ(SOCKET_ERROR, WSASend(pair.Socket, &text, 1, &bytes, 0, &ov, Routine));
+        HOST_EQ(1u, gRoutine.Count);
+        HOST_EQ(WAIT_IO_COMPLETION, SleepEx(10000, TRUE));
+        HOST_EQ(14u, gRoutine.Bytes);
+        // The caller's own: by its event, and by the result.
+        const WSAEVENT event = WSACreateEvent();
+        ov = {};
+        ov.hEvent = event;
+        HOST_EQ(SOCKET_ERROR, WSARecv(pair.Socket, parts, 1, &bytes, &flags, &ov, nullptr));
+        HOST_EQ(SOCKET_ERROR, WSARecv(pair.Socket, parts + 1, 1, &bytes, &flags, &second, nullptr));
+        HOST_CHECK(!WSAGetOverlappedResult(pair.Socket, &second, &bytes, FALSE, &flags));
+        HOST_EQ(static_cast<int>(WSA_IO_INCOMPLETE), WSAGetLastError());
+        HOST_EQ(WSA_WAIT_TIMEOUT, WSAWaitForMultipleEvents(1, &event, FALSE, 20, FALSE));
+        netpeer::WriteAll(pair.Peer, "abcdef", 6);
+        HOST_EQ(WSA_WAIT_EVENT_0, WSAWaitForMultipleEvents(1, &ov.hEvent, FALSE, 10000, FALSE));
+        HOST_CHECK(WSAGetOverlappedResult(pair.Socket, &second, &bytes, TRUE, &flags) && bytes == 3);
+        HOST_CHECK(memcmp(in[0], "abc", 3) == 0 && memcmp(in[1], "def", 3) == 0);
+        // An exit cancels what is outstanding; its routine does not run.
+        const DWORD count = gRoutine.Count;
+        HostThread leaver([&]() -> DWORD {
+            WSARecv(pair.Socket, parts, 1, &bytes, &flags, &ov, Routine);
+            return 3;
+        });
+        HOST_EQ(3u, leaver.Join());
+        HOST_EQ(count, gRoutine.Count);
+        WSACloseEvent(event);
+        close(pair.Peer);
+    }));
+}
+
+// ---- Readiness ---------------------------------------------------------------------------------------
+
+TEST_P(Sockets, SelectWaitsWithoutBurningTheProcessor) {
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        const Listener listener = Listen();
+        Pair pair(listener);
+        fd_set read, write;
+        const auto fill = [&] {
+            FD_ZERO(&read);
+            FD_SET(listener.Socket, &read);
+            FD_SET(pair.Socket, &read);
+            FD_ZERO(&write);
+        };
+        fill();
+        const auto processorMs = [] {
+            rusage used;
+            getrusage(RUSAGE_SELF, &used);
+            return (used.ru_utime.tv_sec + used.ru_stime.tv_sec) * 1000 +
+                   (used.ru_utime.tv_usec + used.ru_stime.tv_usec) / 1000;
+        };
+        timeval timeout{0, 500000};
+        const auto start = GetTickCount64();
+        const auto used = processorMs();
+        HOST_EQ(0, select(0, &read, nullptr, nullptr, &timeout));
+        const auto took = GetTickCount64() - start;
+        HOST_CHECK(took >= 488 && took < 5000);
+        HOST_EQ(0u, read.fd_count);
+#ifndef ZVX_SANITIZED
+        HOST_CHECK(processorMs() - used < 250);
+#endif
+        fill();
+        FD_SET(pair.Socket, &write);
+        HOST_EQ(1, select(0, &read, &write, nullptr, nullptr));
+        HOST_CHECK(read.fd_count == 0 && FD_ISSET(pair.Socket, &write));
+        // What comes later is found by a thread that already waits.
+        HostThread waiter([&]() -> DWORD {
+            fill();
+            return static_cast<DWORD>(select(0, &read, nullptr, nullptr, nullptr));
+        });
+        Sleep(50);
+        netpeer::WriteAll(pair.Peer, "x", 1);
+        HOST_EQ(1u, waiter.Join());
+        HOST_CHECK(FD_ISSET(pair.Socket, &read) && !FD_ISSET(listener.Socket, &read));
+        const int other = netpeer::Connect(listener.Port);
+        fill();
+        for (int i = 0; i < 100 && (timeout = {0, 0}, select(0, &read, nullptr, nullptr, &timeout)) != 2; i++) fill();
+        HOST_EQ(2u, read.fd_count);
+        closesocket(pair.Socket);
+        fill();
+        HOST_EQ(SOCKET_ERROR, select(0, &read, nullptr, nullptr, nullptr));
+        HOST_EQ(static_cast<int>(WSAENOTSOCK), WSAGetLastError());
+        close(other);
+        close(pair.Peer);
+    }));
+}
+
+TEST_P(Sockets, EventsOfAConnection) {
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        const Listener listener = Listen();
+        const WSAEVENT event = WSACreateEvent();
+        // Data may be reported once more before it is taken.
+        const auto comes = [&](SOCKET s, LONG wanted) {
+            WSANETWORKEVENTS seen{};
+            while ((seen.lNetworkEvents & wanted) == 0) {
+                if (WSAWaitForMultipleEvents(1, &event, FALSE, 10000, TRUE) != WSA_WAIT_EVENT_0) return false;
+                if (WSAEnumNetworkEvents(s, event, &seen) != 0) return false;
+            }
+            return true;
+        };
+        HOST_EQ(0, WSAEventSelect(listener.Socket, event, FD_ACCEPT));
+        const int peer = netpeer::Connect(listener.Port);
+        HOST_CHECK(comes(listener.Socket, FD_ACCEPT));
+        const SOCKET s = accept(listener.Socket, nullptr, nullptr);
+        HOST_EQ(0, WSAEventSelect(listener.Socket, nullptr, 0));
+        HOST_EQ(0, WSAEventSelect(s, event, FD_READ | FD_CLOSE));
+        netpeer::WriteAll(peer, "abc", 3);
+        HOST_CHECK(comes(s, FD_READ));
+        char buffer[8];
+        HOST_EQ(3, recv(s, buffer, 8, 0));
+        netpeer::Reset(peer);
+        HOST_CHECK(comes(s, FD_CLOSE));
+        closesocket(s);
+        // A connection that the host opens itself, without blocking its scheduler.
+        const SOCKET client = socket(AF_INET, SOCK_STREAM, 0);
+        HOST_EQ(0, WSAEventSelect(client, event, FD_CONNECT));
+        sockaddr_in name{};
+        int length = sizeof name;
+        HOST_EQ(0, getsockname(listener.Socket, reinterpret_cast<sockaddr *>(&name), &length));
+        const int connected = connect(client, reinterpret_cast<sockaddr *>(&name), length);
+        HOST_CHECK(connected == 0 || WSAGetLastError() == static_cast<int>(WSAEWOULDBLOCK));
+        HOST_CHECK(comes(client, FD_CONNECT));
+        HOST_EQ(0, getpeername(client, reinterpret_cast<sockaddr *>(&name), &length));
+        const SOCKET served = accept(listener.Socket, nullptr, nullptr);
+        HOST_CHECK(send(client, "hello", 5, 0) == 5 && recv(served, buffer, 8, 0) == 5);
+        for (const SOCKET one : {client, served, listener.Socket}) closesocket(one);
+    }));
+}
+
+// ---- Refused -----------------------------------------------------------------------------------------
+
+TEST(RefusedDatagrams, EndTheProcessInEveryMode) {
+    const std::pair<const char *, std::function<void()>> calls[] = {
+        {"sendto", [] { sendto(0, nullptr, 0, 0, nullptr, 0); }},
+        {"recvfrom", [] { recvfrom(0, nullptr, 0, 0, nullptr, nullptr); }},
+        {"WSASendTo", [] { WSASendTo(0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, nullptr); }},
+        {"WSARecvFrom", [] { WSARecvFrom(0, nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr); }},
+    };
+    for (const auto &[name, call] : calls) {
+        for (const char *disable : {"0", "1"}) {
+            HostOptions options;
+            options.Settings.emplace_back("DisableFibers", disable);
+            const HostResult result = RunHost(options, call);
+            EXPECT_EQ(result.Exit, 1);
+            EXPECT_NE(result.Out.find(std::string("ZORVEX KILLED: ") + name + " NOT WRAPPED\n"), std::string::npos)
+                << result.Out;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Schedulers, Sockets, testing::Values(1u, 2u, 4u), testing::PrintToStringParamName());

@@ -1,0 +1,155 @@
+// tests/support/scripted_socket.cpp - see scripted_socket.h.
+//
+// Only what the library itself calls is here. Blocking calls are answered at once, as a test must not wait.
+#include "scripted_socket.h"
+
+#include <cstring>
+
+namespace os {
+
+namespace script {
+
+Sockets gSockets;
+
+namespace {
+
+void NoteCall(const std::string &text) {
+    NoteProgress();
+    gSockets.Calls.push_back(text);
+}
+
+HANDLE FileOf(SOCKET s) {
+    return reinterpret_cast<HANDLE>(s);
+}
+
+// A call that fails or succeeds at once.
+int Simple(const char *name, const std::string &detail = "") {
+    NoteCall(name + detail);
+    return ShouldFail(name) ? SOCKET_ERROR : 0;
+}
+
+SOCKET Made(const char *name, const std::string &detail = "") {
+    return Simple(name, detail) == 0 ? NewSocket() : INVALID_SOCKET;
+}
+
+DWORD TotalOf(const WSABUF *buffers, DWORD count) {
+    DWORD total = 0;
+    for (DWORD i = 0; i < count; i++) total += buffers[i].len;
+    return total;
+}
+
+int Transfer(const char *name, SOCKET s, const WSABUF *buffers, DWORD count, DWORD *bytes, OVERLAPPED *ov,
+             const void *routine, IoOp *op) {
+    if (routine != nullptr) Misuse("a routine reached the operating system");
+    if (Simple(name) != 0) return SOCKET_ERROR;
+    return ReadFile(FileOf(s), nullptr, TotalOf(buffers, count), bytes, ov, op) ? 0 : SOCKET_ERROR;
+}
+
+}  // namespace
+
+std::vector<std::string> TakeCalls() {
+    std::vector<std::string> calls;
+    calls.swap(gSockets.Calls);
+    return calls;
+}
+
+SOCKET NewSocket() {
+    const auto s = reinterpret_cast<SOCKET>(NewFile());
+    gSockets.Open.insert(s);
+    return s;
+}
+
+}  // namespace script
+
+using namespace script;
+
+SOCKET socket(int, int, int) {
+    return Made("socket");
+}
+SOCKET WSASocketA(int, int, int, WSAPROTOCOL_INFOA *info, DWORD, DWORD flags) {
+    return Made("WSASocketA", std::string(" ") + std::to_string(flags) + (info != nullptr ? " info" : ""));
+}
+SOCKET WSAAccept(SOCKET, sockaddr *, int *, LPCONDITIONPROC, DWORD_PTR) {
+    return Made("WSAAccept");
+}
+SOCKET accept(SOCKET, sockaddr *, int *) {
+    return Made("accept");
+}
+int closesocket(SOCKET s) {
+    NoteCall("closesocket");
+    gSockets.Open.erase(s);
+    return CloseHandle(FileOf(s)) ? 0 : SOCKET_ERROR;
+}
+int WSADuplicateSocketA(SOCKET, DWORD processId, WSAPROTOCOL_INFOA *info) {
+    *info = {};
+    return Simple("WSADuplicateSocketA", processId == GetCurrentProcessId() ? "" : " foreign");
+}
+int setsockopt(SOCKET, int, int name, const char *value, int length) {
+    DWORD word = 0;
+    if (length == 4) std::memcpy(&word, value, 4);
+    return Simple("setsockopt", ' ' + std::to_string(name) + ' ' + std::to_string(word));
+}
+
+BOOL AcceptEx(SOCKET listener, SOCKET, void *buffer, DWORD, DWORD localLength, DWORD, DWORD *received,
+              OVERLAPPED *overlapped, IoOp *op) {
+    if (Simple("AcceptEx") != 0) return FALSE;
+    std::memcpy(static_cast<char *>(buffer) + localLength, kPeerAddress, sizeof kPeerAddress);
+    return ReadFile(FileOf(listener), nullptr, 0, received, overlapped, op);
+}
+void GetAcceptExSockaddrs(void *buffer, DWORD, DWORD localLength, DWORD, sockaddr **local, int *localSize,
+                          sockaddr **remote, int *remoteSize) {
+    *local = static_cast<sockaddr *>(buffer);
+    *remote = reinterpret_cast<sockaddr *>(static_cast<char *>(buffer) + localLength);
+    *localSize = 16;
+    *remoteSize = gSockets.PeerAddressBytes;
+}
+
+int WSARecv(SOCKET s, WSABUF *buffers, DWORD count, DWORD *bytes, DWORD *, OVERLAPPED *ov,
+            LPWSAOVERLAPPED_COMPLETION_ROUTINE routine, IoOp *op) {
+    return Transfer("WSARecv", s, buffers, count, bytes, ov, reinterpret_cast<const void *>(routine), op);
+}
+int WSASend(SOCKET s, WSABUF *buffers, DWORD count, DWORD *bytes, DWORD, OVERLAPPED *ov,
+            LPWSAOVERLAPPED_COMPLETION_ROUTINE routine, IoOp *op) {
+    return Transfer("WSASend", s, buffers, count, bytes, ov, reinterpret_cast<const void *>(routine), op);
+}
+int recv(SOCKET, char *, int, int) {
+    return Simple("recv");
+}
+int send(SOCKET, const char *, int, int) {
+    return Simple("send");
+}
+BOOL WSAGetOverlappedResult(SOCKET s, OVERLAPPED *overlapped, DWORD *bytes, BOOL wait, DWORD *flags) {
+    NoteCall("WSAGetOverlappedResult");
+    *flags = ZVX_MSG_PARTIAL;
+    return GetOverlappedResult(FileOf(s), overlapped, bytes, wait);
+}
+
+int select(int, zvx_fd_set *read, zvx_fd_set *write, zvx_fd_set *error, const TimeVal *timeout) {
+    if (timeout == nullptr || timeout->Seconds != 0 || timeout->Microseconds != 0) Misuse("select would wait");
+    if (Simple("select") != 0) return SOCKET_ERROR;
+    if (gSockets.OnSelect) return gSockets.OnSelect(read, write, error);
+    for (zvx_fd_set *set : {read, write, error})
+        if (set != nullptr) set->fd_count = 0;
+    return 0;
+}
+DWORD WSAWaitForMultipleEvents(DWORD count, const WSAEVENT *events, BOOL waitAll, DWORD ms, BOOL alertable) {
+    if (ms != 0 || alertable) Misuse("WSAWaitForMultipleEvents would wait");
+    return WaitForMultipleObjects(count, events, waitAll, 0);
+}
+BOOL WSACloseEvent(WSAEVENT event) {
+    return CloseHandle(event);
+}
+BOOL WSASetEvent(WSAEVENT event) {
+    return SetEvent(event);
+}
+BOOL WSAResetEvent(WSAEVENT event) {
+    return ResetEvent(event);
+}
+int WSAEventSelect(SOCKET, WSAEVENT, LONG) {
+    return Simple("WSAEventSelect");
+}
+int WSAEnumNetworkEvents(SOCKET, WSAEVENT, WSANETWORKEVENTS *) {
+    return Simple("WSAEnumNetworkEvents");
+}
+
+}  // namespace os

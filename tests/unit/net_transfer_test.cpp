@@ -1,0 +1,327 @@
+// tests/unit/net_transfer_test.cpp - sends and receives against a scripted operating system: what is issued, how its
+// end is noticed, and what each end leaves behind.
+#include "call_fixture.h"
+#include "net/net.h"
+#include "scripted_socket.h"
+
+namespace zvx::test {
+namespace {
+
+using script::TakeCalls;
+
+bool MarkedWithoutPacket(const OVERLAPPED &ov) {
+    return (reinterpret_cast<uintptr_t>(ov.hEvent) & 1) != 0;
+}
+
+struct NetTransfer : CallTest {
+    SOCKET Make(DWORD flags = 0) {
+        SOCKET s = INVALID_SOCKET;
+        Run([&](Fiber *) { s = WSASocketA(2, 1, 0, nullptr, 0, flags); });
+        TakeCalls();
+        return s;
+    }
+    uint32_t FlagsOf(SOCKET s) { return LookUpSocket(s)->Flags.load(); }
+};
+
+// Every way in which a waiting receive or send can end: at once or later, with bytes, cancelled, refused.
+TEST_F(NetTransfer, EndsOfAWaitingTransfer) {
+    using script::IoResult;
+    const struct {
+        bool Send;
+        script::IoAnswer At;  // the call's answer
+        DWORD Status, Bytes;  // of the end, when it was pending
+        int Result;
+        DWORD Error;
+    } cases[] = {
+        {false, script::Done(7), 0, 0, 7, 0},
+        {true, script::Done(9), 0, 0, 9, 0},
+        {false, script::Pending(), STATUS_SUCCESS, 5, 5, 0},
+        {true, script::Pending(), STATUS_SUCCESS, 9, 9, 0},
+        {false, script::Failed(WSAECONNRESET), 0, 0, SOCKET_ERROR, WSAECONNRESET},
+        {true, script::Failed(WSAECONNRESET), 0, 0, SOCKET_ERROR, WSAECONNRESET},
+        {false, script::Pending(), STATUS_CANCELLED, 0, 0, 0},  // as if the connection were closed
+        {true, script::Pending(), STATUS_CANCELLED, 0, SOCKET_ERROR, WSA_OPERATION_ABORTED},
+        {false, script::Failed(WSAEDISCON), 0, 0, 0, 0},
+        {false, script::Pending(), 0xC0070000u | 64, 0, SOCKET_ERROR, ERROR_GEN_FAILURE},
+    };
+    const SOCKET s = Make();
+    for (const auto &c : cases) {
+        SCOPED_TRACE(&c - cases);
+        Answer(c.At);
+        char buffer[9];
+        Fiber *F = Run([&](Fiber *self) {
+            const int result = c.Send ? send(s, buffer, 9, 0) : recv(s, buffer, 9, 0);
+            EXPECT_EQ(result, c.Result);
+            const bool compared = c.Result == SOCKET_ERROR && c.Error != ERROR_GEN_FAILURE;
+            EXPECT_TRUE(!compared || os::GetLastError() == c.Error);
+            EXPECT_EQ(self->OwnOvs[0].Flags & OV_PACKET_EXPECTED, 0u);
+            EXPECT_EQ(self->IoWaitOv, nullptr);
+            const uint32_t owed = c.At.Result == IoResult::kDone ? 1 : 0;
+            EXPECT_TRUE(c.At.Result == IoResult::kPending || self->OwnOvs[0].SkipPackets == owed);
+            Note("returned");
+        });
+        if (c.At.Result == IoResult::kPending) {
+            const FIBEROVERLAPPED &rec = F->OwnOvs[0];
+            EXPECT_EQ(F->State, FSTATE_IO_WAIT);
+            EXPECT_EQ(rec.Flags, OV_SOCKET | OV_PACKET_EXPECTED) << "an idle scheduler waits in its port";
+            EXPECT_EQ(rec.OpArg, c.Send ? uint32_t{OP_SEND} : uint32_t{OP_RECEIVE});
+            EXPECT_TRUE(TakeNotes().empty());
+            EndWaitOf(F, c.Status, c.Bytes);
+        }
+        EXPECT_EQ(TakeNotes(), Names{"returned"});
+        EXPECT_EQ(script::QueuedPackets(S->Port), 0u) << "an exit drains what is owed";
+    }
+    EXPECT_EQ(script::gScript.BoundKeys.size(), 1u) << "bound by the first call only";
+}
+
+// Asking whether the connection is there costs nothing; whatever differs from that question is issued.
+TEST_F(NetTransfer, APeekForNothingIsAnsweredAtOnce) {
+    const SOCKET s = Make();
+    Answer(script::Done(0));
+    Run([&](Fiber *) {
+        char byte;
+        EXPECT_EQ(recv(s, &byte, 0, ZVX_MSG_PEEK), SOCKET_ERROR);
+        EXPECT_EQ(os::GetLastError(), WSAEWOULDBLOCK);
+        EXPECT_EQ(script::gScript.Calls.size() + script::gScript.BoundKeys.size(), 0u);
+        EXPECT_EQ(recv(s, &byte, 1, ZVX_MSG_PEEK), 0);
+        EXPECT_EQ(recv(s, &byte, 0, ZVX_MSG_PEEK | ZVX_MSG_OOB), 0);
+        EXPECT_EQ(recv(s, &byte, 0, 0), 0);
+        WSABUF two[2] = {{0, &byte}, {0, &byte}};
+        DWORD bytes = 9, flags = ZVX_MSG_PEEK;
+        EXPECT_EQ(WSARecv(s, two, 2, &bytes, &flags, nullptr, nullptr), 0);
+        EXPECT_EQ(script::gScript.Calls.size(), 4u);
+        Note("done");
+    });
+    EXPECT_EQ(TakeNotes(), Names{"done"});
+}
+
+// A message that continues is told through the flags, which only the operating system knows.
+TEST_F(NetTransfer, APartialMessageAsksForTheResult) {
+    const SOCKET s = Make();
+    DWORD flags = ZVX_MSG_PARTIAL, bytes = 0;
+    WSABUF one{4, nullptr};
+    Fiber *F = Run([&](Fiber *) { EXPECT_EQ(WSARecv(s, &one, 1, &bytes, &flags, nullptr, nullptr), 0); });
+    TakeCalls();
+    EndWaitOf(F, STATUS_SUCCESS, 4);
+    EXPECT_EQ(TakeCalls(), Names{"WSAGetOverlappedResult"});
+    EXPECT_EQ(bytes, 4u);
+}
+
+// Under load no packet is queued and the end is found by polling; in the polling model no socket is ever bound.
+TEST_F(NetTransfer, PacketOrPoll) {
+    const SOCKET busy = Make(), never = Make();
+    gNumContextSwitchesBeforePolling = 2;
+    script::gScript.SpinLimit = 5;  // what is polled is spun for
+    const auto receive = [&](SOCKET s) {
+        return Run([this, s](Fiber *) {
+            S->SwitchesSinceIdle = 2;
+            Note(std::to_string(recv(s, nullptr, 8, 0)));
+        });
+    };
+    Fiber *F = receive(busy);
+    EXPECT_EQ(F->OwnOvs[0].Flags, OV_SOCKET);
+    EXPECT_EQ(F->OwnOvs[0].Ov.hEvent, WithoutPacket(nullptr));
+    EXPECT_EQ(S->PolledCount, 1u);
+    EndWaitOf(F, 0, 3);
+    gNumContextSwitchesBeforePolling = 0;
+    F = receive(never);
+    EXPECT_EQ(F->OwnOvs[0].Flags, OV_SOCKET);
+    EXPECT_EQ(F->OwnOvs[0].Ov.hEvent, nullptr);
+    EndWaitOf(F, 0, 4);
+    EXPECT_EQ(TakeNotes(), (Names{"3", "4"}));
+    EXPECT_EQ(script::gScript.BoundKeys, std::vector<uintptr_t>{busy});
+    EXPECT_EQ(script::QueuedPackets(S->Port), 0u);
+}
+
+// Nothing is issued on a socket that could not be bound, and the next call tries again. A socket that came from another
+// process is left alone by its first receive, not by a send. All handles of a socket share one binding.
+TEST_F(NetTransfer, BindingAtTheFirstUse) {
+    const SOCKET s = Make();
+    Answer(script::Done(1));
+    Run([&](Fiber *) {
+        char byte = 0;
+        os::FailCall("CreateIoCompletionPort", 1, ERROR_NO_SYSTEM_RESOURCES);
+        EXPECT_EQ(send(s, &byte, 1, 0), SOCKET_ERROR);
+        EXPECT_EQ(os::GetLastError(), ERROR_NO_SYSTEM_RESOURCES);
+        EXPECT_TRUE(script::gScript.Calls.empty());
+        EXPECT_EQ(FlagsOf(s), PHAND_FLAG_ASYNC_ADDED);
+        EXPECT_EQ(send(s, &byte, 1, 0), 1);
+        EXPECT_EQ(FlagsOf(s), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_ON_PORT);
+
+        WSAPROTOCOL_INFOA info{};
+        const SOCKET received = WSASocketA(2, 1, 0, &info, 0, 0), sent = WSASocketA(2, 1, 0, &info, 0, 0);
+        EXPECT_EQ(FlagsOf(received), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_PROTOCOL_INFO);
+        EXPECT_EQ(recv(received, &byte, 1, 0), 1);
+        EXPECT_EQ(FlagsOf(received), PHAND_FLAG_ASYNC_ADDED);
+        EXPECT_EQ(recv(received, &byte, 1, 0), 1);
+        EXPECT_EQ(FlagsOf(received), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_ON_PORT);
+        EXPECT_EQ(send(sent, &byte, 1, 0), 1);
+        EXPECT_EQ(FlagsOf(sent), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_PROTOCOL_INFO | PHAND_FLAG_ON_PORT);
+
+        const SOCKET first = WSASocketA(2, 1, 0, nullptr, 0, 0);
+        HANDLE copy = nullptr;
+        EXPECT_TRUE(DuplicateHandle(os::GetCurrentProcess(), SocketHandle(first), os::GetCurrentProcess(), &copy, 0,
+                                    FALSE, DUPLICATE_SAME_ACCESS));
+        const size_t bound = script::gScript.BoundKeys.size();
+        EXPECT_EQ(send(reinterpret_cast<SOCKET>(copy), &byte, 1, 0), 1);
+        EXPECT_EQ(send(first, &byte, 1, 0), 1);
+        EXPECT_EQ(script::gScript.BoundKeys.size(), bound + 1);
+        Note("done");
+    });
+    EXPECT_EQ(TakeNotes(), Names{"done"});
+}
+
+// A socket is bound to the port of the scheduler that used it first. A thread of another one must get no packet there:
+// its operation is polled, and its own scheduler counts it as one that ends the wait in the port.
+TEST_F(NetTransfer, AThreadOfAnotherSchedulerPolls) {
+    Scheduler *other = NewScheduler();
+    const SOCKET s = Make();
+    Fiber *home = Run([&](Fiber *) { Note("home " + std::to_string(recv(s, nullptr, 8, 0))); });
+    Fiber *away = NewFiber(other, [&](Fiber *) { Note("away " + std::to_string(send(s, "", 8, 0))); });
+    RunUntilIdle(other);
+    EXPECT_EQ(home->OwnOvs[0].Flags, OV_SOCKET | OV_PACKET_EXPECTED);
+    EXPECT_EQ(away->OwnOvs[0].Flags, OV_SOCKET);
+    EXPECT_TRUE(MarkedWithoutPacket(away->OwnOvs[0].Ov));
+    EXPECT_EQ(other->PortCount, 1u);
+    EXPECT_EQ(other->PolledCount, 0u) << "it must not spin for it";
+    script::EndOperation(&away->OwnOvs[0].Ov, 0, 8);
+    RunUntilIdle(S);
+    EXPECT_TRUE(TakeNotes().empty());
+    RunUntilIdle(other);
+    EXPECT_EQ(TakeNotes(), Names{"away 8"});
+    EndWaitOf(home, 0, 2);
+    EXPECT_EQ(TakeNotes(), Names{"home 2"});
+}
+
+// ---- Operations that the caller does not wait for ----------------------------------------------------
+
+struct Delivered {
+    uint32_t Count;
+    DWORD Error, Bytes, Flags;
+    OVERLAPPED *Ov;
+} gDelivered;
+
+void Deliver(DWORD error, DWORD bytes, LPOVERLAPPED ov, DWORD flags) {
+    gDelivered = {gDelivered.Count + 1, error, bytes, flags, ov};
+}
+
+TEST_F(NetTransfer, RoutinesRunInAlertableWaitsOnly) {
+    const SOCKET s = Make(WSA_FLAG_OVERLAPPED);
+    Run([&](Fiber *self) {
+        OVERLAPPED ov{0, 0, 3, 4, nullptr};
+        WSABUF one{8, nullptr};
+        DWORD bytes = 0, flags = 0;
+        const auto receive = [&] { return WSARecv(s, &one, 1, &bytes, &flags, &ov, Deliver); };
+        Answer(script::Failed(WSAENOTCONN));
+        EXPECT_EQ(receive(), SOCKET_ERROR);
+        EXPECT_EQ(os::GetLastError(), WSAENOTCONN);
+        EXPECT_EQ(self->PendingApcIos + self->SocketOvs.Count, 0u);
+        EXPECT_EQ(S->FreeOvs.Count, 1u) << "the record serves again";
+        // Pending for the caller although the data was there.
+        Answer(script::Done(6));
+        EXPECT_EQ(receive(), SOCKET_ERROR);
+        EXPECT_EQ(os::GetLastError(), WSA_IO_PENDING);
+        EXPECT_EQ(gDelivered.Count, 0u);
+        EXPECT_EQ(self->PendingApcIos, 1u);
+        const auto *rec = ZVX_RECORD_OF(FirstLink(&self->SocketOvs), FIBEROVERLAPPED, Link);
+        EXPECT_EQ(rec->Flags, OV_SOCKET_ROUTINE);
+        EXPECT_EQ(rec->SkipPackets, 1u);
+        EXPECT_EQ(uint64_t{rec->Ov.OffsetHigh} << 32 | rec->Ov.Offset, 4ull << 32 | 3);
+        EXPECT_EQ(SleepEx(0, TRUE), WAIT_IO_COMPLETION);
+        EXPECT_EQ(gDelivered.Count, 1u);
+        EXPECT_EQ(gDelivered.Bytes, 6u);
+        EXPECT_EQ(gDelivered.Ov, &ov);
+        // One that ends later, with an error, wakes the alertable wait.
+        Answer(script::Pending());
+        EXPECT_EQ(WSASend(s, &one, 1, &bytes, 0, &ov, Deliver), SOCKET_ERROR);
+        EXPECT_EQ(os::GetLastError(), WSA_IO_PENDING);
+        EXPECT_EQ(ov.Internal, STATUS_PENDING);
+        EXPECT_EQ(SleepEx(1000, TRUE), WAIT_IO_COMPLETION);
+        EXPECT_EQ(gDelivered.Error, WSA_OPERATION_ABORTED);
+        EXPECT_EQ(gDelivered.Flags, uint32_t{ZVX_MSG_PARTIAL});
+        EXPECT_EQ(ov.Internal, STATUS_CANCELLED);
+        EXPECT_EQ(self->PendingApcIos, 0u);
+        Note("done");
+    });
+    Fiber *F = ZVX_RECORD_OF(S->AllFibers.Ends.Prev, Fiber, SchedFibersLink);
+    script::EndOperation(&ZVX_RECORD_OF(FirstLink(&F->SocketOvs), FIBEROVERLAPPED, Link)->Ov, STATUS_CANCELLED, 0);
+    RunUntilIdle(S);
+    EXPECT_EQ(TakeNotes(), Names{"done"});
+    // The exit of a thread cancels its operation; the routine is not called any more.
+    const uint32_t before = gDelivered.Count;
+    Run([&](Fiber *) {
+        static OVERLAPPED ov;
+        WSABUF one{8, nullptr};
+        DWORD flags = 0;
+        WSARecv(s, &one, 1, nullptr, &flags, &ov, Deliver);
+    });
+    Pass(20);
+    EXPECT_EQ(script::gScript.Cancels.size(), 1u);
+    EXPECT_EQ(gDelivered.Count, before);
+    EXPECT_EQ(S->FreeOvs.Count, 1u);
+}
+
+// A socket for synchronous use waits whatever it is given: a routine runs before the return, an event is signalled.
+TEST_F(NetTransfer, SynchronousUseWaitsForEverything) {
+    const SOCKET s = Make(0);
+    const HANDLE event = NewEvent(true, false);
+    OVERLAPPED ov{0, 0, 0, 0, reinterpret_cast<HANDLE>(reinterpret_cast<uintptr_t>(event) | 1)};
+    WSABUF one{8, nullptr};
+    DWORD bytes = 0, flags = 0;
+    gDelivered = {};
+    Fiber *F = Run([&](Fiber *self) {
+        EXPECT_EQ(WSARecv(s, &one, 1, &bytes, &flags, &ov, Deliver), 0);
+        EXPECT_EQ(gDelivered.Count, 1u);
+        EXPECT_EQ(gDelivered.Bytes, 5u);
+        EXPECT_EQ(bytes, 5u);
+        EXPECT_EQ(self->ApcDelivered, 1u);
+        EXPECT_EQ(os::WaitForSingleObject(event, 0), WAIT_TIMEOUT) << "the routine is told, the event is not";
+        Answer(script::Done(8));
+        EXPECT_EQ(WSASend(s, &one, 1, &bytes, 0, &ov, nullptr), 0);
+        EXPECT_EQ(os::WaitForSingleObject(event, 0), WAIT_OBJECT_0);
+        EXPECT_EQ(gDelivered.Count, 1u);
+        Note("done");
+    });
+    EXPECT_EQ(F->State, FSTATE_IO_WAIT);
+    EndWaitOf(F, 0, 5);
+    EXPECT_EQ(TakeNotes(), Names{"done"});
+    EXPECT_EQ(ov.InternalHigh, 8u);
+}
+
+// The host waits for its own operations: no packet may come for them, nor a hand-over. The wait flag is one of three.
+TEST_F(NetTransfer, OperationsOfTheHost) {
+    const SOCKET s = Make(WSA_FLAG_OVERLAPPED);
+    OVERLAPPED ov{};
+    DWORD bytes = 0, flags = 0;
+    const HANDLE event = NewEvent(true, false);
+    Run([&](Fiber *self) {
+        WSABUF one{8, nullptr};
+        EXPECT_EQ(WSARecv(s, &one, 1, &bytes, &flags, &ov, nullptr), SOCKET_ERROR);
+        EXPECT_EQ(script::gScript.Calls.back().Ov, &ov);
+        EXPECT_EQ(script::gScript.Calls.back().Op, nullptr);
+        EXPECT_EQ(ov.hEvent, WithoutPacket(nullptr));
+        OVERLAPPED second{0, 0, 0, 0, event};
+        Answer(script::Done(2));
+        EXPECT_EQ(WSARecv(s, &one, 1, &bytes, &flags, &second, nullptr), 0);
+        EXPECT_EQ(second.hEvent, WithoutPacket(event));
+        for (const BOOL wait : {0, 2}) {
+            EXPECT_FALSE(WSAGetOverlappedResult(s, &ov, &bytes, wait, &flags));
+            EXPECT_EQ(os::GetLastError(), WSA_IO_INCOMPLETE);
+        }
+        Note("waits");
+        OVERLAPPED *const before = self->CurOv;
+        EXPECT_TRUE(WSAGetOverlappedResult(s, &ov, &bytes, 1, &flags));
+        EXPECT_EQ(bytes, 7u);
+        EXPECT_EQ(self->CurOv, before);
+        Note("done");
+    });
+    Pass(30);
+    EXPECT_EQ(TakeNotes(), Names{"waits"});
+    script::EndOperation(&ov, 0, 7);
+    Pass(20);
+    EXPECT_EQ(TakeNotes(), Names{"done"});
+    EXPECT_EQ(script::QueuedPackets(S->Port), 0u);
+}
+
+}  // namespace
+}  // namespace zvx::test
