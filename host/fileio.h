@@ -1,0 +1,29 @@
+// host/fileio.h - files of the database: several operations at once, and blocking calls off the schedulers.
+//
+// Called by background user threads. Each function yields until it is done.
+#ifndef HOST_FILEIO_H
+#define HOST_FILEIO_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "base.h"
+
+namespace host {
+
+// The last error; 0 when every byte was moved. The handle has FILE_FLAG_OVERLAPPED; its thread is the caller.
+DWORD WriteBlocks(HANDLE file, uint64_t offset, const char *data, size_t size, size_t step);
+// Reads up to `size` bytes at `offset`; *got is less at the end of the file.
+DWORD ReadBlocks(HANDLE file, uint64_t offset, char *data, size_t size, size_t *got);
+// A new file of `size` zero bytes (after `head`, which is `headSize` bytes), durable, under its final name only when it
+// is whole. INVALID_HANDLE_VALUE with the last error.
+HANDLE OpenForBlocks(const std::string &name, DWORD disposition, bool writeThrough);
+// Runs a call that blocks its kernel thread on one of its own, so that the scheduler goes on meanwhile.
+DWORD RunBlocking(const std::function<DWORD()> &call);
+
+std::string PathOf(const std::string &name);  // inside the folder of the database
+
+}  // namespace host
+
+#endif  // HOST_FILEIO_H

@@ -1,0 +1,162 @@
+// host/monitor.cpp - the process monitor, and what INFO tells.
+//
+// "PMON" runs once a second, at background class. It ends connections whose client lets the server wait, cleans up
+// after sessions whose thread was ended by somebody else, and removes expired keys.
+#include <cstdio>
+#include <vector>
+
+#include "checkpoint.h"
+#include "session.h"
+
+namespace host {
+
+namespace {
+
+constexpr uint32_t kGraceSeconds = 5;  // from the end of a connection to the end of a thread that does not notice
+
+EndReason WhyEnd(SessionState state, uint32_t seconds) {
+    if (state == SessionState::kSending && seconds >= gOptions.SendTimeout) return EndReason::kSlowReader;
+    if (state == SessionState::kReceiving && seconds >= gOptions.RequestTimeout) return EndReason::kSlowRequest;
+    if (state == SessionState::kIdle && gOptions.IdleTimeout != 0 && seconds >= gOptions.IdleTimeout) {
+        return EndReason::kIdle;
+    }
+    return EndReason::kNone;
+}
+
+// One look at all sessions. Threads that must be ended are only named here: ending one waits, which nobody may do
+// with the section held.
+void LookAtSessions(uint32_t now, std::vector<HANDLE> *hopeless, std::vector<Session *> *dead) {
+    Guard guard(&gSessions.Section);
+    for (Session *session = gSessions.First; session != nullptr; session = session->Next) {
+        const SessionState state = session->State.load(std::memory_order_relaxed);
+        if (state == SessionState::kRunning || state == SessionState::kCommitting) continue;
+        if (session->End.load() == EndReason::kNone) {
+            const EndReason reason = WhyEnd(state, now - session->Since.load(std::memory_order_relaxed));
+            if (reason == EndReason::kNone) continue;
+            session->End = reason;
+            session->EndedAt = now;
+            // The session wakes, and says why it ends where the client can still read it.
+            shutdown(session->Socket, reason == EndReason::kSlowReader ? SD_BOTH : SD_RECEIVE);
+            Count(gCounters.Cleaned);
+        } else if (now - session->EndedAt >= kGraceSeconds) {
+            DWORD code = STILL_ACTIVE;
+            if (GetExitCodeThread(session->Thread, &code) && code != STILL_ACTIVE) {
+                dead->push_back(session);
+            } else {
+                hopeless->push_back(session->Thread);
+            }
+        }
+    }
+}
+
+}  // namespace
+
+DWORD WINAPI Monitor(LPVOID) {
+    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    IdentifyUserThread("PMON", event);
+    std::vector<HANDLE> hopeless;
+    std::vector<Session *> dead;
+    const ULONGLONG start = GetTickCount64();
+    for (;;) {
+        WaitForUserThreadPost(event, 1000);
+        gSeconds = static_cast<uint32_t>((GetTickCount64() - start) / 1000);
+        hopeless.clear();
+        dead.clear();
+        LookAtSessions(gSeconds.load(), &hopeless, &dead);
+        // They wait in a send or a receive, so that they own nothing but their record, which is freed the next time.
+        for (const HANDLE thread : hopeless) TerminateThread(thread, 1);
+        for (Session *session : dead) FreeSession(session);
+        while (SweepExpired() > 1000) Sleep(0);
+    }
+}
+
+// ---- INFO --------------------------------------------------------------------------------------------
+
+namespace {
+
+struct Text {
+    std::string Out;
+    std::string_view Wanted;
+
+    bool Section(std::string_view name, const char *title) {
+        bool wanted = Wanted.size() == name.size();
+        for (size_t i = 0; wanted && i < name.size(); i++) wanted = (Wanted[i] | 0x20) == name[i];
+        if (!wanted && Wanted != "all" && Wanted != "default" && Wanted != "everything") return false;
+        if (!Out.empty()) Out += "\r\n";
+        Out += std::string("# ") + title + "\r\n";
+        return true;
+    }
+    void Line(const char *name, const std::string &value) { Out += std::string(name) + ":" + value + "\r\n"; }
+    void Line(const char *name, uint64_t value) { Line(name, std::to_string(value)); }
+};
+
+std::string Ratio(uint64_t a, uint64_t b) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f", b != 0 ? static_cast<double>(a) / static_cast<double>(b) : 0.0);
+    return text;
+}
+
+}  // namespace
+
+std::string InfoText(std::string_view section) {
+    Text text{{}, section};
+    if (text.Section("server", "Server")) {
+        text.Line("redis_version", "7.0.0");
+        text.Line("server_name", "keyhost");
+        text.Line("process_id", GetCurrentProcessId());
+        text.Line("tcp_port", gOptions.Port);
+        text.Line("uptime_in_seconds", gSeconds.load());
+        text.Line("io_backend", ZvxIoBackendName());
+        text.Line("kernel_threads", ZvxKernelThreadCount());
+    }
+    if (text.Section("clients", "Clients")) {
+        text.Line("connected_clients", gSessions.Count.load());
+        text.Line("maxclients", gOptions.MaxSessions);
+        text.Line("query_buffer_bytes", Figure(gCounters.BufferBytes));
+    }
+    if (text.Section("persistence", "Persistence")) {
+        const LogFigures log = GetLogFigures();
+        text.Line("durability", gOptions.Sync == Durability::kAlways ? "always"
+                                : gOptions.Sync == Durability::kNo   ? "no"
+                                                                     : "everysec");
+        text.Line("log_status", log.Refusing ? "refusing writes: " + ReasonOf(log.Error) : "ok");
+        text.Line("log_sequence", log.Seq);
+        text.Line("log_settled", log.Settled);
+        text.Line("log_segment", log.End.Segment);
+        text.Line("log_offset", log.End.Offset);
+        text.Line("log_segments", log.Segments);
+        text.Line("log_segments_free", log.Free);
+        text.Line("checkpoints", Figure(gCounters.Checkpoints));
+        text.Line("checkpoint_in_progress", CheckpointRuns() ? 1 : 0);
+    }
+    if (text.Section("stats", "Stats")) {
+        text.Line("total_connections_received", Figure(gCounters.Connections));
+        text.Line("rejected_connections", Figure(gCounters.Rejected));
+        text.Line("total_commands_processed", Figure(gCounters.Commands));
+        text.Line("commits", Figure(gCounters.Commits));
+        text.Line("log_writes", Figure(gCounters.LogWrites));
+        text.Line("commits_per_write", Ratio(Figure(gCounters.Commits), Figure(gCounters.LogWrites)));
+        text.Line("log_bytes", Figure(gCounters.LogBytes));
+        text.Line("refused_writes", Figure(gCounters.Refused));
+        text.Line("expired_keys", Figure(gCounters.Expired));
+        text.Line("sessions_cleaned", Figure(gCounters.Cleaned));
+    }
+    if (text.Section("schedulers", "Schedulers")) {
+        text.Line("schedulers", ZvxSchedulerCount());
+        for (DWORD i = 0; i < ZvxSchedulerCount(); i++) {
+            DWORD threads = 0;
+            DWORD switches = 0;
+            if (!ZvxSchedulerFigures(i, &threads, &switches)) break;
+            const std::string name = "scheduler" + std::to_string(i);
+            text.Line(name.c_str(),
+                      "user_threads=" + std::to_string(threads) + ",switches=" + std::to_string(switches));
+        }
+    }
+    if (text.Section("keyspace", "Keyspace")) {
+        const uint64_t keys = KeyCount();
+        if (keys != 0) text.Line("db0", "keys=" + std::to_string(keys) + ",expires=0,avg_ttl=0");
+    }
+    return text.Out;
+}
+
+}  // namespace host

@@ -1,0 +1,264 @@
+// tests/host/server.h - a server in a child process, and a client of it over plain sockets of the C library.
+//
+// The test's process does not link the library. Every wait here has a limit, so that a server that hangs fails a case
+// and not the run.
+#ifndef ZVX_TESTS_HOST_SERVER_H
+#define ZVX_TESTS_HOST_SERVER_H
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace keyhost_test {
+
+struct Mode {
+    const char *Name;
+    const char *Io;        // ZVXKVT_IO, null for the probed one
+    const char *Argument;  // one more option, or null
+};
+inline const Mode kModes[] = {
+    {"io_uring", "io_uring", nullptr}, {"epoll", "epoll", nullptr}, {"threads", nullptr, "--threads"}};
+
+inline std::string ReadWhole(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+struct Server {
+    explicit Server(const Mode &mode) : Is(mode) {
+        std::filesystem::remove_all(Folder);
+        std::filesystem::create_directories(Folder);
+    }
+    ~Server() {
+        Kill();
+        std::filesystem::remove_all(Folder);
+    }
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    // False when the process ended before it was ready; Text() says why.
+    bool Start(std::vector<std::string> arguments = {}, std::vector<std::string> environment = {},
+               rlim_t fileLimit = RLIM_INFINITY) {
+        const std::string data = Folder + "/data", out = OutFile();
+        std::vector<std::string> all{KEYHOST, "--port", "0", "--dir", data};
+        if (Is.Argument != nullptr) all.push_back(Is.Argument);
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        std::vector<char *> argv;
+        for (std::string &text : all) argv.push_back(text.data());
+        argv.push_back(nullptr);
+        std::filesystem::remove(out);
+        Child = fork();
+        if (Child == 0) {
+            const int file = open(out.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
+            dup2(file, 1);
+            dup2(file, 2);
+            if (Is.Io != nullptr) setenv("ZVXKVT_IO", Is.Io, 1);
+            for (const std::string &text : environment) putenv(strdup(text.c_str()));
+            const rlimit files{65536, 65536};
+            setrlimit(RLIMIT_NOFILE, &files);
+            if (fileLimit != RLIM_INFINITY) {
+                const rlimit size{fileLimit, fileLimit};
+                setrlimit(RLIMIT_FSIZE, &size);
+            }
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        for (int i = 0; i < 6000; i++) {
+            const std::string text = Text();
+            const size_t at = text.find("ready on ");
+            if (at != text.npos && text.find('\n', at) != text.npos) {
+                Port = static_cast<uint16_t>(std::atoi(text.c_str() + text.find(':', at) + 1));
+                return true;
+            }
+            if (Ended(WNOHANG)) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        return false;
+    }
+    void Kill() {
+        if (Child <= 0) return;
+        kill(Child, SIGKILL);
+        Ended(0);
+    }
+    // The exit code after SIGTERM; -1 when it does not end within ten seconds, or ends by a signal.
+    int Terminate() {
+        if (Child <= 0) return -1;
+        kill(Child, SIGTERM);
+        return AwaitEnd();
+    }
+    int AwaitEnd() {
+        for (int i = 0; i < 2000; i++) {
+            if (Ended(WNOHANG)) return ExitCode;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return -1;
+    }
+    bool Ended(int flags) {
+        int status = 0;
+        if (Child <= 0 || waitpid(Child, &status, flags) != Child) return Child <= 0;
+        ExitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        Child = 0;
+        return true;
+    }
+    std::string Text() const { return ReadWhole(OutFile()); }
+    std::string OutFile() const { return Folder + "/out.txt"; }
+    std::string File(const std::string &name) const { return Folder + "/data/" + name; }
+
+    Mode Is;
+    const std::string Folder =
+        (std::filesystem::temp_directory_path() / ("keyhost_" + std::to_string(getpid()))).string();
+    pid_t Child = 0;
+    int ExitCode = -1;
+    uint16_t Port = 0;
+};
+
+inline std::string Request(const std::vector<std::string> &words) {
+    std::string text = "*" + std::to_string(words.size()) + "\r\n";
+    for (const std::string &word : words) text += "$" + std::to_string(word.size()) + "\r\n" + word + "\r\n";
+    return text;
+}
+
+inline std::vector<std::string> Split(std::string_view line) {
+    std::vector<std::string> words;
+    while (!line.empty()) {
+        const size_t space = std::min(line.find(' '), line.size());
+        if (space != 0) words.emplace_back(line.substr(0, space));
+        line.remove_prefix(std::min(space + 1, line.size()));
+    }
+    return words;
+}
+
+struct Client {
+    explicit Client(const Server &server, int receiveBuffer = 0) {
+        Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const timeval limit{10, 0};
+        setsockopt(Fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        setsockopt(Fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+        const int on = 1;
+        setsockopt(Fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        if (receiveBuffer != 0) setsockopt(Fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(server.Port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        Connected = connect(Fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    }
+    ~Client() { Close(); }
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+    Client(Client &&other) noexcept : Fd(other.Fd), Connected(other.Connected), In(std::move(other.In)) {
+        other.Fd = -1;
+    }
+
+    void Close() {
+        if (Fd >= 0) close(Fd);
+        Fd = -1;
+    }
+    void Reset() {
+        const linger now{1, 0};
+        setsockopt(Fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+        Close();
+    }
+    bool Send(std::string_view bytes) {
+        while (!bytes.empty()) {
+            const ssize_t moved = send(Fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            if (moved <= 0) return false;
+            bytes.remove_prefix(static_cast<size_t>(moved));
+        }
+        return true;
+    }
+    bool More() {
+        char buffer[64 * 1024];
+        const ssize_t got = recv(Fd, buffer, sizeof buffer, 0);
+        if (got > 0) In.append(buffer, static_cast<size_t>(got));
+        return got > 0;
+    }
+    std::string Line() {
+        size_t end = 0;
+        while ((end = In.find("\r\n", At)) == In.npos) {
+            if (!More()) return "";
+        }
+        std::string line = In.substr(At, end - At);
+        At = end + 2;
+        return line;
+    }
+    // One answer as text: +OK, -ERR ..., :5, $bytes, nil, [a b]. "closed" at the end of the connection.
+    std::string Answer() {
+        if (At > 1 << 20 || At == In.size()) {
+            In.erase(0, At);
+            At = 0;
+        }
+        const std::string line = Line();
+        if (line.empty()) return "closed";
+        const long count = std::atol(line.c_str() + 1);
+        if (line[0] == '$') {
+            if (count < 0) return "nil";
+            while (In.size() - At < static_cast<size_t>(count) + 2) {
+                if (!More()) return "closed";
+            }
+            const std::string bytes = In.substr(At, static_cast<size_t>(count));
+            At += static_cast<size_t>(count) + 2;
+            return "$" + bytes;
+        }
+        if (line[0] != '*') return line;
+        if (count < 0) return "nil";
+        std::string all = "[";
+        for (long i = 0; i < count; i++) {
+            const std::string item = Answer();
+            all += (i != 0 ? " " : "") + (item[0] == '$' ? item.substr(1) : item);
+        }
+        return all + "]";
+    }
+    std::string Ask(const std::vector<std::string> &words) { return Send(Request(words)) ? Answer() : "closed"; }
+    std::string Ask(const std::string &line) { return Ask(Split(line)); }
+    // Whether the server has closed the connection, reading what comes before.
+    bool AwaitClose() {
+        while (More()) {
+        }
+        return errno != EAGAIN && errno != EWOULDBLOCK;
+    }
+
+    int Fd = -1;
+    bool Connected = false;
+    std::string In;
+    size_t At = 0;
+};
+
+// The number behind "name:" in an INFO answer.
+inline long Figure(Client &client, const std::string &name) {
+    const std::string info = client.Ask("INFO");
+    const size_t at = info.find("\n" + name + ":");
+    return at == info.npos ? -1 : std::atol(info.c_str() + at + name.size() + 2);
+}
+
+template <typename Condition>
+bool Await(Condition condition, int milliseconds = 10000) {
+    for (int i = 0; i < milliseconds / 5; i++) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return condition();
+}
+
+}  // namespace keyhost_test
+
+#endif  // ZVX_TESTS_HOST_SERVER_H
