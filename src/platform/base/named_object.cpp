@@ -109,7 +109,8 @@ HANDLE PublishNamed(NamedObject *object, const char *name, NameUse use, const Sh
     }
     if (error != ERROR_SUCCESS) return DropWith(object, error);
     const HANDLE handle = HandleOrDrop(object);
-    if (handle != nullptr) SetLastError(*fresh ? ERROR_SUCCESS : ERROR_ALREADY_EXISTS);
+    const bool existed = !*fresh && use == NameUse::kCreate;
+    if (handle != nullptr) SetLastError(existed ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
     return handle;
 }
 

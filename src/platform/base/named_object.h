@@ -31,8 +31,9 @@ enum class NameUse : uint8_t { kCreate, kOpen };
 
 // A handle for `object`, which is complete but for its name, taking over the caller's reference. When the process has
 // an object of that name and type open already the handle is for that one and `object` goes. The last error is
-// ERROR_SUCCESS for a new object, which is then *fresh, and ERROR_ALREADY_EXISTS for one that was there. Null with the
-// last error set, and the reference dropped, on failure. `name` may be null to create an object without one.
+// ERROR_SUCCESS for a new object, which is then *fresh, and for one that was only opened, and ERROR_ALREADY_EXISTS for
+// one that was to be created and was there. Null with the last error set, and the reference dropped, on failure. `name`
+// may be null to create an object without one.
 HANDLE PublishNamed(NamedObject *object, const char *name, NameUse use, const SharedInit &init, bool *fresh);
 // For Destroy: gives the name up.
 void ForgetName(NamedObject *object);
