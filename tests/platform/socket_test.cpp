@@ -787,6 +787,7 @@ TEST(Socket, BlockedThreadsAreWokenAndEnded) {
     }
     EXPECT_EQ(before, OpenDescriptors());
     Pair pair;
+    static const std::string block(1 << 20, 0);
     using Call = void (*)(Pair *);
     const Call calls[] = {
         [](Pair *p) {
@@ -799,7 +800,7 @@ TEST(Socket, BlockedThreadsAreWokenAndEnded) {
             os::select(0, &set, nullptr, nullptr, nullptr);
         },
         [](Pair *p) {
-            for (std::string block(1 << 20, 0);;) os::send(p->Client, block.data(), 1 << 20, 0);
+            for (;;) os::send(p->Client, block.data(), 1 << 20, 0);
         },
     };
     struct Job {

@@ -311,6 +311,11 @@ DWORD MakeDescriptor(SocketObject *socket) {
     return 0;
 }
 
+void AfterSignal() {
+    // ThreadSanitizer runs the handler late, in a call that it knows; the thread may be ended in this one.
+    poll(nullptr, 0, 0);
+}
+
 int PollDescriptor(int fd, short events, int ms) {
     const uint64_t until = ms < 0 ? 0 : GetTickCountUp() + static_cast<uint64_t>(ms);
     for (;;) {

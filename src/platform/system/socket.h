@@ -98,6 +98,7 @@ bool IsConnected(SocketObject *socket);
 // Sleeps until the descriptor is ready for `events` of poll, at most `ms` (-1: no limit). Result of poll; restarted
 // after signals.
 int PollDescriptor(int fd, short events, int ms);
+void AfterSignal();  // a call was interrupted and will be made again
 // The mode of a descriptor that was put into the object, if it is not the kernel's default.
 void ApplyMode(SocketObject *socket);
 

@@ -56,7 +56,9 @@ int AcceptDescriptor(SocketObject *listener, sockaddr_storage *address, socklen_
         if (fd >= 0) return fd;
         if (errno == EAGAIN && !nonBlocking)
             PollDescriptor(listener->Fd, POLLIN, -1);
-        else if (errno != EINTR && errno != ECONNABORTED && errno != EPROTO)
+        else if (errno == EINTR)
+            AfterSignal();
+        else if (errno != ECONNABORTED && errno != EPROTO)
             break;
         if (blocker.Closed()) break;
     }

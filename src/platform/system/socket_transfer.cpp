@@ -72,6 +72,7 @@ DWORD TransferNow(SocketObject *socket, IoCall *call) {
     for (;;) {
         const int64_t moved = MoveSocket(call, nonBlocking ? MSG_DONTWAIT : 0);
         DWORD status;
+        if (moved == -EINTR) AfterSignal();
         if (moved == -EAGAIN) {
             if (nonBlocking) return call->Done != 0 ? STATUS_SUCCESS : StatusOfError(WSAEWOULDBLOCK);
             const DWORD limit =
@@ -380,8 +381,9 @@ int sendto(SOCKET s, const char *buffer, int length, int flags, const sockaddr *
     long moved = -1;
     if (error == 0) {
         Blocker blocker(socket);
-        do moved = syscall(SYS_sendto, socket->Fd, buffer, length, wanted | MSG_NOSIGNAL, to, toLength);
-        while (moved < 0 && errno == EINTR);
+        while ((moved = syscall(SYS_sendto, socket->Fd, buffer, length, wanted | MSG_NOSIGNAL, to, toLength)) < 0 &&
+               errno == EINTR)
+            AfterSignal();
         if (moved < 0) error = SocketErrorOfErrno(errno);
     }
     UnrefObject(socket);
@@ -398,8 +400,9 @@ int recvfrom(SOCKET s, char *buffer, int length, int flags, sockaddr *from, int 
     long moved = -1;
     if (error == 0) {
         Blocker blocker(socket);
-        do moved = syscall(SYS_recvfrom, socket->Fd, buffer, length, wanted, from, fromLength);
-        while (moved < 0 && errno == EINTR);
+        while ((moved = syscall(SYS_recvfrom, socket->Fd, buffer, length, wanted, from, fromLength)) < 0 &&
+               errno == EINTR)
+            AfterSignal();
         if (moved < 0) error = SocketErrorOfErrno(errno);
     }
     AfterCall(socket, FD_READ);
