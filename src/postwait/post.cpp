@@ -1,8 +1,8 @@
 // postwait/post.cpp - posting user threads, and waiting for a post.
 //
 // A post to a thread of the same scheduler takes no lock and makes no system call: it sets a bit of the target and,
-// if that waits for it, puts the target in a run queue. A post to another scheduler is a message; the posts of one list
-// share a message a scheduler, 16 targets each.
+// if that waits for it, puts the target in a run queue. A post to another scheduler goes through the lane of the two; the
+// posts of one list share a message a scheduler, 16 targets each.
 //
 // Protocol. PostPending is written by the thread of the target's scheduler only: by a poster that runs there, or by
 // that scheduler when it works on a message. PendingPosts belongs to the scheduler of the poster; a batch lives there
@@ -65,6 +65,7 @@ uint32_t Post(Fiber *T, PostMode mode, Fiber *P, uint32_t postBit) {
         return 0;
     }
     FIBER_MESSAGE *batch = from->PendingPosts[to->Index];
+    if (mode != kPostMultiple && batch == nullptr && PostByLane(from, to, T, Generation(T), postBit)) return 0;
     if (batch == nullptr) {
         batch = AllocMessage(from, to, MSG_POST);
         batch->PostBit = static_cast<uint16_t>(postBit);

@@ -309,7 +309,8 @@ void PollPort(Scheduler *S, uint32_t waitMs) {
     uint32_t timeout = waitMs;
     if (timeout != 0) {
         S->BlockedInPort.store(1, std::memory_order_seq_cst);
-        if (S->Messages.load(std::memory_order_seq_cst) != nullptr) {
+        std::atomic_thread_fence(std::memory_order_seq_cst);  // the flag is set before the looks, in every order
+        if (S->Messages.load(std::memory_order_seq_cst) != nullptr || PostsWaiting(S)) {
             S->BlockedInPort.store(0, std::memory_order_relaxed);
             timeout = 0;
         }

@@ -4,6 +4,7 @@
 namespace zvx {
 
 Scheduler *gSchedulers[kMaxSchedulers];
+PostLane gPostLanes[kMaxSchedulers][kMaxSchedulers];
 FreeShellList gFreeShells[kMaxNodes];
 std::atomic<uint32_t> gShellSerial;
 Fiber *gFirstShells[19];

@@ -43,7 +43,19 @@ inline PollIndex PollListOf(const FIBEROVERLAPPED *rec) {
 }
 inline bool HasEnded(const FIBEROVERLAPPED *rec) { return os::LoadStatus(&rec->Ov) != STATUS_PENDING; }
 
-inline bool MessagesWaiting(const Scheduler *S) { return S->Messages.load(std::memory_order_relaxed) != nullptr; }
+inline const PostLane::Slot *NextInLane(const PostLane *lane) {
+    const uint32_t taken = lane->Taken.load(std::memory_order_relaxed);
+    const PostLane::Slot *slot = &lane->Slots[taken % kLaneSlots];
+    return slot->Seq.load(std::memory_order_acquire) == taken + 1 ? slot : nullptr;
+}
+inline bool PostsWaiting(const Scheduler *S) {
+    for (uint32_t mask = S->LaneMask.load(std::memory_order_relaxed); mask != 0; mask &= mask - 1)
+        if (NextInLane(&gPostLanes[S->Index][__builtin_ctz(mask)]) != nullptr) return true;
+    return false;
+}
+inline bool MessagesWaiting(const Scheduler *S) {
+    return S->Messages.load(std::memory_order_relaxed) != nullptr || PostsWaiting(S);
+}
 inline bool IoWaiting(const Scheduler *S) { return os::IoNeedsAttention(S->Io) || S->Io->EndedHead != nullptr; }
 
 // idle.cpp: consumes what has ended of one poll list.

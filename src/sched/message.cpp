@@ -5,7 +5,8 @@
 //
 // No message is lost: the receiver sets BlockedInPort and then looks at Messages before it waits, and a sender pushes
 // and then looks at BlockedInPort, both sequentially consistent. So either the receiver sees the message, or the
-// sender sees the flag. Of several senders the one that clears the flag posts the packet.
+// sender sees the flag. Of several senders the one that clears the flag posts the packet. Posts through a lane follow
+// the same rule, the slot's Seq in the place of Messages.
 #include "alloc/alloc.h"
 #include "sched/internal.h"
 
@@ -34,16 +35,52 @@ static void PushMessage(Scheduler *target, FIBER_MESSAGE *msg) {
     } while (!target->Messages.compare_exchange_weak(newest, msg, std::memory_order_seq_cst, std::memory_order_relaxed));
 }
 
-bool SendMessage(Scheduler *target, FIBER_MESSAGE *msg) {
-    // The receiver may free the message the moment it is pushed.
-    const bool mayWake = msg->Kind == MSG_POST || gPortWaitMs > 1;
-    PushMessage(target, msg);
+// The sender has pushed, sequentially consistent. True when the target was blocked.
+static bool WakeIfBlocked(Scheduler *target, bool mayWake) {
     const bool blocked = target->BlockedInPort.load(std::memory_order_seq_cst) != 0;
     if (blocked && mayWake && target->BlockedInPort.exchange(0, std::memory_order_relaxed) != 0) {
         Fiber *sender = CallingFiber();
         WakeScheduler(target, sender != nullptr ? SchedOf(sender) : nullptr);
     }
     return blocked;
+}
+
+bool SendMessage(Scheduler *target, FIBER_MESSAGE *msg) {
+    // The receiver may free the message the moment it is pushed.
+    const bool mayWake = msg->Kind == MSG_POST || gPortWaitMs > 1;
+    PushMessage(target, msg);
+    return WakeIfBlocked(target, mayWake);
+}
+
+bool PostByLane(Scheduler *from, Scheduler *to, Fiber *T, uint32_t generation, uint32_t postBit) {
+    PostLane *lane = &gPostLanes[to->Index][from->Index];
+    if (lane->Sent - lane->TakenSeen == kLaneSlots) {
+        lane->TakenSeen = lane->Taken.load(std::memory_order_acquire);
+        if (lane->Sent - lane->TakenSeen == kLaneSlots) return false;
+    }
+    if (lane->Sent == 0) to->LaneMask.fetch_or(from->BitMaskId, std::memory_order_release);
+    PostLane::Slot *slot = &lane->Slots[lane->Sent % kLaneSlots];
+    slot->Generation = generation;
+    slot->PostBit = postBit;
+    slot->Target = T;
+    slot->Seq.exchange(++lane->Sent, std::memory_order_seq_cst);
+    WakeIfBlocked(to, true);
+    return true;
+}
+
+static bool DrainLanes(Scheduler *S) {
+    bool woke = false;
+    for (uint32_t mask = S->LaneMask.load(std::memory_order_acquire); mask != 0; mask &= mask - 1) {
+        PostLane *lane = &gPostLanes[S->Index][__builtin_ctz(mask)];
+        while (const PostLane::Slot *slot = NextInLane(lane)) {
+            Fiber *T = slot->Target;
+            const bool stands = Generation(T) == slot->Generation;
+            const uint32_t postBit = slot->PostBit;
+            lane->Taken.store(lane->Taken.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+            if (stands) woke |= WakePosted(T, S, postBit);
+        }
+    }
+    return woke;
 }
 
 // The target of a message of kinds 3 to 6 is on its way between two schedulers: nobody may touch it now.
@@ -57,6 +94,7 @@ bool DrainMessages(Scheduler *S) {
     FIBER_MESSAGE *later = nullptr;  // oldest first
     FIBER_MESSAGE **laterEnd = &later;
     while (MessagesWaiting(S)) {
+        woke |= DrainLanes(S);
         FIBER_MESSAGE *newest = S->Messages.exchange(nullptr, std::memory_order_acquire);
         FIBER_MESSAGE *oldest = nullptr;
         while (newest != nullptr) {

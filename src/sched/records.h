@@ -185,6 +185,25 @@ inline uint32_t *GenerationOfTarget(FIBER_MESSAGE *msg, uint32_t i) {
     return i == 0 ? &msg->Generation : &msg->OtherGenerations[i - 1];
 }
 
+// PostLane: single posts from one scheduler to another, without a message. Two cache lines move a post, the slot to
+// the receiver and nothing back: the sender asks how many were taken only when it believes the lane to be full, and then
+// sends a message instead if it is.
+//
+// A slot is written by the sender, Seq last, and read by the receiver once Seq is the number it waits for. The line of
+// Sent is the sender's; Taken is written by the receiver.
+constexpr uint32_t kLaneSlots = 8;
+struct PostLane {
+    struct alignas(64) Slot {
+        std::atomic<uint32_t> Seq;  // number of the post in it, from 1; wraps
+        uint32_t Generation;        // the target's when posted
+        uint32_t PostBit;
+        Fiber *Target;
+    } Slots[kLaneSlots];
+    alignas(64) uint32_t Sent;
+    uint32_t TakenSeen;  // sender: Taken when it last looked
+    alignas(64) std::atomic<uint32_t> Taken;
+};
+
 constexpr uintptr_t KEY_MESSAGES = 1;  // completion key of a wake-up packet
 
 // ---- Fiber -------------------------------------------------------------------------------------------
@@ -347,6 +366,7 @@ struct alignas(64) Scheduler {
     // -- written by other threads: a line of its own
     alignas(64) std::atomic<FIBER_MESSAGE *> Messages;  // atomic: newest first; anyone pushes, the owner takes all
     std::atomic<uint32_t> BlockedInPort;     // atomic: the owner sets it around a wait in Port; a sender clears it
+    std::atomic<uint32_t> LaneMask;          // atomic: by index, who has ever posted through a lane; bits are only set
     std::atomic<uint8_t> DebugRequest;       // atomic: a diagnostic request waits
     std::atomic<uint32_t> InTransit;         // atomic: user threads created for this scheduler, not attached yet
     // -- identity and placement
@@ -414,6 +434,7 @@ struct FreeShellList {
 };
 
 extern Scheduler *gSchedulers[kMaxSchedulers];  // init for the static ones; dynamic slots are set before they run
+extern PostLane gPostLanes[kMaxSchedulers][kMaxSchedulers];  // by receiver and sender; all zero at first
 extern FreeShellList gFreeShells[kMaxNodes];
 extern std::atomic<uint32_t> gShellSerial;      // [gFreeShells lock] records ever made
 extern Fiber *gFirstShells[19];                 // the records with serials 1 to 19, for diagnostics

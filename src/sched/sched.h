@@ -80,6 +80,8 @@ FIBER_MESSAGE *AllocMessage(Scheduler *from, Scheduler *to, uint8_t kind);
 // Any thread. Wakes the target when it is blocked in its port and the kind or "PortWaitMs" asks for it.
 // Returns whether the target was blocked.
 bool SendMessage(Scheduler *target, FIBER_MESSAGE *msg);
+// Posts T on another scheduler through the lane of the two; false when the lane is full. Runs on `from`.
+bool PostByLane(Scheduler *from, Scheduler *to, Fiber *T, uint32_t generation, uint32_t postBit);
 void WakeScheduler(Scheduler *target, Scheduler *from);  // a KEY_MESSAGES packet
 bool DrainMessages(Scheduler *S);
 bool ProcessMessage(Scheduler *S, FIBER_MESSAGE *msg);

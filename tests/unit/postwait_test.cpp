@@ -101,6 +101,36 @@ TEST_F(PostWaitCall, TagsDecideRoleClassAndCounts) {
     });
 }
 
+TEST_F(PostWaitCall, ALaneThatIsFullGoesOnAsMessages) {
+    // 20 single posts before the other scheduler looks: 8 through the lane, the others as messages, none lost.
+    std::vector<HANDLE> events;
+    for (int i = 0; i < 20; ++i) events.push_back(Waiter(Other, "far"));
+    script::gScript.Posted.clear();
+    for (int round = 0; round < 3; ++round) {
+        Run([&](Fiber *) {
+            for (HANDLE event : events) EXPECT_TRUE(PostUserThread(event));
+        });
+        uint32_t messages = 0;
+        for (FIBER_MESSAGE *msg = Other->Messages.load(); msg != nullptr; msg = msg->Next) messages++;
+        EXPECT_EQ(messages, round == 0 ? 12u : 0u) << "those that ended are posted by their event";
+        RunUntilIdle(Other);
+        EXPECT_EQ(TakeNotes(), round == 0 ? Names(20, "far") : Names{});
+    }
+    EXPECT_EQ(script::gScript.Posted.size(), 1u);
+    // Around the ring, and a target that ended in between.
+    for (int i = 0; i < 3 * static_cast<int>(kLaneSlots); ++i) {
+        HANDLE event = Waiter(Other, "again");
+        Run([&](Fiber *) { PostUserThread(event); });
+        RunUntilIdle(Other);
+        EXPECT_EQ(TakeNotes(), Names{"again"});
+    }
+    HANDLE event = Waiter(Other, "never", "SHAD", 2);
+    Fiber *T = LookUpHandle(event)->OwnerFiber;
+    EXPECT_TRUE(PostByLane(S, Other, T, Generation(T) + 1, POST_HOST));
+    RunUntilIdle(Other);
+    EXPECT_TRUE(TakeNotes().empty());
+}
+
 TEST_F(PostWaitCall, AListIsSentInBatchesOfSixteen) {
     std::vector<HANDLE> events;
     for (int i = 0; i < 17; ++i) events.push_back(Waiter(Other, "far"));
