@@ -51,7 +51,8 @@ Waited WaitUntilReadable(int fd, int *error) {
             pollfd ready{fd, POLLIN, 0};
             const int count = ppoll(&ready, 1, nullptr, &before);
             if (count > 0) {
-                result = Waited::kReady;
+                // A thread that was to end before the line came leaves it to the next reader.
+                result = EndIsRequested() ? Waited::kEnd : Waited::kReady;
                 break;
             }
             if (count < 0 && errno != EINTR) {

@@ -1,0 +1,504 @@
+// tests/unit/dedicated_test.cpp - routines injected into every kind of wait, and calls on threads of their own, where
+// it matters what happens first.
+#include "dedicated/dedicated.h"
+
+#include <cstring>
+
+#include "call_fixture.h"
+#include "child.h"
+#include "kernel/critsec.h"
+#include "kernel/thread.h"
+#include "kernel/wait.h"
+#include "platform/os_process.h"
+#include "postwait/postwait.h"
+#include "sched/startup.h"
+
+namespace zvx::test {
+namespace {
+
+std::function<void()> gRoutine;
+
+// A target that is identified and parked, and what reaches it.
+struct Dedicated : CallTest {
+    void SetUp() override {
+        CallTest::SetUp();
+        Event = NewEvent(false, false);
+    }
+    // Parks the target in `wait`, whose result it notes.
+    void Park(std::function<std::string(Fiber *)> wait) {
+        Target = Run([=, this](Fiber *F) {
+            IdentifyUserThread("P", Event);
+            Note(wait(F));
+            UnidentifyUserThread(0);
+        });
+        EXPECT_EQ(TakeNotes(), Names{}) << "it did not wait";
+    }
+    void Inject(std::function<void()> routine) {
+        gRoutine = std::move(routine);
+        Run([&](Fiber *) { EXPECT_TRUE(UserThreadExecRoutine(Event, [] { gRoutine(); })); });
+    }
+    // A routine that only says that it ran, on the target and in no other state than running.
+    void InjectNote() {
+        Inject([this] {
+            EXPECT_EQ(os::GetFiberData(), Target);
+            os::SetLastError(4711);
+            Note("routine");
+        });
+        EXPECT_EQ(TakeNotes(), Names{"routine"});
+    }
+    void Send(uint8_t kind, uint32_t second = 0) {
+        FIBER_MESSAGE *msg = AllocMessage(S, S, kind);
+        msg->Count = 1;
+        msg->Generation = Generation(Target);
+        msg->One = {Target, second, nullptr};
+        SendMessage(S, msg);
+        RunUntilIdle(S);
+    }
+    // The target's wait ends after `ms` more, not two ticks earlier or more than two later.
+    void ExpectEndAfter(uint32_t ms, const std::string &note) {
+        Pass(ms - 2);
+        EXPECT_EQ(TakeNotes(), Names{}) << note << " too early";
+        Pass(4 + gTimerInterval);
+        EXPECT_EQ(TakeNotes(), Names{note});
+    }
+    HANDLE Event = nullptr;
+    Fiber *Target = nullptr;
+};
+
+std::string Said(DWORD result) {
+    return std::to_string(result) + " error " + std::to_string(os::GetLastError());
+}
+
+// ---- Injected routines -------------------------------------------------------------------------------
+
+TEST_F(Dedicated, ASleeperSleepsOnForWhatIsLeft) {
+    Park([](Fiber *) {
+        os::SetLastError(1);
+        Sleep(100);
+        return Said(0);
+    });
+    Pass(40);
+    Inject([] {
+        Sleep(20);  // counts as time slept
+        os::SetLastError(2);
+        Note("routine");
+    });
+    ExpectEndAfter(20, "routine");
+    Inject([] {});
+    ExpectEndAfter(34, "0 error 1");
+    // One that outlasts the wait: it ends at the next look.
+    Park([](Fiber *) { return Sleep(10), "late"; });
+    Inject([] { Sleep(50); });
+    ExpectEndAfter(50, "late");
+    Park([](Fiber *) { return Sleep(INFINITE), "never"; });
+    for (int i = 0; i < 3; i++) InjectNote();
+    EXPECT_EQ(S->InfiniteWaiters.Count, 1u);
+}
+
+TEST_F(Dedicated, AnAlertableWaitLooksAtItsOperations) {
+    HANDLE file = nullptr;
+    Run([&](Fiber *) { file = Open(); });
+    char buffer[4];
+    OVERLAPPED ov{};
+    Answer(script::Pending());
+    auto wait = [&](Fiber *) {
+        EXPECT_TRUE(ReadFileEx(file, buffer, 4, &ov, [](DWORD, DWORD, LPOVERLAPPED) { Note("completion"); }));
+        const DWORD result = SleepEx(1000, TRUE);
+        Note("waited");
+        while (SleepEx(1000, TRUE) == 0) Note("again");
+        return std::to_string(result);
+    };
+    // With an operation outstanding the wait ends like one whose time is up, and the next one goes on with it.
+    Park(wait);
+    Inject([] { Note("routine"); });
+    EXPECT_EQ(TakeNotes(), (Names{"routine", "waited"}));
+    EndRoutineOf(Target, STATUS_SUCCESS, 4);
+    EXPECT_EQ(TakeNotes(), (Names{"completion", "0"}));
+    // The routine delivers the last one itself: then the wait ends as if that had happened in it.
+    Park([&](Fiber *F) {
+        EXPECT_TRUE(ReadFileEx(file, buffer, 4, &ov, [](DWORD, DWORD, LPOVERLAPPED) { Note("completion"); }));
+        const DWORD result = SleepEx(1000, TRUE);
+        EXPECT_EQ(F->PendingApcIos, 0u);
+        return std::to_string(result);
+    });
+    Inject([this] {
+        script::EndOperation(&ZVX_RECORD_OF(FirstLink(&Target->FileOvs), FIBEROVERLAPPED, Link)->Ov, STATUS_SUCCESS, 4);
+        Sleep(1);
+        EXPECT_EQ(SleepEx(0, TRUE), WAIT_IO_COMPLETION);
+    });
+    Pass(4);
+    EXPECT_EQ(TakeNotes(), (Names{"completion", "192"}));
+}
+
+TEST_F(Dedicated, AnOperationIsWaitedForAgainAndTheRoutineHasItsOwn) {
+    HANDLE file = nullptr;
+    Run([&](Fiber *) { file = Open(0); });
+    Answer(script::Pending());
+    auto wait = [&](Fiber *) {
+        char byte;
+        DWORD got = 0;
+        const BOOL done = ReadFile(file, &byte, 1, &got, nullptr);
+        return Said(static_cast<DWORD>(done) * 10 + got);
+    };
+    Park(wait);
+    InjectNote();
+    EXPECT_EQ(S->IoWaiters.Count, 1u);
+    EndWaitOf(Target, STATUS_SUCCESS, 1);
+    EXPECT_EQ(TakeNotes().size(), 1u);
+    // It ends while the routine waits for an operation of its own.
+    Park(wait);
+    Inject([&] { Note(wait(Target)); });
+    EndWaitOf(Target, STATUS_SUCCESS, 1);
+    EXPECT_EQ(TakeNotes(), Names{}) << "the routine is not done";
+    script::EndOperation(&Target->OwnOvs[1].Ov, STATUS_SUCCESS, 0);
+    RunUntilIdle(S);
+    const Names notes = TakeNotes();
+    ASSERT_EQ(notes.size(), 2u);
+    EXPECT_EQ(notes[0].substr(0, 2), "10");
+    EXPECT_EQ(notes[1].substr(0, 2), "11");
+    EXPECT_EQ(S->IoWaiters.Count, 0u);
+}
+
+TEST_F(Dedicated, PostsAndSectionsAreNotLost) {
+    Park([this](Fiber *) { return Said(WaitForUserThreadPost(Event, 100)); });
+    Pass(50);
+    InjectNote();
+    ExpectEndAfter(50, "258 error 0");
+    Park([this](Fiber *) { return Said(WaitForUserThreadPost(Event, INFINITE)); });
+    InjectNote();
+    Inject([] { Sleep(5); });
+    Run([this](Fiber *) { EXPECT_TRUE(PostUserThread(Event)); });
+    EXPECT_EQ(TakeNotes(), Names{}) << "the routine is not done";
+    ExpectEndAfter(5, "0 error 0");
+
+    CRITICAL_SECTION section{};
+    bool leave = false;
+    auto own = [&](Fiber *) {
+        InitializeCriticalSection(&section);
+        EnterCriticalSection(&section);
+        while (!leave) Sleep(1);
+        LeaveCriticalSection(&section);
+    };
+    Run(own);
+    Park([&](Fiber *) {
+        EnterCriticalSection(&section);
+        LeaveCriticalSection(&section);
+        return "entered";
+    });
+    InjectNote();
+    Pass(5);
+    EXPECT_EQ(TakeNotes(), Names{}) << "it is held";
+    // The owner leaves while the routine runs, when the target is no waiter.
+    Inject([] { Sleep(20); });
+    leave = true;
+    ExpectEndAfter(20, "entered");
+}
+
+TEST_F(Dedicated, ASuspendedThreadRunsTheRoutineAndStopsAgain) {
+    Park([](Fiber *) { return Sleep(10), "slept"; });
+    Send(MSG_SUSPEND);
+    Pass(20);
+    EXPECT_EQ(Target->State, FSTATE_SUSPENDED);
+    InjectNote();
+    EXPECT_EQ(Target->State, FSTATE_SUSPENDED);
+    // While the routine runs: a resume takes back the suspension of before, a suspension stops the routine and stays.
+    Inject([] {
+        Sleep(5);
+        Note("routine");
+    });
+    EXPECT_EQ(Target->RoutinePending.load(), 1u);
+    EXPECT_EQ(Target->SuspendCount.load(), 0u) << "put aside";
+    Send(MSG_SUSPEND);
+    Pass(20);
+    EXPECT_EQ(TakeNotes(), Names{});
+    Send(MSG_RESUME);
+    Pass(4);
+    EXPECT_EQ(TakeNotes(), Names{"routine"});
+    EXPECT_EQ(Target->SuspendCount.load(), 1u);
+    EXPECT_EQ(Target->RoutinePending.load(), 0u);
+    Inject([this] {
+        FIBER_MESSAGE *msg = AllocMessage(S, S, MSG_SUSPEND);
+        msg->Count = 1;
+        msg->Generation = Generation(Target);
+        msg->One = {Target, 0, nullptr};
+        SendMessage(S, msg);  // found at the next switch
+    });
+    EXPECT_EQ(Target->SuspendCount.load(), 2u);
+    Send(MSG_RESUME);
+    EXPECT_EQ(TakeNotes(), Names{});
+    Send(MSG_RESUME);
+    Pass(2);
+    EXPECT_EQ(TakeNotes(), Names{"slept"});
+}
+
+TEST_F(Dedicated, APolledWaitStaysOneOfSlices) {
+    const HANDLE event = NewEvent(false, false);
+    Park([&](Fiber *) { return Said(WaitForSingleObject(event, 1000)); });
+    Pass(99);
+    Inject([] { Sleep(31); });
+    Pass(31 + gTimerInterval);
+    ASSERT_EQ(S->TimedWaiters.Count, 1u);
+    EXPECT_LE(Target->WaitDeadline, S->LastTimerCheck + gTimerInterval);
+    SetEvent(event);
+    Pass(gTimerInterval);
+    EXPECT_EQ(TakeNotes(), Names{"0 error 0"});
+    // And its whole time is what was asked for.
+    Park([&](Fiber *) { return Said(WaitForSingleObject(event, 100)); });
+    Pass(40);
+    Inject([] { Sleep(20); });
+    ExpectEndAfter(60, "258 error 0");
+}
+
+TEST_F(Dedicated, WhoCannotBeReached) {
+    Run([&](Fiber *C) {
+        const HANDLE thread = CreateThread(
+            nullptr, 0, [](void *) -> DWORD { return 0; }, nullptr, CREATE_SUSPENDED, nullptr);
+        for (const HANDLE handle : {Event, thread, static_cast<HANDLE>(nullptr)}) {
+            EXPECT_FALSE(UserThreadExecRoutine(handle, [] {}));
+            EXPECT_EQ(os::GetLastError(), ERROR_INVALID_HANDLE);
+        }
+        IdentifyUserThread("P", Event);
+        C->PostEvent->OwnerGeneration++;
+        EXPECT_FALSE(UserThreadExecRoutine(Event, [] {})) << "the thread of before has ended";
+        C->PostEvent->OwnerGeneration--;
+        UnidentifyUserThread(0);
+    });
+    EXPECT_FALSE(UserThreadExecRoutine(Event, [] {}));
+    EXPECT_EQ(os::GetLastError(), 0xFFFFFFFFu) << "the test's side is no user thread";
+    // Between two schedulers: looks again until somebody has it.
+    Park([](Fiber *) { return Sleep(INFINITE), ""; });
+    Target->Sched.store(nullptr);
+    gRoutine = [] { Note("routine"); };
+    Run([&](Fiber *) { EXPECT_TRUE(UserThreadExecRoutine(Event, [] { gRoutine(); })); });
+    Pass(10);
+    EXPECT_EQ(TakeNotes(), Names{});
+    Target->Sched.store(S);
+    Pass(4);
+    EXPECT_EQ(TakeNotes(), Names{"routine"});
+    // A second one while the first is pending is dropped. A blocked scheduler is told where it may wait for long.
+    Scheduler *other = NewScheduler();
+    gPortWaitMs = 100;
+    RunUntilIdle(other);
+    const HANDLE there = NewEvent(false, false);
+    NewFiber(other, [&](Fiber *) {
+        IdentifyUserThread("P", there);
+        Sleep(INFINITE);
+    });
+    RunUntilIdle(other);
+    script::gScript.Posted.clear();
+    Run([&](Fiber *) {
+        EXPECT_TRUE(UserThreadExecRoutine(there, [] { Note("one"); }));
+        EXPECT_TRUE(UserThreadExecRoutine(there, [] { Note("two"); }));
+    });
+    EXPECT_EQ(script::gScript.Posted.size(), 1u);
+    TakeNotes();
+    RunUntilIdle(other);
+    EXPECT_EQ(TakeNotes(), Names{"one"});
+    CheckScheduler(other);
+}
+
+// ---- Calls on threads of their own -------------------------------------------------------------------
+
+// Reads from the scripted console into `buffer`, as the target.
+std::string ReadInto(char *buffer, DWORD room) {
+    DWORD got = 99;
+    os::SetLastError(12345);
+    const BOOL done = ReadConsoleA(nullptr, buffer, room, &got, nullptr);
+    const DWORD error = os::GetLastError();
+    return std::to_string(done) + " " + std::to_string(got) + " error " + std::to_string(error);
+}
+
+TEST_F(Dedicated, ACallGivesBackWhatItWroteAndSaid) {
+    script::gDedicatedScript.OnReadConsole = [](void *buffer, DWORD room, DWORD *read) -> BOOL {
+        EXPECT_EQ(os::GetFiberData(), reinterpret_cast<void *>(os::kNoFiberData));
+        memset(buffer, 'x', room);
+        *read = 3;
+        os::SetLastError(77);  // also after success
+        return TRUE;
+    };
+    char buffer[9] = "--------";
+    Park([&](Fiber *) { return ReadInto(buffer, 8); });
+    EXPECT_EQ(script::gScript.Priorities.back(), THREAD_PRIORITY_ABOVE_NORMAL);
+    // An injected routine finds the wait and leaves it alone.
+    InjectNote();
+    Pass(20);
+    EXPECT_STREQ(buffer, "--------") << "nothing is written before the thread has ended";
+    script::RunThread();
+    Pass(2);
+    EXPECT_EQ(TakeNotes(), Names{"1 3 error 77"});
+    EXPECT_STREQ(buffer, "xxx-----");
+    EXPECT_TRUE(script::gScript.Terminations.empty());
+    // The four calls and what faults give: 87 and the value that was there before.
+    script::gDedicatedScript.OnReadConsole = [](void *, DWORD, DWORD *) -> BOOL {
+        volatile int zero = 0;
+        return 7 / zero;
+    };
+    Park([&](Fiber *) { return ReadInto(buffer, 8); });
+    script::RunThread();
+    Pass(2);
+    EXPECT_EQ(TakeNotes(), Names{"0 0 error 87"});
+    script::gDedicatedScript.OnReadConsole = [](void *, DWORD, DWORD *) -> BOOL { return TRUE; };
+    Park([&](Fiber *) { return ReadInto(reinterpret_cast<char *>(uintptr_t{64}), 8); });
+    script::RunThread();
+    Pass(2);
+    EXPECT_EQ(TakeNotes()[0].substr(0, 1), "1") << "nothing was read, so nothing is copied";
+    script::gDedicatedScript.OnCallPipe = [](const char *name, void *in, DWORD inBytes, void *out, DWORD, DWORD *read) {
+        Note(std::string(name) + std::string(static_cast<char *>(in), inBytes));
+        memcpy(out, "answer", 6);
+        *read = 6;
+        return TRUE;
+    };
+    Run([&](Fiber *) {
+        char in[] = "question", name[] = "pipe ";
+        DWORD got = 0;
+        // Faults before there is a thread.
+        EXPECT_FALSE(CallNamedPipeA(name, reinterpret_cast<void *>(uintptr_t{64}), 8, buffer, 8, &got, 0));
+        EXPECT_EQ(os::GetLastError(), ERROR_INVALID_PARAMETER);
+        EXPECT_TRUE(CallNamedPipeA(name, in, 8, buffer, 8, &got, 0));
+        Note(std::string(buffer, got));
+    });
+    ASSERT_EQ(script::WaitingThreads(), 1u);
+    script::RunThread();
+    Pass(2);
+    EXPECT_EQ(TakeNotes(), (Names{"pipe question", "answer"}));
+    Park([](Fiber *) { return Said(WaitForInputIdle(os::GetCurrentProcess(), 10)); });
+    script::RunThread();
+    Pass(2);
+    EXPECT_EQ(TakeNotes(), Names{"4294967295 error 1471"});
+}
+
+TEST_F(Dedicated, AThreadThatCannotBeHadOrIsEndedByOthers) {
+    char buffer[8];
+    Run([&](Fiber *) {
+        os::FailCall("CreateThread", 1, ERROR_MAX_THRDS_REACHED);
+        Note(ReadInto(buffer, 8));
+        os::FailCall("ResumeScriptedThread", 1, ERROR_BUSY);
+        Note(ReadInto(buffer, 8));
+    });
+    EXPECT_EQ(TakeNotes(), (Names{"0 99 error 164", "0 99 error 170"}));
+    EXPECT_EQ(script::gScript.Terminations, std::vector<DWORD>{0});
+    EXPECT_EQ(OrphanedCalls(), 0u);
+}
+
+TEST_F(Dedicated, ATerminatedCallerLeavesItsCallToTheThread) {
+    script::gDedicatedScript.OnReadConsole = [](void *buffer, DWORD room, DWORD *read) -> BOOL {
+        memset(buffer, 'x', room);  // the stack of the caller is gone by now
+        *read = room;
+        return TRUE;
+    };
+    Park([&](Fiber *) {
+        char buffer[256];
+        return ReadInto(buffer, sizeof buffer);
+    });
+    Send(MSG_TERMINATE, 33);
+    Pass(4);
+    EXPECT_EQ(script::gScript.Terminations, std::vector<DWORD>{33});
+    EXPECT_EQ(OrphanedCalls(), 1u);
+    EXPECT_EQ(S->FiberCount.load(), 0u);
+    script::RunThread();
+    // Terminated inside a routine that waits for a call of its own: both calls are let go.
+    Park([&](Fiber *) {
+        char buffer[256];
+        return ReadInto(buffer, sizeof buffer);
+    });
+    EXPECT_EQ(OrphanedCalls(), 0u) << "the next call frees what has ended";
+    Inject([] {
+        char buffer[16];
+        ReadInto(buffer, sizeof buffer);
+    });
+    EXPECT_EQ(script::WaitingThreads(), 2u);
+    Send(MSG_TERMINATE, 34);
+    Pass(4);
+    EXPECT_EQ(OrphanedCalls(), 2u);
+    EXPECT_EQ(script::gScript.Terminations, (std::vector<DWORD>{33, 34, 34}));
+    for (int i = 0; i < 2; i++) script::EndThread(34);
+    // A thread that somebody else ended gives its exit code as the error; one whose end cannot be seen gives that
+    // error, and the call stays with it.
+    char buffer[8];
+    Park([&](Fiber *) { return ReadInto(buffer, 8); });
+    script::EndThread(5);
+    Pass(2);
+    EXPECT_EQ(TakeNotes(), Names{"0 99 error 5"});
+    Park([&](Fiber *) { return ReadInto(buffer, 8); });
+    os::FailCall("GetExitCodeThread", 1, ERROR_ACCESS_DENIED);
+    Pass(2);
+    EXPECT_EQ(TakeNotes(), Names{"0 99 error 5"});
+    EXPECT_EQ(OrphanedCalls(), 1u);
+    script::RunThread();
+    Park([&](Fiber *) { return ReadInto(buffer, 8); });
+    EXPECT_EQ(OrphanedCalls(), 0u);
+    os::FailCall("GetExitCodeThread", 1, ERROR_INVALID_HANDLE);
+    Pass(2);
+    EXPECT_EQ(TakeNotes(), Names{"0 99 error 0"}) << "counts as an end";
+}
+
+TEST_F(Dedicated, TheDirectoryServiceIsHandedOutByNameOnly) {
+    static DWORD flags;
+    auto query = [](const char *computer, const char *domain, const void *id, const char *site, DWORD asked,
+                    void **result) -> DWORD {
+        EXPECT_STREQ(domain, "domain");
+        EXPECT_EQ(computer, nullptr);
+        EXPECT_EQ(memcmp(id, "0123456789abcdef", 16), 0);
+        EXPECT_STREQ(site, "site");
+        flags = asked;
+        *result = &flags;
+        os::SetLastError(5);
+        return 1355;
+    };
+    using Query = DWORD (*)(const char *, const char *, const void *, const char *, DWORD, void **);
+    const HMODULE any = os::GetModuleHandleA("kernel32.dll");
+    auto find = [&](const char *name) { return reinterpret_cast<void *>(GetProcAddress(any, name)); };
+    Run([&](Fiber *) { EXPECT_EQ(find("DsGetDcNameA"), nullptr) << "the process has none"; });
+    gDsGetDcNameA = reinterpret_cast<intptr_t (*)()>(reinterpret_cast<void *>(static_cast<Query>(query)));
+    EXPECT_EQ(find("DsGetDcNameA"), nullptr) << "no user thread";
+    Park([&](Fiber *) {
+        EXPECT_EQ(find("dsgetdcnamea"), nullptr);
+        EXPECT_EQ(find(nullptr), nullptr);
+        EXPECT_EQ(find(reinterpret_cast<const char *>(uintptr_t{0xFFFF})), nullptr);
+        const auto found = reinterpret_cast<Query>(find("DsGetDcNameA"));
+        EXPECT_EQ(reinterpret_cast<void *>(found), reinterpret_cast<void *>(FiberDsGetDcNameA));
+        void *result = nullptr;
+        const DWORD answer = found(nullptr, "domain", "0123456789abcdef", "site", 9, &result);
+        EXPECT_EQ(result, &flags);
+        return Said(answer);
+    });
+    script::RunThread();
+    Pass(2);
+    EXPECT_EQ(TakeNotes(), Names{"1355 error 5"});
+    EXPECT_EQ(flags, 9u);
+    Run([&](Fiber *) {
+        os::FailCall("CreateThread", 1, ERROR_MAX_THRDS_REACHED);
+        EXPECT_EQ(FiberDsGetDcNameA(nullptr, "domain", nullptr, nullptr, 0, nullptr), ERROR_NOT_ENOUGH_MEMORY);
+    });
+}
+
+TEST_F(Dedicated, WhatEndsTheProcess) {
+    EXPECT_EQ(FatalTextOf([&] {
+                  Run([](Fiber *F) {
+                      DedicatedRequest request{5, 0, {}, 0};
+                      ExecInDedicatedThread(F, &request);
+                  });
+              }),
+              "ExecInDedicatedThreadCT, Invalid Opcode 5");
+    EXPECT_EQ(FatalTextOf([&] {
+                  Park([](Fiber *) { return Sleep(INFINITE), ""; });
+                  FIBER_MESSAGE *msg = AllocMessage(S, S, MSG_EXEC);
+                  msg->Count = 1;
+                  msg->Generation = Generation(Target);
+                  msg->One = {Target, 0, reinterpret_cast<void *>(+[] {})};
+                  SendMessage(S, msg);
+                  DrainMessages(S);
+                  Target->ExecSave.State = 5;
+                  RunUntilIdle(S);
+              }),
+              "ExecRoutineInFiber: Default restore");
+    EXPECT_EQ(FatalTextOf([&] {
+                  Run([](Fiber *F) {
+                      for (int i = 0; i < 3; i++) TermCleanupFuncSet(F, PostWaiterCleanup);
+                  });
+              }),
+              "TermCleanupFuncSet: limit hit 2");
+}
+
+}  // namespace
+}  // namespace zvx::test
