@@ -1,0 +1,319 @@
+// tests/stress/socket_stress.cpp - a server whose connections end in every way at once: in order, by a reset, by the
+// termination of the user thread that serves or accepts them, with one socket used by threads of several schedulers.
+// Seeded and time-boxed; ends with the invariant checkers and with the counts of what must have come back.
+//
+// Built on the internals, so that every user thread can check its own scheduler between two yields. The clients are
+// plain threads on the kernel's sockets; the first byte of a connection tells the server how it will go on.
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "alloc/alloc.h"
+#include "kernel/handles.h"
+#include "kernel/thread.h"
+#include "kernel/wait.h"
+#include "net/net.h"
+#include "sched/sched.h"
+#include "sched/startup.h"
+#include "support/net_peer.h"
+
+namespace {
+
+using namespace zvx;
+
+struct Options {
+    uint32_t Schedulers = 2;
+    uint32_t Seconds = 5;
+    uint64_t Seed = 0;
+    uint32_t Clients = 8;
+} gOptions;
+
+enum Kind : char { kEcho = 'e', kReset = 'r', kShared = 's', kRoutines = 'x', kTerminated = 't', kKinds = 5 };
+constexpr char kAllKinds[] = {kEcho, kReset, kShared, kRoutines, kTerminated};
+
+SOCKET gListener = INVALID_SOCKET, gRough = INVALID_SOCKET;  // on gRough whoever accepts may be terminated
+uint16_t gPort = 0, gRoughPort = 0;
+std::atomic<bool> gStop{false};
+std::atomic<uint64_t> gBytes{0}, gConnections{0}, gResets{0}, gTerminated{0};
+std::atomic<uint32_t> gSessions{0};
+
+[[noreturn]] void Fail(const char *what, uint64_t a = 0, uint64_t b = 0) {
+    std::fprintf(stderr, "socket stress: FAILED: %s (%llu, %llu) seed %llu\n", what, static_cast<unsigned long long>(a),
+                 static_cast<unsigned long long>(b), static_cast<unsigned long long>(gOptions.Seed));
+    std::abort();
+}
+
+void CheckOwnScheduler() {
+    CheckScheduler(SchedOf(CallingFiber()));
+}
+
+// ---- Clients: plain threads --------------------------------------------------------------------------
+
+// Sends blocks and compares their echo.
+bool Exchange(int fd, std::mt19937_64 &rng) {
+    std::vector<char> out, in;
+    for (uint64_t rounds = rng() % 12; rounds != 0; rounds--) {
+        out.resize(1 + rng() % (rounds == 5 ? 60000 : 900));
+        in.assign(out.size(), '\0');
+        for (char &byte : out) byte = static_cast<char>(rng());
+        if (!netpeer::WriteAll(fd, out.data(), out.size()) || !netpeer::ReadAll(fd, in.data(), in.size())) return false;
+        if (in != out) Fail("an echo differs", out.size());
+        gBytes.fetch_add(out.size(), std::memory_order_relaxed);
+    }
+    return true;
+}
+
+void Client(uint32_t self) {
+    std::mt19937_64 rng(gOptions.Seed * 1000003 + self);
+    while (!gStop.load()) {
+        const bool rough = rng() % 8 == 0;
+        const int fd = netpeer::Connect(rough ? gRoughPort : gPort);
+        if (fd < 0) Fail("no connection", static_cast<uint64_t>(errno));
+        gConnections.fetch_add(1, std::memory_order_relaxed);
+        const char kind = kAllKinds[rng() % kKinds];
+        if (rough) {
+            if (!netpeer::SeesTheEnd(fd, 60000)) Fail("a rough connection stays");
+        } else if (!netpeer::WriteAll(fd, &kind, 1)) {
+            Fail("a fresh connection takes nothing");
+        } else if (kind == kTerminated) {
+            if (!netpeer::SeesTheEnd(fd, 60000)) Fail("a connection outlives its thread's end");
+        } else if (kind == kReset) {
+            if (rng() % 2 != 0) Exchange(fd, rng);
+            netpeer::Reset(fd);
+            gResets.fetch_add(1, std::memory_order_relaxed);
+            continue;
+        } else {
+            if (!Exchange(fd, rng)) Fail("the server ended the connection", static_cast<uint64_t>(kind));
+            netpeer::EndSending(fd);
+            if (!netpeer::SeesTheEnd(fd, 60000))
+                Fail("the server does not end the connection", static_cast<uint64_t>(kind));
+        }
+        close(fd);
+    }
+}
+
+// ---- The server: user threads ------------------------------------------------------------------------
+
+// Echoes until the end; the last result of recv.
+int EchoAll(SOCKET s) {
+    char buffer[3000];
+    for (;;) {
+        const int got = zvx::recv(s, buffer, sizeof buffer, 0);
+        CheckOwnScheduler();
+        if (got <= 0) return got;
+        if (zvx::send(s, buffer, got, 0) != got) return SOCKET_ERROR;
+    }
+}
+
+HANDLE Start(LPTHREAD_START_ROUTINE routine, uintptr_t param) {
+    const HANDLE thread = CreateThread(nullptr, 0, routine, reinterpret_cast<void *>(param), 0, nullptr);
+    if (thread == nullptr) Fail("CreateThread", os::GetLastError());
+    return thread;
+}
+
+void Join(HANDLE thread, DWORD wanted) {
+    DWORD code = 0;
+    if (WaitForSingleObject(thread, 60000) != WAIT_OBJECT_0) Fail("a thread does not end", wanted);
+    if (!GetExitCodeThread(thread, &code) || code != wanted) Fail("exit code", code, wanted);
+    CloseHandle(thread);
+}
+
+DWORD Forward(void *param) {
+    return EchoAll(reinterpret_cast<SOCKET>(param)) == 0 ? 11 : 12;
+}
+
+DWORD ParkedReader(void *param) {
+    char byte;
+    for (;;) zvx::recv(reinterpret_cast<SOCKET>(param), &byte, 1, 0);
+}
+
+struct RoutineState {
+    OVERLAPPED Ov;
+    DWORD Error, Bytes, Done;
+};
+void OnReceived(DWORD error, DWORD bytes, OVERLAPPED *ov, DWORD) {
+    auto *state = reinterpret_cast<RoutineState *>(ov);
+    state->Error = error;
+    state->Bytes = bytes;
+    state->Done = 1;
+}
+
+int EchoByRoutines(SOCKET s) {
+    char buffer[2000];
+    for (;;) {
+        RoutineState state{};
+        WSABUF one{sizeof buffer, buffer};
+        DWORD flags = 0;
+        if (WSARecv(s, &one, 1, nullptr, &flags, &state.Ov, OnReceived) == 0 || os::GetLastError() != WSA_IO_PENDING)
+            return SOCKET_ERROR;
+        while (state.Done == 0) SleepEx(1000, TRUE);
+        if (state.Error != 0) return SOCKET_ERROR;
+        if (state.Bytes == 0) return 0;
+        if (zvx::send(s, buffer, static_cast<int>(state.Bytes), 0) != static_cast<int>(state.Bytes))
+            return SOCKET_ERROR;
+    }
+}
+
+DWORD Session(void *param) {
+    const auto s = reinterpret_cast<SOCKET>(param);
+    char kind = 0;
+    if (zvx::recv(s, &kind, 1, 0) == 1) {
+        if (kind == kTerminated) {
+            const HANDLE reader = Start(ParkedReader, s);
+            if (os::ReadTsc() & 64) Sleep(1);
+            if (!TerminateThread(reader, 21)) Fail("TerminateThread", os::GetLastError());
+            Join(reader, 21);
+            gTerminated.fetch_add(1, std::memory_order_relaxed);
+        } else {
+            // Another thread, often of another scheduler, takes the connection over: this one has bound the socket.
+            int ended = 0;
+            if (kind == kShared)
+                Join(Start(Forward, s), 11);
+            else
+                ended = kind == kRoutines ? EchoByRoutines(s) : EchoAll(s);
+            if (ended != 0 && kind != kReset)
+                Fail("a session ended badly", os::GetLastError(), static_cast<uint64_t>(kind));
+        }
+    }
+    if (closesocket(s) != 0) Fail("closesocket", os::GetLastError());
+    gSessions.fetch_sub(1);
+    return 0;
+}
+
+DWORD Acceptor(void *) {
+    for (;;) {
+        sockaddr_in from{};
+        int length = sizeof from;
+        const SOCKET s = zvx::accept(gListener, reinterpret_cast<sockaddr *>(&from), &length);
+        CheckOwnScheduler();
+        if (s == INVALID_SOCKET) return gStop.load() ? 31 : 32;
+        if (length != 16 || from.sin_addr.s_addr != __builtin_bswap32(0x7F000001)) Fail("a client's address");
+        gSessions.fetch_add(1);
+        CloseHandle(Start(Session, s));
+    }
+}
+
+// Terminated at any time. Nothing between the end of an accept and the close yields, so no socket can be lost.
+DWORD RoughAcceptor(void *) {
+    for (;;) closesocket(zvx::accept(gRough, nullptr, nullptr));
+}
+
+// Accepted sockets are of the same kind: those of the one kind wait for operations with a routine too.
+SOCKET Listen(uint16_t *port, DWORD flags) {
+    const SOCKET s = WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, flags);
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_addr.s_addr = __builtin_bswap32(0x7F000001);
+    int length = sizeof name;
+    if (os::bind(s, reinterpret_cast<sockaddr *>(&name), length) != 0 || os::listen(s, 200) != 0 ||
+        os::getsockname(s, reinterpret_cast<sockaddr *>(&name), &length) != 0)
+        Fail("no listening socket", os::GetLastError());
+    *port = __builtin_bswap16(name.sin_port);
+    return s;
+}
+
+// ---- The course of a run -----------------------------------------------------------------------------
+
+int64_t ChunksInUse(uint32_t type) {
+    int64_t sum = 0;
+    for (uint32_t i = 0; i < gNumSchedulers; ++i) sum += gSchedulers[i]->ChunkTypeCount[type];
+    return sum;
+}
+
+template <typename Condition>
+void Await(const char *what, Condition condition) {
+    for (int i = 0; i < 4000; ++i) {
+        if (condition()) return;
+        Sleep(5);
+    }
+    Fail(what);
+}
+
+void Serve() {
+    constexpr uint32_t kAcceptors = 3;
+    gListener = Listen(&gPort, WSA_FLAG_OVERLAPPED);
+    gRough = Listen(&gRoughPort, 0);
+    HANDLE acceptors[kAcceptors];
+    for (HANDLE &acceptor : acceptors) acceptor = Start(Acceptor, 0);
+    std::vector<std::thread> clients;
+    for (uint32_t i = 0; i < gOptions.Clients; ++i) clients.emplace_back(Client, i);
+    std::atomic<bool> clientsDone{false};
+    std::thread joiner([&] {
+        for (std::thread &client : clients) client.join();
+        clientsDone = true;
+    });
+    std::mt19937_64 rng(gOptions.Seed);
+    const uint64_t end = os::GetTickCount64() + gOptions.Seconds * 1000ull;
+    while (!clientsDone.load()) {
+        if (os::GetTickCount64() >= end) gStop = true;
+        const HANDLE rough = Start(RoughAcceptor, 0);
+        Sleep(static_cast<DWORD>(rng() % 4));
+        if (!TerminateThread(rough, 41)) Fail("TerminateThread", os::GetLastError());
+        Join(rough, 41);
+        gTerminated.fetch_add(1, std::memory_order_relaxed);
+    }
+    joiner.join();
+    Await("sessions left behind", [] { return gSessions.load() == 0; });
+    closesocket(gRough);
+    closesocket(gListener);
+    for (HANDLE acceptor : acceptors) Join(acceptor, 31);
+}
+
+DWORD MainRoutine(void *) {
+    Sleep(20);
+    const uint32_t handles = gHandleCount;
+    const int sockets = netpeer::OpenSockets();
+    Serve();
+    Await("handles left behind", [&] { return gHandleCount == handles; });
+    Await("sockets left behind", [&] { return netpeer::OpenSockets() == sockets; });
+    Await("handle entries left behind",
+          [] { return ChunksInUse(ALLOC_PSEHAND) == static_cast<int64_t>(gHandleCount); });
+    CheckHandleTable();
+    CheckOwnScheduler();
+    std::printf(
+        "socket stress: %u schedulers, %s, seed %llu: %llu connections, %llu bytes, %llu resets, %llu terminated\n",
+        gNumSchedulers, os::IoBackendName(), static_cast<unsigned long long>(gOptions.Seed),
+        static_cast<unsigned long long>(gConnections.load()), static_cast<unsigned long long>(gBytes.load()),
+        static_cast<unsigned long long>(gResets.load()), static_cast<unsigned long long>(gTerminated.load()));
+    if (gBytes.load() == 0 || gResets.load() == 0 || gTerminated.load() == 0) Fail("nothing was done");
+    os::ExitProcess(0);
+}
+
+int Lookup(const char *name, char *buffer, int capacity) {
+    if (std::strcmp(name, "ZVX_FIBERS_Schedulers") == 0)
+        return std::snprintf(buffer, static_cast<size_t>(capacity), "%u", gOptions.Schedulers);
+    if (std::strcmp(name, "ZVX_FIBERS_StackPages") == 0)
+        return std::snprintf(buffer, static_cast<size_t>(capacity), "16");
+    return LookupEnvironment(name, buffer, capacity);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    gOptions.Seed = os::GetTickCount64() ^ (uint64_t{os::GetCurrentProcessId()} << 20);
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string name = argv[i];
+        const uint64_t value = std::strtoull(argv[i + 1], nullptr, 10);
+        if (name == "--schedulers")
+            gOptions.Schedulers = static_cast<uint32_t>(value);
+        else if (name == "--seconds")
+            gOptions.Seconds = static_cast<uint32_t>(value);
+        else if (name == "--seed")
+            gOptions.Seed = value;
+        else if (name == "--clients")
+            gOptions.Clients = static_cast<uint32_t>(value);
+        else
+            return 2;
+    }
+    std::printf("socket stress: seed %llu\n", static_cast<unsigned long long>(gOptions.Seed));
+    std::fflush(stdout);
+    static uint32_t indicator;
+    InitParams params{&indicator, nullptr, nullptr, 0, Lookup};
+    InitUserThreadScheduler(MainRoutine, nullptr, &params);
+    return 1;
+}
