@@ -169,6 +169,8 @@ struct Stream {
     uint32_t Serial;   // 0: never used
     bool Watched;      // epoll: the set was asked to report its readiness
     bool Refused;      // epoll: the kernel reports none for it (a device like /dev/null), so the pool serves it
+    bool Drained[2];   // epoll, sockets: found empty (or full) since the last report, so there is nothing to try
+    bool Unsure;       // epoll: something was reported that no further report may follow; never Drained
     Request *Head[2];  // reads, writes; on a ring the head is the one that runs
     Request *Tail[2];
 };

@@ -41,7 +41,7 @@ void CountParked(EpollState *state, int by) {
 
 epoll_event EventOf(const IoObject *object) {
     epoll_event event{};
-    event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+    event.events = EPOLLIN | EPOLLOUT | EPOLLPRI | EPOLLRDHUP | EPOLLET;
     event.data.u64 = static_cast<uint64_t>(object->Serial) << 32 | static_cast<uint32_t>(object->Fd);
     return event;
 }
@@ -66,30 +66,47 @@ void AskAgain(EpollState *state, const IoObject *object) {
     epoll_ctl(state->SetFd, EPOLL_CTL_MOD, object->Fd, &event);
 }
 
+// A receive that got less than it asked for has emptied the socket: the next one has to wait for a report anyway, and
+// is spared a call that would only say so. The end, an error and urgent data may have been reported together with what
+// was received, and are not reported again.
+void NoteDrained(Engine *engine, const IoCall &call) {
+    Stream *stream = &engine->Streams[call.Target->Fd];
+    stream->Drained[DirectionOf(call.Kind)] = !stream->Unsure;
+}
+
 // Makes the call without blocking until it is final (true, Status) or would block.
-bool Attempt(Request *request) {
+bool Attempt(Engine *engine, Request *request) {
     IoCall *call = &request->Call;
-    for (;;) {
-        int64_t moved;
-        if (IsSocketKind(call->Kind)) {
-            moved = MoveSocket(call, MSG_DONTWAIT);
-        } else {
-            char *at = call->Buffer + call->Done;
-            const size_t left = call->Count - call->Done;
-            const int fd = call->Target->Fd;
-            moved = call->Kind == RequestKind::kRead ? read(fd, at, left) : write(fd, at, left);
-            if (moved < 0) moved = -errno;
+    if (IsSocketKind(call->Kind)) {
+        for (;;) {
+            const uint32_t left = call->Count - call->Done;
+            const int64_t moved = MoveSocket(call, MSG_DONTWAIT);
+            if (moved == -EAGAIN) {
+                NoteDrained(engine, *call);
+                return false;
+            }
+            if (!AccountTransfer(call, moved, false, &request->Status)) continue;
+            if (call->Kind == RequestKind::kReceive && moved > 0 && moved < left && (call->MsgFlags & MSG_PEEK) == 0)
+                NoteDrained(engine, *call);
+            return true;
         }
-        if (moved == -EAGAIN) return false;
-        if (AccountTransfer(call, moved, false, &request->Status)) return true;
+    }
+    for (;;) {
+        char *at = call->Buffer + call->Done;
+        const size_t left = call->Count - call->Done;
+        const int fd = call->Target->Fd;
+        const ssize_t moved = call->Kind == RequestKind::kRead ? read(fd, at, left) : write(fd, at, left);
+        if (moved < 0 && errno == EAGAIN) return false;
+        if (AccountTransfer(call, moved < 0 ? -errno : moved, false, &request->Status)) return true;
     }
 }
 
 // An edge: tries the parked requests of one direction in their order until one would block.
 void TryParked(Engine *engine, uint32_t index, uint32_t direction) {
+    engine->Streams[index].Drained[direction] = false;
     // Ending a request may enlarge the table of streams, so nothing of it is kept over that.
     while (Request *request = engine->Streams[index].Head[direction]) {
-        if (!Attempt(request)) return;
+        if (!Attempt(engine, request)) return;
         CountParked(engine->Epoll, -1);
         EndRequest(engine, request);
     }
@@ -108,6 +125,7 @@ bool Ask(Engine *engine, int ms) {
         const uint32_t index = static_cast<uint32_t>(tag);
         if (engine->Streams[index].Serial != tag >> 32) continue;
         const uint32_t seen = events[i].events;
+        if ((seen & (EPOLLPRI | EPOLLHUP | EPOLLERR | EPOLLRDHUP)) != 0) engine->Streams[index].Unsure = true;
         if ((seen & (EPOLLIN | EPOLLHUP | EPOLLERR | EPOLLRDHUP)) != 0) TryParked(engine, index, 0);
         if ((seen & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0) TryParked(engine, index, 1);
     }
@@ -158,8 +176,9 @@ bool EpollStart(Engine *engine, Request *request) {
         return false;
     }
     // Not past those that wait already, and not at once when the caller shall wait.
-    const bool first = stream->Head[DirectionOf(request->Call.Kind)] == nullptr;
-    if (first && !request->Call.Later && Attempt(request)) return true;
+    const uint32_t direction = DirectionOf(request->Call.Kind);
+    const bool first = stream->Head[direction] == nullptr;
+    if (first && !request->Call.Later && !stream->Drained[direction] && Attempt(engine, request)) return true;
     AppendToStream(stream, request);
     request->Stage.store(RequestStage::kParked, std::memory_order_relaxed);
     CountParked(state, 1);
