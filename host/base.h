@@ -28,12 +28,13 @@ struct Options {
     bool Threads = false;
     Durability Sync = Durability::kAlways;
     uint32_t MaxSessions = 10000;
-    uint64_t MaxValue = 8 << 20;      // bytes of a key or a value
-    uint64_t MaxBuffers = 256 << 20;  // bytes of all half-received requests together
-    uint64_t CheckpointBytes = 0;     // log written since the last checkpoint that asks for the next; 0: two segments
-    uint32_t SendTimeout = 30;        // seconds that a client may leave an answer unread
-    uint32_t RequestTimeout = 60;     // seconds that a request may stay half-sent
-    uint32_t IdleTimeout = 0;         // seconds without a request; 0: no limit
+    uint64_t MaxValue = 8 << 20;       // bytes of a key or a value
+    uint64_t MaxBuffers = 256 << 20;   // bytes of all half-received requests together
+    uint64_t SegmentBytes = 32 << 20;  // of a log file, more where a request needs it
+    uint64_t CheckpointBytes = 0;      // log written since the last checkpoint that asks for the next; 0: two segments
+    uint32_t SendTimeout = 30;         // seconds that a client may leave an answer unread
+    uint32_t RequestTimeout = 60;      // seconds that a request may stay half-sent
+    uint32_t IdleTimeout = 0;          // seconds without a request; 0: no limit
 };
 extern Options gOptions;
 

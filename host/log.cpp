@@ -597,9 +597,10 @@ void ForgetWaiter(Waiter *waiter) {
 
 // ---- Start and background ----------------------------------------------------------------------------
 
+// The largest batch fits: a buffer, or one record with a request's bytes and a header for each of its items.
 uint64_t SegmentBytes() {
-    const uint64_t needed = 2 * (MaxRequest() + (4 << 20));
-    return RoundUp(needed > (32u << 20) ? needed : (32u << 20), kWriteStep);
+    const uint64_t needed = MaxRequest() + kBatchBytes;
+    return RoundUp(needed > gOptions.SegmentBytes ? needed : gOptions.SegmentBytes, kWriteStep);
 }
 
 std::string SegmentName(uint32_t slot) {

@@ -31,6 +31,7 @@ const char kHelp[] =
     "  --max-sessions N     clients at a time (default 10000)\n"
     "  --max-value BYTES    longest key and value (default 8388608)\n"
     "  --max-buffers BYTES  memory for requests that are not complete (default 268435456)\n"
+    "  --segment BYTES      size of a log file (default 33554432, more for large values)\n"
     "  --checkpoint BYTES   log after which a checkpoint is made (default: two segments)\n"
     "  --send-timeout S     seconds that a client may leave an answer unread (default 30)\n"
     "  --request-timeout S  seconds that a request may stay incomplete (default 60)\n"
@@ -84,6 +85,8 @@ void ParseOptions(int argc, char **argv) {
             gOptions.MaxValue = number(1024, 512 << 20);
         } else if (option == "--max-buffers") {
             gOptions.MaxBuffers = number(1 << 20, 1ull << 40);
+        } else if (option == "--segment") {
+            gOptions.SegmentBytes = number(1 << 20, 1 << 30);
         } else if (option == "--checkpoint") {
             gOptions.CheckpointBytes = number(4096, 1ull << 40);
         } else if (option == "--send-timeout") {

@@ -1,0 +1,133 @@
+// tests/host/crash_test.cpp - kill -9 under load, again and again, and a look at every key after each.
+//
+// Every client owns some keys and numbers its writes. What it knows of a key is the value of the last acknowledged
+// write and those of the writes that were under way: after a restart the key must hold one of these, and two keys that
+// were written by one MSET must agree. KEYHOST_ROUNDS sets the number of rounds.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <random>
+#include <set>
+
+#include "server.h"
+
+namespace keyhost_test {
+namespace {
+
+struct Known {
+    std::set<std::string> Possible{"nil"};  // what a restart may show; "nil" for no key
+};
+using Model = std::map<std::string, Known>;
+
+struct Write {
+    std::vector<std::string> Words;
+    std::map<std::string, std::string> After;  // what each key is when it is done
+};
+
+// One client's load until the server is gone. Up to 16 writes are under way at a time.
+void Load(const Server &host, int number, unsigned seed, Model *model, std::atomic<uint64_t> *acknowledged) {
+    std::mt19937 random(seed);
+    Client client(host);
+    uint64_t serial = uint64_t{seed} << 20;
+    for (;;) {
+        std::string text;
+        std::vector<Write> writes;
+        const size_t count = random() % 4 == 0 ? 1 + random() % 16 : 1;
+        for (size_t i = 0; i < count; i++) {
+            const std::string id = std::to_string(number) + ":" + std::to_string(random() % 40);
+            const std::string value =
+                std::to_string(++serial) + std::string(random() % 8 == 0 ? random() % 20000 : 5, 'v');
+            Write write;
+            switch (random() % 8) {
+                case 0: write = {{"DEL", "s" + id}, {{"s" + id, "nil"}}}; break;
+                case 1:
+                case 2:
+                    write = {{"MSET", "a" + id, value, "b" + id, value},
+                             {{"a" + id, "$" + value}, {"b" + id, "$" + value}}};
+                    break;
+                case 3: write = {{"SET", "s" + id, value, "EX", "1000"}, {{"s" + id, "$" + value}}}; break;
+                default: write = {{"SET", "s" + id, value}, {{"s" + id, "$" + value}}}; break;
+            }
+            text += Request(write.Words);
+            writes.push_back(write);
+            for (const auto &[key, after] : write.After) (*model)[key].Possible.insert(after);
+        }
+        if (!client.Send(text)) return;
+        for (size_t i = 0; i < writes.size(); i++) {
+            const std::string answer = client.Answer();
+            if (answer == "closed") return;
+            ASSERT_TRUE(answer == "+OK" || answer[0] == ':') << answer;
+            acknowledged->fetch_add(1);
+        }
+        // All of it is acknowledged: for each key only the last write remains.
+        std::map<std::string, std::string> last;
+        for (const Write &write : writes) {
+            for (const auto &[key, after] : write.After) last[key] = after;
+        }
+        for (const auto &[key, after] : last) (*model)[key].Possible = {after};
+    }
+}
+
+struct Crash : testing::TestWithParam<Mode> {
+    Server Host{GetParam()};
+};
+
+INSTANTIATE_TEST_SUITE_P(On, Crash, testing::ValuesIn(kModes),
+                         [](const testing::TestParamInfo<Mode> &mode) { return std::string(mode.param.Name); });
+
+TEST_P(Crash, NothingAcknowledgedIsLost) {
+    const char *const wanted = std::getenv("KEYHOST_ROUNDS");
+    const int rounds = wanted != nullptr ? std::atoi(wanted) : 10;
+    const unsigned seed = std::random_device{}();
+    std::printf("seed %u\n", seed);
+    std::mt19937 random(seed);
+    constexpr int kClients = 6;
+    std::vector<Model> models(kClients);
+    std::atomic<uint64_t> acknowledged{0};
+    size_t checked = 0;
+    for (int round = 0; round <= rounds; round++) {
+        // Checkpoints come often, so that many a kill meets one.
+        const std::vector<std::string> arguments{"--checkpoint", "300000", "--schedulers", round % 2 == 0 ? "1" : "2"};
+        ASSERT_TRUE(Host.Start(arguments)) << "round " << round << " " << Host.Text();
+        {
+            Client client(Host);
+            for (Model &model : models) {
+                std::string text;
+                for (const auto &[key, known] : model) text += Request({"GET", key});
+                std::thread sender([&] { client.Send(text); });
+                std::map<std::string, std::string> now;
+                for (auto &[key, known] : model) {
+                    const std::string value = client.Answer();
+                    EXPECT_TRUE(known.Possible.count(value) != 0)
+                        << "round " << round << " " << key << " is " << value.substr(0, 40) << ", not one of "
+                        << known.Possible.size() << ", such as " << known.Possible.begin()->substr(0, 40);
+                    known.Possible = {value};
+                    now[key] = value;
+                    checked++;
+                }
+                sender.join();
+                for (const auto &[key, value] : now) {
+                    if (key[0] != 'a') continue;
+                    EXPECT_EQ(now["b" + key.substr(1)], value) << "half an MSET: " << key;
+                }
+            }
+            if (HasFailure()) return;
+        }
+        if (round == rounds) break;
+        std::vector<std::thread> clients;
+        for (int c = 0; c < kClients; c++) {
+            clients.emplace_back(Load, std::cref(Host), c, static_cast<unsigned>(round * kClients + c + 1), &models[c],
+                                 &acknowledged);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50 + random() % 300));
+        Host.Kill();
+        for (std::thread &client : clients) client.join();
+    }
+    std::printf("%d rounds, %llu writes acknowledged, %zu keys checked\n", rounds,
+                static_cast<unsigned long long>(acknowledged.load()), checked);
+    EXPECT_GT(acknowledged.load(), static_cast<uint64_t>(rounds) * 10);
+}
+
+}  // namespace
+}  // namespace keyhost_test

@@ -1,0 +1,203 @@
+// tests/host/faults_test.cpp - a log that cannot be written, and files that were damaged.
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "server.h"
+
+namespace keyhost_test {
+namespace {
+
+struct Faulty : testing::TestWithParam<Mode> {
+    Server Host{GetParam()};
+
+    // Changes one byte of a file.
+    void Damage(const std::string &name, size_t offset) {
+        std::fstream file(Host.File(name), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekg(static_cast<std::streamoff>(offset));
+        const char byte = static_cast<char>(file.get() ^ 0x55);
+        file.seekp(static_cast<std::streamoff>(offset));
+        file.put(byte);
+    }
+    // Where the text is in a file; fails the case when it is not.
+    size_t Where(const std::string &name, const std::string &text) {
+        const size_t at = ReadWhole(Host.File(name)).find(text);
+        EXPECT_NE(at, std::string::npos) << name << " " << text;
+        return at;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(On, Faulty, testing::ValuesIn(kModes),
+                         [](const testing::TestParamInfo<Mode> &mode) { return std::string(mode.param.Name); });
+
+bool IsMisconf(const std::string &answer) {
+    return answer.substr(0, 8) == "-MISCONF";
+}
+
+// One write of the log fails. Everybody whose record was in it is refused, what they changed is taken back in the right
+// order, reads go on, and a restart shows exactly what was acknowledged.
+TEST_P(Faulty, OneFailedWrite) {
+    for (const char *call : {"WriteFile", "WriteFileEx"}) {
+        // The function that the library calls below WriteFileEx depends on the mode.
+        const bool threads = GetParam().Argument != nullptr;
+        if (threads != (std::string(call) == "WriteFileEx")) continue;
+        // Two segments are filled with zeros first; the number leaves some writes after them.
+        ASSERT_TRUE(Host.Start({}, {std::string("ZVXKVT_FAIL=") + call + ":140:112"})) << Host.Text();
+    }
+    constexpr int kClients = 8;
+    std::vector<std::map<std::string, std::string>> models(kClients);
+    std::vector<int> refusals(kClients);
+    std::vector<std::thread> threads;
+    for (int c = 0; c < kClients; c++) {
+        threads.emplace_back([&, c] {
+            Client client(Host);
+            for (int i = 0; i < 120; i++) {
+                const std::string key = "k" + std::to_string(c) + "_" + std::to_string(i % 7);
+                const std::string value = std::to_string(i);
+                // Two writes to one key in one piece: both or neither, and the first of them must not stay.
+                const std::string words[2][3] = {{"APPEND", key, "x"}, {"SET", key, value}};
+                client.Send(Request({words[0][0], words[0][1], words[0][2]}) + Request({"SET", key, value}) +
+                            Request({"MSET", key + "a", value, key + "b", value}));
+                const std::string append = client.Answer(), set = client.Answer(), mset = client.Answer();
+                if (append[0] == ':') models[c][key] += "x";
+                if (set == "+OK") models[c][key] = value;
+                if (mset == "+OK") models[c][key + "a"] = models[c][key + "b"] = value;
+                refusals[c] += IsMisconf(append) + IsMisconf(set) + IsMisconf(mset);
+                for (const std::string &answer : {append, set, mset}) {
+                    EXPECT_TRUE(IsMisconf(answer) || answer == "+OK" || answer[0] == ':') << answer;
+                }
+            }
+        });
+    }
+    for (std::thread &thread : threads) thread.join();
+    int refused = 0;
+    for (const int count : refusals) refused += count;
+    EXPECT_GT(refused, 0) << Host.Text();
+    for (int round = 0; round < 2; round++) {
+        Client client(Host);
+        size_t keys = 0;
+        for (const auto &model : models) {
+            keys += model.size();
+            for (const auto &[key, value] : model) EXPECT_EQ(client.Ask({"GET", key}), "$" + value) << key;
+        }
+        EXPECT_EQ(client.Ask("DBSIZE"), ":" + std::to_string(keys));
+        if (round == 0) {
+            Host.Kill();
+            ASSERT_TRUE(Host.Start()) << Host.Text();
+        }
+    }
+}
+
+// A disk without room for another segment: the limit on the size of files stands for it.
+TEST_P(Faulty, NoRoom) {
+    // The first start makes the segments; the second may write them but no file beyond their first half.
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+    {
+        Client client(Host);
+        ASSERT_EQ(client.Ask("SET before 1"), "+OK");
+        EXPECT_TRUE(Await([&] { return Figure(client, "log_segments") == 2; }));
+    }
+    EXPECT_EQ(Host.Terminate(), 0);
+    ASSERT_TRUE(Host.Start({}, {}, 4 << 20)) << Host.Text();
+    std::map<std::string, bool> written;
+    {
+        Client client(Host);
+        const std::string value(1 << 20, 'v');
+        int refused = 0;
+        for (int i = 0; i < 12; i++) {
+            const std::string key = "big" + std::to_string(i);
+            const std::string answer = client.Ask({"SET", key, value});
+            ASSERT_TRUE(answer == "+OK" || IsMisconf(answer)) << answer;
+            written[key] = answer == "+OK";
+            refused += IsMisconf(answer);
+        }
+        EXPECT_GT(refused, 2);
+        EXPECT_LT(refused, 12);
+        // Reads go on, and show nothing of what was refused.
+        EXPECT_EQ(client.Ask("GET before"), "$1");
+        for (const auto &[key, kept] : written) EXPECT_EQ(client.Ask({"STRLEN", key}), kept ? ":1048576" : ":0") << key;
+    }
+    Host.Kill();
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+    Client client(Host);
+    for (const auto &[key, kept] : written) EXPECT_EQ(client.Ask({"STRLEN", key}), kept ? ":1048576" : ":0") << key;
+    EXPECT_EQ(client.Ask("SET after 1"), "+OK");
+}
+
+// What was durable and cannot be read keeps the server from starting; a torn end does not.
+TEST_P(Faulty, DamagedLog) {
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+    {
+        Client client(Host);
+        for (int i = 0; i < 20; i++)
+            ASSERT_EQ(client.Ask("SET key" + std::to_string(i) + " value" + std::to_string(i)), "+OK");
+    }
+    Host.Kill();
+    const size_t middle = Where("log-0.dat", "value7");
+    Damage("log-0.dat", middle);
+    EXPECT_FALSE(Host.Start());
+    EXPECT_EQ(Host.ExitCode, 1);
+    const std::string text = Host.Text();
+    const size_t named = text.find("log-0.dat: offset ");
+    ASSERT_NE(named, std::string::npos) << text;
+    // The offset is that of the record.
+    const size_t offset = static_cast<size_t>(std::atol(text.c_str() + named + 18));
+    EXPECT_TRUE(offset < middle && middle - offset < 100) << text;
+    EXPECT_NE(text.find("damaged record, and the log goes on"), std::string::npos) << text;
+    Damage("log-0.dat", middle);
+    Damage("log-0.dat", 3);
+    EXPECT_FALSE(Host.Start());
+    EXPECT_NE(Host.Text().find("offset 0: damaged header of a log segment"), std::string::npos) << Host.Text();
+    Damage("log-0.dat", 3);
+    // The last record is what a write leaves behind that was under way: it goes, and nothing else.
+    Damage("log-0.dat", Where("log-0.dat", "value19"));
+    for (int round = 0; round < 2; round++) {
+        ASSERT_TRUE(Host.Start()) << Host.Text();
+        Client client(Host);
+        EXPECT_EQ(client.Ask("DBSIZE"), ":" + std::to_string(19 + round));
+        EXPECT_EQ(client.Ask("GET key19"), round == 0 ? "nil" : "$again");
+        EXPECT_EQ(client.Ask("GET key18"), "$value18");
+        EXPECT_EQ(client.Ask("SET key19 again"), "+OK");
+        Host.Kill();
+    }
+    std::filesystem::rename(Host.File("log-0.dat"), Host.File("log-9.dat"));
+    EXPECT_TRUE(Host.Start()) << "a segment is known by its header: " << Host.Text();
+    Host.Kill();
+    std::filesystem::remove(Host.File("log-9.dat"));
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+}
+
+TEST_P(Faulty, DamagedCheckpoint) {
+    ASSERT_TRUE(Host.Start({"--checkpoint", "100000"})) << Host.Text();
+    {
+        Client client(Host);
+        for (int i = 0; i < 3000; i++) client.Send(Request({"SET", "key" + std::to_string(i), std::string(200, 'v')}));
+        for (int i = 0; i < 3000; i++) ASSERT_EQ(client.Answer(), "+OK");
+        ASSERT_EQ(client.Ask({"SET", "large", std::string(1 << 20, 'L')}), "+OK");
+        EXPECT_TRUE(Await([&] { return Figure(client, "checkpoints") >= 1; }));
+        EXPECT_TRUE(Await([&] { return Figure(client, "checkpoint_in_progress") == 0; }));
+    }
+    Host.Kill();
+    for (const size_t offset : {size_t{100}, size_t{8192 * 3 + 4000}}) {
+        Damage("data.ckpt", offset);
+        EXPECT_FALSE(Host.Start());
+        EXPECT_EQ(Host.ExitCode, 1);
+        const std::string expected = "data.ckpt: offset " + std::to_string(offset / 8192 * 8192) + ": wrong checksum";
+        EXPECT_NE(Host.Text().find(expected), std::string::npos) << Host.Text();
+        Damage("data.ckpt", offset);
+    }
+    const auto size = std::filesystem::file_size(Host.File("data.ckpt"));
+    std::filesystem::copy_file(Host.File("data.ckpt"), Host.File("copy"));
+    std::filesystem::resize_file(Host.File("data.ckpt"), size - 8192);
+    EXPECT_FALSE(Host.Start());
+    EXPECT_NE(Host.Text().find("the file ends here"), std::string::npos) << Host.Text();
+    std::filesystem::rename(Host.File("copy"), Host.File("data.ckpt"));
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+    Client client(Host);
+    EXPECT_EQ(client.Ask("DBSIZE"), ":3001");
+    EXPECT_EQ(client.Ask("GET key2999"), "$" + std::string(200, 'v'));
+    EXPECT_EQ(client.Ask("STRLEN large"), ":1048576");
+}
+
+}  // namespace
+}  // namespace keyhost_test

@@ -35,6 +35,7 @@ struct Mode {
     const char *Io;        // ZVXKVT_IO, null for the probed one
     const char *Argument;  // one more option, or null
 };
+inline void PrintTo(const Mode &mode, std::ostream *out) { *out << mode.Name; }
 inline const Mode kModes[] = {
     {"io_uring", "io_uring", nullptr}, {"epoll", "epoll", nullptr}, {"threads", nullptr, "--threads"}};
 
@@ -59,7 +60,9 @@ struct Server {
     bool Start(std::vector<std::string> arguments = {}, std::vector<std::string> environment = {},
                rlim_t fileLimit = RLIM_INFINITY) {
         const std::string data = Folder + "/data", out = OutFile();
-        std::vector<std::string> all{KEYHOST, "--port", "0", "--dir", data};
+        // Small log files, so that a start does not fill large ones.
+        std::vector<std::string> all{KEYHOST,     "--port",  "0",           "--dir",  data,
+                                     "--segment", "1048576", "--max-value", "1100000"};
         if (Is.Argument != nullptr) all.push_back(Is.Argument);
         all.insert(all.end(), arguments.begin(), arguments.end());
         std::vector<char *> argv;
@@ -73,7 +76,9 @@ struct Server {
             dup2(file, 2);
             if (Is.Io != nullptr) setenv("ZVXKVT_IO", Is.Io, 1);
             for (const std::string &text : environment) putenv(strdup(text.c_str()));
-            const rlimit files{65536, 65536};
+            rlimit files{};
+            getrlimit(RLIMIT_NOFILE, &files);
+            files.rlim_cur = files.rlim_max;
             setrlimit(RLIMIT_NOFILE, &files);
             if (fileLimit != RLIM_INFINITY) {
                 const rlimit size{fileLimit, fileLimit};

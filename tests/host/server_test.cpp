@@ -1,0 +1,334 @@
+// tests/host/server_test.cpp - the server as clients see it: commands, pipelines, bad input, limits, its end.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <set>
+
+#include "server.h"
+
+namespace keyhost_test {
+namespace {
+
+struct Serving : testing::TestWithParam<Mode> {
+    Server Host{GetParam()};
+};
+
+INSTANTIATE_TEST_SUITE_P(On, Serving, testing::ValuesIn(kModes),
+                         [](const testing::TestParamInfo<Mode> &mode) { return std::string(mode.param.Name); });
+
+// The command, and the beginning of the answer; an answer that ends in | is meant whole.
+const char *const kTable[][2] = {
+    {"PING", "+PONG|"},
+    {"ping hello", "$hello|"},
+    {"ECHO x", "$x|"},
+    {"ECHO", "-ERR wrong number of arguments for 'echo' command"},
+    {"nosuch", "-ERR unknown command 'nosuch'"},
+    {"GET k", "nil|"},
+    {"SET k v", "+OK|"},
+    {"GET k", "$v|"},
+    {"SET k w NX", "nil|"},
+    {"SET k w XX GET", "$v|"},
+    {"SET absent w XX", "nil|"},
+    {"SET fresh w NX GET", "nil|"},
+    {"GET fresh", "$w|"},
+    {"SET k w NX XX", "-ERR syntax error"},
+    {"SET k w EX 10 PX 10", "-ERR syntax error"},
+    {"SET k w EX 0", "-ERR invalid expire time in 'set' command"},
+    {"SET k w EX -3", "-ERR invalid expire time in 'set' command"},
+    {"SET k w EX 9223372036854775807", "-ERR invalid expire time"},
+    {"SET k w EX x", "-ERR value is not an integer"},
+    {"SET k w EX", "-ERR syntax error"},
+    {"SET k t EX 100", "+OK|"},
+    {"TTL k", ":100|"},
+    {"SET k u KEEPTTL", "+OK|"},
+    {"TTL k", ":100|"},
+    {"APPEND k xy", ":3|"},
+    {"TTL k", ":100|"},
+    {"SET k v", "+OK|"},
+    {"TTL k", ":-1|"},
+    {"TTL none", ":-2|"},
+    {"PEXPIRE k 100000", ":1|"},
+    {"EXPIRE k 50 GT", ":0|"},
+    {"EXPIRE k 50 LT", ":1|"},
+    {"EXPIRE k 50 NX", ":0|"},
+    {"EXPIRE k 60 XX", ":1|"},
+    {"EXPIRE k 60 XX NX", "-ERR NX and XX"},
+    {"TTL k", ":60|"},
+    {"PERSIST k", ":1|"},
+    {"PERSIST k", ":0|"},
+    {"PTTL k", ":-1|"},
+    {"EXPIRE k -1", ":1|"},
+    {"EXISTS k", ":0|"},
+    {"EXPIRE k 5", ":0|"},
+    {"SETNX n 10", ":1|"},
+    {"SETNX n 11", ":0|"},
+    {"INCR n", ":11|"},
+    {"INCRBY n 9", ":20|"},
+    {"DECR n", ":19|"},
+    {"DECRBY n -1", ":20|"},
+    {"GETSET n 9223372036854775807", "$20|"},
+    {"INCR n", "-ERR increment or decrement would overflow"},
+    {"DECRBY n -9223372036854775808", "-ERR decrement would overflow"},
+    {"SET n 007", "+OK|"},
+    {"INCR n", "-ERR value is not an integer"},
+    {"SET n 1x", "+OK|"},
+    {"INCR n", "-ERR value is not an integer"},
+    {"INCR newcounter", ":1|"},
+    {"STRLEN n", ":2|"},
+    {"STRLEN none", ":0|"},
+    {"APPEND a b", ":1|"},
+    {"TYPE a", "+string|"},
+    {"TYPE none", "+none|"},
+    {"MSET x 1 y 2 x 3", "+OK|"},
+    {"MSET x", "-ERR wrong number"},
+    {"MSET x 1 y", "-ERR wrong number"},
+    {"MGET x y none", "[3 2 nil]|"},
+    {"DEL x x y none", ":2|"},
+    {"EXISTS a a none", ":2|"},
+    {"KEYS f*h", "[fresh]|"},
+    {"DBSIZE", ":4|"},
+    {"SCAN 0 COUNT x", "-ERR value is not an integer"},
+    {"SCAN x", "-ERR invalid cursor"},
+    {"SCAN 0 MATCH new* COUNT 1000", "[0 [newcounter]]|"},
+    {"SELECT 0", "+OK|"},
+    {"SELECT 1", "-ERR DB index is out of range"},
+    {"CONFIG GET appendfsync", "[appendfsync always]|"},
+    {"CONFIG GET nothing", "[]|"},
+    {"CLIENT SETNAME me", "+OK|"},
+    {"CLIENT GETNAME", "$me|"},
+    {"CLIENT SETINFO lib-name x", "+OK|"},
+    {"CLIENT NOSUCH", "-ERR unknown subcommand"},
+    {"COMMAND COUNT", ":"},
+    {"COMMAND DOCS", "[]|"},
+    {"COMMAND INFO get none", "[[get :2 [+readonly] :1 :1 :1] nil]|"},
+    {"HELLO 3", "-NOPROTO"},
+    {"HELLO 2 SETNAME you", "[server keyhost"},
+    {"CLIENT GETNAME", "$you|"},
+    {"FLUSHALL x", "-ERR syntax error"},
+    {"FLUSHALL", "+OK|"},
+    {"DBSIZE", ":0|"},
+    {"QUIT", "+OK|"},
+};
+
+TEST_P(Serving, Commands) {
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+    Client client(Host);
+    for (const auto &row : kTable) {
+        std::string expected = row[1];
+        const std::string answer = client.Ask(row[0]);
+        const bool whole = expected.back() == '|';
+        if (whole) expected.pop_back();
+        EXPECT_EQ(whole ? answer : answer.substr(0, expected.size()), expected) << row[0];
+    }
+    EXPECT_TRUE(client.AwaitClose());
+    // Bytes of every kind pass, and large values take the same road as small ones.
+    Client other(Host);
+    std::string large(1 << 20, '\0');
+    for (size_t i = 0; i < large.size(); i++) large[i] = static_cast<char>(i * 7 + i / 256);
+    EXPECT_EQ(other.Ask({"SET", "large", large}), "+OK");
+    EXPECT_EQ(other.Ask("GET large"), "$" + large);
+    EXPECT_EQ(other.Ask({"SET", std::string("\0\r\n", 3), ""}), "+OK");
+    EXPECT_EQ(other.Ask({"GET", std::string("\0\r\n", 3)}), "$");
+    EXPECT_EQ(other.Ask({"SET", "s", "v", "PX", "60"}), "+OK");
+    EXPECT_EQ(other.Ask("EXISTS s"), ":1");
+    EXPECT_TRUE(Await([&] { return other.Ask("GET s") == "nil"; }, 2000));
+}
+
+// Answers come in order and are gathered: many requests in one piece make few sends, and writes share log writes.
+TEST_P(Serving, PipelinesAndInline) {
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+    Client client(Host);
+    std::string all;
+    for (int i = 0; i < 3000; i++) all += Request({"SET", "p" + std::to_string(i), std::to_string(i)});
+    for (int i = 0; i < 3000; i++) all += Request({"GET", "p" + std::to_string(i)});
+    // In pieces that end anywhere.
+    std::mt19937 random(1);
+    std::thread sender([&] {
+        for (size_t at = 0; at < all.size();) {
+            const size_t piece = std::min<size_t>(1 + random() % 5000, all.size() - at);
+            client.Send({all.data() + at, piece});
+            at += piece;
+        }
+    });
+    for (int i = 0; i < 3000; i++) EXPECT_EQ(client.Answer(), "+OK");
+    for (int i = 0; i < 3000; i++) EXPECT_EQ(client.Answer(), "$" + std::to_string(i));
+    sender.join();
+    EXPECT_LT(Figure(client, "log_writes"), 1500);
+    EXPECT_EQ(Figure(client, "commits"), 3000);
+    client.Send("PING\r\nSET in 'a b'\r\nGET in\n\r\n\r\nping\r\n");
+    for (const char *answer : {"+PONG", "+OK", "$a b", "+PONG"}) EXPECT_EQ(client.Answer(), answer);
+    // A client that has sent its last request still gets every answer.
+    client.Send(Request({"INCR", "in2"}) + Request({"GET", "in2"}));
+    shutdown(client.Fd, SHUT_WR);
+    EXPECT_EQ(client.Answer(), ":1");
+    EXPECT_EQ(client.Answer(), "$1");
+    EXPECT_TRUE(client.AwaitClose());
+}
+
+TEST_P(Serving, ScanUnderChange) {
+    ASSERT_TRUE(Host.Start({"--durability", "no"})) << Host.Text();
+    Client client(Host);
+    for (int i = 0; i < 1000; i++) client.Send(Request({"SET", "stay:" + std::to_string(i), "v"}));
+    for (int i = 0; i < 1000; i++) ASSERT_EQ(client.Answer(), "+OK");
+    std::multiset<std::string> seen;
+    std::string cursor = "0";
+    int added = 0, steps = 0;
+    do {
+        const std::string answer = client.Ask("SCAN " + cursor + " MATCH stay:* COUNT 100");
+        const size_t space = answer.find(' ');
+        cursor = answer.substr(1, space - 1);
+        for (const std::string &key : Split(answer.substr(space + 2, answer.size() - space - 4))) seen.insert(key);
+        if (added < 20000) {
+            for (int i = 0; i < 300; i++) client.Send(Request({"SET", "new:" + std::to_string(added++), "v"}));
+            for (int i = 0; i < 300; i++) ASSERT_EQ(client.Answer(), "+OK");
+        }
+        ASSERT_LT(++steps, 2000);
+    } while (cursor != "0");
+    EXPECT_EQ(seen.size(), 1000u);
+    EXPECT_EQ(std::set<std::string>(seen.begin(), seen.end()).size(), 1000u);
+}
+
+// Each kind of nonsense gets a clear answer or an end, and nobody else notices.
+TEST_P(Serving, BadInput) {
+    ASSERT_TRUE(Host.Start({"--max-value", "100000", "--max-buffers", "2000000", "--request-timeout", "1"}))
+        << Host.Text();
+    Client witness(Host);
+    const std::pair<std::string, const char *> cases[] = {
+        {"*1\r\n*1\r\n*1\r\n$4\r\nPING\r\n", "-ERR Protocol error: expected '$', got '*'"},
+        {"*1\r\n$100001\r\n", "-ERR Protocol error: invalid bulk length"},
+        {"*99999999\r\n", "-ERR Protocol error: invalid multibulk length"},
+        {std::string(100000, 'x'), "-ERR Protocol error: too big inline request"},
+        {"*2\r\n$3\r\nGET\r\n$1\r\nabc\r\n", "-ERR Protocol error: bulk string without its end"},
+        {"SET a 'b\r\n", "-ERR Protocol error: unbalanced quotes in request"},
+        {"*2\r\n$4\r\nECHO\r\n$5\r\nhal", "-ERR the request did not come to an end in time"},
+    };
+    for (const auto &[text, error] : cases) {
+        Client client(Host);
+        // What came before is answered.
+        client.Send(Request({"PING"}) + text);
+        EXPECT_EQ(client.Answer(), "+PONG");
+        EXPECT_EQ(client.Answer(), error);
+        EXPECT_TRUE(client.AwaitClose());
+        EXPECT_EQ(witness.Ask("PING"), "+PONG");
+    }
+    // Requests that are not complete share a limit.
+    std::vector<Client> many;
+    int refused = 0;
+    for (int i = 0; i < 40; i++) {
+        many.emplace_back(Host);
+        many.back().Send("*3\r\n$3\r\nSET\r\n$1\r\nk\r\n$100000\r\n" + std::string(99999, 'x'));
+    }
+    for (Client &client : many) refused += client.Answer().find("too many large requests") != std::string::npos;
+    EXPECT_GT(refused, 5);
+    EXPECT_LT(refused, 40);
+    many.clear();
+    EXPECT_TRUE(Await([&] { return Figure(witness, "query_buffer_bytes") < 100000; }));
+    // Connections that are reset in the middle of a request, of an answer, or of a wait for the log.
+    for (int i = 0; i < 50; i++) {
+        Client client(Host);
+        client.Send(i % 2 == 0 ? Request({"SET", "r", "v"}) + "*3\r\n$3\r\nSE" : Request({"GET", "r"}));
+        client.Reset();
+    }
+    EXPECT_TRUE(Await([&] { return Figure(witness, "connected_clients") == 1; }));
+    std::mt19937 random(5);
+    for (int i = 0; i < 200; i++) {
+        Client client(Host);
+        std::string noise(random() % 300, ' ');
+        for (char &c : noise) c = static_cast<char>(random());
+        client.Send(noise);
+    }
+    EXPECT_EQ(witness.Ask("PING"), "+PONG");
+}
+
+// A client that stops reading holds up its own session only, and not for ever.
+TEST_P(Serving, SlowReader) {
+    ASSERT_TRUE(Host.Start({"--send-timeout", "1", "--idle-timeout", "4"})) << Host.Text();
+    Client witness(Host);
+    ASSERT_EQ(witness.Ask({"SET", "big", std::string(1 << 20, 'x')}), "+OK");
+    Client slow(Host, 4096), idle(Host);
+    for (int i = 0; i < 30; i++) slow.Send(Request({"GET", "big"}));
+    EXPECT_EQ(witness.Ask("STRLEN big"), ":1048576");
+    EXPECT_TRUE(Await([&] { return Figure(witness, "sessions_cleaned") >= 1; }, 5000));
+    EXPECT_TRUE(Await([&] { return Figure(witness, "connected_clients") == 1; }, 8000));
+    EXPECT_EQ(idle.Answer(), "-ERR closed after a long time without a request");
+}
+
+TEST_P(Serving, LimitOfSessions) {
+    ASSERT_TRUE(Host.Start({"--max-sessions", "20"})) << Host.Text();
+    std::vector<Client> clients;
+    int welcome = 0, refused = 0;
+    for (int i = 0; i < 40; i++) clients.emplace_back(Host);
+    for (Client &client : clients) {
+        const std::string answer = client.Ask("PING");
+        welcome += answer == "+PONG";
+        refused += answer == "-ERR max number of clients reached" || answer == "closed";
+    }
+    EXPECT_EQ(welcome, 20);
+    EXPECT_EQ(refused, 20);
+    // A place that is left can be taken.
+    clients[0].Close();
+    EXPECT_TRUE(Await([&] { return Client(Host).Ask("PING") == "+PONG"; }));
+}
+
+// Ten thousand clients at a time, ten thousand more refused, and every one of the first is still served.
+TEST_P(Serving, TwentyThousandConnections) {
+    if (GetParam().Argument != nullptr) GTEST_SKIP() << "ten thousand kernel threads are not what is tested";
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = files.rlim_max;
+    if (files.rlim_max < 11000 || setrlimit(RLIMIT_NOFILE, &files) != 0)
+        GTEST_SKIP() << "no permission for so many descriptors";
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+    std::vector<Client> clients;
+    clients.reserve(20000);
+    int connected = 0;
+    for (int i = 0; i < 10000; i++) connected += clients.emplace_back(Host).Connected;
+    ASSERT_EQ(connected, 10000);
+    for (Client &client : clients) ASSERT_EQ(client.Ask("PING"), "+PONG");
+    const auto resident = [&] {
+        std::ifstream file("/proc/" + std::to_string(Host.Child) + "/statm");
+        long total = 0, pages = 0;
+        file >> total >> pages;
+        return pages * 4;
+    };
+    const long kib = resident();
+    int refused = 0;
+    for (int i = 0; i < 10000; i++) {
+        Client late(Host);
+        const std::string answer = late.Answer();
+        refused += answer == "-ERR max number of clients reached" || answer == "closed";
+    }
+    EXPECT_EQ(refused, 10000);
+    for (Client &client : clients) ASSERT_EQ(client.Ask("INCR n").substr(0, 1), ":");
+    EXPECT_EQ(clients[0].Ask("GET n"), "$10000");
+    printf("resident with 10000 sessions: %.1f KiB each\n", static_cast<double>(kib) / 10000);
+    EXPECT_LT(kib / 10000, 24) << "KiB a session";
+}
+
+// Asked to end, the server ends with everything in its place: by signal and by command.
+TEST_P(Serving, EndsCleanly) {
+    for (int round = 0; round < 2; round++) {
+        ASSERT_TRUE(Host.Start({"--durability", round == 0 ? "everysec" : "always"})) << Host.Text();
+        Client client(Host);
+        EXPECT_EQ(client.Ask("INCR rounds"), ":" + std::to_string(round + 1));
+        if (round == 0) {
+            EXPECT_EQ(Host.Terminate(), 0) << Host.Text();
+        } else {
+            client.Send(Request({"SHUTDOWN"}));
+            EXPECT_TRUE(client.AwaitClose());
+            EXPECT_EQ(Host.AwaitEnd(), 0) << Host.Text();
+        }
+    }
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+    EXPECT_EQ(Client(Host).Ask("GET rounds"), "$2");
+    // The folder belongs to one server at a time.
+    const pid_t first = Host.Child;
+    Host.Child = 0;
+    EXPECT_FALSE(Host.Start());
+    EXPECT_NE(Host.Text().find("in use by another process"), std::string::npos) << Host.Text();
+    Host.Child = first;
+}
+
+}  // namespace
+}  // namespace keyhost_test
