@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "zvxkvt/osapi.h"
+#include "zvxkvt/sockets.h"
 #include "zvxkvt/zvxkvt.h"
 
 static int Lookup(const char *name, char *buffer, int capacity) {
@@ -29,6 +30,14 @@ static DWORD WINAPI Child(LPVOID event) {
 static DWORD WINAPI Host(LPVOID param) {
     HANDLE event = CreateEventA(NULL, TRUE, FALSE, NULL), thread = CreateThread(NULL, 0, Child, event, 0, NULL);
     DWORD code = 0;
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET((SOCKET)4, &set);
+    FD_SET((SOCKET)8, &set);
+    FD_SET((SOCKET)4, &set);
+    FD_CLR((SOCKET)4, &set);
+    REQUIRE(set.fd_count == 1 && FD_ISSET((SOCKET)8, &set) && !FD_ISSET((SOCKET)4, &set));
+    REQUIRE(send(INVALID_SOCKET, "", 1, 0) == SOCKET_ERROR && WSAGetLastError() == (int)WSAENOTSOCK);
     REQUIRE(strcmp((const char *)param, "parameter") == 0 && ZvxSchedulerCount() == 2);
     REQUIRE(WaitForSingleObject(event, 10000) == WAIT_OBJECT_0);
     REQUIRE(WaitForSingleObject(thread, 10000) == WAIT_OBJECT_0);
