@@ -284,6 +284,11 @@ TEST(Socket, EveryFlagOfAReceive) {
     const HANDLE port = NewPort();
     char buffer[20] = {};
     SocketOperation op;
+    // None of this depends on the mode, which is for calls without an OVERLAPPED.
+    ULONG on = 1;
+    EXPECT_EQ(0, os::ioctlsocket(pair.Server, static_cast<LONG>(ZVX_FIONBIO), &on));
+    EXPECT_EQ(SOCKET_ERROR, os::recv(pair.Server, buffer, 1, 0));
+    Shows(WSAEWOULDBLOCK);
     // An empty receive ends when there is something to read, and takes nothing.
     ASSERT_EQ(ERROR_IO_PENDING, op.Receive(pair.Server, buffer, 0));
     Take(port, 30);
@@ -401,13 +406,15 @@ TEST(Socket, AcceptExGivesConnectionsInTheirOrder) {
         sockaddr_in address = Loopback();
         address.sin_addr.s_addr = htonl(bound);
         const SOCKET listener = NewListener(address);
+        ULONG on = bound == INADDR_ANY;  // the mode is of no concern to an AcceptEx
+        EXPECT_EQ(0, os::ioctlsocket(listener, static_cast<LONG>(ZVX_FIONBIO), &on));
         SOCKET fresh[4], clients[4];
         SocketOperation ops[4];
         for (int i = 0; i < 4; i++) {
             fresh[i] = NewSocket();
             // One with a descriptor of its own already.
-            int on = 1;
-            if (i == 1) os::setsockopt(fresh[i], ZVX_SOL_SOCKET, ZVX_SO_KEEPALIVE, reinterpret_cast<char *>(&on), 4);
+            int keep = 1;
+            if (i == 1) os::setsockopt(fresh[i], ZVX_SOL_SOCKET, ZVX_SO_KEEPALIVE, reinterpret_cast<char *>(&keep), 4);
             ASSERT_EQ(ERROR_IO_PENDING, ops[i].Accept(listener, fresh[i]));
         }
         SocketOperation wrong;
@@ -504,6 +511,24 @@ TEST(Socket, DuplicatesHereAndInAnotherProcess) {
     EXPECT_EQ(INVALID_SOCKET, take()) << "consumed";
     Shows(WSAEINVAL);
     EXPECT_EQ(0, os::closesocket(copy));
+    // What is done with one is done with the other, whenever the duplicate gets its descriptor.
+    const SOCKET source = NewSocket();
+    ASSERT_EQ(0, os::WSADuplicateSocketA(source, self, &info));
+    copy = take();
+    const sockaddr_in address = Loopback();
+    EXPECT_EQ(0, os::bind(source, Plain(address), sizeof address));
+    std::atomic<int> go{0};
+    const auto use = [&] {
+        go++;
+        while (go < 3) os::CpuRelax();
+        EXPECT_EQ(NameOf(source).sin_port, NameOf(copy).sin_port);
+    };
+    Together(use, use, use);
+    EXPECT_EQ(0, os::listen(source, 10));
+    const SOCKET visitor = ConnectTo(copy), taken = os::accept(copy, nullptr, nullptr);
+    EXPECT_NE(INVALID_SOCKET, taken);
+    EXPECT_EQ(before + 4, OpenDescriptors());
+    for (const SOCKET s : {source, copy, visitor, taken}) EXPECT_EQ(0, os::closesocket(s));
     // Used, also after the source was closed.
     ASSERT_EQ(0, os::WSADuplicateSocketA(pair.Client, self, &info));
     copy = take();

@@ -44,6 +44,10 @@ constexpr uint32_t kSubmitCalls = 16;
 constexpr uint64_t kIgnored = 1;
 constexpr uint64_t kWakeUp = 2;
 
+// Whether a send is tried by a call of its own before it becomes an entry. socket_bench, server's time beside a bare
+// ring's in the same run: 50 connections 1.01 as entries, 1.2 to 1.4 when tried; one connection the same either way.
+constexpr bool kSendAtOnce = false;
+
 constexpr uint32_t kMaxTransfer = 0x7FFFF000u;  // what the kernel moves in one call
 
 // The combinations to try, best first: older kernels know fewer of them.
@@ -237,6 +241,13 @@ bool RingStart(Engine *engine, Request *request) {
         if (!AppendToStream(stream, request)) {
             request->Stage.store(RequestStage::kParked, std::memory_order_relaxed);
             return false;
+        }
+    }
+    if (kSendAtOnce && request->Call.Kind == RequestKind::kSend && !request->Call.Later && request->Call.Done == 0) {
+        const int64_t moved = MoveSocket(&request->Call, MSG_DONTWAIT);
+        if (moved != -EAGAIN && AccountTransfer(&request->Call, moved, false, &request->Status)) {
+            RemoveFromStream(engine, request);
+            return true;
         }
     }
     Prepare(engine, request);

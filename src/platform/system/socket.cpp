@@ -143,11 +143,7 @@ uint64_t CookieOf(int fd) {
 
 // What the kernel knows about a descriptor that came from elsewhere.
 void LearnFlags(SocketObject *socket) {
-    int listening = 0;
-    socklen_t length = sizeof listening;
-    if (syscall(SYS_getsockopt, socket->Fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0 && listening != 0)
-        AddFlags(socket, kSocketListening);
-    IsConnected(socket);
+    if (!IsListening(socket)) IsConnected(socket);
     const int flags = fcntl(socket->Fd, F_GETFL);
     socket->NonBlocking.store((flags & O_NONBLOCK) != 0, std::memory_order_relaxed);
 }
@@ -162,7 +158,7 @@ SOCKET DuplicateHere(const WSAPROTOCOL_INFOA *info, const DuplicateRecord &recor
             return INVALID_SOCKET;
         }
         AddFlags(source, kSocketShared);
-        socket->Flags.store(FlagsOf(source), std::memory_order_relaxed);
+        socket->Flags.store((FlagsOf(source) & ~kSocketNeverBlocks) | kSocketDuplicate, std::memory_order_relaxed);
         socket->NonBlocking.store(source->NonBlocking.load(std::memory_order_relaxed), std::memory_order_relaxed);
         memcpy(socket->Fixed, source->Fixed, sizeof socket->Fixed);
         socket->FixedLength = source->FixedLength;
@@ -283,11 +279,6 @@ DWORD MakeDescriptor(SocketObject *socket) {
             sched_yield();
             continue;
         }
-        if (socket->Source != nullptr) {
-            // A reference of our own on the source is not needed: it is the object's until the state changes, and the
-            // state changes only below.
-            if (const DWORD error = NeedDescriptor(socket->Source)) return error;
-        }
         // Not to be stopped while others wait for the state to change.
         EnterInnerRegion();
         if (socket->State.compare_exchange_strong(state, SocketState::kMaking, std::memory_order_acquire)) break;
@@ -295,10 +286,12 @@ DWORD MakeDescriptor(SocketObject *socket) {
     }
     const bool nonBlocking = socket->NonBlocking.load(std::memory_order_seq_cst);
     SocketObject *source = socket->Source;
-    const int fd = source != nullptr
+    DWORD error = source == nullptr ? 0 : NeedDescriptor(source);
+    const int fd = error != 0 ? -1
+                   : source != nullptr
                        ? fcntl(source->Fd, F_DUPFD_CLOEXEC, 0)
                        : OpenKernelSocket(socket->Family, socket->SocketType, socket->Protocol, nonBlocking);
-    const DWORD error = fd >= 0 ? 0 : SocketErrorOfErrno(errno);
+    if (fd < 0 && error == 0) error = SocketErrorOfErrno(errno);
     socket->Fd = fd;
     if (fd >= 0) socket->Source = nullptr;
     socket->State.store(fd >= 0 ? SocketState::kReady : SocketState::kLazy, std::memory_order_seq_cst);
@@ -336,6 +329,19 @@ bool IsConnected(SocketObject *socket) {
     if (syscall(SYS_getpeername, socket->Fd, &name, &length) != 0) return false;
     AddFlags(socket, kSocketConnected);
     return true;
+}
+
+bool IsListening(SocketObject *socket) {
+    const uint32_t flags = FlagsOf(socket);
+    if ((flags & kSocketListening) != 0) return true;
+    // Only through a duplicate without this object's knowledge.
+    if ((flags & kSocketShared) == 0 || socket->State.load(std::memory_order_acquire) != SocketState::kReady)
+        return false;
+    int listening = 0;
+    socklen_t length = sizeof listening;
+    syscall(SYS_getsockopt, socket->Fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length);
+    if (listening != 0) AddFlags(socket, kSocketListening);
+    return listening != 0;
 }
 
 SOCKET socket(int family, int type, int protocol) {

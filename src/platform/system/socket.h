@@ -32,6 +32,7 @@ constexpr uint32_t kSocketReset = 32;         // the kernel reports a reset once
 constexpr uint32_t kSocketShared = 64;        // has duplicates, here or in another process
 constexpr uint32_t kSocketNeverBlocks = 128;  // NeverBlock was called
 constexpr uint32_t kSocketExclusive = 256;    // SO_EXCLUSIVEADDRUSE
+constexpr uint32_t kSocketDuplicate = 512;    // init: made as one; has a Source while it is kLazy
 
 struct DeferredAccept {  // a connection whose acceptance was put off; from the heap
     DeferredAccept *Next;
@@ -43,10 +44,11 @@ struct EventRecord;  // socket_events.cpp
 struct SocketObject : IoObject {
     std::atomic<SocketState> State{SocketState::kLazy};
     std::atomic<uint32_t> Flags{0};
-    int Family = 0;                        // init
-    int SocketType = 0;                    // init: the kernel's number, which is the host's too
-    int Protocol = 0;                      // init
-    SocketObject *Source = nullptr;        // kLazy: a reference on what it is to be a duplicate of, or null
+    int Family = 0;      // init
+    int SocketType = 0;  // init: the kernel's number, which is the host's too
+    int Protocol = 0;    // init
+    // A reference on what it is to be a duplicate of, or null. Owned by who made the state kMaking, and by Destroy.
+    SocketObject *Source = nullptr;
     std::atomic<bool> NonBlocking{false};  // FIONBIO
     std::atomic<uint32_t> Blockers{0};     // threads in a call that may block; see HandlesGone
     std::atomic<DWORD> ReceiveTimeout{0};  // milliseconds, 0 for none
@@ -60,7 +62,8 @@ struct SocketObject : IoObject {
 };
 
 inline uint32_t FlagsOf(const SocketObject *socket) {
-    return socket->Flags.load(std::memory_order_relaxed);
+    // Acquire: what a flag stands for was written before it.
+    return socket->Flags.load(std::memory_order_acquire);
 }
 inline void AddFlags(SocketObject *socket, uint32_t flags) {
     // Mostly there already: the line stays shared then.
@@ -90,11 +93,14 @@ inline DWORD NeedDescriptor(SocketObject *socket) {
 inline DWORD NeedExisting(SocketObject *socket, DWORD error) {
     const SocketState state = socket->State.load(std::memory_order_acquire);
     if (state == SocketState::kReady) return 0;
-    if (state == SocketState::kAccepting || (state == SocketState::kLazy && socket->Source == nullptr)) return error;
+    if (state == SocketState::kAccepting || (state == SocketState::kLazy && (FlagsOf(socket) & kSocketDuplicate) == 0))
+        return error;
     return MakeDescriptor(socket);
 }
 void RaiseDescriptorLimit();  // once a process
+// As far as this process knows, else as the kernel says. The socket may have no descriptor yet (false).
 bool IsConnected(SocketObject *socket);
+bool IsListening(SocketObject *socket);
 // Sleeps until the descriptor is ready for `events` of poll, at most `ms` (-1: no limit). Result of poll; restarted
 // after signals.
 int PollDescriptor(int fd, short events, int ms);

@@ -119,7 +119,7 @@ DWORD ClaimFresh(SocketObject *accepted) {
         if ((FlagsOf(accepted) & kUsed) != 0 || name.sin_port != 0 ||
             accepted->EngineMask.load(std::memory_order_relaxed) != 0)
             return WSAEINVAL;
-    } else if (state != SocketState::kLazy || accepted->Source != nullptr) {
+    } else if (state != SocketState::kLazy || (FlagsOf(accepted) & kSocketDuplicate) != 0) {
         return WSAEINVAL;
     }
     if (accepted->Events.load(std::memory_order_relaxed) != nullptr) return WSAEINVAL;
@@ -278,9 +278,8 @@ BOOL AcceptEx(SOCKET listener, SOCKET acceptSocket, void *buffer, DWORD receiveL
     call.Length = remoteLength;
     const DWORD least = static_cast<DWORD>(sizeof(AcceptArea)) + LeastAddress(target);
     DWORD error = NeedExisting(target, WSAEINVAL);
-    if (error == 0 && ((FlagsOf(target) & kSocketListening) == 0 || localLength < least || remoteLength < least ||
-                       target == accepted || target->Family != accepted->Family ||
-                       localLength < sizeof(AcceptArea) + target->FixedLength))
+    if (error == 0 && (!IsListening(target) || localLength < least || remoteLength < least || target == accepted ||
+                       target->Family != accepted->Family || localLength < sizeof(AcceptArea) + target->FixedLength))
         error = WSAEINVAL;
     if (error == 0 && !TakeEvent(&call)) error = WSA_INVALID_HANDLE;
     if (error == 0) error = ClaimFresh(accepted);

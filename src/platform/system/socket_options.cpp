@@ -114,7 +114,7 @@ DWORD UpdateAcceptContext(SocketObject *socket, const char *value, int length) {
     memcpy(&s, value, static_cast<size_t>(length));
     SocketObject *listener = RefSocket(s);
     if (listener == nullptr) return WSAENOTSOCK;
-    const bool listening = (FlagsOf(listener) & kSocketListening) != 0;
+    const bool listening = IsListening(listener);
     UnrefObject(listener);
     if (!listening) return WSAEINVAL;
     return IsConnected(socket) ? 0 : WSAENOTCONN;

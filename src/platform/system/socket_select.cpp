@@ -45,10 +45,8 @@ void Prepare(const Entry &entry, pollfd *poll, bool *unreported) {
     const uint32_t flags = FlagsOf(socket);
     poll->fd = -1;
     poll->events = poll->revents = 0;
-    // Of a duplicate nobody here knows what was done with it.
-    const bool known = (flags & (kSocketListening | kSocketConnecting | kSocketConnected)) != 0;
-    if (socket->State.load(std::memory_order_acquire) == SocketState::kLazy && socket->Source != nullptr)
-        NeedDescriptor(socket);
+    if ((flags & kSocketDuplicate) != 0) NeedDescriptor(socket);
+    const bool known = (flags & kSocketConnecting) != 0 || IsListening(socket);
     if (socket->State.load(std::memory_order_acquire) != SocketState::kReady ||
         (!known && socket->SocketType == SOCK_STREAM && !IsConnected(socket))) {
         *unreported = true;
