@@ -173,7 +173,7 @@ TEST_P(DedicatedCalls, ARoutineReachesEveryWait) {
     EXPECT_HOST_OK(RunHost(Options(), [] {
         const Bystander other;
         const ULONGLONG start = GetTickCount64();
-        Reachable sleeper([](HANDLE) -> DWORD { return Sleep(300), 1; });
+        Reachable sleeper([](HANDLE) -> DWORD { return Sleep(1500), 1; });
         Reachable poster([](HANDLE event) -> DWORD { return WaitForUserThreadPost(event, INFINITE); });
         const HANDLE go = CreateEventA(nullptr, TRUE, FALSE, nullptr);
         Reachable waiter([&](HANDLE) -> DWORD { return WaitForSingleObject(go, INFINITE); });
@@ -199,15 +199,18 @@ TEST_P(DedicatedCalls, ARoutineReachesEveryWait) {
             DWORD got = 0;
             return ReadConsoleA(terminal.Console, buffer, sizeof buffer, &got, nullptr) ? got : 0;
         });
-        Reachable stopped([](HANDLE) -> DWORD { return Sleep(40), 3; });
+        std::atomic<bool> leave{false};
+        Reachable stopped([&](HANDLE) -> DWORD {
+            while (!leave) Sleep(5);
+            return 3;
+        });
         SuspendThread(stopped.Thread.Handle);
         Sleep(50);
         for (int round = 0; round < 3; round++)
             for (const Reachable *one : {&sleeper, &poster, &waiter, &reader, &entrant, &typist, &stopped})
-                if (one != &sleeper || GetTickCount64() < start + 250) HOST_CHECK(Inject(*one));
+                if (one != &sleeper || GetTickCount64() < start + 500) HOST_CHECK(Inject(*one));
         HOST_EQ(1u, sleeper.Thread.Join());
-        HOST_CHECK(GetTickCount64() >= start + 300);
-        HOST_CHECK(GetTickCount64() < start + 3000);
+        HOST_CHECK(GetTickCount64() >= start + 1500);
         for (const Reachable *one : {&poster, &waiter, &reader, &entrant, &typist, &stopped})
             HOST_EQ(WAIT_TIMEOUT, WaitForSingleObject(one->Thread.Handle, 0));
         HOST_CHECK(PostUserThread(poster.Event));
@@ -221,6 +224,8 @@ TEST_P(DedicatedCalls, ARoutineReachesEveryWait) {
         HOST_EQ(2u, entrant.Thread.Join());
         terminal.Type("ab\n");
         HOST_EQ(4u, typist.Thread.Join());
+        leave = true;
+        HOST_EQ(WAIT_TIMEOUT, WaitForSingleObject(stopped.Thread.Handle, 20));
         HOST_EQ(1u, ResumeThread(stopped.Thread.Handle));
         HOST_EQ(3u, stopped.Thread.Join());
         HOST_CHECK(!UserThreadExecRoutine(stopped.Event, CountRoutine));
@@ -294,14 +299,16 @@ TEST_P(DedicatedCalls, OtherProcessesAndTheirNames) {
         // A mutex by name belongs to the user thread that took it, not to its scheduler.
         const std::string name = "Global\\zvx_host_" + std::to_string(GetCurrentProcessId());
         const HANDLE mutex = CreateMutexA(nullptr, TRUE, name.c_str());
+        std::atomic<bool> tried{false};
         HostThread second([&]() -> DWORD {
             const HANDLE same = OpenMutexA(MUTEX_ALL_ACCESS, FALSE, name.c_str());
             if (WaitForSingleObject(same, 5) != WAIT_TIMEOUT) return 1;
             if (ReleaseMutex(same) || GetLastError() != ERROR_NOT_OWNER) return 2;
+            tried = true;
             if (WaitForSingleObject(same, 20000) != WAIT_OBJECT_0) return 3;
             return ReleaseMutex(same) && CloseHandle(same) ? 0 : 4;
         });
-        Sleep(50);
+        while (!tried) Sleep(1);
         HOST_CHECK(ReleaseMutex(mutex));
         HOST_EQ(0u, second.Join());
         const HANDLE semaphore = CreateSemaphoreW(nullptr, 1, 2, nullptr);
