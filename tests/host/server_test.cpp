@@ -279,7 +279,7 @@ TEST_P(Serving, TwentyThousandConnections) {
     files.rlim_cur = files.rlim_max;
     if (files.rlim_max < 11000 || setrlimit(RLIMIT_NOFILE, &files) != 0)
         GTEST_SKIP() << "no permission for so many descriptors";
-    ASSERT_TRUE(Host.Start()) << Host.Text();
+    ASSERT_TRUE(Host.Start({"--durability", "everysec"})) << Host.Text();
     std::vector<Client> clients;
     clients.reserve(20000);
     int connected = 0;
