@@ -22,11 +22,17 @@ struct Listener {
     uint16_t Port;
 };
 
-Listener Listen(DWORD flags = 0) {
-    Listener result{WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, flags), 0};
+sockaddr_in Loopback(uint16_t port) {
     sockaddr_in name{};
     name.sin_family = AF_INET;
+    name.sin_port = htons(port);
     name.sin_addr.s_addr = inet_addr("127.0.0.1");
+    return name;
+}
+
+Listener Listen(DWORD flags = 0) {
+    Listener result{WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, flags), 0};
+    sockaddr_in name = Loopback(0);
     int length = sizeof name;
     HOST_EQ(0, bind(result.Socket, reinterpret_cast<sockaddr *>(&name), length));
     HOST_EQ(0, listen(result.Socket, 200));
@@ -175,43 +181,47 @@ TEST_P(Sockets, OneSocketOnManySchedulers) {
     EXPECT_HOST_OK(RunHost(Options(), [] {
         constexpr uint32_t kThreads = 6, kBlocks = 60, kRounds = 12;
         const Listener listener = Listen();
+        const sockaddr_in name = Loopback(listener.Port);
         for (uint32_t round = 0; round < kRounds; round++) {
-            Pair pair(listener);
-            Plain echo([&] {
-                char buffer[4000];
-                for (long got; (got = read(pair.Peer, buffer, sizeof buffer)) > 0;)
-                    netpeer::WriteAll(pair.Peer, buffer, static_cast<size_t>(got));
-                close(pair.Peer);
-            });
+            // Not an accepted one, which is bound already: its first users race to bind it.
+            const SOCKET shared = socket(AF_INET, SOCK_STREAM, 0);
+            HOST_EQ(0, connect(shared, reinterpret_cast<const sockaddr *>(&name), sizeof name));
+            const SOCKET served = accept(listener.Socket, nullptr, nullptr);
+            HostThread echo([served] { return Echo(served); });
             std::atomic<uint32_t> received[kThreads] = {};
+            std::atomic<bool> go{false};
             std::deque<HostThread> senders, receivers;
             for (uint32_t t = 0; t < kThreads; t++) {
                 senders.emplace_back([&, t]() -> DWORD {
+                    while (!go.load()) Sleep(0);
                     for (uint32_t i = 0; i < kBlocks; i++) {
                         const std::vector<char> block(1 + (t * 977 + i * 131) % 2000, static_cast<char>(t));
                         const int bytes = static_cast<int>(block.size());
-                        if (send(pair.Socket, block.data(), bytes, 0) != bytes) return 1;
+                        if (send(shared, block.data(), bytes, 0) != bytes) return 1;
                     }
                     return 0;
                 });
                 receivers.emplace_back([&]() -> DWORD {
+                    while (!go.load()) Sleep(0);
                     char buffer[1500];
                     int got;
-                    while ((got = recv(pair.Socket, buffer, sizeof buffer, 0)) > 0)
+                    while ((got = recv(shared, buffer, sizeof buffer, 0)) > 0)
                         for (int i = 0; i < got; i++) received[static_cast<uint32_t>(buffer[i])]++;
                     return got == 0 ? 0 : 1;
                 });
             }
+            Sleep(2);
+            go = true;
             for (HostThread &sender : senders) HOST_EQ(0u, sender.Join());
-            HOST_EQ(0, shutdown(pair.Socket, SD_SEND));
+            HOST_EQ(0, shutdown(shared, SD_SEND));
             for (HostThread &receiver : receivers) HOST_EQ(0u, receiver.Join());
             for (uint32_t t = 0; t < kThreads; t++) {
                 uint32_t sent = 0;
                 for (uint32_t i = 0; i < kBlocks; i++) sent += 1 + (t * 977 + i * 131) % 2000;
                 HOST_EQ(sent, received[t].load());
             }
-            HOST_EQ(0, closesocket(pair.Socket));
-            echo.Join();
+            HOST_EQ(0, closesocket(shared));
+            HOST_EQ(0u, echo.Join());
         }
         closesocket(listener.Socket);
     }));
@@ -344,9 +354,8 @@ TEST_P(Sockets, EventsOfAConnection) {
         // A connection that the host opens itself, without blocking its scheduler.
         const SOCKET client = socket(AF_INET, SOCK_STREAM, 0);
         HOST_EQ(0, WSAEventSelect(client, event, FD_CONNECT));
-        sockaddr_in name{};
+        sockaddr_in name = Loopback(listener.Port);
         int length = sizeof name;
-        HOST_EQ(0, getsockname(listener.Socket, reinterpret_cast<sockaddr *>(&name), &length));
         const int connected = connect(client, reinterpret_cast<sockaddr *>(&name), length);
         HOST_CHECK(connected == 0 || WSAGetLastError() == static_cast<int>(WSAEWOULDBLOCK));
         HOST_CHECK(comes(client, FD_CONNECT));
