@@ -241,6 +241,46 @@ TEST_F(Named, ADeathUnderTheLockOfTheTableStopsNobody) {
     os::CloseHandle(event);
 }
 
+// Where the kernel sleeps on one word only, a wait looks every few milliseconds.
+TEST_F(Named, WithoutASleepOnSeveralWords) {
+    Peer peer;
+    const HANDLE event = os::CreateEventA(nullptr, FALSE, FALSE, Plain.c_str());
+    EXPECT_EQ(peer.Ask("open-event " + Plain), ERROR_SUCCESS);
+    for (uint32_t call = 1; call < 30; call++) os::FailCall("futex_waitv", call, 0);
+    std::thread setter([&] {
+        Pause(50);
+        EXPECT_EQ(peer.Ask("set"), 0u);
+    });
+    EXPECT_EQ(os::WaitForSingleObject(event, 20), WAIT_TIMEOUT);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(os::WaitForSingleObject(event, 20000), WAIT_OBJECT_0);
+    EXPECT_LT(MillisecondsSince(start), 5000);
+    setter.join();
+    os::CloseHandle(event);
+}
+
+TEST(NamedInOneProcess, WithoutSharedMemory) {
+    os::FailCall("SharedNames", 1, ERROR_ACCESS_DENIED);
+    const HANDLE mutex = os::CreateMutexA(nullptr, TRUE, "Global\\alone");
+    ASSERT_FALSE(os::SharedNamesReady());
+    EXPECT_EQ(os::GetLastError(), ERROR_SUCCESS);
+    const HANDLE again = os::OpenMutexA(0, FALSE, "alone");
+    std::thread([&] { EXPECT_EQ(os::WaitForSingleObject(again, 10), WAIT_TIMEOUT); }).join();
+    EXPECT_TRUE(os::ReleaseMutex(again));
+    std::thread([&] { EXPECT_EQ(os::WaitForSingleObject(again, 10), WAIT_OBJECT_0); }).join();
+    EXPECT_EQ(os::WaitForSingleObject(mutex, 0), WAIT_ABANDONED_0);
+    const HANDLE semaphore = os::CreateSemaphoreA(nullptr, 1, 2, "count");
+    const HANDLE event = os::CreateEventA(nullptr, FALSE, FALSE, "event");
+    EXPECT_EQ(os::OpenEventA(0, FALSE, "count"), nullptr);
+    EXPECT_TRUE(os::SetEvent(event));
+    const HANDLE both[] = {semaphore, event};
+    EXPECT_EQ(os::WaitForMultipleObjects(2, both, TRUE, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(os::WaitForMultipleObjects(2, both, FALSE, 0), WAIT_TIMEOUT);
+    for (const HANDLE handle : {mutex, again, semaphore, event}) os::CloseHandle(handle);
+    EXPECT_EQ(os::OpenMutexA(0, FALSE, "alone"), nullptr);
+    EXPECT_EQ(os::GetLastError(), ERROR_FILE_NOT_FOUND);
+}
+
 // Four processes count up and down under one mutex; a lost exclusion or a lost wake-up shows.
 TEST_F(Named, ManyProcessesHandAMutexRound) {
     const HANDLE mutex = os::CreateMutexA(nullptr, FALSE, Plain.c_str());

@@ -97,7 +97,12 @@ HANDLE PublishNamed(NamedObject *object, const char *name, NameUse use, const Sh
     {
         InnerGuard guard(&gNameLock);
         found = FindLocked(copy);
-        if (found == nullptr) error = BindLocked(object, copy, use, init, fresh);
+        if (found == nullptr) {
+            error = BindLocked(object, copy, use, init, fresh);
+        } else if (SharedSlot *slot = SlotOfObject(found); slot != nullptr) {
+            SharedGuard shared;
+            KeepSlotLocked(slot, copy);
+        }
     }
     if (found != nullptr || error != ERROR_SUCCESS) free(copy);
     if (found != nullptr) {

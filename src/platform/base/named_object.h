@@ -7,7 +7,7 @@
 //
 // An object with a slot is never Signalled: whether it can be had is asked of the slot, by MayTakeAgain, and what Take
 // changes is changed there. Both are called under the dispatcher lock and the table's lock (MayTakeAgain also without
-// either), because TryTakeLocked takes the latter whenever an object of the wait has Ops->Shared.
+// either), because TryTakeLocked takes the latter whenever an object of the wait has a slot.
 #ifndef ZVX_PLATFORM_BASE_NAMED_OBJECT_H
 #define ZVX_PLATFORM_BASE_NAMED_OBJECT_H
 

@@ -92,7 +92,7 @@ bool MakeTable(int fd, SharedTable **table) {
 
 void MapTable() {
     const int savedErrno = errno;
-    const int fd = OpenTableFile();
+    const int fd = ShouldFail("SharedNames") ? -1 : OpenTableFile();
     SharedTable *table = nullptr;
     if (fd >= 0) {
         int result;
@@ -274,6 +274,11 @@ SharedSlot *OpenSlotLocked(const char *name, ObjectType type, const SharedInit *
     return slot;
 }
 
+void KeepSlotLocked(SharedSlot *slot, const char *name) {
+    const uint32_t own = OwnNumberLocked();
+    if (own != kNoNumber && InUse(slot) && strcmp(slot->Name, name) == 0) SetOpen(slot, own, true);
+}
+
 void CloseSlotLocked(SharedSlot *slot) {
     const uint32_t own = gOwnNumber.load(std::memory_order_relaxed);
     if (own != kNoNumber && HasOpen(slot, own)) ForgetProcess(slot, own);
@@ -286,7 +291,7 @@ void AnnounceSlot(SharedSlot *slot) {
 void SleepOnSlots(std::atomic<uint32_t> *word, uint32_t seen, SharedSlot *const *slots, const uint32_t *seqs,
                   uint32_t count, uint64_t deadline) {
     const int savedErrno = errno;
-    if (!gNoMultipleWait.load(std::memory_order_relaxed)) {
+    if (!gNoMultipleWait.load(std::memory_order_relaxed) && !ShouldFail("futex_waitv")) {
         futex_waitv words[1 + MAXIMUM_WAIT_OBJECTS] = {};
         words[0].val = seen;
         words[0].uaddr = reinterpret_cast<uintptr_t>(word);

@@ -67,6 +67,9 @@ struct SharedGuard {
 // then *fresh. Null with *error: 6 (another type has the name), 2 (nobody has it), 8 (the table is full).
 SharedSlot *OpenSlotLocked(const char *name, ObjectType type, const SharedInit *init, bool create, bool *fresh,
                            DWORD *error);
+// [table lock] The same for a slot that an object of this process leads to already: one that a fork has copied is open
+// for the new process from its first use on.
+void KeepSlotLocked(SharedSlot *slot, const char *name);
 // [table lock] This process has closed it.
 void CloseSlotLocked(SharedSlot *slot);
 // [table lock] This process's number; 0xFFFFFFFF when 1024 others have the table open.

@@ -69,11 +69,16 @@ bool TryTakeLocked(Waiter *waiter) {
     return TakeNow(waiter);
 }
 
+// The slot of an object that other processes share; null for every other one.
+SharedSlot *SlotOf(const Object *object) {
+    return object->Ops->Shared ? SlotOfObject(object) : nullptr;
+}
+
 // The slots of the wait's shared objects, at most one an object; how many.
 uint32_t SlotsOf(const Waiter *waiter, SharedSlot **slots, uint32_t *seqs) {
     uint32_t count = 0;
     for (uint32_t i = 0; i < waiter->Count; i++) {
-        SharedSlot *slot = waiter->Objects[i]->Ops->Shared ? SlotOfObject(waiter->Objects[i]) : nullptr;
+        SharedSlot *slot = SlotOf(waiter->Objects[i]);
         if (slot == nullptr) continue;
         slots[count] = slot;
         seqs[count++] = waiter->Blocks[i].Seen;
@@ -84,7 +89,7 @@ uint32_t SlotsOf(const Waiter *waiter, SharedSlot **slots, uint32_t *seqs) {
 // Before a test: what a sleep that follows it compares with.
 void NoteSlots(Waiter *waiter) {
     for (uint32_t i = 0; i < waiter->Count; i++) {
-        SharedSlot *slot = waiter->Objects[i]->Ops->Shared ? SlotOfObject(waiter->Objects[i]) : nullptr;
+        SharedSlot *slot = SlotOf(waiter->Objects[i]);
         if (slot != nullptr) waiter->Blocks[i].Seen = slot->Seq.load(std::memory_order_seq_cst);
     }
 }
@@ -168,7 +173,7 @@ DWORD WaitInRegion(Object *const *objects, WaitBlock *blocks, uint32_t count, bo
     waiter.Blocks = blocks;
     waiter.Count = count;
     waiter.All = all;
-    for (uint32_t i = 0; i < count; i++) waiter.Shared = waiter.Shared || objects[i]->Ops->Shared;
+    for (uint32_t i = 0; i < count; i++) waiter.Shared = waiter.Shared || SlotOf(objects[i]) != nullptr;
     uint64_t deadline = kNoDeadline;
     bool timedOut = ms == 0;
     for (;;) {

@@ -49,7 +49,7 @@ struct Waiter {
     WaitBlock *Blocks = nullptr;  // [dispatcher lock] Count of them, linked while State is kWaiting
     uint32_t Count = 0;
     bool All = false;
-    bool Shared = false;  // init: one of the objects has Ops->Shared
+    bool Shared = false;  // init: one of the objects has a slot
 };
 
 struct WaitBlock {

@@ -127,6 +127,12 @@ void *WatchMain(void *arg) {
     return nullptr;
 }
 
+void ForgetWatch() {
+    if (gWatchFd >= 0) close(gWatchFd);
+    gWatchFd = -1;
+    gWatched = nullptr;
+}
+
 // [gWatchLock] 0 or the error.
 DWORD StartWatchLocked() {
     if (gWatchFd >= 0) return ERROR_SUCCESS;
@@ -138,6 +144,10 @@ DWORD StartWatchLocked() {
         return ERROR_MAX_THRDS_REACHED;
     }
     gWatchFd = watch;
+    // A forked copy of the process has no thread that watches, and no children yet.
+    static bool prepared = false;
+    if (!prepared) pthread_atfork(nullptr, nullptr, ForgetWatch);
+    prepared = true;
     return ERROR_SUCCESS;
 }
 
