@@ -15,7 +15,7 @@ extern "C" {
 
 struct sockaddr;
 
-typedef uintptr_t SOCKET; /* a handle value: CloseHandle, ReadFile and WriteFile take it too */
+typedef uintptr_t SOCKET; /* a handle value: CloseHandle and DuplicateHandle take it too */
 typedef DWORD GROUP;
 typedef HANDLE WSAEVENT; /* an event of CreateEventA serves as well */
 
