@@ -83,10 +83,11 @@ static bool DrainLanes(Scheduler *S) {
     return woke;
 }
 
-// The target of a message of kinds 3 to 6 is on its way between two schedulers: nobody may touch it now.
-static bool TargetInFlight(const FIBER_MESSAGE *msg) {
+// The target of a message of kinds 3 to 6 is on its way between two schedulers, or about to be: nobody may touch it.
+static bool TargetInFlight(const Scheduler *S, const FIBER_MESSAGE *msg) {
     if (msg->Kind < MSG_SUSPEND || Generation(msg->One.Target) != msg->Generation) return false;
-    return msg->One.Target->Sched.load(std::memory_order_acquire) == nullptr;
+    const Scheduler *owner = msg->One.Target->Sched.load(std::memory_order_acquire);
+    return owner == nullptr || (owner == S && msg->One.Target->State == FSTATE_MIGRATING);
 }
 
 bool DrainMessages(Scheduler *S) {
@@ -106,7 +107,7 @@ bool DrainMessages(Scheduler *S) {
         while (oldest != nullptr) {
             FIBER_MESSAGE *msg = oldest;
             oldest = msg->Next;
-            if (TargetInFlight(msg)) [[unlikely]] {
+            if (TargetInFlight(S, msg)) [[unlikely]] {
                 msg->Next = nullptr;
                 *laterEnd = msg;
                 laterEnd = &msg->Next;
