@@ -195,7 +195,7 @@ DWORD WINAPI MainRoutine(LPVOID) {
     std::fflush(stdout);
 
     gServing = true;
-    while (!gStop.load()) Sleep(100);
+    while (!gStop.load()) Sleep(200);
     closesocket(listener);
     // Sessions that wait for the log get their answers; the others lose their connection with the process.
     const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);

@@ -14,10 +14,11 @@ namespace {
 
 constexpr uint32_t kGraceSeconds = 5;  // from the end of a connection to the end of a thread that does not notice
 
+// Seconds are whole and begin at any time within one, so that a limit is over only when one more has begun.
 EndReason WhyEnd(SessionState state, uint32_t seconds) {
-    if (state == SessionState::kSending && seconds >= gOptions.SendTimeout) return EndReason::kSlowReader;
-    if (state == SessionState::kReceiving && seconds >= gOptions.RequestTimeout) return EndReason::kSlowRequest;
-    if (state == SessionState::kIdle && gOptions.IdleTimeout != 0 && seconds >= gOptions.IdleTimeout) {
+    if (state == SessionState::kSending && seconds > gOptions.SendTimeout) return EndReason::kSlowReader;
+    if (state == SessionState::kReceiving && seconds > gOptions.RequestTimeout) return EndReason::kSlowRequest;
+    if (state == SessionState::kIdle && gOptions.IdleTimeout != 0 && seconds > gOptions.IdleTimeout) {
         return EndReason::kIdle;
     }
     return EndReason::kNone;
@@ -27,23 +28,23 @@ EndReason WhyEnd(SessionState state, uint32_t seconds) {
 // with the section held.
 void LookAtSessions(uint32_t now, std::vector<HANDLE> *hopeless, std::vector<Session *> *dead) {
     Guard guard(&gSessions.Section);
-    for (Session *session = gSessions.First; session != nullptr; session = session->Next) {
-        const SessionState state = session->State.load(std::memory_order_relaxed);
-        if (state == SessionState::kRunning || state == SessionState::kCommitting) continue;
-        if (session->End.load() == EndReason::kNone) {
-            const EndReason reason = WhyEnd(state, now - session->Since.load(std::memory_order_relaxed));
+    for (SessionSlot *slot = gSessions.Slots; slot != gSessions.Slots + gSessions.Used; slot++) {
+        const SessionState state = slot->State.load(std::memory_order_relaxed);
+        if (slot->Who == nullptr || state == SessionState::kRunning || state == SessionState::kCommitting) continue;
+        if (slot->End.load() == EndReason::kNone) {
+            const EndReason reason = WhyEnd(state, now - slot->Since.load(std::memory_order_relaxed));
             if (reason == EndReason::kNone) continue;
-            session->End = reason;
-            session->EndedAt = now;
+            slot->End = reason;
+            slot->EndedAt = now;
             // The session wakes, and says why it ends where the client can still read it.
-            shutdown(session->Socket, reason == EndReason::kSlowReader ? SD_BOTH : SD_RECEIVE);
+            shutdown(slot->Who->Socket, reason == EndReason::kSlowReader ? SD_BOTH : SD_RECEIVE);
             Count(gCounters.Cleaned);
-        } else if (now - session->EndedAt >= kGraceSeconds) {
+        } else if (now - slot->EndedAt >= kGraceSeconds) {
             DWORD code = STILL_ACTIVE;
-            if (GetExitCodeThread(session->Thread, &code) && code != STILL_ACTIVE) {
-                dead->push_back(session);
+            if (GetExitCodeThread(slot->Who->Thread, &code) && code != STILL_ACTIVE) {
+                dead->push_back(slot->Who);
             } else {
-                hopeless->push_back(session->Thread);
+                hopeless->push_back(slot->Who->Thread);
             }
         }
     }

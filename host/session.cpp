@@ -71,7 +71,7 @@ bool Receive(Session *session) {
     session->Enter(session->InUsed == 0 ? SessionState::kIdle : SessionState::kReceiving);
     const size_t room = session->InCapacity - session->InUsed;
     const int got = recv(session->Socket, session->In + session->InUsed, static_cast<int>(room), 0);
-    session->State.store(SessionState::kRunning, std::memory_order_relaxed);
+    session->Slot->State.store(SessionState::kRunning, std::memory_order_relaxed);
     if (got > 0) session->InUsed += static_cast<size_t>(got);
     return got > 0;
 }
@@ -116,9 +116,9 @@ void Serve(Session *session) {
         RunRequests(session);
         session->Flush();
     }
-    if (session->End.load() == EndReason::kSlowRequest || session->End.load() == EndReason::kIdle) {
-        session->PutError(session->End.load() == EndReason::kIdle ? "closed after a long time without a request"
-                                                                  : "the request did not come to an end in time");
+    if (session->Slot->End.load() == EndReason::kSlowRequest || session->Slot->End.load() == EndReason::kIdle) {
+        session->PutError(session->Slot->End.load() == EndReason::kIdle ? "closed after a long time without a request"
+                                                                        : "the request did not come to an end in time");
         session->Flush();
     }
 }
@@ -143,6 +143,23 @@ void TurnAway(SOCKET client, std::string_view text) {
     Count(gCounters.Rejected);
 }
 
+// The section is held, and there is a free one because sessions are counted.
+SessionSlot *TakeSlot(Session *session) {
+    uint32_t index = gSessions.Used;
+    if (gSessions.Free.empty()) {
+        gSessions.Used++;
+    } else {
+        index = gSessions.Free.back();
+        gSessions.Free.pop_back();
+    }
+    SessionSlot *const slot = &gSessions.Slots[index];
+    slot->Since = gSeconds.load();
+    slot->State = SessionState::kRunning;
+    slot->End = EndReason::kNone;
+    slot->Who = session;
+    return slot;
+}
+
 void StartSession(SOCKET client) {
     if (gSessions.Count.load() >= gOptions.MaxSessions) {
         TurnAway(client, "-ERR max number of clients reached\r\n");
@@ -153,14 +170,11 @@ void StartSession(SOCKET client) {
     if (session != nullptr) {
         session->Socket = client;
         session->Wait.Event = event;
-        session->Since = gSeconds.load();
         Guard guard(&gSessions.Section);
         session->Thread = CreateThread(nullptr, 0, SessionThread, session, 0, nullptr);
         if (session->Thread != nullptr) {
             session->Id = gSessions.NextId++;
-            session->Next = gSessions.First;
-            if (session->Next != nullptr) session->Next->Previous = session;
-            gSessions.First = session;
+            session->Slot = TakeSlot(session);
             gSessions.Count.fetch_add(1);
             return;
         }
@@ -227,8 +241,8 @@ void Session::EndAnswer() {
 }
 
 void Session::Enter(SessionState state) {
-    Since.store(gSeconds.load(std::memory_order_relaxed), std::memory_order_relaxed);
-    State.store(state, std::memory_order_relaxed);
+    Slot->Since.store(gSeconds.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    Slot->State.store(state, std::memory_order_relaxed);
 }
 
 namespace {
@@ -239,7 +253,7 @@ bool Commit(Session *session) {
     if (session->AwaitedSeq == 0) return false;
     session->Enter(SessionState::kCommitting);
     AwaitRecord(&session->Wait, session->AwaitedSeq);
-    session->State.store(SessionState::kRunning, std::memory_order_relaxed);
+    session->Slot->State.store(SessionState::kRunning, std::memory_order_relaxed);
     session->AwaitedSeq = 0;
     bool refused = false;
     std::string rebuilt;
@@ -268,7 +282,7 @@ void SendOutput(Session *session) {
         const int size = static_cast<int>(left < kMost ? left : kMost);
         session->Enter(SessionState::kSending);
         const int moved = send(session->Socket, session->Out + sent, size, 0);
-        session->State.store(SessionState::kRunning, std::memory_order_relaxed);
+        session->Slot->State.store(SessionState::kRunning, std::memory_order_relaxed);
         if (moved != size) session->Broken = true;
         sent += static_cast<size_t>(size);
     }
@@ -302,15 +316,16 @@ void Session::Flush() {
 
 void InitSessions() {
     InitializeCriticalSection(&gSessions.Section);
+    gSessions.Slots = static_cast<SessionSlot *>(std::calloc(gOptions.MaxSessions, sizeof(SessionSlot)));
+    if (gSessions.Slots == nullptr) Refuse("no memory for %u sessions", gOptions.MaxSessions);
 }
 
 void FreeSession(Session *session) {
     ForgetWaiter(&session->Wait);
     {
         Guard guard(&gSessions.Section);
-        if (session->Previous != nullptr) session->Previous->Next = session->Next;
-        if (session->Next != nullptr) session->Next->Previous = session->Previous;
-        if (gSessions.First == session) gSessions.First = session->Next;
+        session->Slot->Who = nullptr;
+        gSessions.Free.push_back(static_cast<uint32_t>(session->Slot - gSessions.Slots));
         gSessions.Count.fetch_sub(1);
     }
     ReleaseInput(session);

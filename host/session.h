@@ -14,26 +14,30 @@ namespace host {
 enum class SessionState : uint8_t { kRunning, kIdle, kReceiving, kCommitting, kSending };
 enum class EndReason : uint8_t { kNone, kIdle, kSlowRequest, kSlowReader };
 
+// What the monitor looks at, apart from the sessions: it passes thousands of these a second, one behind the other.
+struct SessionSlot {
+    struct Session *Who;              // [sessions] null: free
+    std::atomic<uint32_t> Since;      // session's: monitor's second in which it entered State
+    std::atomic<SessionState> State;  // session's
+    std::atomic<EndReason> End;       // monitor's: why the connection was shut down
+    uint32_t EndedAt;                 // monitor's: when
+};
+
 // One instance stands for a client, from accept to the end of its thread. The thread owns all that is not marked; the
-// monitor reads the atomics and shuts the connection down, which ends whatever the thread waits for. The session frees
+// monitor reads its slot and shuts the connection down, which ends whatever the thread waits for. The session frees
 // itself; where its thread was terminated, the monitor does.
 //
 // A session at rest holds no memory but this record: requests and answers that are larger than the two small buffers
 // have buffers of their own for as long as they last.
 struct Session {
-    Session *Next = nullptr;      // [sessions]
-    Session *Previous = nullptr;  // [sessions]
+    SessionSlot *Slot = nullptr;  // init
     HANDLE Thread = nullptr;      // [sessions] to write
     SOCKET Socket = INVALID_SOCKET;
     uint64_t Id = 0;  // init
     Waiter Wait;      // its post event, and what it waits for
     std::string Name;
-    std::atomic<SessionState> State{SessionState::kRunning};
-    std::atomic<uint32_t> Since{0};                // monitor's seconds at which State was entered
-    std::atomic<EndReason> End{EndReason::kNone};  // monitor's: why the connection was shut down
-    uint32_t EndedAt = 0;                          // monitor's: when
-    bool Closing = false;                          // nothing more is read; what is in the output is sent
-    bool Broken = false;                           // the connection is gone
+    bool Closing = false;  // nothing more is read; what is in the output is sent
+    bool Broken = false;   // the connection is gone
 
     // Input: the bytes in [Begin, Used) are not dealt with, and Request begins at Begin.
     char *In = SmallIn;
@@ -107,7 +111,9 @@ DWORD WINAPI Monitor(LPVOID);
 // All sessions.
 struct Sessions {
     CRITICAL_SECTION Section;
-    Session *First = nullptr;
+    SessionSlot *Slots = nullptr;    // init: one for each session that there may be
+    std::vector<uint32_t> Free;      // [Section] slots that were left
+    uint32_t Used = 0;               // [Section] slots that were ever taken
     std::atomic<uint32_t> Count{0};  // [Section] to write
     uint64_t NextId = 1;             // [Section]
 };
