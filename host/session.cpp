@@ -377,6 +377,7 @@ DWORD WINAPI Listener(LPVOID argument) {
             StartSession(client);
             continue;
         }
+        if (gStop.load()) return 0;
         // Out of descriptors or memory, which ends when a session does.
         static uint32_t complained = ~0u;
         if (complained != gSeconds.load()) std::fprintf(stderr, "keyhost: accept: error %d\n", WSAGetLastError());

@@ -26,7 +26,7 @@ struct Write {
 };
 
 // One client's load until the server is gone. Up to 16 writes are under way at a time.
-void Load(const Server &host, int number, unsigned seed, Model *model, std::atomic<uint64_t> *acknowledged) {
+void Load(const Server &host, size_t number, unsigned seed, Model *model, std::atomic<uint64_t> *acknowledged) {
     std::mt19937 random(seed);
     Client client(host);
     uint64_t serial = uint64_t{seed} << 20;
@@ -82,7 +82,7 @@ TEST_P(Crash, NothingAcknowledgedIsLost) {
     const unsigned seed = std::random_device{}();
     std::printf("seed %u\n", seed);
     std::mt19937 random(seed);
-    constexpr int kClients = 6;
+    constexpr size_t kClients = 6;
     std::vector<Model> models(kClients);
     std::atomic<uint64_t> acknowledged{0};
     size_t checked = 0;
@@ -116,8 +116,9 @@ TEST_P(Crash, NothingAcknowledgedIsLost) {
         }
         if (round == rounds) break;
         std::vector<std::thread> clients;
-        for (int c = 0; c < kClients; c++) {
-            clients.emplace_back(Load, std::cref(Host), c, static_cast<unsigned>(round * kClients + c + 1), &models[c],
+        for (size_t c = 0; c < kClients; c++) {
+            clients.emplace_back(Load, std::cref(Host), c,
+                                 static_cast<unsigned>(static_cast<size_t>(round) * kClients + c + 1), &models[c],
                                  &acknowledged);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(50 + random() % 300));

@@ -44,11 +44,11 @@ TEST_P(Faulty, OneFailedWrite) {
         // Two segments are filled with zeros first; the number leaves some writes after them.
         ASSERT_TRUE(Host.Start({}, {std::string("ZVXKVT_FAIL=") + call + ":140:112"})) << Host.Text();
     }
-    constexpr int kClients = 8;
+    constexpr size_t kClients = 8;
     std::vector<std::map<std::string, std::string>> models(kClients);
     std::vector<int> refusals(kClients);
     std::vector<std::thread> threads;
-    for (int c = 0; c < kClients; c++) {
+    for (size_t c = 0; c < kClients; c++) {
         threads.emplace_back([&, c] {
             Client client(Host);
             for (int i = 0; i < 120; i++) {
