@@ -60,6 +60,7 @@ TEST(FileLock, ExcludesBetweenHandlesAndProcessesAndIsReleasedRangeByRange) {
     EXPECT_TRUE(FreeElsewhere(file, 580, 70));
     os::CloseHandle(a);
     EXPECT_TRUE(TryLock(b, 570, 10, true)) << "closing releases";
+    os::CloseHandle(b);
 }
 
 TEST(FileLock, IsGrantedLaterOrCancelled) {
@@ -93,8 +94,10 @@ TEST(FileLock, IsGrantedLaterOrCancelled) {
     std::atomic<bool> granted{false};
     std::thread blocked([&] {
         Operation ov;
-        EXPECT_TRUE(Lock(file.Open(0), 0, 10, LOCKFILE_EXCLUSIVE_LOCK, &ov));
+        const HANDLE own = file.Open(0);
+        EXPECT_TRUE(Lock(own, 0, 10, LOCKFILE_EXCLUSIVE_LOCK, &ov));
         granted = true;
+        os::CloseHandle(own);
     });
     Pause(20);
     EXPECT_FALSE(granted);
