@@ -96,7 +96,9 @@ bool DrainMessages(Scheduler *S) {
     FIBER_MESSAGE **laterEnd = &later;
     while (MessagesWaiting(S)) {
         woke |= DrainLanes(S);
-        FIBER_MESSAGE *newest = S->Messages.exchange(nullptr, std::memory_order_acquire);
+        // Written only when there is something: senders read the line for BlockedInPort.
+        FIBER_MESSAGE *newest = S->Messages.load(std::memory_order_relaxed);
+        if (newest != nullptr) newest = S->Messages.exchange(nullptr, std::memory_order_acquire);
         FIBER_MESSAGE *oldest = nullptr;
         while (newest != nullptr) {
             FIBER_MESSAGE *before = newest->Next;
