@@ -58,6 +58,9 @@ inline bool MessagesWaiting(const Scheduler *S) {
 }
 inline bool IoWaiting(const Scheduler *S) { return os::IoNeedsAttention(S->Io) || S->Io->EndedHead != nullptr; }
 
+// queues.cpp: puts those that InsertByStamp left at the head of a queue in their places.
+void SortQueue(Scheduler *S, uint32_t queue);
+
 // idle.cpp: consumes what has ended of one poll list.
 void ConsumeEnded(Scheduler *S, uint32_t pollList, bool deep);
 

@@ -13,15 +13,74 @@ void PushRunQueue(Scheduler *S, uint32_t queue, Fiber *F) { PushMasked(S, &S->Ru
 
 void AppendReady(Scheduler *S, Fiber *F) { AppendMasked(S, &S->ReadyList, kMaskReady, F); }
 
-// In descending order of LastRunStamp: who ran more recently still has its data in the cache. In front of
-// the first fiber with an equal or smaller stamp, so that among equals the newcomer goes first. Fibers mostly
-// wake in the order in which they ran, so that the walk usually ends at the head.
+// A queue by stamp is in descending order of LastRunStamp: who ran more recently still has its data in the cache. A
+// newcomer goes in front of the first fiber with an equal or smaller stamp, so that among equals it goes first. Fibers
+// mostly wake in the order in which they ran, so that its place is at the head. When it is not near, as in a batch of
+// ends in an order of their own, the newcomer and all that follow it are put at the head as they come, and sorted
+// together when somebody is picked: a walk for each would be quadratic with thousands of sessions.
 static void InsertByStamp(Scheduler *S, uint32_t queue, Fiber *F) {
+    constexpr int kSteps = 8;
     ListHead *list = &S->RunQueues[queue];
     ListLink *where = FirstLink(list);
-    while (where != &list->Ends && FiberOfRunLink(where)->LastRunStamp > F->LastRunStamp) where = where->Next;
+    if (S->Unsorted[queue] == 0) {
+        for (int i = 0; where != &list->Ends && FiberOfRunLink(where)->LastRunStamp > F->LastRunStamp; where = where->Next) {
+            if (++i < kSteps) continue;
+            where = FirstLink(list);
+            S->Unsorted[queue] = 1;
+            break;
+        }
+    } else {
+        S->Unsorted[queue]++;
+    }
     InsertBefore(list, where, &F->RunLink);
     S->QueueMask |= 1u << queue;
+}
+
+// Merges two chains by Next, each in descending order and ended by null; of equals those of `newer` come first.
+static ListLink *MergeByStamp(ListLink *newer, ListLink *older) {
+    ListLink *first = nullptr;
+    ListLink **end = &first;
+    while (newer != nullptr && older != nullptr) {
+        ListLink **from = FiberOfRunLink(newer)->LastRunStamp >= FiberOfRunLink(older)->LastRunStamp ? &newer : &older;
+        *end = *from;
+        end = &(*from)->Next;
+        *from = (*from)->Next;
+    }
+    *end = newer != nullptr ? newer : older;
+    return first;
+}
+
+void SortQueue(Scheduler *S, uint32_t queue) {
+    ListHead *list = &S->RunQueues[queue];
+    // Chain i holds 2^i of the unsorted ones, higher ones hold newer ones.
+    ListLink *chains[32] = {};
+    list->Ends.Prev->Next = nullptr;
+    ListLink *rest = FirstLink(list);
+    for (uint32_t n = 0; n < S->Unsorted[queue]; ++n) {
+        ListLink *one = rest;
+        rest = rest->Next;
+        one->Next = nullptr;
+        uint32_t i = 0;
+        for (; chains[i] != nullptr; ++i) {
+            one = MergeByStamp(chains[i], one);
+            chains[i] = nullptr;
+        }
+        chains[i] = one;
+    }
+    ListLink *sorted = nullptr;
+    for (ListLink *chain : chains)
+        if (chain != nullptr) sorted = sorted != nullptr ? MergeByStamp(chain, sorted) : chain;
+    sorted = MergeByStamp(sorted, rest);
+    // The links back, and the ends.
+    ListLink *before = &list->Ends;
+    for (ListLink *link = sorted; link != nullptr; link = link->Next) {
+        before->Next = link;
+        link->Prev = before;
+        before = link;
+    }
+    before->Next = &list->Ends;
+    list->Ends.Prev = before;
+    S->Unsorted[queue] = 0;
 }
 
 uint32_t MakeRunnable(Scheduler *S, Fiber *F, uint32_t queue) {
@@ -45,6 +104,7 @@ uint32_t MakeRunnable(Scheduler *S, Fiber *F, uint32_t queue) {
 
 void InsertBehind(Scheduler *S, uint32_t queue, Fiber *before, Fiber *F) {
     InsertBefore(&S->RunQueues[queue], before->RunLink.Next, &F->RunLink);
+    if (S->Unsorted[queue] != 0) S->Unsorted[queue]++;  // `before` was the latest to come: it is at the head
 }
 
 bool RunnableWork(const Scheduler *S) {

@@ -361,6 +361,7 @@ struct alignas(64) Scheduler {
     ListHead ReadyList;
     ListHead LatchSleepers;
     ListHead RunQueues[6];         // by gHPRQ, gPRQ, gFRQ, gSRQ, gLPRQ, gORQ
+    uint32_t Unsorted[6];          // owner: how many at the head of each wait for SortQueue
     ListLink *InitFiberLink;       // init: RunLink of InitFiber
     void *(*SwitchHook)();         // owner: returns the Fiber to switch to; set and cleared by dumps
     // -- written by other threads: a line of its own

@@ -101,7 +101,10 @@ void ReapSources(Scheduler *S) {
     if (!NoPortCheck(S)) FreeExitedFibers(S);
     ReleaseRetired(S);
     SpliceAll(&S->ReadyList, &S->LatchSleepers);
-    for (ListHead &queue : S->RunQueues) SpliceAll(&S->ReadyList, &queue);
+    for (uint32_t q = 0; q < 6; ++q) {
+        if (S->Unsorted[q] != 0) SortQueue(S, q);
+        SpliceAll(&S->ReadyList, &S->RunQueues[q]);
+    }
     S->QueueMask = S->ReadyList.Count != 0 ? kMaskReady : 0;
     S->SelectPasses = 0;
 }
@@ -109,10 +112,12 @@ void ReapSources(Scheduler *S) {
 // The head of the queue to serve when ReadyList, LatchSleepers and LPRQ gave nothing.
 Fiber *TakeFromRunQueues(Scheduler *S, uint32_t mask) {
     uint32_t q = static_cast<uint32_t>(__builtin_ctz(mask));
+    if (S->Unsorted[q] != 0) [[unlikely]] SortQueue(S, q);
     Fiber *N = FiberOfRunLink(FirstLink(&S->RunQueues[q]));
     if (OptionSet(su_PFOneRQ) && (q == gPRQ || q == gFRQ)) [[unlikely]] {
         uint32_t partner = q == gPRQ ? gFRQ : gPRQ;
         if (S->RunQueues[partner].Count != 0) {
+            if (S->Unsorted[partner] != 0) SortQueue(S, partner);
             Fiber *other = FiberOfRunLink(FirstLink(&S->RunQueues[partner]));
             if (other->LastRunStamp > N->LastRunStamp) {
                 N = other;

@@ -1,6 +1,8 @@
 // tests/unit/sched_switch_test.cpp - which fiber runs next, and what goes with it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "sched_fixture.h"
 
 namespace zvx::test {
@@ -101,6 +103,34 @@ TEST_F(SwitchTest, RecentRunnersComeFirstAndNewcomersBeforeEquals) {
     Wake(d, gPRQ);
     RunUntilIdle(S);
     EXPECT_EQ(TakeNotes(), (Names{"b", "d", "c", "a"}));
+}
+
+TEST_F(SwitchTest, ABatchInAnyOrderIsServedAsIfEachHadBeenPutInItsPlace) {
+    std::vector<Fiber *> fibers;
+    for (int i = 0; i < 60; ++i) fibers.push_back(Parked(std::to_string(i)));
+    TakeNotes();
+    uint32_t state = 12345;
+    const auto random = [&state](uint32_t below) { return (state = state * 1664525u + 1013904223u) / 65536 % below; };
+    for (int round = 0; round < 40; ++round) {
+        // The order that inserting one after the other gives: before the first with an equal or smaller stamp.
+        std::vector<Fiber *> expected;
+        std::vector<Fiber *> woken = fibers;
+        for (size_t i = woken.size(); i > 1; --i) std::swap(woken[i - 1], woken[random(static_cast<uint32_t>(i))]);
+        woken.resize(1 + random(60));
+        for (Fiber *F : woken) {
+            F->LastRunStamp = random(round % 2 == 0 ? 1000 : 5);
+            auto at = expected.begin();
+            while (at != expected.end() && (*at)->LastRunStamp > F->LastRunStamp) ++at;
+            expected.insert(at, F);
+            Wake(F, gSRQ);
+            CheckScheduler(S);
+        }
+        Names names;
+        for (Fiber *F : expected)
+            names.push_back(std::to_string(std::find(fibers.begin(), fibers.end(), F) - fibers.begin()));
+        RunUntilIdle(S);
+        EXPECT_EQ(TakeNotes(), names) << "round " << round;
+    }
 }
 
 TEST_F(SwitchTest, PairedQueuesServeTheMoreRecentHead) {
