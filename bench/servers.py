@@ -83,7 +83,7 @@ def round_trips(port, seconds):
     count, end = 0, time.monotonic() + seconds
     while time.monotonic() < end:
         for s in (a, b):
-            s.sendall(b"PING\r\n")
+            s.sendall(b"*1\r\n$4\r\nPING\r\n")
             s.recv(64)
         count += 2
     a.close(), b.close()
@@ -130,7 +130,8 @@ import resource
 hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
 resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
 
-host = [f"{options.build}/host/keyhost", "--port", "{port}", "--dir", "{dir}", "--schedulers", options.schedulers]
+host = [f"{options.build}/host/keyhost", "--port", "{port}", "--dir", "{dir}", "--schedulers", options.schedulers,
+        "--max-sessions", "20000"]
 redis = ["redis-server", "--port", "{port}", "--dir", "{dir}", "--save", "", "--maxclients", "30000"]
 memory = {
     "ours": host + ["--durability", "no"],
