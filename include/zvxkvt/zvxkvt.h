@@ -222,7 +222,8 @@ ZVXKVT_API void WINAPI UnidentifyUserThread(DWORD reserved);
 ZVXKVT_API void WINAPI MigrateUserThread(LPCSTR tag);
 
 /* Wakes the user thread that identified itself with `event`, or lets its next WaitForUserThreadPost end at once; several
- * posts before a wait count as one. For any other event: SetEvent. TRUE as well when the event is gone. May yield to a
+ * posts before a wait count as one. For any other event - so also before the thread has identified itself - SetEvent, which
+ * its WaitForUserThreadPost does not see. TRUE as well when the event is gone. May yield to a
  * thread of a higher class (setting "YieldAfterHPPost"). */
 ZVXKVT_API BOOL WINAPI PostUserThread(HANDLE event);
 /* The same for a list that ends with a 0 entry; one message for up to 16 targets on one scheduler. -1, or the index of
