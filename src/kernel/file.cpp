@@ -78,12 +78,7 @@ HANDLE CreateFileW(const WCHAR *name, DWORD access, DWORD share, SECURITY_ATTRIB
 // ---- Reading and writing -----------------------------------------------------------------------------
 
 FIBEROVERLAPPED *PrepareOwnOv(Fiber *F, const OVERLAPPED *given, PSEHAND *entry, bool neverPoll, uint32_t opArg) {
-    // An injected routine, and the exit of a thread, may do I/O while the interrupted operation still runs.
-    uint32_t index = 0;
-    if ((F->Flags & (FIBER_TERMINATE | FIBER_EXITING | FIBER_EXEC_PENDING)) != 0) [[unlikely]] {
-        index = (F->Flags & (FIBER_TERMINATE | FIBER_EXITING)) != 0 ? 2 : 1;
-    }
-    FIBEROVERLAPPED *rec = &F->OwnOvs[index];
+    FIBEROVERLAPPED *rec = FreeOwnOv(F);
     F->CurOv = &rec->Ov;
     rec->OpArg = opArg;
     rec->HandleType = entry->Type;

@@ -46,12 +46,7 @@ bool AttachSocketToPort(Scheduler *S, PSEHAND *entry, SOCKET s) {
 }
 
 FIBEROVERLAPPED *PrepareSocketOv(Fiber *F, PSEHAND *entry, uint32_t opArg, bool neverPoll) {
-    // An injected routine, and the exit of a thread, may use sockets while the interrupted operation still runs.
-    uint32_t index = 0;
-    if ((F->Flags & (FIBER_TERMINATE | FIBER_EXITING | FIBER_EXEC_PENDING)) != 0) [[unlikely]] {
-        index = (F->Flags & (FIBER_TERMINATE | FIBER_EXITING)) != 0 ? 2 : 1;
-    }
-    FIBEROVERLAPPED *rec = &F->OwnOvs[index];
+    FIBEROVERLAPPED *rec = FreeOwnOv(F);
     F->CurOv = &rec->Ov;
     rec->OpArg = opArg;
     rec->HandleType = entry->Type;

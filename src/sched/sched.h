@@ -26,6 +26,12 @@ inline void SetSched(Fiber *F, Scheduler *S, std::memory_order order) {
     F->Sched.store(S, order);
 }
 inline FIBEROVERLAPPED *OvRecord(OVERLAPPED *ov) { return ZVX_RECORD_OF(ov, FIBEROVERLAPPED, Ov); }
+// Which of F's own records its next operation uses: an injected routine, and the exit of a thread, may do I/O while the
+// interrupted operation still runs.
+inline FIBEROVERLAPPED *FreeOwnOv(Fiber *F) {
+    if ((F->Flags & (FIBER_TERMINATE | FIBER_EXITING | FIBER_EXEC_PENDING)) == 0) [[likely]] return &F->OwnOvs[0];
+    return &F->OwnOvs[(F->Flags & (FIBER_TERMINATE | FIBER_EXITING)) != 0 ? 2 : 1];
+}
 inline uint32_t Generation(const Fiber *F) { return F->Generation.load(std::memory_order_acquire); }
 
 // ---- yield.cpp: the fiber switch
