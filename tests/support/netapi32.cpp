@@ -13,7 +13,7 @@
 
 extern "C" {
 
-__attribute__((visibility("default"))) DWORD DsGetDcNameA(const char *computer, const char *domain, const void *,
+__attribute__((visibility("default"), no_sanitize("undefined"))) DWORD DsGetDcNameA(const char *computer, const char *domain, const void *,
                                                           const char *site, DWORD flags, void **result) {
     volatile int zero = 0;
     if (strcmp(domain, "crash") == 0) *reinterpret_cast<volatile int *>(static_cast<uintptr_t>(zero)) = 1;
