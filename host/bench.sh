@@ -14,6 +14,7 @@ start_keyhost() { # NAME [OPTIONS]; sets pid and port
     shift
     "$keyhost" --port 0 --dir "$work/$name" "$@" >"$work/$name.out" 2>&1 &
     pid=$!
+    disown "$pid"  # its end is no news
     pids+=("$pid")
     port=
     for _ in $(seq 200); do
