@@ -1,0 +1,121 @@
+// tests/platform/socket_support.h - connected pairs, listeners and operations for the tests of the sockets.
+#ifndef ZVX_TESTS_PLATFORM_SOCKET_SUPPORT_H
+#define ZVX_TESTS_PLATFORM_SOCKET_SUPPORT_H
+
+#include <netinet/in.h>
+#include <sys/resource.h>
+
+#include <dirent.h>
+
+#include "platform/os_socket.h"
+#include "support.h"
+
+inline int OpenDescriptors() {
+    int count = 0;
+    DIR *directory = opendir("/proc/self/fd");
+    while (readdir(directory) != nullptr) count++;
+    closedir(directory);
+    return count;
+}
+
+inline sockaddr_in Loopback(uint16_t port = 0) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = port;
+    return address;
+}
+
+inline const sockaddr *Plain(const sockaddr_in &address) {
+    return reinterpret_cast<const sockaddr *>(&address);
+}
+
+inline sockaddr_in NameOf(SOCKET s, bool peer = false) {
+    sockaddr_in name{};
+    int length = sizeof name;
+    sockaddr *plain = reinterpret_cast<sockaddr *>(&name);
+    EXPECT_EQ(0, peer ? os::getpeername(s, plain, &length) : os::getsockname(s, plain, &length)) << os::GetLastError();
+    return name;
+}
+
+inline SOCKET NewSocket() {
+    const SOCKET s = os::socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_NE(INVALID_SOCKET, s);
+    return s;
+}
+
+inline SOCKET NewListener(const sockaddr_in &address = Loopback()) {
+    const SOCKET s = NewSocket();
+    EXPECT_EQ(0, os::bind(s, Plain(address), sizeof address));
+    EXPECT_EQ(0, os::listen(s, 1000));
+    return s;
+}
+
+inline SOCKET ConnectTo(SOCKET listener) {
+    const SOCKET s = NewSocket();
+    const sockaddr_in address = Loopback(NameOf(listener).sin_port);
+    EXPECT_EQ(0, os::connect(s, Plain(address), sizeof address)) << os::GetLastError();
+    return s;
+}
+
+struct Pair {
+    SOCKET Listener = NewListener(), Client, Server;
+    Pair() {
+        Client = ConnectTo(Listener);
+        Server = os::accept(Listener, nullptr, nullptr);
+        EXPECT_NE(INVALID_SOCKET, Server);
+    }
+};
+
+inline bool Shows(DWORD error) {
+    return os::GetLastError() == error || (ADD_FAILURE() << os::GetLastError() << " instead of " << error, false);
+}
+
+struct SocketOperation : Operation {
+    char Areas[64];
+    DWORD Receive(SOCKET s, void *buffer, size_t bytes, DWORD flags = 0) {
+        WSABUF one{static_cast<ULONG>(bytes), static_cast<CHAR *>(buffer)};
+        return os::WSARecv(s, &one, 1, &Got, &flags, &Ov, nullptr, &Op) == 0 ? 0 : os::GetLastError();
+    }
+    DWORD Send(SOCKET s, const void *buffer, size_t bytes) {
+        WSABUF one{static_cast<ULONG>(bytes), const_cast<CHAR *>(static_cast<const CHAR *>(buffer))};
+        return os::WSASend(s, &one, 1, &Got, 0, &Ov, nullptr, &Op) == 0 ? 0 : os::GetLastError();
+    }
+    DWORD Accept(SOCKET listener, SOCKET fresh) {
+        return os::AcceptEx(listener, fresh, Areas, 0, 32, 32, &Got, &Ov, &Op) ? 0 : os::GetLastError();
+    }
+    // The error with which it ends, which is waited for when the answer was pending.
+    DWORD End(HANDLE port, DWORD answer) {
+        DWORD bytes = 0, flags = 0;
+        if (answer == ERROR_IO_PENDING) Await(port, &Ov);
+        os::TakeEndedOps(Io());
+        if (answer != ERROR_IO_PENDING) return answer;
+        const BOOL ended = os::WSAGetOverlappedResult(0, &Ov, &bytes, FALSE, &flags);
+        Got = bytes;
+        return ended ? 0 : os::GetLastError();
+    }
+};
+
+// Resets the connection.
+inline void CloseHard(SOCKET s) {
+    const zvx_linger hard{1, 0};
+    EXPECT_EQ(0, os::setsockopt(s, ZVX_SOL_SOCKET, ZVX_SO_LINGER, reinterpret_cast<const char *>(&hard), sizeof hard));
+    EXPECT_EQ(0, os::closesocket(s));
+}
+
+inline std::string Pattern(size_t bytes) {
+    std::string text(bytes, 0);
+    for (size_t i = 0; i < bytes; i++) text[i] = PatternByte(i);
+    return text;
+}
+
+inline std::string ReceiveAll(SOCKET s) {
+    std::string all;
+    char buffer[30000];
+    int got;
+    while ((got = os::recv(s, buffer, sizeof buffer, 0)) > 0) all.append(buffer, static_cast<size_t>(got));
+    EXPECT_EQ(0, got) << os::GetLastError();
+    return all;
+}
+
+#endif  // ZVX_TESTS_PLATFORM_SOCKET_SUPPORT_H
