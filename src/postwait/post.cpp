@@ -8,6 +8,7 @@
 // that scheduler when it works on a message. PendingPosts belongs to the scheduler of the poster; a batch lives there
 // only while one list is walked, which does not yield.
 #include "alloc/alloc.h"
+#include "diag/timeline.h"
 #include "kernel/handles.h"
 #include "kernel/wait.h"
 #include "postwait/postwait.h"
@@ -59,6 +60,8 @@ uint32_t Post(Fiber *T, PostMode mode, Fiber *P, uint32_t postBit) {
     Scheduler *to = T->Sched.load(std::memory_order_acquire);
     Scheduler *from = SchedOf(P);
     if (to == nullptr) return 0;
+    from->Posts++;
+    NoteTimeline(from, kTimelinePost, T, postBit);
     if (to == from) {
         const uint32_t queue = SetPost(to, T, postBit);
         if (queue != kNotWoken && mode == kPostSingle) HandOver(to, T, queue, P);

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "alloc/alloc.h"
+#include "diag/timeline.h"
 #include "diag/trace.h"
 #include "kernel/psehand.h"
 #include "sched/internal.h"
@@ -280,6 +281,8 @@ void ConsumeEnded(Scheduler *S, uint32_t pollList, bool deep) {
         }
         if (rec == nullptr) return;
         UnfilePollRecord(S, rec);
+        S->DonePolled++;
+        NoteTimeline(S, kTimelineDone, rec->Fiber, 0);
         CompleteIo(rec, S);
     }
 }
@@ -383,6 +386,8 @@ void ProcessIOCPMessage(Scheduler *S, OVERLAPPED *overlapped, uintptr_t key) {
         return;
     }
     UnfilePollRecord(S, rec);
+    S->DoneByPacket++;
+    NoteTimeline(S, kTimelineDone, rec->Fiber, 1);
     CompleteIo(rec, S);
 }
 

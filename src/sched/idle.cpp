@@ -3,6 +3,7 @@
 //
 // Runs on the scheduler's thread, on the init fiber's stack or inline on that of a yielding fiber. The wait in
 // the port is the only place where a scheduler thread blocks.
+#include "diag/timeline.h"
 #include "diag/timesource.h"
 #include "sched/internal.h"
 
@@ -109,7 +110,10 @@ bool InitFiberRoutine(Scheduler *S) {
             PollOvLists(S, false);
             return true;
         }
-        PollPort(S, PortWait(S));
+        const uint32_t wait = PortWait(S);
+        NoteTimeline(S, kTimelineIdle, nullptr, wait);
+        PollPort(S, wait);
+        NoteTimeline(S, kTimelineAwake, nullptr, 0);
         S->QuantumStartTick.store(gQuantumTick.load(std::memory_order_relaxed), std::memory_order_relaxed);
         if (PollOvLists(S, false) || S->BackgroundRunnable != 0) return true;
         ChkTimeForTimerQ(S);

@@ -353,6 +353,11 @@ struct alignas(64) Scheduler {
     std::atomic<uint32_t> SwitchCount;       // atomic: owner +1 a pass; others read it for grace periods
     std::atomic<uint32_t> QuantumStartTick;  // atomic: gQuantumTick at the latest dispatch; others set it to 0
     uint64_t DispatchTsc;          // owner: cycle counter at the latest dispatch
+    uint64_t LongestHold;          // owner: cycles; the longest time without a yield in this second
+    const Fiber *LongestHolder;    // owner: whose
+    uint64_t Posts;                // owner: posts made here, ever
+    uint64_t DonePolled;           // owner: operations found ended by polling, ever
+    uint64_t DoneByPacket;         // owner: operations ended by a packet, ever
     uint32_t BackgroundRunnable;   // owner: runnable fibers in state 2
     uint32_t LprqDelay;            // owner: passes still to wait before LPRQ is served
     uint32_t LastQueue;            // owner: index last taken from, or 6
@@ -364,6 +369,7 @@ struct alignas(64) Scheduler {
     uint32_t Unsorted[6];          // owner: how many at the head of each wait for SortQueue
     ListLink *InitFiberLink;       // init: RunLink of InitFiber
     void *(*SwitchHook)();         // owner: returns the Fiber to switch to; set and cleared by dumps
+    struct TimelineRing *Timeline;  // owner: null unless somebody watches (diag/timeline.h)
     // -- written by other threads: a line of its own
     alignas(64) std::atomic<FIBER_MESSAGE *> Messages;  // atomic: newest first; anyone pushes, the owner takes all
     std::atomic<uint32_t> BlockedInPort;     // atomic: the owner sets it around a wait in Port; a sender clears it
@@ -424,6 +430,7 @@ struct alignas(64) Scheduler {
     HANDLE MainThread;
     Fiber *DumpOrigin;
     void *SwitchHookArg;
+    TimelineRing *TimelineMemory;  // owner: the ring once there was one; tools read it
     Fiber *InitFiber;              // init: runs the main loop
 };
 

@@ -6,6 +6,7 @@
 // tick count wraps. A wait starts at the tick rounded up, so none is short.
 //
 // Runs on the owning scheduler's thread only; takes no lock and allocates nothing (the heap is intrusive).
+#include "diag/timeline.h"
 #include "sched/internal.h"
 #include "sched/upcalls.h"
 
@@ -189,6 +190,8 @@ bool CheckTimerQueue(Scheduler *S) {
 
 bool ChkTimeForTimerQ(Scheduler *S) {
     if (S->DebugRequest.load(std::memory_order_acquire) != 0) ServeDebugRequest(S);
+    if ((gTimelineWanted.load(std::memory_order_relaxed) != 0) != (S->Timeline != nullptr)) [[unlikely]]
+        StartOrStopTimeline(S);
     S->IdleCalls = 0;
     bool woke = false;
     if (S->TimedWaiters.Count != 0 || S->SuspendedFibers.Count != 0) {

@@ -7,6 +7,7 @@
 //
 // The cycle counter is read once a switch: what ends one fiber's account starts the next one's. It is read
 // again only where time passed that belongs to nobody (the idle routine ran).
+#include "diag/timeline.h"
 #include "diag/timesource.h"
 #include "diag/trace.h"
 #include "sched/internal.h"
@@ -271,6 +272,7 @@ void SchedYield(Fiber *F, uint32_t reason) {
         bool ranIdle = false;
         Fiber *N = SelectNext(S, &ranIdle);
         N->State = FSTATE_RUNNING;
+        if (S->Timeline != nullptr) [[unlikely]] RecordSwitch(S, F, reason, N);
         if (N == F) {
             S->Os->LastError = F->LastError;
             S->Os->InlineBudget = os::kInlineIoBudget;
