@@ -25,6 +25,7 @@ constexpr uint32_t kMostSuspends = 127;
 // What becomes of the interrupted wait; true when F must wait again, for *reason.
 bool ResumeWait(Fiber *F, uint32_t state, bool slice, uint32_t *reason) {
     switch (state) {
+        case FSTATE_SCHED_YIELD:  // it looks again and again in the background: a select, a move that waits
         case FSTATE_READY:
         case FSTATE_CREATED:
         case FSTATE_YIELDED:

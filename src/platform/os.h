@@ -297,6 +297,8 @@ BOOL CancelIo(HANDLE file);  // every operation of the calling thread on the han
 // how many are still outstanding. For a stack that is about to go away; operations issued with an IoOp are not
 // looked at.
 uint32_t CancelIoInRange(const void *low, const void *high);
+// How many of them are outstanding, without asking for their end: for a stack that is about to leave the thread.
+uint32_t IoOutstandingInRange(const void *low, const void *high);
 
 // "io_uring" or "epoll": what was probed, or what the environment variable ZVXKVT_IO asked for.
 const char *IoBackendName();

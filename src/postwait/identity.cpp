@@ -139,6 +139,7 @@ void MigrateUserThread(const char *tag) {
     Fiber *F = CallingFiber();
     if (F == nullptr) return;
     F->Tag.store(IsEmptyTag(tag) ? kNoTag : tag, std::memory_order_release);
+    if (DynamicCandidate(F)) MoveToDynamicScheduler(F);
 }
 
 }  // namespace zvx

@@ -154,7 +154,15 @@ DWORD WaitForUserThreadPost(HANDLE event, DWORD ms) {
     if (F == nullptr) return os::WaitForSingleObject(event, ms);
     const PSEHAND *entry = LookUpHandle(event);
     if (entry == nullptr) return WaitForSingleObject(event, ms);
-    if (entry->Type == PHAND_HTYPE_PostEventNTHandle) return os::WaitForSingleObject(event, ms);
+    if (entry->Type == PHAND_HTYPE_PostEventNTHandle) {
+        // The kernel thread itself waits; it serves this user thread alone. Others must not wait for its next pass
+        // before they reuse a record, and nothing that was looked up is used after the wait.
+        Scheduler *S = SchedOf(F);
+        S->BlockedOutside.store(1, std::memory_order_seq_cst);
+        const DWORD result = os::WaitForSingleObject(event, ms);
+        S->BlockedOutside.store(0, std::memory_order_seq_cst);
+        return result;
+    }
     return PostWait(F, ms, POST_HOST, true);
 }
 

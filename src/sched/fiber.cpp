@@ -178,10 +178,8 @@ static void AwaitOperationsOnStack(Fiber *F) {
     while (os::CancelIoInRange(low, high) != 0) SchedYield(F, Yield_SCHED);
 }
 
-void FiberExit(Fiber *F, bool terminateBacking) {
+void LeaveRole(Fiber *F) {
     Scheduler *S = SchedOf(F);
-    if (F->Flags & FIBER_USER_THREAD)
-        S->FiberCount.store(S->FiberCount.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
     if ((OptionSet(su_BoostLGWROSThreadPri) && F->Role == ROLE_LGWR) ||
         (OptionSet(su_BoostDBWOSThreadPri) && F->Role == ROLE_DBWR)) {
         os::SetThreadPriority(os::GetCurrentThread(), S->BasePriority);
@@ -190,6 +188,13 @@ void FiberExit(Fiber *F, bool terminateBacking) {
     if (S->LgwrFiber.load(std::memory_order_relaxed) == F) S->LgwrFiber.store(nullptr, std::memory_order_relaxed);
     if (S->DbwrFiber.load(std::memory_order_relaxed) == F) S->DbwrFiber.store(nullptr, std::memory_order_relaxed);
     if (S->HighPriPostWaiter == F) S->HighPriPostWaiter = nullptr;
+}
+
+void FiberExit(Fiber *F, bool terminateBacking) {
+    Scheduler *S = SchedOf(F);
+    if (F->Flags & FIBER_USER_THREAD)
+        S->FiberCount.store(S->FiberCount.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+    LeaveRole(F);
     ReleaseOwnedSections(F);
     while (F->PendingApcIos != 0) SleepEx(10, TRUE);
     CancelOwnIo(S, F);
@@ -207,6 +212,7 @@ void FiberExit(Fiber *F, bool terminateBacking) {
         std::memcpy(F->TlsValues, S->InitFiber->TlsValues, sizeof F->TlsValues);
     }
     UnlinkFrom(&S->AllFibers, &F->SchedFibersLink);
+    if (IsDynamic(S) && (F->Flags & FIBER_USER_THREAD)) ReleaseDynamicScheduler(S);
     SchedYield(F, Yield_EXIT);
     FatalExit("an exited user thread was dispatched");
 }

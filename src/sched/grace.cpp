@@ -21,16 +21,19 @@ static void TakeSnapshot(Scheduler *S) {
     // The removal must be visible before the counts are read; pairs with the locked store that ends a wait in
     // the port and with the passes' releases.
     std::atomic_thread_fence(std::memory_order_seq_cst);
-    for (uint32_t i = 0; i < kMaxSchedulers; ++i)
-        if (gSchedulers[i] != nullptr) S->RetireSnapshot[i] = gSchedulers[i]->SwitchCount.load(std::memory_order_acquire);
+    // One that is made later has looked nothing up.
+    S->RetireSnapshotOf = gSchedulersMade.load(std::memory_order_acquire);
+    for (uint32_t i = 0; i < S->RetireSnapshotOf; ++i)
+        S->RetireSnapshot[i] = gSchedulers[i]->SwitchCount.load(std::memory_order_acquire);
 }
 
 static bool EveryoneMovedOn(const Scheduler *S) {
-    for (uint32_t i = 0; i < kMaxSchedulers; ++i) {
+    for (uint32_t i = 0; i < S->RetireSnapshotOf; ++i) {
         const Scheduler *other = gSchedulers[i];
         if (other == S || !RunsFibers(other)) continue;
         if (other->SwitchCount.load(std::memory_order_acquire) != S->RetireSnapshot[i]) continue;
         if (other->BlockedInPort.load(std::memory_order_acquire) != 0) continue;
+        if (other->BlockedOutside.load(std::memory_order_acquire) != 0) continue;
         return false;
     }
     return true;

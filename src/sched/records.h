@@ -375,6 +375,7 @@ struct alignas(64) Scheduler {
     std::atomic<uint32_t> BlockedInPort;     // atomic: the owner sets it around a wait in Port; a sender clears it
     std::atomic<uint32_t> LaneMask;          // atomic: by index, who has ever posted through a lane; bits are only set
     std::atomic<uint8_t> DebugRequest;       // atomic: a diagnostic request waits
+    std::atomic<uint32_t> BlockedOutside;    // atomic: the owner sets it around a wait that is not in Port
     std::atomic<uint32_t> InTransit;         // atomic: user threads created for this scheduler, not attached yet
     // -- identity and placement
     alignas(64) uint32_t OsThreadId;  // init
@@ -420,6 +421,7 @@ struct alignas(64) Scheduler {
     FIBER_MESSAGE *PendingPosts[kMaxSchedulers];
     ListHead RetireOpen;           // owner: RetireEntry records since the last snapshot
     ListHead RetireWaiting;        // owner: waiting for every scheduler to pass RetireSnapshot
+    uint32_t RetireSnapshotOf;     // owner: of how many schedulers
     uint32_t RetireSnapshot[kMaxSchedulers];
     uint32_t ChunkCacheCount[kMaxNodes];
     void *ChunkCache[kMaxNodes][kChunkCacheSlots];

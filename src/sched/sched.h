@@ -120,6 +120,8 @@ void FreeFiberShell(Fiber *F, bool deleteOsFiber);
 bool CreateInternalFiber(LPTHREAD_START_ROUTINE routine, Scheduler *S, const char *tag);
 void FiberStart(void *fiber);
 [[noreturn]] void FiberExit(Fiber *F, bool terminateBacking);
+// What F's role means to its scheduler is undone: the raised priority, the places where it is named.
+void LeaveRole(Fiber *F);
 void FreeExitedFibers(Scheduler *S);
 void CaptureTls(Fiber *F);
 void RestoreTls(Fiber *F);
@@ -139,6 +141,18 @@ void RestoreTermCleanups(Fiber *F, Scheduler *S);
 // pass or was blocked in its port since.
 void RetireRecord(Scheduler *S, RetireEntry *entry);
 void ReleaseRetired(Scheduler *S);
+
+// ---- migrate.cpp
+void InitDynamicSchedulers();            // start-up, once gNumSchedulers is final
+bool IsDynamic(const Scheduler *S);
+void ProcessMigrationQueue(Scheduler *S);  // hands on those that have left S
+// Returns when F, the caller, runs on a scheduler of its own; at once when there are to be none, or when it has one.
+void MoveToDynamicScheduler(Fiber *F);
+Scheduler *SpawnDynamicScheduler(const Fiber *F);         // reserved for F, and running; blocks while it is being made
+void ReleaseDynamicScheduler(const Scheduler *S);         // the user thread that S served has ended
+extern std::atomic<uint32_t> gNumDynamicSchedulers;       // atomic: in use; written under the lock, read without it
+// Atomic: how many entries of gSchedulers are filled, the static ones and every dynamic one ever made, from 0 upward.
+extern std::atomic<uint32_t> gSchedulersMade;
 
 // ---- quantum.cpp
 void StartQuantumUpdateThread();

@@ -180,6 +180,7 @@ void InitSchedulerGlobals() {
     }
     gShellSerial.store(0, std::memory_order_relaxed);
     for (Scheduler *&slot : gSchedulers) slot = nullptr;
+    InitDynamicSchedulers();
 }
 
 static Scheduler *AllocScheduler(uint32_t n) {

@@ -27,8 +27,6 @@ void ReleaseOwnedSections(Fiber *F);
 // dedicated/exec.cpp. Runs the injected routine on F's own stack inside SchedYield; true when F must wait
 // again for *reason.
 bool ExecRoutineInFiber(Scheduler *S, Fiber *F, uint32_t *reason);
-// sched/migrate.cpp. Hands on the fibers of a non-empty MigrationQueue.
-void ProcessMigrationQueue(Scheduler *S);
 // diag/dump.cpp. Serves S.DebugRequest and clears it.
 void ServeDebugRequest(Scheduler *S);
 

@@ -1,6 +1,6 @@
 // tests/stress/stress_host.cpp - a host whose user threads do everything to each other at once: create, exit,
-// suspend, resume, terminate, sleep, read, write, wait, post, lock. Seeded and time-boxed; ends with the invariant checkers
-// and with the counts of what must have come back.
+// suspend, resume, terminate, sleep, read, write, wait, post, lock, inject, and move to schedulers of their own. Seeded and
+// time-boxed; ends with the invariant checkers and with the counts of what must have come back.
 //
 // Built on the internals, so that every user thread can check its own scheduler between two yields.
 #include <cstdio>
@@ -10,6 +10,7 @@
 #include <string>
 
 #include "alloc/alloc.h"
+#include "dedicated/dedicated.h"
 #include "diag/trace.h"
 #include "kernel/critsec.h"
 #include "kernel/file.h"
@@ -47,6 +48,9 @@ std::atomic<uint64_t> gChildren{0};
 std::atomic<uint64_t> gTerminated{0};
 std::atomic<uint64_t> gReads{0};
 std::atomic<uint64_t> gPosts{0};
+std::atomic<uint64_t> gMoves{0};
+std::atomic<uint64_t> gInjected{0};
+std::atomic<uint32_t> gMovedNow{0};
 char gFileName[256];
 constexpr uint32_t kFileBytes = 1 << 20;
 
@@ -127,6 +131,46 @@ void ReadWithRoutine(std::mt19937_64 &rng) {
     }
     if (!CloseHandle(file)) Fail("CloseHandle(file)", os::GetLastError());
     gReads.fetch_add(2, std::memory_order_relaxed);
+}
+
+// To a scheduler of its own, with reads of every kind outstanding: none may be lost, none may be noticed by the
+// scheduler that is left. Posts may be dropped on the way; from the exchange on they reach the new one.
+void MoveAway(std::mt19937_64 &rng, Slot *slot, uint32_t *seen) {
+    if (gMovedNow.fetch_add(1) >= 9) {  // well below the limit: a thread gives its scheduler back a little after it ends here
+        gMovedNow.fetch_sub(1);
+        return;
+    }
+    HANDLE file =
+        CreateFileA(gFileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+    if (file == INVALID_HANDLE_VALUE) Fail("CreateFileA before a move", os::GetLastError());
+    alignas(16) char buffers[3][2048];
+    RoutineState states[3] = {};
+    for (int i = 0; i < 3; ++i) {
+        states[i].Ov.Offset = static_cast<DWORD>(rng() % (kFileBytes / 2048)) * 2048;
+        const BOOL started = i < 2 ? ReadFileEx(file, buffers[i], sizeof buffers[i], &states[i].Ov, OnRead)
+                                   : ReadFile(file, buffers[i], sizeof buffers[i], nullptr, &states[i].Ov);
+        if (!started && os::GetLastError() != ERROR_IO_PENDING) Fail("a read before a move", os::GetLastError());
+    }
+    Fiber *F = CallingFiber();
+    os::SetLastError(4711);
+    MigrateUserThread("DBW9");
+    if (!IsDynamic(SchedOf(F))) Fail("not moved");
+    if (os::GetLastError() != 4711) Fail("last error changed over a move", os::GetLastError());
+    *seen = slot->Sent.fetch_add(0, std::memory_order_seq_cst);
+    if (states[0].Done + states[1].Done != 0) Fail("a routine ran during a move");
+    while (states[0].Done + states[1].Done < 2) SleepEx(100, TRUE);
+    DWORD bytes = 0;
+    if (!GetOverlappedResult(file, &states[2].Ov, &bytes, TRUE) || bytes != 2048) Fail("a plain read after a move", bytes);
+    for (int i = 0; i < 3; ++i) CheckBytes(buffers[i], states[i].Ov.Offset, 2048);
+    ReadSync(rng);
+    if (!CloseHandle(file)) Fail("CloseHandle(file) after a move", os::GetLastError());
+    gMoves.fetch_add(1, std::memory_order_relaxed);
+}
+
+void InjectedRoutine() {
+    if (GetCurrentThreadId() == 0) Fail("a routine without a thread");
+    Sleep(0);
+    gInjected.fetch_add(1, std::memory_order_relaxed);
 }
 
 DWORD Child(void *param) {
@@ -222,8 +266,24 @@ DWORD Contender(void *param) {
     }
 }
 
+// On its way to a scheduler of its own, or just there: that scheduler must come back all the same.
+DWORD Mover(void *) {
+    MigrateUserThread("LGWR");
+    for (;;) Sleep(1);
+}
+
 void CreateAndTerminate(std::mt19937_64 &rng) {
-    HANDLE child = CreateThread(nullptr, 0, rng() & 1 ? Sleeper : Contender, reinterpret_cast<void *>(rng() & 0xFF), 0, nullptr);
+    static const LPTHREAD_START_ROUTINE kinds[] = {Sleeper, Contender, Mover};
+    size_t kind = rng() % 3;
+    bool counted = false;
+    if (kind == 2) {
+        counted = gMovedNow.fetch_add(1) < 9;
+        if (!counted) {
+            gMovedNow.fetch_sub(1);
+            kind = 0;
+        }
+    }
+    HANDLE child = CreateThread(nullptr, 0, kinds[kind], reinterpret_cast<void *>(rng() & 0xFF), 0, nullptr);
     if (child == nullptr) Fail("CreateThread", os::GetLastError());
     if (rng() & 1) Sleep(1);
     if (rng() & 1) SuspendThread(child);
@@ -232,6 +292,7 @@ void CreateAndTerminate(std::mt19937_64 &rng) {
     if (!GetExitCodeThread(child, &code) || code != 77) Fail("exit code of a terminated child", code);
     if (WaitForSingleObject(child, 10000) != WAIT_OBJECT_0) Fail("terminated child not signalled");
     CloseHandle(child);
+    if (counted) gMovedNow.fetch_sub(1);
     gTerminated.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -257,9 +318,10 @@ DWORD Worker(void *param) {
     static const char *const tags[] = {"SHAD", "P001", "DBW0", "PMON"};
     IdentifyUserThread(tags[self % 4], gSlots[self].Event);
     uint32_t seen = gSlots[self].Sent.load(std::memory_order_seq_cst);
+    bool moved = false;
     while (!gStop.load(std::memory_order_relaxed)) {
         os::SetLastError(self + 5000);
-        switch (rng() % 14) {
+        switch (rng() % 16) {
             case 0: CreateAndAwait(rng); break;
             case 1: CreateAndTerminate(rng); break;
             case 2: ReadSync(rng); break;
@@ -283,6 +345,13 @@ DWORD Worker(void *param) {
             case 11: PostNeighbours(rng); break;
             case 12: TakePosts(&gSlots[self], &seen); break;
             case 8: UserThreadQuantumExpiredCheck(); break;
+            case 13: UserThreadExecRoutine(gSlots[rng() % gOptions.Workers].Event, InjectedRoutine); break;
+            case 14:
+                if (rng() % 8 == 0 && !moved) {
+                    MoveAway(rng, &gSlots[self], &seen);
+                    moved = IsDynamic(SchedOf(CallingFiber()));
+                }
+                break;
             default: SchedYield(CallingFiber(), Yield_USER); break;
         }
         if (os::TlsGetValue(slot) != mine) Fail("another thread's slot value", self);
@@ -291,18 +360,19 @@ DWORD Worker(void *param) {
         if (rng() % 97 == 0) break;  // a fresh worker takes the slot over
     }
     UnidentifyUserThread(0);
+    if (moved) gMovedNow.fetch_sub(1);
     return 0;
 }
 
 int64_t ChunksInUse(uint32_t type) {
     int64_t sum = 0;
-    for (uint32_t i = 0; i < gNumSchedulers; ++i) sum += gSchedulers[i]->ChunkTypeCount[type];
+    for (uint32_t i = 0; i < gSchedulersMade.load(); ++i) sum += gSchedulers[i]->ChunkTypeCount[type];
     return sum;
 }
 
 uint32_t UserThreads() {
     uint32_t sum = 0;
-    for (uint32_t i = 0; i < gNumSchedulers; ++i) sum += gSchedulers[i]->FiberCount.load();
+    for (uint32_t i = 0; i < gSchedulersMade.load(); ++i) sum += gSchedulers[i]->FiberCount.load();
     return sum;
 }
 
@@ -367,16 +437,19 @@ DWORD MainRoutine(void *) {
     if (ChunksInUse(ALLOC_PSEHAND) != static_cast<int64_t>(gHandleCount))
         Fail("handle entries left behind", static_cast<uint64_t>(ChunksInUse(ALLOC_PSEHAND)), gHandleCount);
     if (ChunksInUse(ALLOC_FIBER_MESSAGE) != 0) Fail("messages left behind", static_cast<uint64_t>(ChunksInUse(ALLOC_FIBER_MESSAGE)));
-    if (os::KernelThreadCount() > kernelThreads + 20) Fail("kernel threads left behind", os::KernelThreadCount(), kernelThreads);
+    if (os::KernelThreadCount() > kernelThreads + 36) Fail("kernel threads left behind", os::KernelThreadCount(), kernelThreads);
     std::printf("stress: %u schedulers, %s, seed %llu: %llu actions, %llu children, %llu terminated, %llu reads, %llu posts, "
-                "%llu entries, %u records\n",
+                "%llu entries, %llu moves to %u schedulers, %llu routines, %u records\n",
                 gNumSchedulers, os::IoBackendName(), static_cast<unsigned long long>(gOptions.Seed),
                 static_cast<unsigned long long>(gActions.load()), static_cast<unsigned long long>(gChildren.load()),
                 static_cast<unsigned long long>(gTerminated.load()), static_cast<unsigned long long>(gReads.load()),
                 static_cast<unsigned long long>(gPosts.load()), static_cast<unsigned long long>(entries),
+                static_cast<unsigned long long>(gMoves.load()), gSchedulersMade.load() - gNumSchedulers,
+                static_cast<unsigned long long>(gInjected.load()),
                 gShellSerial.load());
     std::remove(gFileName);
-    if (gActions.load() == 0 || gReads.load() == 0) Fail("nothing was done");
+    if (gActions.load() == 0 || gReads.load() == 0 || gMoves.load() == 0 || gInjected.load() == 0) Fail("nothing was done");
+    if (gNumDynamicSchedulers.load() != 0) Fail("dynamic schedulers in use at the end", gNumDynamicSchedulers.load());
     os::ExitProcess(0);
 }
 
@@ -385,6 +458,8 @@ int Lookup(const char *name, char *buffer, int capacity) {
         return std::snprintf(buffer, static_cast<size_t>(capacity), "%u", gOptions.Schedulers);
     if (std::strcmp(name, "ZVX_FIBERS_StackPages") == 0) return std::snprintf(buffer, static_cast<size_t>(capacity), "16");
     if (std::strcmp(name, "ZVX_FIBERS_QuantumLengthMs") == 0) return std::snprintf(buffer, static_cast<size_t>(capacity), "30");
+    if (std::strcmp(name, "ZVX_FIBERS_DynamicSchedulersEnabled") == 0)
+        return std::snprintf(buffer, static_cast<size_t>(capacity), "1");
     return LookupEnvironment(name, buffer, capacity);
 }
 

@@ -81,6 +81,7 @@ Scheduler *NewScheduler() {
     S->AffinityMask = gProcessAffinityMask;
     InitScheduler(S, gRig.Schedulers++);
     gNumSchedulers = gRig.Schedulers;
+    InitDynamicSchedulers();
     S->Os = os::CurrentThreadBlock();
     S->Port = os::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0);
     S->Io = os::script::IoThreadOf(S->Port);

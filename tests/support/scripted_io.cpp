@@ -322,6 +322,13 @@ BOOL CancelIoEx(HANDLE file, OVERLAPPED *overlapped) {
     return running || ended;
 }
 
+uint32_t IoOutstandingInRange(const void *low, const void *high) {
+    uint32_t outstanding = 0;
+    for (const Request &request : gRunning)
+        outstanding += request.Thread == CurrentThreadBlock()->Io && request.Call.Ov >= low && request.Call.Ov < high;
+    return outstanding;
+}
+
 uint32_t CancelIoInRange(const void *low, const void *high) {
     const auto inRange = [&](const Request &request) {
         const void *ov = request.Call.Ov;

@@ -244,6 +244,10 @@ uint32_t CancelOwn(Engine *engine, const IoObject *object, uintptr_t low, uintpt
     return found;
 }
 
+bool Between(const void *address, const void *low, const void *high) {
+    return address >= low && address < high;
+}
+
 // The object of a handle that operations run on, with a reference.
 IoObject *RefIoObject(HANDLE handle) {
     Object *object = RefHandle(handle);
@@ -360,6 +364,15 @@ uint32_t CancelIoInRange(const void *low, const void *high) {
     // that the end of a thread costs the same however many others have operations running.
     if (engine == nullptr || engine->HostOwned == 0) return 0;
     return CancelOwn(engine, nullptr, reinterpret_cast<uintptr_t>(low), reinterpret_cast<uintptr_t>(high));
+}
+
+uint32_t IoOutstandingInRange(const void *low, const void *high) {
+    Engine *engine = CurrentEngine();
+    if (engine == nullptr || engine->HostOwned == 0) return 0;
+    uint32_t found = 0;
+    for (Request *request = engine->Outstanding.Next; request != &engine->Outstanding; request = request->Next)
+        found += Between(request->Call.Ov, low, high);
+    return found;
 }
 
 }  // namespace os
