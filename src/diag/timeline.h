@@ -1,6 +1,7 @@
 // diag/timeline.h - the timeline: every switch, wait, post and completion of a few seconds, for a viewer.
 //
-// A tool outside the process asks for it by setting gTimelineWanted and reads the rings with the system's call for
+// A tool outside the process asks for it by setting gTimelineWanted to its process number, so that a second tool knows
+// whom to leave alone, and reads the rings with the system's call for
 // reading another process's memory. A scheduler notices at its next timer check, and from then on writes one event of
 // 24 bytes for each thing that happens on it. While nobody asks, a switch pays one branch on a word of its scheduler.
 //
@@ -38,7 +39,7 @@ struct TimelineRing {
     TimelineEvent Events[kTimelineEvents];
 };
 
-extern std::atomic<uint32_t> gTimelineWanted;  // atomic: a tool stores 1 or 0
+extern std::atomic<uint32_t> gTimelineWanted;  // atomic: the process number of the tool that asks, 0 for none
 
 // The scheduler's own thread. They take no lock, allocate nothing, read the cycle counter.
 // F yielded with `reason` and N is about to run. The yield happened at S->DispatchTsc: a tool sorts by time.

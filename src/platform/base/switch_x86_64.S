@@ -132,4 +132,15 @@ zvx_initial_frame:
         .cfi_endproc
         .size   zvx_initial_frame, .-zvx_initial_frame
 
+# The frame above in numbers, for tools that read the stack of a parked fiber: offsets of r15 r14 r13 r12 rbx rbp and the
+# return address, and the bytes of the whole.
+        .section .rodata
+        .globl  zvx_switch_frame
+        .hidden zvx_switch_frame
+        .type   zvx_switch_frame, @object
+        .p2align 1
+zvx_switch_frame:
+        .short  8, 16, 24, 32, 40, 48, 56, 64
+        .size   zvx_switch_frame, .-zvx_switch_frame
+
         .section .note.GNU-stack, "", @progbits
