@@ -26,6 +26,8 @@ struct Options {
     std::string Dir = ".";
     std::string Schedulers = "1";
     bool Threads = false;
+    bool MayMigrate = false;  // the log writer may have a scheduler of its own
+    bool Migrate = false;     // and has it from the start
     Durability Sync = Durability::kAlways;
     uint32_t MaxSessions = 10000;
     uint64_t MaxValue = 8 << 20;       // bytes of a key or a value

@@ -77,6 +77,7 @@ struct Log {
     uint64_t LogId = 0;                  // init
 };
 Log gLog;
+std::atomic<bool> gMoveWriter{false};
 
 bool Always() {
     return gOptions.Sync == Durability::kAlways;
@@ -361,6 +362,8 @@ Buffer *TakeBuffer() {
         }
         // Whoever posted may be the first of many that run now; they share the write.
         if (waited && WaitForUserThreadPost(gLog.WriterEvent, INFINITE) == WAIT_OBJECT_0) Sleep(0);
+        // A post that comes on the way is dropped; what it was about is found at the next look.
+        if (gMoveWriter.exchange(false)) MigrateUserThread("LGWR");
     }
 }
 
@@ -439,7 +442,15 @@ void RetryBatch(Buffer *buffer, DWORD error) {
 
 }  // namespace
 
+bool RequestLgwrMigration() {
+    if (!gOptions.MayMigrate || gOptions.Threads) return false;
+    gMoveWriter = true;
+    PostUserThread(gLog.WriterEvent);
+    return true;
+}
+
 DWORD WINAPI LogWriter(LPVOID) {
+    if (gOptions.Migrate) MigrateUserThread("LGWR");
     IdentifyUserThread("LGWR", gLog.WriterEvent);
     for (;;) {
         Buffer *const buffer = TakeBuffer();

@@ -148,6 +148,7 @@ void ForgetWaiter(Waiter *waiter);
 // ---- Background --------------------------------------------------------------------------------------
 
 DWORD WINAPI LogWriter(LPVOID);         // "LGWR"
+bool RequestLgwrMigration();            // a scheduler of its own for it, soon; false without --migrate-lgwr
 DWORD WINAPI LogFlusher(LPVOID);        // kernel thread of --durability everysec
 LogPosition DurableEnd();               // where a checkpoint begins
 uint64_t RefusedCount();                // changes whenever records are taken back

@@ -27,6 +27,8 @@ const char kHelp[] =
     "  --durability WHEN    always: a write is answered when it is durable (default); everysec: at once, durable\n"
     "                       within a second; no: at once, durable when the system writes it\n"
     "  --schedulers N       scheduler threads (default 1)\n"
+    "  --migrate-lgwr WHEN  a scheduler of its own for the log writer: start: from the start; later: when the\n"
+    "                       administrator asks for it; never (default)\n"
     "  --threads            kernel threads instead of user threads\n"
     "  --max-sessions N     clients at a time (default 10000)\n"
     "  --max-value BYTES    longest key and value (default 8388608)\n"
@@ -95,6 +97,11 @@ void ParseOptions(int argc, char **argv) {
             gOptions.RequestTimeout = small(1, 86400);
         } else if (option == "--idle-timeout") {
             gOptions.IdleTimeout = small(0, 1u << 30);
+        } else if (option == "--migrate-lgwr") {
+            const std::string_view when = argv[++i];
+            known = when == "start" || when == "later" || when == "never";
+            gOptions.Migrate = when == "start";
+            gOptions.MayMigrate = when != "never";
         } else if (option == "--durability") {
             const std::string_view when = argv[++i];
             known = when == "always" || when == "everysec" || when == "no";
@@ -119,6 +126,7 @@ int LookupValue(const char *name, char *buffer, int capacity) {
     const char *value = std::getenv(name);
     if (key == "ZVX_FIBERS_Schedulers") value = gOptions.Schedulers.c_str();
     if (key == "ZVX_FIBERS_DisableFibers" && gOptions.Threads) value = "1";
+    if (key == "ZVX_FIBERS_DynamicSchedulersEnabled" && gOptions.MayMigrate) value = "1";
     if (value == nullptr) {
         if (key == "ZVX_FIBERS_PortWaitMs") value = "100";
         if (key == "ZVX_FIBERS_NumContextSwitchesBeforePolling") value = "10000";
