@@ -53,19 +53,6 @@ bool IsContinuation(char c) {
     return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
 }
 
-// Removes a character that was cut in two from the end of `text`, which was cut at `length` bytes.
-size_t DropPartialChar(char *text, size_t length) {
-    size_t start = length;
-    while (start > 0 && length - start < 3 && IsContinuation(text[start - 1])) start--;
-    if (start == 0) return length;
-    const auto lead = static_cast<unsigned char>(text[start - 1]);
-    const size_t bytes = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
-    // Text that is no UTF-8 at all has no characters to keep whole.
-    if (bytes == 1 || length - (start - 1) >= bytes) return length;
-    text[start - 1] = 0;
-    return start - 1;
-}
-
 // Formats to at most capacity - 1 bytes, cut at a whole character; returns the length.
 size_t FormatCut(char *buffer, size_t capacity, const char *format, va_list args) __attribute__((format(printf, 3, 0)));
 size_t FormatCut(char *buffer, size_t capacity, const char *format, va_list args) {
@@ -123,11 +110,8 @@ void FormatTraceFileNameLocked() {
 // the next line tries again.
 void OpenTraceFileLocked() {
     char path[sizeof(gTraceDir) + sizeof(gTraceFileName)];
-    const size_t dirLength = std::strlen(gTraceDir);
-    std::memcpy(path, gTraceDir, dirLength);
-    // A backslash that the host gave is part of a name; ours stands for the separator.
-    if (gSeparatorIsOurs) path[dirLength - 1] = '/';
-    std::strcpy(path + dirLength, gTraceFileName);
+    CopyTraceDir(path);
+    std::strcat(path, gTraceFileName);
     constexpr size_t kLongestPath = 259;
     if (std::strlen(path) > kLongestPath) {
         path[kLongestPath] = 0;
@@ -209,6 +193,25 @@ void StartFatalWatch() {
 }
 
 }  // namespace
+
+size_t DropPartialChar(char *text, size_t length) {
+    size_t start = length;
+    while (start > 0 && length - start < 3 && IsContinuation(text[start - 1])) start--;
+    if (start == 0) return length;
+    const auto lead = static_cast<unsigned char>(text[start - 1]);
+    const size_t bytes = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+    // Text that is no UTF-8 at all has no characters to keep whole.
+    if (bytes == 1 || length - (start - 1) >= bytes) return length;
+    text[start - 1] = 0;
+    return start - 1;
+}
+
+void CopyTraceDir(char *path) {
+    const size_t length = std::strlen(gTraceDir);
+    std::memcpy(path, gTraceDir, length + 1);
+    // A backslash that the host gave is part of a name; ours stands for the separator.
+    if (gSeparatorIsOurs) path[length - 1] = '/';
+}
 
 bool EnterUnlessDying(os::CriticalSection *section) {
     if (!IsDyingThread()) {

@@ -35,6 +35,11 @@ bool EnterUnlessDying(os::CriticalSection *section);
 // Tells the watchdog of a fatal exit that the dumps are making progress; trace lines do so by themselves.
 void NoteFatalProgress();
 
+// [gTraceLock] gTraceDir as the path of a file begins; at most 259 characters.
+void CopyTraceDir(char *path);
+// Removes a character that was cut in two from the end of `text`, which was cut at `length` bytes; the new length.
+size_t DropPartialChar(char *text, size_t length);
+
 // What lies above registers itself at start: the internal-variable dump and the crash dumps.
 extern void (*gDumpVariables)();
 extern void (*gDumpProcess)(const char *namePrefix);

@@ -370,5 +370,8 @@ BOOL LockFileEx(HANDLE, DWORD, DWORD, DWORD, DWORD, OVERLAPPED *) {
 DWORD SetFilePointer(HANDLE, LONG, LONG *, DWORD) {
     Misuse("SetFilePointer");
 }
+BOOL SetEndOfFile(HANDLE) {
+    Misuse("SetEndOfFile");
+}
 
 }  // namespace os

@@ -18,6 +18,7 @@
 #include <atomic>
 
 #include "platform/base/inner_lock.h"
+#include "platform/base/minidump.h"
 #include "platform/base/object.h"
 #include "platform/base/object_pool.h"
 #include "platform/base/process_object.h"
@@ -42,7 +43,7 @@ constexpr uint32_t kReuseDelay = 64;      // closed values that lie between a cl
 InnerLock gTableLock;
 std::atomic<HandleSlot *> gSlots{nullptr};  // null until the first handle, then the array for good
 std::atomic<uint32_t> gSlotLimit{0};        // slots in the array; written before gSlots
-uint32_t gNextFresh = 1;                    // [gTableLock] slot 0 is the null handle
+std::atomic<uint32_t> gNextFresh{1};        // [gTableLock] slot 0 is the null handle; read by VisitHandles
 uint32_t gFreeHead = 0;                     // [gTableLock] 0 when the queue is empty
 uint32_t gFreeTail = 0;
 uint32_t gFreeCount = 0;
@@ -103,8 +104,8 @@ uint32_t TakeFreeLocked(HandleSlot *slots) {
 
 // [gTableLock] A slot that was never used, made open; 0 when there is none. One may have been pinned.
 uint32_t TakeFreshLocked(HandleSlot *slots) {
-    while (gNextFresh < gSlotLimit.load(std::memory_order_relaxed)) {
-        uint32_t index = gNextFresh++;
+    while (gNextFresh.load(std::memory_order_relaxed) < gSlotLimit.load(std::memory_order_relaxed)) {
+        uint32_t index = gNextFresh.fetch_add(1, std::memory_order_relaxed);
         uint32_t state = 0;
         if (slots[index].State.compare_exchange_strong(state, kOpen, std::memory_order_acq_rel)) return index;
     }
@@ -189,6 +190,16 @@ const Object *PeekHandle(HANDLE handle) {
 
 bool StillOpen(HANDLE handle, const Object *object) {
     return SlotOf(handle)->Target.load(std::memory_order_acquire) == object;
+}
+
+void VisitHandles(void (*visit)(HANDLE handle, const Object *object, void *arg), void *arg) {
+    const HandleSlot *slots = gSlots.load(std::memory_order_acquire);
+    if (slots == nullptr) return;
+    const uint32_t end = gNextFresh.load(std::memory_order_relaxed);
+    for (uint32_t index = 1; index < end; ++index) {
+        const Object *object = slots[index].Target.load(std::memory_order_acquire);
+        if (object != nullptr) visit(reinterpret_cast<HANDLE>(static_cast<uintptr_t>(index) * 4), object, arg);
+    }
 }
 
 BOOL GetHandleInformation(HANDLE handle, DWORD *flags) {

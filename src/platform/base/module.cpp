@@ -9,6 +9,7 @@
 #include <string.h>
 #include <strings.h>
 
+#include "platform/base/minidump.h"
 #include "platform/os_process.h"
 
 namespace os {
@@ -29,6 +30,11 @@ struct Provided {
 constexpr uint32_t kMaxProvided = 16;
 constinit Provided gProvided[kMaxProvided] = {};
 constinit std::atomic<uint32_t> gProvidedCount{0};
+
+[[gnu::constructor]] void ProvideOwn() {
+    ProvideProcedure("dbghelp.dll", "MiniDumpWriteDump",
+                     reinterpret_cast<FARPROC>(reinterpret_cast<void *>(MiniDumpWriteDump)));
+}
 
 // With or without the suffix, in any case.
 OwnModule *FindOwnModule(const char *name) {

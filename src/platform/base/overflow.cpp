@@ -145,6 +145,15 @@ void Install() {
     sigaction(SIGSEGV, &ours, nullptr);
     sigaction(SIGBUS, &ours, nullptr);
     sigaction(SIGFPE, &ours, nullptr);
+    // A file that has reached the process's limit is a write that fails, for the trace and for dumps too. A handler
+    // and not SIG_IGN, which programs that the process starts would inherit.
+    struct sigaction limit;
+    if (sigaction(SIGXFSZ, nullptr, &limit) != 0 || limit.sa_handler != SIG_DFL) return;
+    limit = {};
+    limit.sa_handler = [](int) {};
+    limit.sa_flags = SA_RESTART;
+    sigemptyset(&limit.sa_mask);
+    sigaction(SIGXFSZ, &limit, nullptr);
 }
 
 void FindOwnStack(ThreadLocals *locals) {
