@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "alloc/alloc.h"
+#include "diag/dump.h"
 #include "diag/stats.h"
 #include "diag/timesource.h"
 #include "diag/trace.h"
@@ -207,6 +208,7 @@ void InitUserThreadScheduler(LPTHREAD_START_ROUTINE routine, void *param, const 
     if (params == nullptr) params = &kNoParams;
     if (gInitialised.load(std::memory_order_acquire)) return;
     TraceInit(params->TraceDirectory);
+    gDumpProcess = DumpForFatalExit;
     gLookupValue = params->LookupValue != nullptr ? params->LookupValue : LookupEnvironment;
     if (gInitialised.exchange(true, std::memory_order_acq_rel)) return;
     uint32_t value = 0;
@@ -253,7 +255,7 @@ void InitUserThreadScheduler(LPTHREAD_START_ROUTINE routine, void *param, const 
     AvoidCompletionEvent = os::CreateEventA(nullptr, TRUE, TRUE, nullptr);
     if (AvoidCompletionEvent == nullptr || AvoidCompletionEvent == INVALID_HANDLE_VALUE)
         FatalExit("COULD NOT CREATE AVOID COMPLETION EVENT\n");
-    // The debugger-event thread starts here.
+    StartDebuggerThread();
     if (gNumSchedulers >= kMaxSchedulers) FatalExit("sizeof(SchedBitMaskId) too small");
     for (uint32_t n = 0; n < gNumSchedulers; ++n) AllocScheduler(n);
     for (uint32_t n = 0; n < gNumSchedulers; ++n) {

@@ -86,11 +86,12 @@ INSTANTIATE_TEST_SUITE_P(
                 {{"EnableLargePages", "0"}},
                 "Fibers: Unable to allocate memory LargePages[0] Error[8]"},
         Refusal{"TooManySchedulers", "", {{"Schedulers", "32"}}, "sizeof(SchedBitMaskId) too small"},
-        Refusal{"SchedulerThread", "CreateThread:1:8", {}, "Failed to spawn scheduler thread\n"},
-        Refusal{"SecondSchedulerThread", "CreateThread:2:8", {}, "Failed to spawn scheduler thread\n"},
+        Refusal{"DebuggerThread", "CreateThread:1:8", {}, "Unable to spawn debugger thread"},
+        Refusal{"SchedulerThread", "CreateThread:2:8", {}, "Failed to spawn scheduler thread\n"},
+        Refusal{"SecondSchedulerThread", "CreateThread:3:8", {}, "Failed to spawn scheduler thread\n"},
         Refusal{"MainRoutine", "CreateBackingThread:1:8", {}, "Unable to allocate FMAIN fiber"},
         Refusal{
-            "QuantumThread", "CreateThread:2:8", {{"Schedulers", "1"}}, "Unable to spawn FiberQuantumUpdateThread"}),
+            "QuantumThread", "CreateThread:3:8", {{"Schedulers", "1"}}, "Unable to spawn FiberQuantumUpdateThread"}),
     NameOf);
 
 TEST(StartUpSlots, MoreSlotsThanFollowAThread) {
