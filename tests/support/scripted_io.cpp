@@ -282,8 +282,9 @@ BOOL PostQueuedCompletionStatus(HANDLE port, DWORD bytes, uintptr_t key, OVERLAP
 
 // ---- Reads and writes --------------------------------------------------------------------------------
 
-HANDLE CreateFileA(const char *, DWORD, DWORD, SECURITY_ATTRIBUTES *, DWORD, DWORD, HANDLE) {
-    return ShouldFail("CreateFileA") ? INVALID_HANDLE_VALUE : NewFile();
+HANDLE CreateFileA(const char *name, DWORD, DWORD, SECURITY_ATTRIBUTES *, DWORD, DWORD, HANDLE) {
+    if (ShouldFail("CreateFileA")) return INVALID_HANDLE_VALUE;
+    return gScript.OnCreate && !gScript.OnCreate(name) ? INVALID_HANDLE_VALUE : NewFile();
 }
 
 BOOL ReadFile(HANDLE file, void *, DWORD count, DWORD *got, OVERLAPPED *overlapped, IoOp *op) {
@@ -320,6 +321,11 @@ BOOL CancelIoEx(HANDLE file, OVERLAPPED *overlapped) {
     Cancel(file, overlapped, running);
     if (!running && !ended) SetLastError(ERROR_NOT_FOUND);
     return running || ended;
+}
+
+BOOL FlushFileBuffers(HANDLE) {
+    gScript.Flushes++;
+    return TRUE;
 }
 
 uint32_t IoOutstandingInRange(const void *low, const void *high) {

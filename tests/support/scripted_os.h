@@ -91,10 +91,12 @@ struct Script {
     std::function<void(HANDLE port, DWORD ms)> OnPortWait;
     std::function<void()> OnSpin;
     uint32_t SpinLimit = 1000;
+    std::function<bool(const char *name)> OnCreate;  // of CreateFileA: false when the file cannot be had
     bool HoldCancels = false;  // a cancelled operation goes on until the test ends it
     std::vector<IoCall> Calls;
     std::vector<IoCall> Cancels;       // File and Ov of every operation that was to be cancelled
     std::vector<uintptr_t> BoundKeys;  // of every handle that was associated with a port
+    uint32_t Flushes = 0;              // by FlushFileBuffers
     std::vector<Packet> Posted;        // by PostQueuedCompletionStatus
     DWORD LastPortWaitMs = 0;
 };

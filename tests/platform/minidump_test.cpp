@@ -1,0 +1,297 @@
+// Minidump files: what is in them, for threads in every state, and what a write that fails leaves.
+#include "platform/base/minidump.h"
+
+#include <elf.h>
+#include <link.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+
+#include <fstream>
+#include <map>
+
+#include "support.h"
+
+namespace {
+
+using namespace os::minidump;
+
+// A file as a reader sees it; every access is checked against its length.
+struct Dump {
+    std::string Bytes;
+    std::map<uint32_t, Location> Streams;
+
+    template <typename T>
+    T At(uint64_t rva) const {
+        T value{};
+        EXPECT_LE(rva + sizeof value, Bytes.size());
+        if (rva + sizeof value <= Bytes.size()) memcpy(&value, Bytes.data() + rva, sizeof value);
+        return value;
+    }
+    std::string Raw(Location where) const {
+        EXPECT_LE(uint64_t{where.Rva} + where.Bytes, Bytes.size());
+        return Bytes.substr(where.Rva, where.Bytes);
+    }
+    std::string Text(uint32_t rva) const {
+        std::string text;
+        for (uint32_t i = 0; i < At<uint32_t>(rva) / 2; i++) text += static_cast<char>(At<uint16_t>(rva + 4 + i * 2));
+        EXPECT_EQ(At<uint16_t>(rva + 4 + text.size() * 2), 0);
+        return text;
+    }
+    template <typename T>
+    std::vector<T> List(uint32_t type) const {
+        const Location where = Streams.at(type);
+        const uint32_t count = At<uint32_t>(where.Rva);
+        EXPECT_EQ(where.Bytes, 4 + count * sizeof(T));
+        std::vector<T> list;
+        for (uint32_t i = 0; i < count; i++) list.push_back(At<T>(where.Rva + 4 + i * sizeof(T)));
+        return list;
+    }
+    const Thread *Find(const std::vector<Thread> &threads, int tid) const {
+        for (const Thread &thread : threads)
+            if (thread.Id == static_cast<uint32_t>(tid)) return &thread;
+        return nullptr;
+    }
+    // The word at an address of the process, from the stacks.
+    bool Word(uint64_t address, uint64_t *value) const {
+        for (const Memory &memory : List<Memory>(kMemoryList)) {
+            if (address < memory.Start || address + 8 > memory.Start + memory.Where.Bytes) continue;
+            *value = At<uint64_t>(memory.Where.Rva + (address - memory.Start));
+            return true;
+        }
+        return false;
+    }
+};
+
+Dump WriteAndRead(DWORD type = os::kMiniDumpWithHandleData) {
+    const Scratch name;
+    HANDLE file = os::CreateFileA(name.Name.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                  CREATE_ALWAYS, 0, nullptr);
+    EXPECT_TRUE(os::MiniDumpWriteDump(os::GetCurrentProcess(), os::GetCurrentProcessId(), file, type, nullptr, nullptr,
+                                      nullptr));
+    os::CloseHandle(file);
+    std::ifstream stream(name.Name, std::ios::binary);
+    Dump dump;
+    dump.Bytes.assign(std::istreambuf_iterator<char>(stream), {});
+    const Header header = dump.At<Header>(0);
+    EXPECT_EQ(header.Signature, kSignature);
+    EXPECT_EQ(header.Version & 0xFFFF, kVersion);
+    for (uint32_t i = 0; i < header.StreamCount; i++) {
+        const Directory entry = dump.At<Directory>(header.DirectoryRva + i * sizeof(Directory));
+        EXPECT_TRUE(dump.Streams.emplace(entry.Type, entry.Where).second) << "twice: " << entry.Type;
+        EXPECT_LE(uint64_t{entry.Where.Rva} + entry.Where.Bytes, dump.Bytes.size());
+    }
+    return dump;
+}
+
+// A thread that says where it is, in the state that `stay` keeps it in until Leave is set.
+struct Stayer {
+    std::atomic<int> Tid{0};
+    std::atomic<uint64_t> Marker{0};  // address of a word on its stack
+    std::atomic<bool> Leave{false};
+    std::thread Thread;
+
+    template <typename Body>
+    explicit Stayer(Body stay) {
+        Thread = std::thread([this, stay] {
+            volatile uint64_t word = 0x5A5A0000u + static_cast<uint64_t>(gettid());
+            Marker = reinterpret_cast<uint64_t>(&word);
+            Tid = gettid();
+            stay(this);
+        });
+        while (Tid == 0) Pause(1);
+    }
+    ~Stayer() {
+        Leave = true;
+        Thread.join();
+    }
+};
+
+// That the thread is there, with its own stack around its stack pointer.
+void ExpectShown(const Dump &dump, const Stayer &stayer, bool registers) {
+    const auto threads = dump.List<Thread>(kThreadList);
+    const Thread *thread = dump.Find(threads, stayer.Tid);
+    ASSERT_NE(thread, nullptr);
+    const Context context = dump.At<Context>(thread->Context.Rva);
+    EXPECT_EQ(thread->Context.Bytes, sizeof(Context));
+    EXPECT_EQ(context.Flags, registers ? kContextFull : kContextControl);
+    EXPECT_NE(context.Rip, 0u);
+    EXPECT_LE(context.Rsp, stayer.Marker) << "the marker lies in a frame below the top";
+    uint64_t value = 0;
+    ASSERT_TRUE(dump.Word(stayer.Marker, &value));
+    EXPECT_EQ(value, 0x5A5A0000u + static_cast<uint64_t>(stayer.Tid));
+}
+
+std::map<std::string, std::string> LoadedBuildIds() {
+    std::map<std::string, std::string> ids;
+    dl_iterate_phdr(
+        [](dl_phdr_info *info, size_t, void *arg) {
+            for (int i = 0; i < info->dlpi_phnum; i++) {
+                if (info->dlpi_phdr[i].p_type != PT_NOTE) continue;
+                const char *at = reinterpret_cast<const char *>(info->dlpi_addr + info->dlpi_phdr[i].p_vaddr);
+                const char *end = at + info->dlpi_phdr[i].p_memsz;
+                while (at < end) {
+                    const auto *note = reinterpret_cast<const ElfW(Nhdr) *>(at);
+                    const char *content = at + sizeof *note + ((note->n_namesz + 3) & ~3u);
+                    char path[PATH_MAX];
+                    const char *name = info->dlpi_name[0] == 0 ? "/proc/self/exe" : info->dlpi_name;
+                    if (note->n_type == NT_GNU_BUILD_ID && realpath(name, path) != nullptr)
+                        (*static_cast<std::map<std::string, std::string> *>(arg))[path] = {content, note->n_descsz};
+                    at = content + ((note->n_descsz + 3) & ~3u);
+                }
+            }
+            return 0;
+        },
+        &ids);
+    return ids;
+}
+
+}  // namespace
+
+TEST(Minidump, TheProcessAndItsModules) {
+    const Dump dump = WriteAndRead();
+    const SystemInfo system = dump.At<SystemInfo>(dump.Streams.at(kSystemInfo).Rva);
+    EXPECT_EQ(system.Architecture, kArchitecture);
+    EXPECT_EQ(system.Platform, kPlatformLinux);
+    EXPECT_EQ(dump.Text(system.ReleaseRva).rfind("Linux ", 0), 0u);
+    EXPECT_EQ(dump.At<MiscInfo>(dump.Streams.at(kMiscInfo).Rva).ProcessId, static_cast<uint32_t>(getpid()));
+    EXPECT_NE(dump.Raw(dump.Streams.at(kLinuxProcStatus)).find("\nPid:\t" + std::to_string(getpid()) + "\n"),
+              std::string::npos);
+    EXPECT_NE(dump.Raw(dump.Streams.at(kLinuxMaps)).find("[stack]\n"), std::string::npos);
+
+    // The same modules with the same identifiers as the dynamic loader knows.
+    std::map<std::string, std::string> ids;
+    for (const Module &module : dump.List<Module>(kModuleList)) {
+        const std::string name = dump.Text(module.NameRva);
+        EXPECT_GT(module.Size, 4095u) << name;
+        if (name.find("libstdc++.so.6.") != std::string::npos) {
+            EXPECT_EQ(module.Version.FileVersionHigh, 6u << 16);
+        }
+        if (module.CodeView.Bytes == 0 || name == "[vdso]") continue;
+        EXPECT_EQ(dump.At<uint32_t>(module.CodeView.Rva), kBuildIdSignature);
+        ids[name] = dump.Raw(module.CodeView).substr(4);
+    }
+    EXPECT_EQ(ids, LoadedBuildIds());
+    EXPECT_GE(ids.size(), 3u);
+}
+
+TEST(Minidump, ThreadsInEveryState) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    Stayer runs([](Stayer *self) {
+        while (!self->Leave) os::CpuRelax();
+    });
+    // A read that was interrupted goes on: the writer of the dump does not end it.
+    std::atomic<ssize_t> got{-2};
+    Stayer blocks([&](Stayer *) {
+        char byte;
+        got = read(ends[0], &byte, 1);
+    });
+    // One that no signal reaches is shown where the kernel has it.
+    Stayer deaf([](Stayer *self) {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, nullptr);
+        while (!self->Leave) usleep(100000);
+    });
+    Pause(20);
+    // A user thread of ours on a stack of its own.
+    static std::atomic<uint64_t> fiberMarker{0};
+    Stayer onFiber([](Stayer *self) {
+        os::ConvertThreadToFiber(nullptr);
+        static Stayer *me = self;
+        os::SwitchToFiber(os::CurrentThreadBlock(), os::CreateFiber(
+                                                        64 * 1024,
+                                                        [](void *) {
+                                                            volatile uint64_t word = 0xF1BE;
+                                                            fiberMarker = reinterpret_cast<uint64_t>(&word);
+                                                            while (!me->Leave) usleep(1000);
+                                                            pthread_exit(nullptr);
+                                                        },
+                                                        nullptr));
+    });
+    while (fiberMarker == 0) Pause(1);
+    const auto start = std::chrono::steady_clock::now();
+    for (int round = 0; round < 3; round++) {
+        const Dump dump = WriteAndRead();
+        for (const Stayer *stayer : {&runs, &blocks}) ExpectShown(dump, *stayer, true);
+        ExpectShown(dump, deaf, false);
+        const auto threads = dump.List<Thread>(kThreadList);
+        EXPECT_GE(threads.size(), 5u);
+        const Thread *self = dump.Find(threads, gettid());
+        ASSERT_NE(self, nullptr);
+        EXPECT_EQ(dump.At<Context>(self->Context.Rva).Flags, kContextFull);
+        uint64_t value = 0;
+        ASSERT_TRUE(dump.Word(fiberMarker, &value)) << "the stack of the fiber is the stack of its thread";
+        EXPECT_EQ(value, 0xF1BEu);
+        EXPECT_LT(dump.Bytes.size(), 300u * 1024);
+    }
+    EXPECT_LT(MillisecondsSince(start), 900) << "a thread that does not answer is waited for once, not in every dump";
+    EXPECT_EQ(got, -2);
+    EXPECT_EQ(write(ends[1], "x", 1), 1);
+    blocks.Leave = true;
+}
+
+TEST(Minidump, HandlesWithTypesAndNames) {
+    const std::string name = "zvx_dump_" + std::to_string(getpid());
+    HANDLE event = os::CreateEventA(nullptr, TRUE, FALSE, name.c_str());
+    HANDLE copy = Duplicate(event);
+    HANDLE thread = os::CreateBackingThread(nullptr, nullptr, nullptr, nullptr, nullptr);
+    const Dump dump = WriteAndRead();
+    const HandleData head = dump.At<HandleData>(dump.Streams.at(kHandleData).Rva);
+    std::map<uint64_t, std::string> seen;
+    for (uint32_t i = 0; i < head.Count; i++) {
+        const auto entry = dump.At<HandleDescriptor>(dump.Streams.at(kHandleData).Rva + head.HeaderBytes +
+                                                     i * uint64_t{head.DescriptorBytes});
+        seen[entry.Handle] = dump.Text(entry.TypeRva) + "/" + std::to_string(entry.HandleCount) + "/" +
+                             (entry.NameRva != 0 ? dump.Text(entry.NameRva) : "");
+    }
+    const auto value = [](HANDLE handle) { return reinterpret_cast<uint64_t>(handle); };
+    EXPECT_EQ(seen[value(event)], "Event/2/" + name);
+    EXPECT_EQ(seen[value(copy)], "Event/2/" + name);
+    EXPECT_EQ(seen[value(thread)], "Thread/1/");
+    EXPECT_EQ(seen.size(), 4u) << "and the file itself";
+    EXPECT_EQ(WriteAndRead(0).Streams.count(kHandleData), 0u);
+}
+
+TEST(Minidump, WritesThatFail) {
+    const auto result = RunChild([] {
+        os::ArmStackOverflowReport();
+        rlimit limit = {8192, 8192};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        HANDLE file = os::CreateFileA("zvx_full", GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+        const auto dump = [&](HANDLE process, HANDLE to) {
+            os::SetLastError(0);
+            const BOOL written =
+                os::MiniDumpWriteDump(process, os::GetCurrentProcessId(), to, 0, nullptr, nullptr, nullptr);
+            printf("%d %u;", written, os::GetLastError());
+        };
+        dump(os::GetCurrentProcess(), file);
+        dump(os::GetCurrentProcess(),
+             os::CreateFileA("/dev/full", GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        dump(os::GetCurrentProcess(), nullptr);
+        dump(nullptr, file);
+        unlink("zvx_full");
+        fflush(stdout);
+    });
+    EXPECT_EQ(result.Signal, 0) << "a file at its limit does not end the process";
+    EXPECT_EQ(result.Output, "0 " + std::to_string(ERROR_FILE_TOO_LARGE) + ";0 112;0 6;0 87;");
+}
+
+// Two at once, while threads come and go.
+TEST(Minidump, AtTheSameTime) {
+    std::atomic<bool> stop{false};
+    std::thread churn([&] {
+        while (!stop) std::thread([] {}).join();
+    });
+    Together(
+        [] {
+            for (int i = 0; i < 20; i++) WriteAndRead();
+        },
+        [] {
+            for (int i = 0; i < 20; i++) WriteAndRead();
+        });
+    stop = true;
+    churn.join();
+}

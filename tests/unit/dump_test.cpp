@@ -1,0 +1,280 @@
+// Crash dumps: names, the order of a sweep, what a sweep leaves as it was, fatal errors within one, and the event.
+//
+// Dumps are written on the calling fiber here, because no helper thread can be had, and no file can be created either:
+// every dump is two names, asked for while the thread that it shows is the running one.
+#include "diag/dump.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+#include <thread>
+
+#include "child.h"
+#include "diag/trace.h"
+#include "platform/os_process.h"
+#include "sched/internal.h"
+#include "sched/startup.h"
+#include "sched_fixture.h"
+
+namespace zvx::test {
+namespace {
+
+using os::script::gScript;
+
+std::vector<std::string> gCreated;
+
+void RecordNames() {
+    for (uint32_t n = 1; n <= 30; ++n) os::FailCall("CreateThread", n, ERROR_MAX_THRDS_REACHED);
+    gScript.OnCreate = [](const char *name) {
+        gCreated.push_back(name);
+        os::SetLastError(1234);  // what a dump does to the thread
+        errno = 99;
+        return false;
+    };
+}
+
+std::string Hex(uint32_t value) {
+    char text[16];
+    snprintf(text, sizeof text, "%X", value);
+    return text;
+}
+std::string Self() {
+    return Hex(os::GetCurrentThreadId());
+}
+std::string Pid() {
+    return std::to_string(getpid());
+}
+
+// Of each dump that was tried, the tag of its user thread.
+std::vector<std::string> TakeTags() {
+    std::vector<std::string> tags;
+    for (size_t i = 0; i < gCreated.size(); i += 2) {
+        const size_t begin = gCreated[i].find("_fid_") + 5;
+        tags.push_back(gCreated[i].substr(begin, gCreated[i].find("_minidump_") - begin));
+    }
+    gCreated.clear();
+    return tags;
+}
+using Tags = std::vector<std::string>;
+
+TEST(DumpNames, AThreadThatIsNoUserThread) {
+    setenv("ZORVEX_SID", "PROD", 1);
+    RecordNames();
+    TraceInit("/logs");
+    DumpProcess("zvxkvt_kill_proc");
+    const std::string common = "zvxkvt_kill_proc_tid_x" + Self() + "_minidump_PROD_pid_" + Pid();
+    ASSERT_EQ(gCreated.size(), 2u) << "one dump, tried in two places";
+    EXPECT_EQ(gCreated[0], "/logs/" + common + "_mdtid_x" + Self() + "_2005_9_3_14_7_9.dmp");
+    EXPECT_EQ(gCreated[1], common + "_dtid_x" + Self() + "_2005_9_3_14_7_9.dmp");
+
+    // A backslash that the library appended separates; the path is cut as a whole, never within a character.
+    gCreated.clear();
+    TraceInit("dumps");
+    DumpProcess("p");
+    EXPECT_EQ(gCreated[0].rfind("dumps/p_tid_x", 0), 0u) << gCreated[0];
+    gCreated.clear();
+    std::string deep = "/" + std::string(200, 'd') + "/";
+    while (deep.size() < 256) deep += "\xC3\xA4";
+    TraceInit(deep.c_str());
+    DumpProcess("\xC3\xA4\xC3\xA4\xC3\xA4");
+    EXPECT_EQ(gCreated[0], (deep + "/\xC3\xA4").substr(0, gCreated[0].size()));
+    EXPECT_GE(gCreated[0].size(), 258u);
+    EXPECT_LE(gCreated[0].size(), 259u);
+}
+
+struct Sweep : testing::Test {
+    void SetUp() override {
+        setenv("ZORVEX_SID", "X", 1);
+        InitLibrary();
+        RecordNames();
+        S = NewScheduler();
+    }
+    // A user thread that parks, with things of its own, and looks for them when it goes on.
+    Fiber *NewParked(const char *tag, std::function<void(Fiber *)> then = nullptr) {
+        Fiber *F = NewFiber(S, [then](Fiber *self) {
+            const DWORD own = self->ShellSerial;
+            os::TlsSetValue(5, self);
+            os::SetLastError(500 + own);
+            errno = static_cast<int>(600 + own);
+            self->WaitTimeoutMs = INFINITE;
+            SchedYield(self, Yield_TIMER_WAIT);
+            EXPECT_EQ(os::GetLastError(), 500 + own);
+            EXPECT_EQ(errno, static_cast<int>(600 + own));
+            EXPECT_EQ(os::TlsGetValue(5), self);
+            if (then) then(self);
+            Note(self->Tag.load());
+        });
+        F->Tag = tag;
+        F->OsThreadId = 0x1A0u + F->ShellSerial;
+        F->StaticTls = F;
+        RunUntilIdle(S);
+        return F;
+    }
+    void Wake(Fiber *F) {
+        UnlinkTimedWaiter(S, F);
+        F->State = FSTATE_READY;
+        AppendReady(S, F);
+    }
+    Scheduler *S = nullptr;
+};
+
+TEST_F(Sweep, EveryStartedThreadOnceAndTheOriginFirst) {
+    static Tags tags;
+    Fiber *a = NewParked("A"), *b = NewParked("B/2");
+    Fiber *origin = NewParked("ORIGIN", [&](Fiber *self) {
+        NewFiber(S, [](Fiber *) { Note("never started before"); })->Tag = "FRESH";
+        os::SetLastError(42);
+        errno = 43;
+        self->LastError = 41;  // as in the middle of a yield
+        DumpProcess("zvxkvt_debug");
+        EXPECT_EQ(os::GetLastError(), 42u);
+        EXPECT_EQ(errno, 43);
+        EXPECT_EQ(self->LastError, 41u);
+        EXPECT_EQ(os::CurrentThreadBlock()->Slots, self->TlsValues);
+        EXPECT_EQ(os::CurrentThreadBlock()->StaticTls, self);
+        EXPECT_TRUE(S->SwitchHook == nullptr && S->DumpOrigin == nullptr && S->SwitchHookArg == nullptr);
+        tags = TakeTags();
+    });
+    NewFiber(S, [](Fiber *) {})->Tag = "EXITED";
+    Fiber *c = NewParked("C");
+    UnlinkTimedWaiter(S, c);
+    c->SuspendCount = 1;
+    c->State = FSTATE_READY;
+    AppendReady(S, c);
+    RunUntilIdle(S);
+    ASSERT_EQ(c->State, static_cast<uint32_t>(FSTATE_SUSPENDED));
+
+    // What every dump sees: the thread of its name is the running one.
+    const auto record = gScript.OnCreate;
+    gScript.OnCreate = [&](const char *name) {
+        const auto *G = static_cast<const Fiber *>(os::GetFiberData());
+        const std::string tag = G == b ? "B_2" : G->Tag.load();
+        const std::string expected =
+            "zvxkvt_debug_tid_x" + Hex(G->OsThreadId) + "_stid_x" + Self() + "_fid_" + tag + "_minidump_X_pid_" + Pid();
+        EXPECT_EQ(std::string(name).rfind(expected, 0), 0u) << name;
+        EXPECT_EQ(os::CurrentThreadBlock()->Slots, G->TlsValues);
+        EXPECT_EQ(os::CurrentThreadBlock()->StaticTls, G);
+        return record(name);
+    };
+    Wake(origin);
+    RunUntilIdle(S);
+    EXPECT_EQ(tags, (Tags{"ORIGIN", "A", "B_2", "C"}));
+    EXPECT_EQ(TakeNotes(), (Tags{"ORIGIN", "never started before"})) << "nobody ran because of the sweep";
+    EXPECT_EQ(c->State, static_cast<uint32_t>(FSTATE_SUSPENDED));
+    c->SuspendCount = 0;
+    os::script::AdvanceClock(100);
+    Wake(a);
+    Wake(b);
+    RunUntilIdle(S);
+    EXPECT_EQ(TakeNotes().size(), 3u) << "each goes on where it was";
+}
+
+TEST_F(Sweep, AsTheTimerCheckServesIt) {
+    // An idle scheduler: the thread whose stack the idle routine runs on, or the scheduler's own, is the origin.
+    S->DebugRequest = 1;
+    RunUntilIdle(S);
+    EXPECT_EQ(TakeTags(), Tags{"UID"}) << "a scheduler without user threads writes one, and switches to nobody";
+    EXPECT_EQ(S->DebugRequest, 0u);
+    Fiber *a = NewParked("A", [&](Fiber *) { Note(std::to_string(S->ExitedFibers.Count) + " exited"); });
+    NewParked("B");
+    S->DebugRequest = 1;
+    os::script::AdvanceClock(100);
+    RunUntilIdle(S);
+    Tags tags = TakeTags();
+    std::sort(tags.begin(), tags.end());
+    tags.erase(std::remove(tags.begin(), tags.end(), "UID"), tags.end());
+    EXPECT_EQ(tags, (Tags{"A", "B"}));
+
+    // The thread that is about to leave still stands on its stack when the sweep is over: it is not freed before
+    // the switch to the next one.
+    NewFiber(S, [&](Fiber *) {
+        S->DebugRequest = 1;
+        S->SelectPasses = kFullSweepPasses + 1;  // the timer check comes within the pass of the exit
+        Wake(a);
+    })->Tag = "LEAVES";
+    RunUntilIdle(S);
+    EXPECT_EQ(TakeTags(), (Tags{"LEAVES", "A", "B"}));
+    EXPECT_EQ(TakeNotes(), (Tags{"1 exited", "A"}));
+}
+
+TEST_F(Sweep, AFatalErrorWithinASweepAndWithinItsDumps) {
+    // The second dump of a sweep ends the process; so does, once more, the third of those that it writes.
+    const Killed killed = Kill([&] {
+        gDumpProcess = DumpForFatalExit;
+        Fiber *origin = NewParked("ORIGIN", [](Fiber *) { DumpProcess("debug"); });
+        NewParked("A");
+        NewParked("B");
+        gScript.OnCreate = [](const char *name) {
+            if (strstr(name, "_mdtid_") == nullptr) return false;  // the second place
+            const bool kill = strstr(name, "zvxkvt_kill_proc") != nullptr;
+            const char *tag = strstr(name, "_fid_") + 5;
+            TracePrintf("%s %.*s\n", kill ? "kill" : "debug", static_cast<int>(strcspn(tag, "_")), tag);
+            if (!kill && strncmp(tag, "A_", 2) == 0) FatalExit("first");
+            if (kill && strncmp(tag, "B_", 2) == 0) FatalExit("second");
+            return false;
+        };
+        Wake(origin);
+        RunUntilIdle(S);
+    });
+    EXPECT_EQ(killed.Output, "ZORVEX KILLED: first|ZORVEX KILLED: second|");
+    std::string order;
+    std::istringstream lines(killed.Lines);
+    for (std::string line; std::getline(lines, line);)
+        if (line.rfind("debug ", 0) == 0 || line.rfind("kill ", 0) == 0) order += line + ";";
+    EXPECT_EQ(order, "debug ORIGIN;debug A;kill A;kill ORIGIN;kill B;");
+}
+
+// The debugger thread runs as a thread of the test's own; the event is a real one.
+struct Debugger : testing::Test {
+    void SetUp() override {
+        setenv("ZORVEX_SID", ("T" + Pid()).c_str(), 1);
+        InitLibrary();
+        TraceInit(Dir.Path.c_str());
+        for (int i = 0; i < 2; ++i) NewScheduler();
+        SetOption(su_Initialized);
+    }
+    std::string EventName() const { return "zorvex_zvxkvt_debugger_T" + Pid(); }
+    const Folder Dir;
+};
+
+TEST_F(Debugger, ASignalAsksEveryStaticSchedulerAndNoOther) {
+    static Scheduler dynamic;
+    gSchedulers[2] = &dynamic;
+    gDebugGlobal = 1;
+    gSchedulers[0]->DebugRequest = gSchedulers[1]->DebugRequest = 0;
+    std::thread([] { DebuggerThread(nullptr); }).detach();
+    HANDLE event = nullptr;
+    while ((event = os::OpenEventA(EVENT_ALL_ACCESS, FALSE, ("Global\\" + EventName()).c_str())) == nullptr)
+        std::this_thread::yield();
+    for (int round = 0; round < 2; ++round) {
+        os::SetEvent(event);
+        while (gSchedulers[1]->DebugRequest == 0) std::this_thread::yield();
+        EXPECT_EQ(gSchedulers[0]->DebugRequest, 1u);
+        EXPECT_EQ(dynamic.DebugRequest, 0u);
+        while (os::WaitForSingleObject(event, 0) == WAIT_OBJECT_0) std::this_thread::yield();
+        gSchedulers[0]->DebugRequest = gSchedulers[1]->DebugRequest = 0;
+    }
+    EXPECT_NE(gScript.Posted.size(), 0u) << "a scheduler that is blocked in its port is woken";
+    EXPECT_NE(Dir.Lines().find("skvtalloc: debug info END\n"), std::string::npos);
+    EXPECT_NE(Dir.Lines().find("skvtphand: debug info END\n"), std::string::npos);
+    gSchedulers[2] = nullptr;
+}
+
+TEST_F(Debugger, NoEventAndWaitsThatFail) {
+    os::FailCall("CreateEventA", 1, 5);
+    EXPECT_EQ(DebuggerThread(nullptr), 0u);
+    const std::string thread = std::to_string(os::GetCurrentThreadId());
+    EXPECT_EQ(Dir.Lines(), "E[5]T[" + thread + "] DebuggerThread failed to create event " + EventName() + " err=[5]\n");
+    for (uint32_t n = 1; n <= 11; ++n) os::FailCall("WaitForSingleObject", n, 6);
+    EXPECT_EQ(DebuggerThread(nullptr), 0u);
+    EXPECT_NE(Dir.Lines().find("DebuggerThread wait failed on event " + EventName() + " err=[6]\n"), std::string::npos)
+        << Dir.Lines();
+    os::FailCall("CreateThread", 1, 8);
+    EXPECT_EQ(FatalTextOf([] { StartDebuggerThread(); }), "Unable to spawn debugger thread");
+}
+
+}  // namespace
+}  // namespace zvx::test
