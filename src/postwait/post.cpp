@@ -60,7 +60,7 @@ uint32_t Post(Fiber *T, PostMode mode, Fiber *P, uint32_t postBit) {
     Scheduler *to = T->Sched.load(std::memory_order_acquire);
     Scheduler *from = SchedOf(P);
     if (to == nullptr) return 0;
-    from->Posts++;
+    CountOne(&from->Posts);
     NoteTimeline(from, kTimelinePost, T, postBit);
     if (to == from) {
         const uint32_t queue = SetPost(to, T, postBit);

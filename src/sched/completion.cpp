@@ -281,7 +281,7 @@ void ConsumeEnded(Scheduler *S, uint32_t pollList, bool deep) {
         }
         if (rec == nullptr) return;
         UnfilePollRecord(S, rec);
-        S->DonePolled++;
+        CountOne(&S->DonePolled);
         NoteTimeline(S, kTimelineDone, rec->Fiber, 0);
         CompleteIo(rec, S);
     }
@@ -386,7 +386,7 @@ void ProcessIOCPMessage(Scheduler *S, OVERLAPPED *overlapped, uintptr_t key) {
         return;
     }
     UnfilePollRecord(S, rec);
-    S->DoneByPacket++;
+    CountOne(&S->DoneByPacket);
     NoteTimeline(S, kTimelineDone, rec->Fiber, 1);
     CompleteIo(rec, S);
 }

@@ -355,9 +355,9 @@ struct alignas(64) Scheduler {
     uint64_t DispatchTsc;          // owner: cycle counter at the latest dispatch
     uint64_t LongestHold;          // owner: cycles; the longest time without a yield in this second
     const Fiber *LongestHolder;    // owner: whose
-    uint64_t Posts;                // owner: posts made here, ever
-    uint64_t DonePolled;           // owner: operations found ended by polling, ever
-    uint64_t DoneByPacket;         // owner: operations ended by a packet, ever
+    std::atomic<uint64_t> Posts;         // atomic: owner counts, the second's line reads; posts made here, ever
+    std::atomic<uint64_t> DonePolled;    // atomic: as Posts; operations found ended by polling
+    std::atomic<uint64_t> DoneByPacket;  // atomic: as Posts; operations ended by a packet
     uint32_t BackgroundRunnable;   // owner: runnable fibers in state 2
     uint32_t LprqDelay;            // owner: passes still to wait before LPRQ is served
     uint32_t LastQueue;            // owner: index last taken from, or 6
@@ -432,6 +432,10 @@ struct alignas(64) Scheduler {
     HANDLE MainThread;
     Fiber *DumpOrigin;
     void *SwitchHookArg;
+    uint64_t LongestHolderTag;     // owner: eight characters of the tag that LongestHolder had then
+    uint64_t SecondStart;          // owner: 64-bit tick at which the second began
+    std::atomic<uint64_t> SecondHold;     // atomic: owner publishes LongestHold of the second that has passed
+    std::atomic<uint64_t> SecondHolder;   // atomic: and LongestHolderTag
     TimelineRing *TimelineMemory;  // owner: the ring once there was one; tools read it
     Fiber *InitFiber;              // init: runs the main loop
 };

@@ -32,6 +32,10 @@ inline FIBEROVERLAPPED *FreeOwnOv(Fiber *F) {
     if ((F->Flags & (FIBER_TERMINATE | FIBER_EXITING | FIBER_EXEC_PENDING)) == 0) [[likely]] return &F->OwnOvs[0];
     return &F->OwnOvs[(F->Flags & (FIBER_TERMINATE | FIBER_EXITING)) != 0 ? 2 : 1];
 }
+// A count with one writer: no locked instruction.
+inline void CountOne(std::atomic<uint64_t> *count) {
+    count->store(count->load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
 inline uint32_t Generation(const Fiber *F) { return F->Generation.load(std::memory_order_acquire); }
 
 // ---- yield.cpp: the fiber switch
@@ -153,6 +157,10 @@ void ReleaseDynamicScheduler(const Scheduler *S);         // the user thread tha
 extern std::atomic<uint32_t> gNumDynamicSchedulers;       // atomic: in use; written under the lock, read without it
 // Atomic: how many entries of gSchedulers are filled, the static ones and every dynamic one ever made, from 0 upward.
 extern std::atomic<uint32_t> gSchedulersMade;
+
+// ---- figures.cpp: what an operator wants to see over time
+void NoteLongHold(Scheduler *S, const Fiber *F, uint64_t cycles);  // the longest without a yield in this second
+void RollSecond(Scheduler *S, uint64_t now);                       // at the timer check, a second after the last time
 
 // ---- quantum.cpp
 void StartQuantumUpdateThread();

@@ -9,6 +9,7 @@
 
 #include "alloc/alloc.h"
 #include "diag/dump.h"
+#include "diag/ringlog.h"
 #include "diag/stats.h"
 #include "diag/timesource.h"
 #include "diag/trace.h"
@@ -62,7 +63,7 @@ void InitScheduler(Scheduler *S, uint32_t index) {
         InitList(&S->EndedOvs[i]);
         InitList(&S->DeepOvs[i]);
     }
-    S->LastTimerCheck = os::GetTickCount64();
+    S->LastTimerCheck = S->SecondStart = os::GetTickCount64();
     S->LastQueue = 6;
     S->PortPollCountdown = gDCPQ;
     S->Port = INVALID_HANDLE_VALUE;
@@ -120,8 +121,10 @@ static DWORD SchedulerThreadStart(void *scheduler) {
     if (S->Port == nullptr || S->Os->Io == nullptr)
         FatalExit("Unable to create the port of scheduler %u E[%d]\n", S->Index, LastErrorNumber());
     S->Io = S->Os->Io;
-    // With "LogToFile", scheduler 0 creates the "FLOG" fiber here, and sets up the ring log below.
+    if (S->Index == 0 && OptionSet(su_LogToFile) && !CreateInternalFiber(FiberLogger, S, "FLOG"))
+        FatalExit("Couldn't create FLOG fiber");
     if (S->MainRoutine != nullptr) StartMainRoutine(S);
+    if (S->Index == 0) RingLogInit();
     S->DispatchTsc = ReadTsc();
     if (S->Index == gNumSchedulers - 1) {
         StartQuantumUpdateThread();

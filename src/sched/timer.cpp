@@ -194,8 +194,9 @@ bool ChkTimeForTimerQ(Scheduler *S) {
         StartOrStopTimeline(S);
     S->IdleCalls = 0;
     bool woke = false;
+    uint64_t now = os::GetTickCount64();
+    if (now - S->SecondStart >= 1000) [[unlikely]] RollSecond(S, now);
     if (S->TimedWaiters.Count != 0 || S->SuspendedFibers.Count != 0) {
-        uint64_t now = os::GetTickCount64();
         if (now - S->LastTimerCheck >= gTimerInterval) {
             woke = CheckTimerQueue(S);
             S->LastTimerCheck = now;

@@ -18,7 +18,11 @@ namespace zvx {
 void AccountCpu(Scheduler *S, Fiber *F) {
     if (gNumContextSwitchesBeforePolling == 0) return;
     uint64_t now = ReadTsc();
-    if (now > S->DispatchTsc) F->CpuCycles += now - S->DispatchTsc;
+    if (now > S->DispatchTsc) {
+        const uint64_t held = now - S->DispatchTsc;
+        F->CpuCycles += held;
+        if (held > S->LongestHold) [[unlikely]] NoteLongHold(S, F, held);
+    }
     S->DispatchTsc = now;
 }
 

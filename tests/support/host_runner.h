@@ -36,6 +36,7 @@ struct HostOptions {
     uint32_t Schedulers = 1;
     std::vector<std::pair<std::string, std::string>> Settings;  // key without prefix, value
     uint32_t TimeoutMs = 25000;
+    std::string TraceDirectory;  // empty: the current one
 };
 
 struct HostResult {
@@ -74,6 +75,7 @@ inline void HostFailed(const char *file, int line, const std::string &what) {
     gHostOptions.Settings.emplace_back("Schedulers", std::to_string(gHostOptions.Schedulers));
     ZVXKVT_INIT_PARAMS params{};
     params.LookupValue = HostLookup;
+    if (!gHostOptions.TraceDirectory.empty()) params.TraceDirectory = gHostOptions.TraceDirectory.c_str();
     InitUserThreadScheduler(HostMain, nullptr, &params);
     fprintf(stderr, "the library came back from its start\n");
     _exit(3);

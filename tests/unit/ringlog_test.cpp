@@ -1,0 +1,92 @@
+// tests/unit/ringlog_test.cpp - the records of the ring log and the user thread that writes them, against a scripted
+// file.
+#include "diag/ringlog.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "diag/trace.h"
+#include "support/call_fixture.h"
+
+using namespace zvx;
+using namespace zvx::test;
+
+namespace {
+
+struct RingLog : CallTest {
+    void SetUp() override {
+        CallTest::SetUp();
+        S = NewScheduler();  // the first one would queue a line a second
+        SetOption(su_LogToFile);
+        ASSERT_TRUE(RingLogInit());
+    }
+};
+
+TEST_F(RingLog, TextsAreCutAtACharacterAndDroppedWhenThereIsNoRecord) {
+    EXPECT_TRUE(RingLogPrintf("%s", ""));
+    EXPECT_TRUE(RingLogPrintf("%s\n", "a"));
+    const std::string tooLong = std::string(254, 'x') + "\xC3\xA9tail";  // the character would lie across the end
+    EXPECT_TRUE(RingLogPrintf("%s", tooLong.c_str()));
+    const std::string expected[] = {"", "a\n", std::string(254, 'x')};
+    for (const std::string &text : expected) {
+        RingRecord *record = TakeRingRecord(&gRingLog);
+        ASSERT_NE(nullptr, record);
+        EXPECT_EQ(text, record->Text);
+        EXPECT_EQ(text.size() + 1, record->Length);
+        PutRingRecord(&gRingFree, record);
+    }
+    for (uint32_t i = 0; i < kRingRecords; ++i) ASSERT_TRUE(RingLogPrintf("%u\n", i));
+    EXPECT_FALSE(RingLogPrintf("one too many\n"));
+    EXPECT_EQ(1u, gRingDropped.load());
+    for (uint32_t i = 0; i < kRingRecords; ++i) EXPECT_EQ(std::to_string(i) + "\n", TakeRingRecord(&gRingLog)->Text);
+    EXPECT_EQ(nullptr, TakeRingRecord(&gRingLog));
+    ClearOption(su_LogToFile);
+    EXPECT_FALSE(RingLogPrintf("nobody asked\n"));
+    EXPECT_FALSE(RingLogInit());
+}
+
+// Batches follow each other in the file, in the order of the queue; one that is refused is tried again a second later,
+// and nothing that is queued meanwhile overtakes it.
+TEST_F(RingLog, BatchesGoOutInOrderAndARefusedOneIsTriedAgain) {
+    for (const char *text : {"a\n", "b\n", "c\n"}) RingLogPrintf("%s", text);
+    struct Write {
+        DWORD Offset, Bytes;
+    };
+    std::vector<Write> writes;
+    bool refuse = false;
+    script::gScript.OnIo = [&](const script::IoCall &call) {
+        if (refuse) return script::Failed(ERROR_DISK_FULL);
+        writes.push_back({call.Ov->Offset, call.Count});
+        return script::Done(call.Count);
+    };
+    NewFiber(S, [](Fiber *) { FiberLogger(nullptr); });
+    RunUntilIdle(S);
+    ASSERT_EQ(1u, writes.size());
+    EXPECT_EQ(0u, writes[0].Offset);
+    EXPECT_EQ(6u, writes[0].Bytes);  // no zero bytes between them
+
+    refuse = true;
+    RingLogPrintf("refused\n");
+    Pass(1100);
+    for (int i = 0; i < 200; ++i) RingLogPrintf("%0150d\n", i);
+    Pass(2500);
+    ASSERT_EQ(1u, writes.size());
+    refuse = false;
+    Pass(2200);
+    // Each batch is closed when another text of the largest size might not fit.
+    const std::vector<DWORD> sizes = {8, 107 * 151, 93 * 151};
+    ASSERT_EQ(1 + sizes.size(), writes.size());
+    DWORD offset = 6;
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        EXPECT_EQ(offset, writes[i + 1].Offset);
+        EXPECT_EQ(sizes[i], writes[i + 1].Bytes);
+        offset += writes[i + 1].Bytes;
+    }
+    EXPECT_EQ(2u, script::gScript.Flushes);  // each time the queue had run empty
+    uint32_t free = 0;
+    while (TakeRingRecord(&gRingFree) != nullptr) free++;
+    EXPECT_EQ(kRingRecords, free);
+}
+
+}  // namespace
