@@ -151,7 +151,6 @@ void SweepFibers(Scheduler *S, Fiber *F, const char *prefix) {
     S->SwitchHook = nullptr;
     S->Attention |= leaving;
     F->LastError = savedError;
-    block->LastError = lastError;
     block->Slots = slots;
     block->StaticTls = staticTls;
     StartCpuClock(S);  // the time of the sweep is nobody's

@@ -1,0 +1,3 @@
+# Crash dumps, opened in lldb. The names of the host's functions and their arguments are looked for.
+zvx_test(dumps_test SOURCES dump_test.cpp LIBS zvxkvt LABELS integration TIMEOUT 120)
+target_compile_options(dumps_test PRIVATE -g -O0)
