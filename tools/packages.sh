@@ -24,8 +24,8 @@ zvx_need() {
     rm -f /tmp/zvxkvt-apt.$$
 }
 
-ZVX_BUILD_PACKAGES="g++ cmake ninja-build pkg-config liburing-dev ccache"
-ZVX_TEST_PACKAGES="libgtest-dev binutils lldb"
+ZVX_BUILD_PACKAGES="g++ cmake ninja-build pkg-config liburing-dev ccache libcli11-dev libfmt-dev"
+ZVX_TEST_PACKAGES="libgtest-dev binutils lldb gdb python3"
 ZVX_HOST_PACKAGES="redis-tools"
 ZVX_CLANG_PACKAGES="clang-14 libclang-rt-14-dev llvm-14"
 
