@@ -17,6 +17,7 @@
 #include "config/settings.h"
 #include "dedicated/dedicated.h"
 #include "diag/trace.h"
+#include "platform/os_pipe.h"
 #include "platform/os_process.h"
 #include "sched/sched.h"
 #include "sched/startup.h"

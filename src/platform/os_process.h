@@ -65,11 +65,6 @@ HANDLE GetStdHandle(DWORD which);
 // until there is a line; the thread can be ended meanwhile. ERROR_INVALID_HANDLE when the file is no terminal.
 BOOL ReadConsoleA(HANDLE console, void *buffer, DWORD characters, DWORD *read, void *reserved);
 
-// ---- Pipes in one step -------------------------------------------------------------------------------
-
-// Opens the pipe (waiting at most `ms` for an instance), writes, reads the answer and closes. Blocks.
-BOOL CallNamedPipeA(const char *name, void *in, DWORD inBytes, void *out, DWORD outBytes, DWORD *read, DWORD ms);
-
 // ---- Asynchronous routines and modules ---------------------------------------------------------------
 
 // Queues routine(data) for the next alertable wait of a kernel thread, in order. One for a backing thread is taken

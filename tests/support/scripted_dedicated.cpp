@@ -2,6 +2,7 @@
 //
 // A test stores what a call does in gDedicatedScript; without that it fails as not implemented. The call runs where
 // the test lets the thread run: see RunThread in scripted_os.h.
+#include "platform/os_pipe.h"
 #include "platform/os_process.h"
 #include "scripted_os.h"
 

@@ -15,6 +15,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,8 +23,6 @@
 #include "platform/base/text.h"
 
 namespace os {
-
-std::atomic<OpenPipeFn> gOpenPipe{nullptr};
 
 namespace {
 
@@ -141,10 +140,7 @@ HANDLE Fail(DWORD error) {
 HANDLE OpenFile(const char *name, DWORD access, DWORD disposition, DWORD flags) {
     if (name == nullptr || name[0] == 0) return Fail(ERROR_PATH_NOT_FOUND);
     if (disposition < CREATE_NEW || disposition > TRUNCATE_EXISTING) return Fail(ERROR_INVALID_PARAMETER);
-    if (strncmp(name, kPipePrefix, sizeof kPipePrefix - 1) == 0) {
-        const OpenPipeFn openPipe = gOpenPipe.load(std::memory_order_acquire);
-        return openPipe != nullptr ? openPipe(name, access, flags) : Fail(ERROR_FILE_NOT_FOUND);
-    }
+    if (strncasecmp(name, kPipePrefix, sizeof kPipePrefix - 1) == 0) return OpenPipe(name, access, flags);
     const OpenPlan plan = PlanAccess(access, flags);
     if (disposition == TRUNCATE_EXISTING && !plan.CanWrite) return Fail(ERROR_INVALID_PARAMETER);
     FileObject *file = AllocObject(&gFilePool);
@@ -311,6 +307,7 @@ BOOL SetFileLength(HANDLE handle, uint64_t bytes) {
 
 BOOL FlushFileBuffers(HANDLE handle) {
     if (ShouldFail("FlushFileBuffers")) return FALSE;
+    if (FlushPipe(handle)) return TRUE;
     FileObject *file = RefFile(handle);
     if (file == nullptr) return FALSE;
     DWORD error = file->CanWrite ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;

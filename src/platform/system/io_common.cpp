@@ -391,7 +391,7 @@ void DropCall(IoCall *call) {
 
 BOOL FailAtOnce(IoCall *call, DWORD status) {
     if (call->Accepted != nullptr) SettleAccept(call);
-    StoreBytes(call->Ov, 0);
+    StoreBytes(call->Ov, status == STATUS_BUFFER_OVERFLOW ? call->Done : 0);
     StoreStatus(call->Ov, status);
     DropCall(call);
     SetLastError(ErrorOfStatus(status));
@@ -441,6 +441,7 @@ void IssueForOther(Engine *engine, IoCall *call) {
 
 bool AccountTransfer(IoCall *call, int64_t result, bool cancelled, DWORD *status) {
     if (IsSocketKind(call->Kind)) return AccountSocket(call, result, cancelled, status);
+    if (IsPipeKind(call->Kind)) return AccountPipe(call, result, cancelled, status);
     const IoObject *object = call->Target;
     const bool read = call->Kind == RequestKind::kRead;
     if (result < 0) {

@@ -31,6 +31,7 @@
 #include "platform/base/inner_lock.h"
 #include "platform/base/object.h"
 #include "platform/os.h"
+#include "zvxkvt/pipetypes.h"
 #include "zvxkvt/sockettypes.h"
 
 namespace os {
@@ -83,7 +84,17 @@ constexpr uint32_t kOpIsMessage = 0x40000000u;  // the link of a Message, not an
 
 // A new kind needs its entry in Prepare (io_uring.cpp), its call in Attempt (io_epoll.cpp) and its line in
 // AccountTransfer; everything else is the same for all. The low bit of a transfer's kind is its direction.
-enum class RequestKind : uint8_t { kRead, kWrite, kReceive, kSend, kAccept, kLock };
+enum class RequestKind : uint8_t {
+    kRead,
+    kWrite,
+    kReceive,
+    kSend,
+    kAccept,
+    kLock,
+    kPipeRead,
+    kPipeWrite,
+    kPipeConnect,
+};
 
 constexpr uint32_t kInlineParts = 8;  // buffers of one operation that need no memory of their own
 
@@ -111,11 +122,13 @@ struct IoCall {
     // memory is the request's (or, before there is one, the issuing function's), or from the heap.
     iovec *Parts = nullptr;
     IoObject *Accepted = nullptr;  // kAccept: a reference on the socket that takes the connection
-    uint64_t Offset = 0;           // kLock: first byte. kAccept: bytes of the local address's area
+    IoObject *Channel = nullptr;   // pipes: a reference on what has the descriptor; Target has none
+    // kLock: first byte. kAccept: bytes of the local address's area. kPipeWrite: whose rest waits in the channel.
+    uint64_t Offset = 0;
     uint64_t Length = 0;           // kLock: bytes, never 0. kAccept: bytes of the peer address's area
     uint32_t PartCount = 0;
     uint32_t PartFirst = 0;  // parts that are through
-    int MsgFlags = 0;        // kReceive, kSend: the kernel's flags
+    int MsgFlags = 0;        // kReceive, kSend: the kernel's flags. kPipeRead: 1 for message mode
     DWORD Count = 0;
     DWORD Done = 0;      // transferred so far
     DWORD ThreadId = 0;  // who asked; CancelIo of a thread without an engine
@@ -158,6 +171,11 @@ struct Request {
     msghdr Header{};                     // ring: of the entry that is prepared, when Call.Parts is given
     iovec InlineParts[kInlineParts];     // Call.Parts, unless from the heap
 };
+
+// What has the descriptor that a call is made on.
+inline IoObject *DescriptorOf(const IoCall &call) {
+    return call.Channel != nullptr ? call.Channel : call.Target;
+}
 
 inline uint32_t DirectionOf(RequestKind kind) {
     return static_cast<uint32_t>(kind) & 1;
@@ -291,9 +309,11 @@ bool TakeEvent(IoCall *call);
 void DropCall(IoCall *call);  // lets go of the references of a call that was not issued
 // What only the operations of sockets hold; before the final status is stored, because it may be used again then.
 void SettleAccept(IoCall *call);  // socket_accept.cpp
+void DropChannel(IoCall *call);   // pipe_channel.cpp: the same for those of pipes
 inline void ReleaseExtras(IoCall *call) {
     if (call->PartsOnHeap) free(call->Parts);
     if (call->Accepted != nullptr) SettleAccept(call);
+    if (call->Channel != nullptr) DropChannel(call);
 }
 // Starts a call on `engine`, or on the service engine when that is null; takes over its references. TRUE when it
 // ended at once (Done, final), FALSE with 997 when it is pending, FALSE with the reason (no packet, no event).
@@ -318,6 +338,13 @@ int64_t MoveSocket(IoCall *call, int extra);
 inline bool IsSocketKind(RequestKind kind) {
     return kind >= RequestKind::kReceive && kind <= RequestKind::kAccept;
 }
+inline bool IsPipeKind(RequestKind kind) {
+    return kind >= RequestKind::kPipeRead;
+}
+// pipe_channel.cpp: tries an operation of a pipe without blocking, in full. True when it is final: *status, Call.Done.
+// Results of the back end only say that the time has come to try again, or that it was cancelled.
+bool MovePipe(IoCall *call, DWORD *status);
+bool AccountPipe(IoCall *call, int64_t result, bool cancelled, DWORD *status);
 // The areas of an AcceptEx buffer: this, then the address. The kernel stores the peer's length.
 struct AcceptArea {
     uint32_t Length;  // of the address; 0 while the local one was not asked for
@@ -391,8 +418,9 @@ DWORD StatusOfErrno(int error);       // status of an operation that failed so
 DWORD SocketErrorOfErrno(int error);  // WSAE code (or 995)
 DWORD StatusOfError(DWORD error);     // a status that ErrorOfStatus turns back
 DWORD ErrorOfStatus(DWORD status);
+// Errors and warnings: STATUS_BUFFER_OVERFLOW is one, which comes with bytes.
 inline bool IsFailure(DWORD status) {
-    return (status & 0xC0000000u) == 0xC0000000u;
+    return (status & 0x80000000u) != 0;
 }
 
 // Values that only the platform's files use.
@@ -413,9 +441,9 @@ inline DWORD LoadBytes(const OVERLAPPED *overlapped) {
     return std::atomic_ref<DWORD>(const_cast<DWORD &>(overlapped->InternalHigh)).load(std::memory_order_relaxed);
 }
 
-// Pipe names are opened by the pipes; registered by them, null until then.
-using OpenPipeFn = HANDLE (*)(const char *name, DWORD access, DWORD flags);
-extern std::atomic<OpenPipeFn> gOpenPipe;
+// pipe.cpp: CreateFile on a name that begins like a pipe's (upper and lower case are the same there).
+HANDLE OpenPipe(const char *name, DWORD access, DWORD flags);
+bool FlushPipe(HANDLE handle);  // false when it is no pipe's
 constexpr char kPipePrefix[] = "\\\\.\\pipe\\";
 
 }  // namespace os

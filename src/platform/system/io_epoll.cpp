@@ -77,6 +77,7 @@ void NoteDrained(Engine *engine, const IoCall &call) {
 // Makes the call without blocking until it is final (true, Status) or would block.
 bool Attempt(Engine *engine, Request *request) {
     IoCall *call = &request->Call;
+    if (IsPipeKind(call->Kind)) return MovePipe(call, &request->Status);
     if (IsSocketKind(call->Kind)) {
         for (;;) {
             const uint32_t left = call->Count - call->Done;
@@ -163,7 +164,7 @@ void EpollClose(Engine *engine) {
 
 bool EpollStart(Engine *engine, Request *request) {
     EpollState *state = engine->Epoll;
-    IoObject *object = request->Call.Target;
+    IoObject *object = DescriptorOf(request->Call);
     if (request->Call.Kind == RequestKind::kAccept) NeverBlock(object);  // accepting has no flag of its own for that
     Stream *stream = object->Pollable ? StreamOf(engine, object) : nullptr;
     if (stream == nullptr && object->Pollable) {

@@ -55,7 +55,7 @@ bool AppendToStream(Stream *stream, Request *request) {
 }
 
 Request *RemoveFromStream(Engine *engine, Request *request) {
-    Stream *stream = &engine->Streams[request->Call.Target->Fd];
+    Stream *stream = &engine->Streams[DescriptorOf(request->Call)->Fd];
     const uint32_t direction = DirectionOf(request->Call.Kind);
     Request *before = nullptr;
     for (Request *at = stream->Head[direction]; at != request; at = at->QueueNext) before = at;

@@ -8,6 +8,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <liburing.h>
+#include <poll.h>
 #include <stdlib.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -213,7 +214,7 @@ void PrepareSocket(const RingState *state, io_uring_sqe *entry, Request *request
 
 // Prepares the entry of the request's next step.
 void Prepare(Engine *engine, Request *request) {
-    const IoCall &call = request->Call;
+    IoCall &call = request->Call;
     if (engine->Io.Unsubmitted == 0) engine->Ring->CallsWaited = 0;
     io_uring_sqe *entry = NextEntry(engine);
     const uint32_t left = call.Count - call.Done;
@@ -221,6 +222,13 @@ void Prepare(Engine *engine, Request *request) {
     const uint64_t offset = call.Target->Seekable && !call.Append ? call.Offset + call.Done : ~0ull;
     if (IsSocketKind(call.Kind)) {
         PrepareSocket(engine->Ring, entry, request);
+    } else if (IsPipeKind(call.Kind)) {
+        // What is done is done by the owner; the ring says when to try.
+        if (call.Later)
+            io_uring_prep_nop(entry);
+        else
+            io_uring_prep_poll_add(entry, call.Channel->Fd, call.Kind == RequestKind::kPipeWrite ? POLLOUT : POLLIN);
+        call.Later = false;
     } else if (call.Kind == RequestKind::kRead) {
         io_uring_prep_read(entry, call.Target->Fd, call.Buffer + call.Done, length, offset);
     } else {
@@ -234,11 +242,14 @@ void Prepare(Engine *engine, Request *request) {
 
 bool RingStart(Engine *engine, Request *request) {
     if (!request->Call.Target->Seekable && !request->InStream) {
-        Stream *stream = StreamOf(engine, request->Call.Target);
+        Stream *stream = StreamOf(engine, DescriptorOf(request->Call));
         if (stream == nullptr) {
             request->Status = StatusOfError(ERROR_NOT_ENOUGH_MEMORY);
             return true;
         }
+        if (IsPipeKind(request->Call.Kind) && !request->Call.Later &&
+            stream->Head[DirectionOf(request->Call.Kind)] == nullptr && MovePipe(&request->Call, &request->Status))
+            return true;
         if (!AppendToStream(stream, request)) {
             request->Stage.store(RequestStage::kParked, std::memory_order_relaxed);
             return false;
