@@ -19,6 +19,7 @@
 #define ZVXKVT_ZVXKVT_H
 
 #include "zvxkvt/ostypes.h"
+#include "zvxkvt/pipes.h"
 #include "zvxkvt/processtypes.h"
 
 #ifdef __cplusplus

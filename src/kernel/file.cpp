@@ -10,6 +10,7 @@
 
 #include "diag/trace.h"
 #include "sched/sched.h"
+#include "zvxkvt/pipetypes.h"
 
 namespace zvx {
 
@@ -141,6 +142,7 @@ bool IsEndOfFile(const Transfer &what) {
         return TRUE;
     }
     if (os::GetOverlappedResult(what.File, &rec->Ov, bytes, FALSE)) return TRUE;
+    if (os::GetLastError() == ERROR_MORE_DATA) return FALSE;
     *bytes = 0;
     return IsEndOfFile(what);
 }
@@ -157,15 +159,19 @@ BOOL TransferAndWait(Fiber *F, const Transfer &what, PSEHAND *entry, DWORD *move
         result = AwaitTransfer(F, what, rec, &bytes);
         entry = SameHandle(what.File, serial);
     } else {
+        // The beginning of a message that is longer than the buffer comes with its bytes.
+        if (os::GetLastError() != ERROR_MORE_DATA) bytes = 0;
         ForgetFailedOv(rec);
-        bytes = 0;
         result = IsEndOfFile(what);
     }
     if (caller != nullptr) {
         caller->InternalHigh = rec->Ov.InternalHigh;
         os::StoreStatus(caller, os::LoadStatus(&rec->Ov));
     }
-    if (!result) return FALSE;
+    if (!result) {
+        if (moved != nullptr) *moved = bytes;
+        return FALSE;
+    }
     if (entry != nullptr) {
         // Last finisher wins, as with one file pointer that several threads share.
         const uint64_t start = uint64_t{rec->Ov.OffsetHigh} << 32 | rec->Ov.Offset;
