@@ -135,6 +135,7 @@ int LookupValue(const char *name, char *buffer, int capacity) {
         // A scheduler that runs above its clients wakes for each of them alone: twice the time for a request.
         if (key == "ZVX_FIBERS_BoostLGWROSThreadPri") value = "0";
         if (key == "ZVX_FIBERS_StackPages") value = "16";
+        if (key == "ZVX_FIBERS_StallReportMs") value = "100";
         if (key == "ZVX_FIBERS_PrintToConsole") value = "0";
     }
     if (value == nullptr) return 0;

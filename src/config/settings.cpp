@@ -39,6 +39,7 @@ uint32_t gLGWRHighActivityNumIOsThreshold;
 uint32_t gLGWRHighActivityNumShadowsThreshold;
 uint32_t gQuantumUpdateInterval;
 uint32_t gFiberHistorySchedId;
+uint32_t gStallReportMs;
 uint32_t gPortWaitMs;
 
 char initialOutputBuffer[INITIAL_OUTPUT_BUFFER_SIZE];
@@ -142,6 +143,7 @@ void WriteDefaults() {
     gAlterDistributionDBWR = 0;
     gFiberHistorySchedId = 0;
     gPortWaitMs = 1;
+    gStallReportMs = 0;
     OptionFlags.fetch_or(kDefaultSet, std::memory_order_relaxed);
     OptionFlags.fetch_and(~kDefaultClear, std::memory_order_relaxed);
 }
@@ -348,6 +350,7 @@ void ReadSchedulerSettings() {
     AppendInitialOutput("CPU Frequency: %u\n", static_cast<uint32_t>(static_cast<uint64_t>(gCpuFrequency)));
     // A wait of 0 would make every idle scheduler spin.
     if (Number("PortWaitMs", &value) && value != 0) gPortWaitMs = value;
+    Number("StallReportMs", &gStallReportMs);
 }
 
 }  // namespace zvx

@@ -80,6 +80,7 @@ extern uint32_t gLGWRHighActivityNumIOsThreshold;
 extern uint32_t gLGWRHighActivityNumShadowsThreshold;
 extern uint32_t gQuantumUpdateInterval;  // milliseconds
 extern uint32_t gFiberHistorySchedId;
+extern uint32_t gStallReportMs;  // a thread that keeps its scheduler for longer is reported, milliseconds; 0: none is
 extern uint32_t gPortWaitMs;  // longest wait of an idle scheduler in its port, milliseconds; default 1
 
 // The start-up text: appended to by start-up, the settings and the allocator; written nowhere.

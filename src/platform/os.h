@@ -349,6 +349,22 @@ BOOL SetSecurityDescriptorDacl(void *descriptor, BOOL present, void *dacl, BOOL 
 void WriteConsole(const char *text, size_t length);  // standard output, one write; flushes stdio's buffer first
 uint32_t KernelThreadCount();                        // kernel threads of this process now
 
+// ---- Looking at a thread ---------------------------------------------------------------------------
+
+constexpr uint32_t kSampleFrames = 16;
+struct ThreadSample {
+    void *FiberData;               // of the fiber that the thread runs; null when it runs none
+    uint32_t Count;                // at least 1
+    uint32_t Sure;                 // so many of them are frames; the others are words that look like return addresses
+    void *Frames[kSampleFrames];   // where it is, then where each call came from
+};
+// Where a kernel thread of this process is. It is held up for some microseconds and runs on. False when it does not
+// answer within 200 ms, or somebody else is asking. Not on the thread itself.
+bool SampleThread(DWORD threadId, ThreadSample *sample);
+bool IsCode(const void *address);  // lies in the code of a module
+// "function+0x12 (module+0x1234)", or as much of it as is known. Reads files and allocates.
+void DescribeCode(const void *address, char *text, size_t room);
+
 // ---- Fault injection ---------------------------------------------------------------------------------
 //
 // Builds with ZVX_FAIL_POINTS (every preset but release) can make the nth call of a named function fail

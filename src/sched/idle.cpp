@@ -69,7 +69,7 @@ static uint32_t PortWait(const Scheduler *S) {
     return nearest < gPortWaitMs ? nearest : gPortWaitMs;
 }
 
-bool InitFiberRoutine(Scheduler *S) {
+static bool Idle(Scheduler *S) {
     bool work = PollOvLists(S, false);
     S->IdleCalls++;
     if (S->IdleCalls > 10000) [[unlikely]] {
@@ -119,6 +119,13 @@ bool InitFiberRoutine(Scheduler *S) {
         ChkTimeForTimerQ(S);
     } while (mayStay && S->PolledCount == 0 && !PollOvLists(S, true));
     return true;
+}
+
+bool InitFiberRoutine(Scheduler *S) {
+    S->Idling.store(1, std::memory_order_relaxed);
+    const bool slept = Idle(S);
+    S->Idling.store(0, std::memory_order_relaxed);
+    return slept;
 }
 
 }  // namespace zvx

@@ -351,6 +351,7 @@ struct alignas(64) Scheduler {
     uint32_t PortPollCountdown;    // owner: yields left before the port is drained
     uint32_t SelectPasses;         // owner: passes since the last full sweep
     std::atomic<uint32_t> SwitchCount;       // atomic: owner +1 a pass; others read it for grace periods
+    std::atomic<uint32_t> Idling;            // atomic: the owner is in the idle routine, and no user thread's code runs
     std::atomic<uint32_t> QuantumStartTick;  // atomic: gQuantumTick at the latest dispatch; others set it to 0
     uint64_t DispatchTsc;          // owner: cycle counter at the latest dispatch
     uint64_t LongestHold;          // owner: cycles; the longest time without a yield in this second

@@ -10,6 +10,7 @@
 #include "alloc/alloc.h"
 #include "diag/dump.h"
 #include "diag/ringlog.h"
+#include "diag/stall.h"
 #include "diag/stats.h"
 #include "diag/timesource.h"
 #include "diag/trace.h"
@@ -128,6 +129,7 @@ static DWORD SchedulerThreadStart(void *scheduler) {
     S->DispatchTsc = ReadTsc();
     if (S->Index == gNumSchedulers - 1) {
         StartQuantumUpdateThread();
+        StartStallWatch();
         if (initialOutputBufferOffset >= INITIAL_OUTPUT_BUFFER_SIZE)
             FatalExit("initialOutputBufferOffset >= INITIAL_OUTPUT_BUFFER_SIZE");
     }

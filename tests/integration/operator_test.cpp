@@ -1,5 +1,6 @@
-// tests/integration/ring_file_test.cpp - the ring log of a running host: the second's line, what the host's activity
-// does to it, and a folder that refuses the file.
+// tests/integration/operator_test.cpp - what the files of a running host tell its operator: a line a second about all
+// of it, and who has kept a scheduler for too long.
+#include <filesystem>
 #include <fstream>
 #include <regex>
 
@@ -10,6 +11,7 @@ using namespace hosttest;
 namespace {
 
 class RingLog : public HostTest {};
+class StallReport : public HostTest {};
 
 std::vector<std::string> LinesOf(const std::string &path) {
     std::ifstream file(path);
@@ -74,7 +76,7 @@ TEST_P(RingLog, ALineASecondTellsWhatWasDoneAndWhoHeldItsScheduler) {
         for (const std::string &line : lines) {
             HOST_CHECK(std::regex_match(line, shape));
             held |=
-                Field(line, "hold") >= 80 && Field(line, "hold") < 1000 && line.find("[FMAIN]") != std::string::npos;
+                Field(line, "hold") >= 70 && Field(line, "hold") < 1000 && line.find("[FMAIN]") != std::string::npos;
             worked |= Field(line, "posts") > 100 && Field(line, "switches") > 100 && Field(line, "sessions") == 1;
         }
         HOST_CHECK(held);
@@ -92,4 +94,46 @@ TEST_P(RingLog, AFileThatCannotBeMadeEndsTheProcess) {
     EXPECT_NE(std::string::npos, (result.Out + result.Err).find("Unable to create log file the fiber logger"));
 }
 
+// Not static: a name that the report can find in every build.
+__attribute__((noinline)) ULONGLONG KeepTheProcessorBusy(DWORD ms) {
+    const ULONGLONG until = GetTickCount64() + ms;
+    ULONGLONG looks = 0;
+    while (GetTickCount64() < until) looks++;
+    return looks;
+}
+
+TEST_P(StallReport, NamesTheThreadAndTheFunctionAndNobodyElse) {
+    const ScratchFolder folder;
+    HostOptions options = Options();
+    options.TraceDirectory = folder.Name;
+    options.Settings.emplace_back("StallReportMs", "60");
+    EXPECT_HOST_OK(RunHost(options, [] {
+        Sleep(200);  // an idle host keeps nobody
+        HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+        HostThread busy([event]() -> DWORD {
+            IdentifyUserThread("BUSY", event);
+            HOST_CHECK(KeepTheProcessorBusy(300) != 0);
+            Sleep(1);
+            for (int i = 0; i < 30; i++) {  // busy, but it gives way
+                KeepTheProcessorBusy(10);
+                Sleep(0);
+            }
+            UnidentifyUserThread(0);
+            return 0;
+        });
+        HOST_EQ(0u, busy.Join());
+        Sleep(100);
+    }));
+    std::string text;
+    for (const auto &entry : std::filesystem::directory_iterator(folder.Name))
+        for (const std::string &line : LinesOf(entry.path())) text += line + "\n";
+    EXPECT_TRUE(std::regex_search(
+        text, std::regex("Stall: user thread BUSY \\(x[0-9A-F]+\\) has kept scheduler \\d for \\d+ ms, at:")))
+        << text;
+    EXPECT_NE(std::string::npos, text.find("KeepTheProcessorBusy")) << text;
+    EXPECT_TRUE(std::regex_search(text, std::regex("Stall: scheduler \\d goes on after [23]\\d\\d ms"))) << text;
+    EXPECT_EQ(text.find("Stall: user thread"), text.rfind("Stall: user thread")) << text;
+}
+
+INSTANTIATE_TEST_SUITE_P(Schedulers, StallReport, testing::Values(1, 2));
 INSTANTIATE_TEST_SUITE_P(Schedulers, RingLog, testing::Values(1, 2));
