@@ -116,6 +116,7 @@ TEST(StartUpSlots, MoreSlotsThanFollowAThread) {
     close(ends[0]);
     int status = 0;
     waitpid(child, &status, 0);
+    RemoveDumps(child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
     EXPECT_EQ(output.rfind("ZORVEX KILLED: Init: more dynamic TLS slots needed 64\n (see ", 0), 0u) << output;
 }

@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -81,6 +82,16 @@ inline void HostFailed(const char *file, int line, const std::string &what) {
     _exit(3);
 }
 
+// The dumps that a fatal error of that process left in the current directory.
+inline void RemoveDumps(pid_t process) {
+    std::error_code ignored;
+    for (const auto &entry : std::filesystem::directory_iterator(".", ignored)) {
+        const std::string name = entry.path().filename().string();
+        if (name.rfind("zvxkvt_kill_proc_", 0) == 0 && name.find("_pid_" + std::to_string(process) + "_") != name.npos)
+            std::filesystem::remove(entry.path(), ignored);
+    }
+}
+
 inline HostResult RunHost(const HostOptions &options, std::function<void()> body) {
     gHostOptions = options;
     gHostBody = std::move(body);
@@ -124,6 +135,7 @@ inline HostResult RunHost(const HostOptions &options, std::function<void()> body
     int status = 0;
     waitpid(child, &status, 0);
     result.Exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    RemoveDumps(child);
     return result;
 }
 

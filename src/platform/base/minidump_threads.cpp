@@ -64,10 +64,13 @@ constinit std::atomic<Table *> gTable{nullptr};
 constinit std::atomic<uint32_t> gAnswers{0};  // raised by every answer; futex of the writer
 constinit std::atomic<int> gSignal{0};        // 0 until the first dump, -1 when there is none to be had
 // The writer's, under gDumpInProgress: threads that did not answer an earlier dump and have its signal still before
-// them. They are not waited for again, so that a sweep does not pay for them in every file.
+// them. They are not sent another and not waited for, so that a sweep does not pay for them in every file. After a
+// while they are asked once more: by then the identifier may be another thread's.
 constexpr uint32_t kMaxSilent = 64;
+constexpr uint64_t kForgetSilentNs = 10 * 1000000000ull;
 int gSilent[kMaxSilent];
 uint32_t gSilentCount;
+uint64_t gSilentSince;
 
 // ---- On the thread that is looked at -------------------------------------------------------------------
 
@@ -203,16 +206,19 @@ Table *TableFor(uint32_t count) {
     return table;
 }
 
-bool TakeSilent(int tid) {
-    for (uint32_t i = 0; i < gSilentCount; ++i) {
-        if (gSilent[i] != tid) continue;
-        gSilent[i] = gSilent[--gSilentCount];
-        return true;
-    }
+bool IsSilent(int tid) {
+    for (uint32_t i = 0; i < gSilentCount; ++i)
+        if (gSilent[i] == tid) return true;
     return false;
 }
 
+void RemoveSilent(int tid) {
+    for (uint32_t i = 0; i < gSilentCount; ++i)
+        if (gSilent[i] == tid) gSilent[i] = gSilent[--gSilentCount];
+}
+
 void AddSilent(int tid) {
+    if (gSilentCount == 0) gSilentSince = MonotonicNs();
     if (gSilentCount < kMaxSilent) gSilent[gSilentCount++] = tid;
 }
 
@@ -319,23 +325,22 @@ void VisitThreads(bool exclusive, void (*visit)(const ThreadShot &shot, void *ar
     Table *table = exclusive ? TableFor(count) : nullptr;
     const int signal = exclusive ? DumpSignal() : -1;
     const uint32_t asked = table == nullptr || signal == -1 ? 0 : count < table->Count ? count : table->Count;
+    if (asked != 0 && gSilentCount != 0 && MonotonicNs() - gSilentSince > kForgetSilentNs) gSilentCount = 0;
     for (uint32_t i = 0; i < asked; ++i) {
-        const bool silent = TakeSilent(tids[i]);
         table->Places[i].Word.store(WordOf(tids[i], kAsked), std::memory_order_release);
-        scratch->Waited[i] = !silent && syscall(SYS_tgkill, getpid(), tids[i], signal) == 0;
-        if (silent) AddSilent(tids[i]);
+        scratch->Waited[i] = !IsSilent(tids[i]) && syscall(SYS_tgkill, getpid(), tids[i], signal) == 0;
     }
     AwaitAnswers(table, tids, scratch->Waited, asked);
     for (uint32_t i = 0; i < asked; ++i) {
         Place *place = &table->Places[i];
         if (!Withdraw(place, tids[i])) continue;
         if (place->Word.load(std::memory_order_acquire) == WordOf(tids[i], kTaken)) {
-            TakeSilent(tids[i]);
+            RemoveSilent(tids[i]);
         } else if (Exists(tids[i])) {
             if (scratch->Waited[i]) AddSilent(tids[i]);
             AskKernel(tids[i], place);
         } else {
-            TakeSilent(tids[i]);
+            RemoveSilent(tids[i]);
             continue;
         }
         Show(tids[i], place, visit, arg);
