@@ -219,7 +219,12 @@ ZVXKVT_API BOOL WINAPI ResetEvent(HANDLE event);
 ZVXKVT_API void WINAPI IdentifyUserThread(LPCSTR tag, HANDLE postEvent);
 /* Takes the identity back; to be called before the thread ends. `reserved` is not read. */
 ZVXKVT_API void WINAPI UnidentifyUserThread(DWORD reserved);
-/* Records the tag of a thread that wants a scheduler of its own; called before IdentifyUserThread. */
+/* Gives the calling user thread a tag, and, where that is "LGWR" or begins with "DBW" and the setting
+ * "DynamicSchedulersEnabled" allows it, a scheduler of its own: the thread runs there when the call returns, and until it
+ * ends. Yields until none of its operations is outstanding, without delivering completion routines; a post that arrives
+ * during the move may be dropped. The caller's kernel thread is another one afterwards. The seventeenth such thread at a
+ * time ends the process. Called before IdentifyUserThread, whose classes take the move into account; the string is kept
+ * by pointer as there. A second move of the same thread records the tag only. Does nothing outside fiber mode. */
 ZVXKVT_API void WINAPI MigrateUserThread(LPCSTR tag);
 
 /* Wakes the user thread that identified itself with `event`, or lets its next WaitForUserThreadPost end at once; several
