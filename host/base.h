@@ -37,6 +37,8 @@ struct Options {
     uint32_t SendTimeout = 30;         // seconds that a client may leave an answer unread
     uint32_t RequestTimeout = 60;      // seconds that a request may stay half-sent
     uint32_t IdleTimeout = 0;          // seconds without a request; 0: no limit
+    bool Admin = false;                // there is a pipe for the administrator
+    std::string AdminPipe;             // its name; empty: one with the process's number
 };
 extern Options gOptions;
 

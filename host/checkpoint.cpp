@@ -228,6 +228,12 @@ void NoteLogGrowth(uint64_t bytes) {
     PostUserThread(gWriters.Events[0]);
 }
 
+bool RequestCheckpoint() {
+    if (gWriters.Running.load() || gWriters.Wanted.exchange(true)) return false;
+    PostUserThread(gWriters.Events[0]);
+    return true;
+}
+
 void RequestSpareSegment() {
     gWriters.SpareWanted = true;
     PostUserThread(gWriters.Events[1]);

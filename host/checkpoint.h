@@ -44,6 +44,8 @@ void InitCheckpoints(uint64_t logId);
 void NoteLogGrowth(uint64_t bytes);
 void RequestSpareSegment();
 bool CheckpointRuns();
+// From an administrator: one is to be made now. False when one is wanted already.
+bool RequestCheckpoint();
 
 }  // namespace host
 

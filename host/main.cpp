@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "admin.h"
 #include "checkpoint.h"
 #include "recovery.h"
 #include "session.h"
@@ -38,6 +39,7 @@ const char kHelp[] =
     "  --send-timeout S     seconds that a client may leave an answer unread (default 30)\n"
     "  --request-timeout S  seconds that a request may stay incomplete (default 60)\n"
     "  --idle-timeout S     seconds without a request (default 0: no limit)\n"
+    "  --admin-pipe NAME    serve administrators on the pipe \\\\.\\pipe\\NAME; '': keyhost.PROCESS-NUMBER\n"
     "  --help               this text\n"
     "\n"
     "Settings of the library may come from the environment (ZVX_FIBERS_...); those that the options set win.\n";
@@ -79,6 +81,9 @@ void ParseOptions(int argc, char **argv) {
             gOptions.Bind = argv[++i];
         } else if (option == "--dir") {
             gOptions.Dir = argv[++i];
+        } else if (option == "--admin-pipe") {
+            gOptions.Admin = true;
+            gOptions.AdminPipe = argv[++i];
         } else if (option == "--schedulers") {
             gOptions.Schedulers = std::to_string(number(1, 16));
         } else if (option == "--max-sessions") {
@@ -192,11 +197,13 @@ DWORD WINAPI MainRoutine(LPVOID) {
     uint32_t port = 0;
     const SOCKET listener = OpenListener(&port);
     gOptions.Port = port;
+    const std::string admin = OpenAdminPipe();
     Start(Listener, reinterpret_cast<LPVOID>(listener), "the listener");
     if (recovered.CutBytes != 0) {
         std::fprintf(stderr, "keyhost: the log ended in a batch of %llu bytes that was not whole; it is cut off\n",
                      static_cast<unsigned long long>(recovered.CutBytes));
     }
+    if (!admin.empty()) std::printf("keyhost: administrators at %s\n", admin.c_str());
     std::printf(
         "keyhost: %llu keys from the checkpoint, %llu records from the log\n"
         "keyhost: ready on %s:%u, %s, %u schedulers, %s\n",

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "admin.h"
 #include "checkpoint.h"
 #include "session.h"
 
@@ -64,6 +65,7 @@ DWORD WINAPI Monitor(LPVOID) {
         hopeless.clear();
         dead.clear();
         LookAtSessions(gSeconds.load(), &hopeless, &dead);
+        WatchAdminPipe(gSeconds.load());
         // They wait in a send or a receive, so that they own nothing but their record, which is freed the next time.
         for (const HANDLE thread : hopeless) TerminateThread(thread, 1);
         for (Session *session : dead) FreeSession(session);

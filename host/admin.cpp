@@ -1,0 +1,129 @@
+// host/admin.cpp - commands of an administrator over a named pipe: one message asks, one message answers.
+//
+// Two user threads serve an instance each, so that a client that says nothing does not keep the next one out; the
+// monitor ends its connection after a few seconds. Whoever may open the pipe may do everything: it is open to the user
+// who runs the server, and to nobody else. A client that goes away at any point costs one failed read or write.
+#include "admin.h"
+
+#include <cstdio>
+
+#include "checkpoint.h"
+#include "session.h"
+
+namespace host {
+
+namespace {
+
+constexpr DWORD kLongestRequest = 256;
+constexpr uint32_t kPatience = 5;  // seconds from a client's coming to its having the answer
+
+// Since says whose turn it is to disconnect: 0 and a second are the thread's, kEnding is the monitor's for as long as
+// it takes, kEnded the thread's again.
+constexpr uint32_t kEnding = 0xFFFFFFFF;
+constexpr uint32_t kEnded = 0xFFFFFFFE;
+
+struct Instance {
+    HANDLE Pipe = INVALID_HANDLE_VALUE;  // init
+    std::atomic<uint32_t> Since{0};      // second, plus one, in which the client came; 0 without a client
+};
+Instance gInstances[2];
+
+std::string ListSessions() {
+    static const char *const kStates[] = {"running", "idle", "receiving", "committing", "sending"};
+    std::string text = "sessions:" + std::to_string(gSessions.Count.load()) + "\r\n";
+    const uint32_t now = gSeconds.load();
+    Guard guard(&gSessions.Section);
+    for (uint32_t i = 0; i < gSessions.Used; i++) {
+        const SessionSlot &slot = gSessions.Slots[i];
+        if (slot.Who == nullptr) continue;
+        const uint32_t since = slot.Since.load(std::memory_order_relaxed);
+        text += "id=" + std::to_string(slot.Who->Id) +
+                " state=" + kStates[static_cast<size_t>(slot.State.load(std::memory_order_relaxed))] +
+                " seconds=" + std::to_string(now > since ? now - since : 0) + "\r\n";
+    }
+    return text;
+}
+
+std::string Answer(std::string_view request) {
+    while (!request.empty() && (request.back() == '\n' || request.back() == '\r' || request.back() == '\0'))
+        request.remove_suffix(1);
+    if (request == "info") return InfoText("all");
+    if (request == "sessions") return ListSessions();
+    if (request == "checkpoint") return RequestCheckpoint() ? "started" : "one is running already";
+    if (request == "migrate-lgwr") return RequestLgwrMigration() ? "requested" : "not available";
+    if (request == "shutdown") {
+        gStop = true;
+        return "shutting down";
+    }
+    return "unknown command";
+}
+
+// One client, from its coming to its answer.
+void ServeClient(HANDLE pipe) {
+    char request[kLongestRequest];
+    DWORD size = 0;
+    std::string answer;
+    if (ReadFile(pipe, request, sizeof request, &size, nullptr)) {
+        answer = Answer({request, size});
+    } else {
+        // Read to its end, or its sender would not come to hear the answer.
+        while (GetLastError() == ERROR_MORE_DATA && answer.empty()) {
+            if (ReadFile(pipe, request, sizeof request, &size, nullptr)) answer = "request too long";
+        }
+        if (answer.empty()) return;
+    }
+    WriteFile(pipe, answer.data(), static_cast<DWORD>(answer.size()), &size, nullptr);
+}
+
+DWORD WINAPI Administrator(LPVOID argument) {
+    Instance *const instance = static_cast<Instance *>(argument);
+    for (;;) {
+        // A client that came before the call, and even one that has gone again, is an error only by name.
+        if (!ConnectNamedPipe(instance->Pipe, nullptr) && GetLastError() != ERROR_PIPE_CONNECTED &&
+            GetLastError() != ERROR_NO_DATA) {
+            std::fprintf(stderr, "keyhost: the administrator's pipe: %s\n", ReasonOf(GetLastError()).c_str());
+            return 1;
+        }
+        uint32_t since = gSeconds.load() + 1;
+        instance->Since = since;
+        ServeClient(instance->Pipe);
+        if (!instance->Since.compare_exchange_strong(since, 0)) {
+            // The monitor is about to disconnect, and must not hit the next client.
+            while (instance->Since.load() != kEnded) Sleep(1);
+            instance->Since = 0;
+        }
+        DisconnectNamedPipe(instance->Pipe);
+    }
+}
+
+}  // namespace
+
+std::string OpenAdminPipe() {
+    if (!gOptions.Admin) return {};
+    const std::string name =
+        "\\\\.\\pipe\\" +
+        (gOptions.AdminPipe.empty() ? "keyhost." + std::to_string(GetCurrentProcessId()) : gOptions.AdminPipe);
+    for (Instance &instance : gInstances) {
+        const DWORD first = &instance == gInstances ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0;
+        instance.Pipe = CreateNamedPipeA(name.c_str(), PIPE_ACCESS_DUPLEX | first,
+                                         PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_REJECT_REMOTE_CLIENTS,
+                                         DWORD{sizeof gInstances / sizeof gInstances[0]}, 0, 0, 0, nullptr);
+        if (instance.Pipe == INVALID_HANDLE_VALUE) Refuse("%s: %s", name.c_str(), ReasonOf(GetLastError()).c_str());
+        const HANDLE thread = CreateThread(nullptr, 0, Administrator, &instance, 0, nullptr);
+        if (thread == nullptr) Refuse("no thread for the administrator: %s", ReasonOf(GetLastError()).c_str());
+        CloseHandle(thread);
+    }
+    return name;
+}
+
+void WatchAdminPipe(uint32_t now) {
+    for (Instance &instance : gInstances) {
+        uint32_t since = instance.Since.load();
+        if (since == 0 || since >= kEnded || now + 1 - since <= kPatience) continue;
+        if (!instance.Since.compare_exchange_strong(since, kEnding)) continue;
+        DisconnectNamedPipe(instance.Pipe);
+        instance.Since = kEnded;
+    }
+}
+
+}  // namespace host
