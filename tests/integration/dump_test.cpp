@@ -180,6 +180,8 @@ TEST_F(Dumps, OfAFatalErrorInAUserThread) {
     const std::vector<std::string> outputs = Debug(dumps);
     for (size_t i = 0; i < dumps.size(); i++) {
         ExpectModulesAndHandles(outputs[i]);
+        const std::string first = "* thread #1: tid = " + std::to_string(std::stoul(dumps[i].Stid, nullptr, 16)) + ",";
+        EXPECT_NE(outputs[i].find(first), std::string::npos) << "the debugger begins where the dump is about";
         frames[dumps[i].Tag] = FramesOf(outputs[i], dumps[i].Stid);
     }
     EXPECT_FRAMES(frames["FMAIN"], "WriteDumpOnHelperThread", "FatalExit", "LeavesASectionTwice", "HostMain",

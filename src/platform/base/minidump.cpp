@@ -19,6 +19,7 @@
 #include "platform/base/fiber_internal.h"
 #include "platform/base/futex.h"
 #include "platform/base/named_object.h"
+#include "platform/base/thread_object.h"
 
 namespace os {
 
@@ -203,11 +204,26 @@ void AddThread(const ThreadShot &shot, void *arg) {
     work->Threads[work->ThreadCount++] = thread;
 }
 
+// Debuggers begin with the first thread of the list. A thread that was made for the dump writes about its maker, and
+// one that runs a fiber about itself.
+DWORD SubjectOfDump() {
+    const ThreadLocals *locals = CurrentThreadLocals();
+    if (locals->Block.Current != nullptr || locals->ThreadObject == nullptr) return locals->Block.ThreadId;
+    return static_cast<const ThreadObject *>(locals->ThreadObject)->CreatedBy;
+}
+
 // A list of the format is its count and then its entries, which are not aligned further.
 void AddThreads(Work *work, bool exclusive) {
     File *file = &work->Out;
     work->ThreadCount = 0;
     VisitThreads(exclusive, AddThread, work);
+    const DWORD subject = SubjectOfDump();
+    for (uint32_t i = 1; i < work->ThreadCount; ++i) {
+        if (work->Threads[i].Id != subject) continue;
+        const minidump::Thread first = work->Threads[0];
+        work->Threads[0] = work->Threads[i];
+        work->Threads[i] = first;
+    }
     uint32_t rva;
     uint32_t bytes = 4 + work->ThreadCount * static_cast<uint32_t>(sizeof(minidump::Thread));
     char *list = Reserve(file, bytes, &rva);

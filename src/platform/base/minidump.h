@@ -18,7 +18,8 @@ namespace os {
 constexpr DWORD kMiniDumpWithHandleData = 4;
 
 // What "dbghelp.dll" answers for "MiniDumpWriteDump". Writes the calling process to `file`, opened for writing, from
-// its position on: every kernel thread with its registers and its stack, the modules, and with kMiniDumpWithHandleData
+// its position on: every kernel thread with its registers and its stack (first the thread that made the calling
+// one, or the calling one when it runs a fiber), the modules, and with kMiniDumpWithHandleData
 // the open handles. The other threads run on meanwhile. The last three arguments are not read. FALSE with
 // ERROR_INVALID_PARAMETER for another process, with the error of the write, or with ERROR_NOT_ENOUGH_MEMORY. Blocks.
 BOOL MiniDumpWriteDump(HANDLE process, DWORD processId, HANDLE file, DWORD type, void *exception, void *userStreams,

@@ -123,6 +123,7 @@ bool IsPriorityValue(int priority) {
 
 void InitThreadObject(ThreadObject *thread, const ThreadOps *kind, DWORD id) {
     thread->Kind = kind;
+    thread->CreatedBy = GetCurrentThreadId();
     thread->Id.store(id, std::memory_order_relaxed);
     thread->ExitCode.store(STILL_ACTIVE, std::memory_order_relaxed);
     thread->Priority.store(THREAD_PRIORITY_NORMAL, std::memory_order_relaxed);

@@ -38,6 +38,7 @@ struct ThreadOps {
 
 struct ThreadObject : Object {
     const ThreadOps *Kind = nullptr;        // written before the first handle
+    DWORD CreatedBy = 0;                    // init: identifier of the thread that made the object
     std::atomic<DWORD> Id{0};               // the thread's identifier, kept after its end
     std::atomic<DWORD> ExitCode{0};         // STILL_ACTIVE until the end; stored before Signalled
     std::atomic<int> Priority{0};           // as last asked for
