@@ -69,6 +69,7 @@ static constexpr InspectRow kRows[] = {
     // Globals.
     GLOBAL(gSchedulers),
     GLOBAL(gNumSchedulers),
+    GLOBAL(gNumDynamicSchedulers),
     GLOBAL(gSid),
     GLOBAL(gTraceDir),
     GLOBAL(gTraceFileName),
@@ -130,7 +131,9 @@ static constexpr InspectRow kRows[] = {
     FIELD(Scheduler, SwitchCount),
     FIELD(Scheduler, DispatchTsc),
     FIELD(Scheduler, LongestHold),
-    FIELD(Scheduler, LongestHolder),
+    FIELD(Scheduler, LongestHolderTag),
+    FIELD(Scheduler, SecondHold),
+    FIELD(Scheduler, SecondHolder),
     FIELD(Scheduler, Posts),
     FIELD(Scheduler, DonePolled),
     FIELD(Scheduler, DoneByPacket),

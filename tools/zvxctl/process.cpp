@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <pwd.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
@@ -193,9 +192,15 @@ const Mapping *MappingOf(const Process &process, Address address) {
     return address < mapping->End ? mapping : nullptr;
 }
 
+// Not the owner of the folder in /proc: that is root for a process that may not be dumped.
 uid_t UidOf(pid_t pid) {
-    struct stat info {};
-    return stat(ProcPath(pid, "").c_str(), &info) == 0 ? info.st_uid : static_cast<uid_t>(-1);
+    std::string text;
+    if (!ReadFile(ProcPath(pid, "/status"), &text)) return static_cast<uid_t>(-1);
+    const size_t at = text.find("\nUid:");
+    unsigned real = 0, effective = 0;
+    if (at == std::string::npos || std::sscanf(text.c_str() + at, "\nUid: %u %u", &real, &effective) != 2)
+        return static_cast<uid_t>(-1);
+    return effective;
 }
 
 std::string UserOf(pid_t pid) {
@@ -247,6 +252,16 @@ double CpuOf(pid_t pid, uint32_t thread, char *state) {
     *state = fields[0][0];
     return (std::strtod(fields[11].c_str(), nullptr) + std::strtod(fields[12].c_str(), nullptr)) /
            static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+Address SleepingStackPointer(pid_t pid, uint32_t thread) {
+    // The number of the call, six arguments, stack pointer and program counter; or one word.
+    std::string text;
+    unsigned long long pointer = 0;
+    if (!ReadFile(ProcPath(pid, fmt::format("/task/{}/syscall", thread)), &text) ||
+        std::sscanf(text.c_str(), "%*s %*s %*s %*s %*s %*s %*s %llx", &pointer) != 1)
+        return 0;
+    return pointer;
 }
 
 bool IsAlive(pid_t pid) {

@@ -1,4 +1,6 @@
 // tools/zvxctl/threads.cpp - the user threads of a process: their lists, what each waits for, where it is parked.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <set>
@@ -124,34 +126,41 @@ std::string TimedWaitText(const Library &library, const Record &fiber, uint32_t 
 
 // ---- Where it is parked ------------------------------------------------------------------------------
 
-// The first function outside the library that a parked stack leads to, and the library's function that it called. The
-// library keeps frame pointers, so that its own frames are a chain; the host's need not be.
-std::string ParkedPlace(Reader *reader, const Record &fiber) {
-    const Library &library = reader->Of;
-    Record context;
-    if (!ReadRecord(library, "FiberContext", Field(library, fiber, "Fiber.OsFiber"), &context)) return "";
-    const Address low = Field(library, context, "FiberContext.StackLow");
-    const Address high = Field(library, context, "FiberContext.StackHigh");
-    const Address top = Field(library, context, "FiberContext.StackPointer");
-    uint16_t frame[8];
-    if (top < low || top >= high || !ReadValue(library.Of, Number(library, "zvx_switch_frame"), &frame)) return "";
-    char stack[2048];
-    const size_t bytes = static_cast<size_t>(std::min<Address>(sizeof stack, high - top));
-    if (!Read(library.Of, top, stack, bytes)) return "";
-    const auto word = [&](Address at, Address *value) {
-        if (at >= top && at - top + sizeof *value <= bytes) {
-            std::memcpy(value, stack + (at - top), sizeof *value);
+// A stack of the other process; its top is read in one piece.
+struct Stack {
+    const Library &Of;
+    Address Low, High;  // bounds
+    Address Top;        // lowest byte in use
+    char Bytes[4096];
+    size_t Held;
+
+    bool Word(Address at, Address *value) const {
+        if (at >= Top && at - Top + sizeof *value <= Held) {
+            std::memcpy(value, Bytes + (at - Top), sizeof *value);
             return true;
         }
-        return at >= low && at + sizeof *value <= high && ReadValue(library.Of, at, value);
-    };
-    Address base = 0;
-    Address code = 0;
-    if (!word(top + frame[5], &base) || !word(top + frame[6], &code)) return "";
+        return at >= Low && at + sizeof *value <= High && ReadValue(Of.Of, at, value);
+    }
+    bool Fill() {
+        Held = 0;
+        if (Top < Low || Top >= High) return false;
+        Held = static_cast<size_t>(std::min<Address>(sizeof Bytes, High - Top));
+        return Read(Of.Of, Top, Bytes, Held);
+    }
+};
+
+bool InLibrary(const Library &library, Address code) {
+    return code >= library.Base && code < library.End;
+}
+
+// The first function outside the library that the chain of frames leads to, and the library's function that it called.
+// The library keeps frame pointers, so that its own frames are a chain; the host's need not be.
+std::string PlaceFrom(Reader *reader, const Stack &stack, Address base, Address code) {
+    const Library &library = reader->Of;
     Address inside = 0;
     Address within = 0;  // the frame below that one
     for (int i = 0; i < kMostFrames && code != 0; ++i) {
-        if (code < library.Base || code >= library.End) {
+        if (!InLibrary(library, code)) {
             const Mapping *mapping = MappingOf(library.Of, code - 1);
             if (mapping == nullptr || !mapping->Executable) return "";  // it ran while it was read
             const std::string caller = NameOf(reader->Names, library.Of, code - 1, false);
@@ -160,11 +169,57 @@ std::string ParkedPlace(Reader *reader, const Record &fiber) {
         }
         within = inside;
         inside = code;
-        const Address frameBase = base;
-        if (!word(frameBase, &base) || !word(frameBase + 8, &code) || base <= frameBase) break;
+        const Address frame = base;
+        if (!stack.Word(frame, &base) || !stack.Word(frame + 8, &code) || base <= frame) break;
     }
     // One of the library's own: below its start.
     return within != 0 ? NameOf(reader->Names, library.Of, within - 1, true) : "";
+}
+
+std::string ParkedPlace(Reader *reader, const Record &context) {
+    const Library &library = reader->Of;
+    Stack stack{library,
+                Field(library, context, "FiberContext.StackLow"),
+                Field(library, context, "FiberContext.StackHigh"),
+                Field(library, context, "FiberContext.StackPointer"),
+                {},
+                0};
+    uint16_t frame[8];
+    Address base = 0;
+    Address code = 0;
+    if (!stack.Fill() || !ReadValue(library.Of, Number(library, "zvx_switch_frame"), &frame) ||
+        !stack.Word(stack.Top + frame[5], &base) || !stack.Word(stack.Top + frame[6], &code))
+        return "";
+    return PlaceFrom(reader, stack, base, code);
+}
+
+// The scheduler idles on the user thread's stack, where its kernel thread sleeps: the kernel tells the stack pointer
+// and not the frame pointer, so that the lowest frame is looked for that leads up through the library to the host.
+std::string BorrowedPlace(Reader *reader, const SchedulerState &scheduler, const Record &context) {
+    const Library &library = reader->Of;
+    // It wakes up every now and then, but not for long.
+    Address top = 0;
+    for (int i = 0; i < 10 && top == 0; ++i) {
+        top = SleepingStackPointer(library.Of.Pid, scheduler.Thread);
+        if (top == 0) usleep(100);
+    }
+    Stack stack{library,
+                Field(library, context, "FiberContext.StackLow"),
+                Field(library, context, "FiberContext.StackHigh"),
+                top,
+                {},
+                0};
+    if (!stack.Fill()) return "";
+    for (Address at = (stack.Top + 7) & ~Address{7}; at + 16 <= stack.Top + stack.Held; at += 8) {
+        Address base = 0;
+        Address code = 0;
+        stack.Word(at, &base);
+        stack.Word(at + 8, &code);
+        if (base <= at || base >= stack.High || !InLibrary(library, code)) continue;
+        const std::string place = PlaceFrom(reader, stack, base, code);
+        if (place.find(" > ") != std::string::npos) return place;
+    }
+    return "";
 }
 
 // ---- One user thread ---------------------------------------------------------------------------------
@@ -208,7 +263,10 @@ UserThread Describe(Reader *reader, const SchedulerState &scheduler, const Recor
                 NameOf(reader->Names, library.Of, Field(library, fiber, "Fiber.StartRoutine"), true) + " (not begun)";
     } else if (places) {
         // The registers of a stack that is in use are those of an earlier time.
-        thread.Where = onProcessor ? "(its scheduler idles on this stack)" : ParkedPlace(reader, fiber);
+        Record context;
+        if (ReadRecord(library, "FiberContext", Field(library, fiber, "Fiber.OsFiber"), &context))
+            thread.Where = onProcessor ? BorrowedPlace(reader, scheduler, context) : ParkedPlace(reader, context);
+        if (onProcessor && thread.Where.empty()) thread.Where = "(its scheduler idles on this stack)";
     }
     if (flags & Number(library, "FIBER_TERMINATE")) thread.Waits += " (terminated)";
     return thread;
