@@ -1,0 +1,34 @@
+// tests/support/scripted_pipe.cpp - named pipes of the scripted operating system: made like files, connected like
+// reads.
+#include "platform/os_pipe.h"
+#include "scripted_os.h"
+
+namespace os {
+
+namespace script {
+std::function<DWORD(const char *name, DWORD ms)> gOnWaitPipe;
+}
+
+HANDLE CreateNamedPipeA(const char *name, DWORD openMode, DWORD, DWORD, DWORD, DWORD, DWORD, SECURITY_ATTRIBUTES *) {
+    if (ShouldFail("CreateNamedPipeA")) return INVALID_HANDLE_VALUE;
+    if ((openMode & FILE_FLAG_OVERLAPPED) == 0) script::Misuse("a pipe that is not overlapped");
+    return CreateFileA(name, 0, 0, nullptr, OPEN_EXISTING, openMode, nullptr);
+}
+HANDLE CreateNamedPipeW(const WCHAR *, DWORD openMode, DWORD pipeMode, DWORD instances, DWORD, DWORD, DWORD,
+                        SECURITY_ATTRIBUTES *) {
+    return CreateNamedPipeA("wide", openMode, pipeMode, instances, 0, 0, 0, nullptr);
+}
+BOOL ConnectNamedPipe(HANDLE pipe, OVERLAPPED *overlapped, IoOp *op) {
+    return ReadFile(pipe, nullptr, 0, nullptr, overlapped, op);
+}
+BOOL WaitNamedPipeA(const char *name, DWORD ms) {
+    script::NoteProgress();
+    const DWORD error = script::gOnWaitPipe(name, ms);
+    if (error != ERROR_SUCCESS) SetLastError(error);
+    return error == ERROR_SUCCESS;
+}
+BOOL WaitNamedPipeW(const WCHAR *, DWORD ms) {
+    return WaitNamedPipeA("wide", ms);
+}
+
+}  // namespace os
