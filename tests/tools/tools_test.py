@@ -256,7 +256,8 @@ def case_GdbHang():
 
 def case_GdbCore():
     host, _ = start([HOST, "parked"])
-    run(["gcore", "-o", "core", str(host.pid)])
+    text = gdb(["-p", str(host.pid)], f"zvx gcore core.{host.pid}")
+    check("with 8 stacks of user threads" in text, text)
     host.kill()
     host.wait()
     text = gdb([HOST, f"core.{host.pid}"], "zvx threads", "zvx bt all", "zvx bt CRIT 2")

@@ -3,6 +3,7 @@
     zvx threads             every user thread: number, tag, state, what it waits for, scheduler
     zvx sched               every scheduler: its kernel thread, its queues, what it runs
     zvx bt TAG|N|all [DEPTH]  the stack of the user threads with that tag, or number, or of all
+    zvx gcore FILE          gcore, with the stacks of user threads, which gcore leaves out on newer kernels
 
 Load it with `source zvx.py`. It needs no debug information of the library: it reads the table zvx_inspect, which the
 library exports for tools. Nothing of the process is changed, no register is written, nothing is called, so it works the
@@ -428,7 +429,78 @@ class ZvxBt(gdb.Command):
             raise gdb.GdbError(f"zvx: there is no user thread {wanted} (zvx threads lists them)")
 
 
+class ZvxGcore(gdb.Command):
+    """zvx gcore FILE - writes a core file of the live process, with the stacks of its user threads.
+
+    The plain gcore gives up a piece of memory at the first page that it cannot read. On kernels from 6.13 on the guard
+    pages between stacks are such pages, and the stacks are missing in its file; here they are put in afterwards. Core
+    files that the kernel writes are whole."""
+
+    def __init__(self):
+        super().__init__("zvx gcore", gdb.COMMAND_DATA, gdb.COMPLETE_FILENAME)
+
+    def invoke(self, argument, from_tty):
+        words = gdb.string_to_argv(argument)
+        if len(words) != 1:
+            raise gdb.GdbError("Usage: zvx gcore FILE")
+        library = Library()
+        gdb.execute(f"gcore {words[0]}", to_string=True)
+        stacks = 0
+        with open(words[0], "r+b") as core:
+            segments = self.segments(core)
+            for scheduler in library.schedulers():
+                for fiber in scheduler.fibers():
+                    context_at = fiber.field("OsFiber")
+                    context = library.read("FiberContext", context_at)
+                    low = library.field("FiberContext", context, "StackLow")
+                    top = library.field("FiberContext", context, "StackPointer")
+                    high = library.field("FiberContext", context, "StackHigh")
+                    if fiber.on_processor():
+                        top = self.stack_pointer(scheduler, top)
+                    self.put(core, segments, context_at, context)
+                    if low <= top < high:
+                        # With the red zone below it.
+                        start = max(low, top - 128)
+                        self.put(core, segments, start, memory(start, high - start))
+                        stacks += 1
+        gdb.write(f"{words[0]}: a core file with {stacks} stacks of user threads\n")
+
+    @staticmethod
+    def stack_pointer(scheduler, otherwise):
+        with kept_selection():
+            thread = scheduler.kernel_thread()
+            if thread is None:
+                return otherwise
+            thread.switch()
+            return int(gdb.newest_frame().read_register("rsp")) & (2**64 - 1)
+
+    @staticmethod
+    def segments(core):
+        """Of an ELF file of 64 bits: address, bytes and offset of what is loaded."""
+        header = core.read(64)
+        (table,), (size, count) = struct.unpack_from("<Q", header, 32), struct.unpack_from("<HH", header, 54)
+        if count == 0xFFFF:  # too many for the header: the first section has the number
+            core.seek(struct.unpack_from("<Q", header, 40)[0] + 44)
+            count = struct.unpack("<I", core.read(4))[0]
+        core.seek(table)
+        found = []
+        for _ in range(count):
+            kind, _, offset, address, _, file_bytes = struct.unpack_from("<IIQQQQ", core.read(size))
+            if kind == 1:
+                found.append((address, file_bytes, offset))
+        return found
+
+    @staticmethod
+    def put(core, segments, address, data):
+        for start, size, offset in segments:
+            if start <= address and address + len(data) <= start + size:
+                core.seek(offset + address - start)
+                core.write(data)
+                return
+
+
 ZvxPrefix()
+ZvxGcore()
 ZvxThreads()
 ZvxSched()
 ZvxBt()

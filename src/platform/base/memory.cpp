@@ -94,6 +94,8 @@ char *ReserveRangeLocked() {
     const size_t head = static_cast<size_t>(base - start);
     if (head != 0) munmap(start, head);
     munmap(base + kRangeBytes, kLargePageBytes - head);
+    // Nor do debuggers that write a core file read four gigabytes of nothing.
+    madvise(base, kRangeBytes, MADV_DONTDUMP);
     gRange.Next = kRangeSkip;
     gRange.Base.store(base, std::memory_order_release);
     return base;
@@ -137,6 +139,7 @@ void *VirtualAllocInRange(size_t bytes, DWORD type, DWORD protect) {
                 }
             } else if (mprotect(base + offset, bytes, access) == 0) {
                 gRange.Next = offset + bytes;
+                madvise(base + offset, bytes, MADV_DODUMP);
                 // The allocator touches every page of a region at once, so a large one that the kernel may have
                 // free costs no memory, and saves thousands of faults now and as many translations later. A hint.
                 if (bytes >= kLargePageBytes) madvise(base + offset, bytes, MADV_HUGEPAGE);
