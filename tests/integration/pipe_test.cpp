@@ -110,11 +110,14 @@ TEST_P(Pipes, WaitsAndTheHostsOwnOperations) {
         TerminateThread(caller, 7);
         HOST_CHECK(!ReadFile(pipe, text, 8, &moved, nullptr));
         HOST_EQ(ERROR_BROKEN_PIPE, GetLastError());
-        // One that waits for a client ends with the handle.
+        // A thread that waits for a client may be terminated, and leaves the instance to the next one; that one's wait
+        // ends with the handle.
         HOST_CHECK(DisconnectNamedPipe(pipe));
-        const HANDLE listener = CreateThread(
-            nullptr, 0, [](LPVOID end) -> DWORD { return ConnectNamedPipe(end, nullptr) ? 0 : GetLastError(); }, pipe,
-            0, nullptr);
+        const auto listen = [](LPVOID end) -> DWORD { return ConnectNamedPipe(end, nullptr) ? 0 : GetLastError(); };
+        const HANDLE dying = CreateThread(nullptr, 0, listen, pipe, 0, nullptr);
+        Sleep(20);
+        HOST_CHECK(TerminateThread(dying, 3));
+        const HANDLE listener = CreateThread(nullptr, 0, listen, pipe, 0, nullptr);
         Sleep(20);
         CloseHandle(pipe);
         HOST_CHECK(WaitForSingleObject(listener, 5000) == WAIT_OBJECT_0 && GetExitCodeThread(listener, &answer));
