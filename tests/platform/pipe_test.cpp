@@ -564,8 +564,8 @@ TEST(Pipe, OtherProcesses) {
     // A thread that is ended inside its call takes the connection with it. It unwinds nothing, so it owns nothing.
     const auto call = [](void *) -> DWORD {
         static char in[] = "stuck", out[8];
-        static DWORD got;
-        return static_cast<DWORD>(os::CallNamedPipeA(gName.c_str(), in, 5, out, 8, &got, 5000));
+        static DWORD size;
+        return static_cast<DWORD>(os::CallNamedPipeA(gName.c_str(), in, 5, out, 8, &size, 5000));
     };
     const HANDLE caller = os::CreateThread(nullptr, 0, call, nullptr, 0, nullptr);
     const DWORD error = own.Connect();
