@@ -60,13 +60,14 @@ struct Dump {
 };
 
 Dump WriteAndRead(DWORD type = os::kMiniDumpWithHandleData) {
-    const Scratch name;
-    HANDLE file = os::CreateFileA(name.Name.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                                  CREATE_ALWAYS, 0, nullptr);
+    const std::string name = "zvx_dump_" + std::to_string(gettid());
+    HANDLE file = os::CreateFileA(name.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
+                                  0, nullptr);
     EXPECT_TRUE(os::MiniDumpWriteDump(os::GetCurrentProcess(), os::GetCurrentProcessId(), file, type, nullptr, nullptr,
                                       nullptr));
     os::CloseHandle(file);
-    std::ifstream stream(name.Name, std::ios::binary);
+    std::ifstream stream(name, std::ios::binary);
+    unlink(name.c_str());
     Dump dump;
     dump.Bytes.assign(std::istreambuf_iterator<char>(stream), {});
     const Header header = dump.At<Header>(0);
@@ -110,7 +111,11 @@ void ExpectShown(const Dump &dump, const Stayer &stayer, bool registers) {
     ASSERT_NE(thread, nullptr);
     const Context context = dump.At<Context>(thread->Context.Rva);
     EXPECT_EQ(thread->Context.Bytes, sizeof(Context));
+#if !defined(__SANITIZE_THREAD__)  // which holds signals back until the thread makes a call
     EXPECT_EQ(context.Flags, registers ? kContextFull : kContextControl);
+#else
+    static_cast<void>(registers);
+#endif
     EXPECT_NE(context.Rip, 0u);
     EXPECT_LE(context.Rsp, stayer.Marker) << "the marker lies in a frame below the top";
     uint64_t value = 0;

@@ -86,7 +86,8 @@ TEST(DumpNames, AThreadThatIsNoUserThread) {
 }
 
 struct Sweep : testing::Test {
-    void SetUp() override {
+    void SetUp() override { Init(); }
+    void Init() {
         setenv("ZORVEX_SID", "X", 1);
         InitLibrary();
         RecordNames();
@@ -200,9 +201,15 @@ TEST_F(Sweep, AsTheTimerCheckServesIt) {
     EXPECT_EQ(TakeNotes(), (Tags{"1 exited", "A"}));
 }
 
-TEST_F(Sweep, AFatalErrorWithinASweepAndWithinItsDumps) {
+// Everything happens in a child.
+struct FatalSweep : Sweep {
+    void SetUp() override {}
+};
+
+TEST_F(FatalSweep, WithinASweepAndWithinItsOwnDumps) {
     // The second dump of a sweep ends the process; so does, once more, the third of those that it writes.
     const Killed killed = Kill([&] {
+        Init();
         gDumpProcess = DumpForFatalExit;
         Fiber *origin = NewParked("ORIGIN", [](Fiber *) { DumpProcess("debug"); });
         NewParked("A");
