@@ -2,25 +2,16 @@
 #ifndef ZVX_TESTS_SUPPORT_CALL_FIXTURE_H
 #define ZVX_TESTS_SUPPORT_CALL_FIXTURE_H
 
-#include <gtest/gtest.h>
-
 #include "kernel/file.h"
 #include "kernel/handles.h"
 #include "sched_fixture.h"
 
 namespace zvx::test {
 
-namespace script = os::script;
-using Names = std::vector<std::string>;
-
-struct CallTest : testing::Test {
-    void SetUp() override {
-        InitLibrary();
-        S = NewScheduler();
-    }
+struct CallTest : SchedTest {
     void TearDown() override {
         CheckHandleTable();
-        CheckScheduler(S);
+        SchedTest::TearDown();
     }
     // Runs body as a user thread until it parks or ends.
     Fiber *Run(std::function<void(Fiber *)> body, uint32_t role = ROLE_OTHER) {
@@ -28,6 +19,12 @@ struct CallTest : testing::Test {
         F->Role = role;
         RunUntilIdle(S);
         return F;
+    }
+    // The same for a body that must come to its end at once.
+    void RunToEnd(const std::function<void(Fiber *)> &body) {
+        bool ended = false;
+        Run([&](Fiber *F) { body(F), ended = true; });
+        EXPECT_TRUE(ended) << "it waits";
     }
     // Lets time pass, a millisecond at a time.
     void Pass(uint32_t ms) {
@@ -52,7 +49,6 @@ struct CallTest : testing::Test {
         return CreateFileA("name", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, flags, nullptr);
     }
     static HANDLE NewEvent(bool manual, bool set) { return os::CreateEventA(nullptr, manual, set, nullptr); }
-    Scheduler *S = nullptr;
 };
 
 }  // namespace zvx::test

@@ -5,16 +5,13 @@
 #ifndef ZVX_TESTS_SUPPORT_CHILD_H
 #define ZVX_TESTS_SUPPORT_CHILD_H
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 
 #include "diag/trace.h"
+#include "run_child.h"
 
 namespace zvx::test {
 
@@ -59,35 +56,10 @@ struct Folder {
         (std::filesystem::temp_directory_path() / ("zvx_unit_" + std::to_string(getpid()))).string();
 };
 
-struct ChildResult {
-    int ExitCode;        // -1 when a signal ended it
-    std::string Output;  // standard output
-};
-
-// Runs body() in a child process; the child ends with 99 when it returns.
+// The child ends with 99 when body() returns.
 template <typename Body>
 ChildResult RunChild(Body body) {
-    ChildResult result{-1, ""};
-    std::fflush(nullptr);
-    int ends[2];
-    if (pipe(ends) != 0) return result;
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(ends[1], STDOUT_FILENO);
-        close(ends[0]);
-        close(ends[1]);
-        alarm(20);
-        body();
-        _exit(99);
-    }
-    close(ends[1]);
-    char buffer[4096];
-    for (ssize_t got; (got = read(ends[0], buffer, sizeof(buffer))) > 0;)
-        result.Output.append(buffer, static_cast<size_t>(got));
-    close(ends[0]);
-    int status = 0;
-    if (waitpid(child, &status, 0) == child && WIFEXITED(status)) result.ExitCode = WEXITSTATUS(status);
-    return result;
+    return RunInChild(body, 99, false);
 }
 
 // How FatalExit ended the process that ran body().

@@ -114,20 +114,6 @@ Fiber *NewFiber(Scheduler *S, std::function<void(Fiber *)> body) {
     return F;
 }
 
-Fiber *NewStartedFiber(Scheduler *S, std::function<void(Fiber *)> body) {
-    // It pauses by parking without a time-out; the test finds it in InfiniteWaiters and takes it out.
-    auto inner = std::make_shared<std::function<void(Fiber *)>>(std::move(body));
-    Fiber *F = NewFiber(S, [inner](Fiber *self) {
-        self->WaitTimeoutMs = INFINITE;
-        SchedYield(self, Yield_TIMER_WAIT);
-        (*inner)(self);
-    });
-    RunUntilIdle(S);
-    UnlinkTimedWaiter(S, F);
-    F->State = FSTATE_RUNNING;
-    return F;
-}
-
 void RunUntilIdle(Scheduler *S) {
     os::ThreadBlock *block = os::CurrentThreadBlock();
     Install(S);
@@ -137,6 +123,14 @@ void RunUntilIdle(Scheduler *S) {
     block->Slots = slots;
     block->LastError = error;
     CheckScheduler(S);
+}
+
+void SendOne(Scheduler *to, uint8_t kind, Fiber *F, uint32_t generation, uint32_t code) {
+    FIBER_MESSAGE *msg = AllocMessage(to, to, kind);
+    msg->Count = 1;
+    msg->Generation = generation;
+    msg->One = {F, code, nullptr};
+    SendMessage(to, msg);
 }
 
 void Pause() { BackToTest(SchedOf(static_cast<Fiber *>(os::GetFiberData()))); }
@@ -159,7 +153,7 @@ PSEHAND *NewEntry(Scheduler *S, uint32_t type, bool onPort) {
     return entry;
 }
 
-DWORD ReadOn(Fiber *F, PSEHAND *entry, bool neverPoll) {
+DWORD ReadOn(Fiber *F, PSEHAND *entry) {
     FIBEROVERLAPPED *rec = &F->OwnOvs[0];
     F->CurOv = &rec->Ov;
     rec->OpArg = 3;
@@ -167,7 +161,7 @@ DWORD ReadOn(Fiber *F, PSEHAND *entry, bool neverPoll) {
     rec->HandleRec = entry;
     rec->OsHandle = HandleValue(entry);
     rec->Ov = {0xFFFFFFFF, 0xFFFFFFFF, 0, 0, nullptr};
-    PacketOrPoll(SchedOf(F), rec, entry, OV_FILE, neverPoll);
+    PacketOrPoll(SchedOf(F), rec, entry, OV_FILE, false);
     DWORD got = 0;
     if (os::ReadFile(rec->OsHandle, nullptr, 1, &got, &rec->Ov, &rec->Io)) {
         AccountPacket(rec);

@@ -10,6 +10,8 @@
 #ifndef ZVX_TESTS_SUPPORT_SCHED_FIXTURE_H
 #define ZVX_TESTS_SUPPORT_SCHED_FIXTURE_H
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -33,11 +35,11 @@ Scheduler *NewScheduler();
 Fiber *NewFiber(Scheduler *S, std::function<void(Fiber *)> body);
 // The same without a place in any queue, state 4: the test files it where it likes.
 Fiber *NewUnplacedFiber(Scheduler *S, std::function<void(Fiber *)> body);
-// A user thread past its first yield: the next dispatch enters the body.
-Fiber *NewStartedFiber(Scheduler *S, std::function<void(Fiber *)> body);
 
 // Lets S run until it waits in its port with a time-out.
 void RunUntilIdle(Scheduler *S);
+// A message of one target to the scheduler `to`; `code` is what a termination has. Not before the next pass of `to`.
+void SendOne(Scheduler *to, uint8_t kind, Fiber *F, uint32_t generation, uint32_t code = 0);
 // From a fiber of S: back to the test, which continues the fiber with the next RunUntilIdle(S).
 void Pause();
 
@@ -49,7 +51,19 @@ std::vector<std::string> TakeNotes();
 PSEHAND *NewEntry(Scheduler *S, uint32_t type, bool onPort = true);
 // Issues an operation of F's embedded record on `entry` as the file functions do, which the script must answer as
 // pending, and waits for it. Returns the final status.
-DWORD ReadOn(Fiber *F, PSEHAND *entry, bool neverPoll = false);
+DWORD ReadOn(Fiber *F, PSEHAND *entry);
+
+// One scheduler, checked at the end.
+struct SchedTest : testing::Test {
+    void SetUp() override {
+        InitLibrary();
+        S = NewScheduler();
+    }
+    void TearDown() override { CheckScheduler(S); }
+    Scheduler *S = nullptr;
+};
+using Names = std::vector<std::string>;
+namespace script = os::script;
 
 }  // namespace zvx::test
 

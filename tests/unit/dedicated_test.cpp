@@ -47,11 +47,7 @@ struct Dedicated : CallTest {
         EXPECT_EQ(TakeNotes(), Names{"routine"});
     }
     void Send(uint8_t kind, uint32_t second = 0) {
-        FIBER_MESSAGE *msg = AllocMessage(S, S, kind);
-        msg->Count = 1;
-        msg->Generation = Generation(Target);
-        msg->One = {Target, second, nullptr};
-        SendMessage(S, msg);
+        SendOne(S, kind, Target, Generation(Target), second);
         RunUntilIdle(S);
     }
     // The target's wait ends after `ms` more, not two ticks earlier or more than two later.
@@ -90,9 +86,6 @@ TEST_F(Dedicated, ASleeperSleepsOnForWhatIsLeft) {
     Park([](Fiber *) { return Sleep(10), "late"; });
     Inject([] { Sleep(50); });
     ExpectEndAfter(50, "late");
-    Park([](Fiber *) { return Sleep(INFINITE), "never"; });
-    for (int i = 0; i < 3; i++) InjectNote();
-    EXPECT_EQ(S->InfiniteWaiters.Count, 1u);
 }
 
 TEST_F(Dedicated, AnAlertableWaitLooksAtItsOperations) {
@@ -216,37 +209,13 @@ TEST_F(Dedicated, ASuspendedThreadRunsTheRoutineAndStopsAgain) {
     EXPECT_EQ(TakeNotes(), Names{"routine"});
     EXPECT_EQ(Target->SuspendCount.load(), 1u);
     EXPECT_EQ(Target->RoutinePending.load(), 0u);
-    Inject([this] {
-        FIBER_MESSAGE *msg = AllocMessage(S, S, MSG_SUSPEND);
-        msg->Count = 1;
-        msg->Generation = Generation(Target);
-        msg->One = {Target, 0, nullptr};
-        SendMessage(S, msg);  // found at the next switch
-    });
+    Inject([this] { SendOne(S, MSG_SUSPEND, Target, Generation(Target)); });  // found at the next switch
     EXPECT_EQ(Target->SuspendCount.load(), 2u);
     Send(MSG_RESUME);
     EXPECT_EQ(TakeNotes(), Names{});
     Send(MSG_RESUME);
     Pass(2);
     EXPECT_EQ(TakeNotes(), Names{"slept"});
-}
-
-TEST_F(Dedicated, APolledWaitStaysOneOfSlices) {
-    const HANDLE event = NewEvent(false, false);
-    Park([&](Fiber *) { return Said(WaitForSingleObject(event, 1000)); });
-    Pass(99);
-    Inject([] { Sleep(31); });
-    Pass(31 + gTimerInterval);
-    ASSERT_EQ(S->TimedWaiters.Count, 1u);
-    EXPECT_LE(Target->WaitDeadline, S->LastTimerCheck + gTimerInterval);
-    SetEvent(event);
-    Pass(gTimerInterval);
-    EXPECT_EQ(TakeNotes(), Names{"0 error 0"});
-    // And its whole time is what was asked for.
-    Park([&](Fiber *) { return Said(WaitForSingleObject(event, 100)); });
-    Pass(40);
-    Inject([] { Sleep(20); });
-    ExpectEndAfter(60, "258 error 0");
 }
 
 TEST_F(Dedicated, WhoCannotBeReached) {
@@ -328,20 +297,6 @@ TEST_F(Dedicated, ACallGivesBackWhatItWroteAndSaid) {
     EXPECT_EQ(TakeNotes(), Names{"1 3 error 77"});
     EXPECT_STREQ(buffer, "xxx-----");
     EXPECT_TRUE(script::gScript.Terminations.empty());
-    // The four calls and what faults give: 87 and the value that was there before.
-    script::gDedicatedScript.OnReadConsole = [](void *, DWORD, DWORD *) __attribute__((no_sanitize("undefined"))) -> BOOL {
-        volatile int zero = 0;
-        return 7 / zero;
-    };
-    Park([&](Fiber *) { return ReadInto(buffer, 8); });
-    script::RunThread();
-    Pass(2);
-    EXPECT_EQ(TakeNotes(), Names{"0 0 error 87"});
-    script::gDedicatedScript.OnReadConsole = [](void *, DWORD, DWORD *) -> BOOL { return TRUE; };
-    Park([&](Fiber *) { return ReadInto(reinterpret_cast<char *>(uintptr_t{64}), 8); });
-    script::RunThread();
-    Pass(2);
-    EXPECT_EQ(TakeNotes()[0].substr(0, 1), "1") << "nothing was read, so nothing is copied";
     script::gDedicatedScript.OnCallPipe = [](const char *name, void *in, DWORD inBytes, void *out, DWORD, DWORD *read) {
         Note(std::string(name) + std::string(static_cast<char *>(in), inBytes));
         memcpy(out, "answer", 6);
@@ -432,46 +387,6 @@ TEST_F(Dedicated, ATerminatedCallerLeavesItsCallToTheThread) {
     EXPECT_EQ(TakeNotes(), Names{"0 99 error 0"}) << "counts as an end";
 }
 
-TEST_F(Dedicated, TheDirectoryServiceIsHandedOutByNameOnly) {
-    static DWORD flags;
-    auto query = [](const char *computer, const char *domain, const void *id, const char *site, DWORD asked,
-                    void **result) -> DWORD {
-        EXPECT_STREQ(domain, "domain");
-        EXPECT_EQ(computer, nullptr);
-        EXPECT_EQ(memcmp(id, "0123456789abcdef", 16), 0);
-        EXPECT_STREQ(site, "site");
-        flags = asked;
-        *result = &flags;
-        os::SetLastError(5);
-        return 1355;
-    };
-    using Query = DWORD (*)(const char *, const char *, const void *, const char *, DWORD, void **);
-    const HMODULE any = os::GetModuleHandleA("kernel32.dll");
-    auto find = [&](const char *name) { return reinterpret_cast<void *>(GetProcAddress(any, name)); };
-    Run([&](Fiber *) { EXPECT_EQ(find("DsGetDcNameA"), nullptr) << "the process has none"; });
-    gDsGetDcNameA = reinterpret_cast<intptr_t (*)()>(reinterpret_cast<void *>(static_cast<Query>(query)));
-    EXPECT_EQ(find("DsGetDcNameA"), nullptr) << "no user thread";
-    Park([&](Fiber *) {
-        EXPECT_EQ(find("dsgetdcnamea"), nullptr);
-        EXPECT_EQ(find(nullptr), nullptr);
-        EXPECT_EQ(find(reinterpret_cast<const char *>(uintptr_t{0xFFFF})), nullptr);
-        const auto found = reinterpret_cast<Query>(find("DsGetDcNameA"));
-        EXPECT_EQ(reinterpret_cast<void *>(found), reinterpret_cast<void *>(FiberDsGetDcNameA));
-        void *result = nullptr;
-        const DWORD answer = found(nullptr, "domain", "0123456789abcdef", "site", 9, &result);
-        EXPECT_EQ(result, &flags);
-        return Said(answer);
-    });
-    script::RunThread();
-    Pass(2);
-    EXPECT_EQ(TakeNotes(), Names{"1355 error 5"});
-    EXPECT_EQ(flags, 9u);
-    Run([&](Fiber *) {
-        os::FailCall("CreateThread", 1, ERROR_MAX_THRDS_REACHED);
-        EXPECT_EQ(FiberDsGetDcNameA(nullptr, "domain", nullptr, nullptr, 0, nullptr), ERROR_NOT_ENOUGH_MEMORY);
-    });
-}
-
 TEST_F(Dedicated, WhatEndsTheProcess) {
     EXPECT_EQ(FatalTextOf([&] {
                   Run([](Fiber *F) {
@@ -492,12 +407,6 @@ TEST_F(Dedicated, WhatEndsTheProcess) {
                   RunUntilIdle(S);
               }),
               "ExecRoutineInFiber: Default restore");
-    EXPECT_EQ(FatalTextOf([&] {
-                  Run([](Fiber *F) {
-                      for (int i = 0; i < 3; i++) TermCleanupFuncSet(F, PostWaiterCleanup);
-                  });
-              }),
-              "TermCleanupFuncSet: limit hit 2");
 }
 
 }  // namespace

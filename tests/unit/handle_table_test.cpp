@@ -57,7 +57,7 @@ TEST_F(HandleTable, FamiliesLiveAsLongAsTheirLastHandle) {
         EXPECT_TRUE(DuplicateHandle(process, source, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS | options));
         return copy;
     };
-    Run([&](Fiber *F) {
+    RunToEnd([&](Fiber *F) {
         entry->OwnerFiber = F;
         entry->OwnerGeneration = 17;
         const HANDLE first = duplicate(root);
@@ -83,9 +83,7 @@ TEST_F(HandleTable, FamiliesLiveAsLongAsTheirLastHandle) {
         os::FailCall("CloseHandle", 1, ERROR_INVALID_HANDLE);
         EXPECT_FALSE(CloseHandle(refused));
         EXPECT_EQ(gHandleCount, 0u);
-        Note("done");
     });
-    EXPECT_EQ(TakeNotes(), Names{"done"});
     const auto releaseTooMuch = [&] {
         PSEHAND *odd = Insert(4000);
         odd->RefCount = 0;

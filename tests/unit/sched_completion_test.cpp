@@ -1,23 +1,15 @@
 // tests/unit/sched_completion_test.cpp - packets against polling: every operation wakes its fiber once, and every
 // packet is accounted for once, in whatever order the two arrive.
-#include <gtest/gtest.h>
-
 #include "sched_fixture.h"
 
 namespace zvx::test {
 namespace {
 
-using Names = std::vector<std::string>;
-namespace script = os::script;
-
-struct CompletionTest : testing::Test {
+struct CompletionTest : SchedTest {
     void SetUp() override {
-        InitLibrary();
-        S = NewScheduler();
+        SchedTest::SetUp();
         File = NewEntry(S, PHAND_HTYPE_CreateFileA);
     }
-    void TearDown() override { CheckScheduler(S); }
-
     // A user thread that reads once on File and notes its name at the end.
     Fiber *Reader(const std::string &name, uint32_t schedClass = CLASS_NORMAL, PSEHAND *file = nullptr) {
         Fiber *F = NewFiber(S, [this, name, file](Fiber *self) {
@@ -28,7 +20,6 @@ struct CompletionTest : testing::Test {
         F->Role = ROLE_OTHER;
         return F;
     }
-    Scheduler *S = nullptr;
     PSEHAND *File = nullptr;
 };
 
@@ -72,20 +63,6 @@ TEST_F(CompletionTest, APolledEndLeavesAPacketThatIsDropped) {
     script::EndOperation(&F->OwnOvs[0].Ov, 0, 1);
     RunUntilIdle(S);
     EXPECT_EQ(TakeNotes(), Names{"again"});
-}
-
-TEST_F(CompletionTest, AnImmediateEndOwesAPacketAndNeverWaits) {
-    script::gScript.OnIo = [](const script::IoCall &) { return script::Done(1); };
-    Fiber *F = NewFiber(S, [&](Fiber *self) {
-        for (int i = 0; i < 3; ++i) ReadOn(self, File);
-        Note(std::to_string(self->OwnOvs[0].SkipPackets));
-    });
-    uint32_t generation = Generation(F);
-    RunUntilIdle(S);
-    EXPECT_EQ(TakeNotes(), Names{"3"});
-    // The exit drains what is owed before the record may be used for another thread.
-    EXPECT_NE(Generation(F), generation);
-    EXPECT_EQ(script::QueuedPackets(S->Port), 0u);
 }
 
 TEST_F(CompletionTest, ABusySchedulerPollsWithoutPackets) {
@@ -194,11 +171,7 @@ TEST_F(CompletionTest, AnExitWaitsForItsCancelledReadAndItsPacket) {
     Fiber *F = Reader("never");
     uint32_t generation = Generation(F);
     RunUntilIdle(S);
-    FIBER_MESSAGE *msg = AllocMessage(S, S, MSG_TERMINATE);
-    msg->Generation = generation;
-    msg->One.Target = F;
-    msg->One.ExitCode = 9;
-    SendMessage(S, msg);
+    SendOne(S, MSG_TERMINATE, F, generation, 9);
     RunUntilIdle(S);
     ASSERT_EQ(script::gScript.Cancels.size(), 2u) << "by the message, and again by the exit";
     EXPECT_EQ(script::gScript.Cancels[0].Ov, &F->OwnOvs[0].Ov) << "exactly this operation";
@@ -232,20 +205,6 @@ struct AlertableTest : CompletionTest {
     FIBEROVERLAPPED *Records[8] = {};
     uint32_t Issued = 0;
 };
-
-TEST_F(AlertableTest, SleepExDeliversOnTheCallingThread) {
-    NewFiber(S, [&](Fiber *self) {
-        Issue(self);
-        Note("slept " + std::to_string(SleepEx(10000, TRUE)));
-        EXPECT_EQ(self->PendingApcIos, 0u);
-    });
-    RunUntilIdle(S);
-    script::EndOperation(&Records[0]->Ov, 0, 42);
-    RunUntilIdle(S);
-    EXPECT_EQ(TakeNotes(), (Names{"routine 0/42", "slept 192"}));
-    EXPECT_EQ(Callers[0].Internal, 0u);
-    EXPECT_EQ(Callers[0].InternalHigh, 42u);
-}
 
 TEST_F(AlertableTest, AnyOwnEndWakesADeepPoll) {
     NewFiber(S, [&](Fiber *self) {

@@ -1,33 +1,19 @@
 // tests/unit/sched_message_test.cpp - requests between schedulers: what they do, when they do nothing, and that
 // none is left behind.
-#include <gtest/gtest.h>
-
 #include "kernel/handles.h"
 #include "sched_fixture.h"
 
 namespace zvx::test {
 namespace {
 
-using Names = std::vector<std::string>;
-namespace script = os::script;
-
-struct MessageTest : testing::Test {
+struct MessageTest : SchedTest {
     void SetUp() override {
-        InitLibrary();
-        S = NewScheduler();
+        SchedTest::SetUp();
         Other = NewScheduler();
     }
     void TearDown() override {
-        CheckScheduler(S);
+        SchedTest::TearDown();
         CheckScheduler(Other);
-    }
-    void Send(Scheduler *to, uint8_t kind, Fiber *F, uint32_t generation, uint32_t exitCode = 0) {
-        FIBER_MESSAGE *msg = AllocMessage(S, to, kind);
-        msg->Count = 1;
-        msg->Generation = generation;
-        msg->One.Target = F;
-        msg->One.ExitCode = exitCode;
-        SendMessage(to, msg);
     }
     void SendPost(Scheduler *to, Fiber *F, uint32_t generation) {
         FIBER_MESSAGE *msg = AllocMessage(S, to, MSG_POST);
@@ -51,7 +37,6 @@ struct MessageTest : testing::Test {
         RunUntilIdle(on);
         return F;
     }
-    Scheduler *S = nullptr;
     Scheduler *Other = nullptr;
 };
 
@@ -92,58 +77,32 @@ TEST_F(MessageTest, ABlockedSchedulerGetsOnePacketForABurst) {
 
 TEST_F(MessageTest, OtherKindsWakeOnlyWhereLongWaitsAreAllowed) {
     Fiber *F = PostWaiter(Other);
-    Send(Other, MSG_SUSPEND, F, Generation(F));
+    SendOne(Other, MSG_SUSPEND, F, Generation(F));
     EXPECT_TRUE(script::gScript.Posted.empty()) << "it looks again within a millisecond";
     RunUntilIdle(Other);
     gPortWaitMs = 100;
     RunUntilIdle(Other);
-    Send(Other, MSG_RESUME, F, Generation(F));
+    SendOne(Other, MSG_RESUME, F, Generation(F));
     EXPECT_EQ(script::gScript.Posted.size(), 1u);
     RunUntilIdle(Other);
 }
 
 TEST_F(MessageTest, SuspensionsCountAndStopAt127) {
     Fiber *F = PostWaiter(Other);
-    Send(Other, MSG_SUSPEND, F, Generation(F) + 1);
+    SendOne(Other, MSG_SUSPEND, F, Generation(F) + 1);
     RunUntilIdle(Other);
     EXPECT_EQ(F->SuspendCount.load(), 0u);
     EXPECT_EQ(F->SuspendRequests.load(), 0u);
-    for (int i = 0; i < 130; ++i) Send(Other, MSG_SUSPEND, F, Generation(F));
+    for (int i = 0; i < 130; ++i) SendOne(Other, MSG_SUSPEND, F, Generation(F));
     RunUntilIdle(Other);
     EXPECT_EQ(F->SuspendCount.load(), 127u);
     EXPECT_EQ(F->SuspendRequests.load(), 130u);
     SendPost(Other, F, Generation(F));
     RunUntilIdle(Other);
     EXPECT_EQ(F->State, FSTATE_SUSPENDED);
-    for (int i = 0; i < 127; ++i) Send(Other, MSG_RESUME, F, Generation(F));
+    for (int i = 0; i < 127; ++i) SendOne(Other, MSG_RESUME, F, Generation(F));
     RunUntilIdle(Other);
     EXPECT_EQ(TakeNotes(), Names{"posted"}) << "the last resume runs it without waiting for a timer check";
-}
-
-TEST_F(MessageTest, TerminationReachesEveryWait) {
-    auto ended = [&](std::function<void(Fiber *)> park) {
-        Fiber *F = NewFiber(Other, [park](Fiber *self) {
-            park(self);
-            Note("survived");
-        });
-        RunUntilIdle(Other);
-        uint32_t generation = Generation(F);
-        Send(Other, MSG_TERMINATE, F, generation, 5);
-        RunUntilIdle(Other);
-        RunUntilIdle(Other);
-        return Generation(F) == generation + 1 && F->ExitCode == 5;
-    };
-    EXPECT_TRUE(ended([](Fiber *) { Sleep(INFINITE); }));
-    EXPECT_TRUE(ended([](Fiber *) { Sleep(100000); }));
-    PSEHAND *file = NewEntry(Other, PHAND_HTYPE_CreateFileA);
-    EXPECT_TRUE(ended([&](Fiber *self) { ReadOn(self, file); }));
-    EXPECT_TRUE(ended([](Fiber *self) {
-        self->SuspendCount = 2;
-        SchedYield(self, Yield_USER);
-    }));
-    EXPECT_TRUE(TakeNotes().empty());
-    EXPECT_EQ(Other->TimedWaiters.Count + Other->InfiniteWaiters.Count + Other->IoWaiters.Count, 0u);
-    EXPECT_EQ(Other->PortCount, 0u);
 }
 
 TEST_F(MessageTest, AttachTakesOnlyFibersOnTheirWay) {
@@ -165,38 +124,20 @@ TEST_F(MessageTest, AttachTakesOnlyFibersOnTheirWay) {
 
 TEST_F(MessageTest, ARequestForAThreadThatLeftIsPassedOn) {
     Fiber *F = PostWaiter(Other);
-    Send(S, MSG_SUSPEND, F, Generation(F));  // sent while it was still on S
+    SendOne(S, MSG_SUSPEND, F, Generation(F));  // sent while it was still on S
     RunUntilIdle(S);
     EXPECT_EQ(F->SuspendRequests.load(), 0u);
     RunUntilIdle(Other);
     EXPECT_EQ(F->SuspendRequests.load(), 1u);
     // Between two schedulers: kept until it has arrived.
     SetSched(F, nullptr, std::memory_order_relaxed);
-    Send(S, MSG_SUSPEND, F, Generation(F));
+    SendOne(S, MSG_SUSPEND, F, Generation(F));
     RunUntilIdle(S);
     EXPECT_NE(S->Messages.load(), nullptr);
     SetSched(F, Other, std::memory_order_relaxed);
     RunUntilIdle(S);
     RunUntilIdle(Other);
     EXPECT_EQ(F->SuspendRequests.load(), 2u);
-}
-
-TEST_F(MessageTest, RetiredRecordsWaitForEverySchedulersPass) {
-    PSEHAND *entry = NewEntry(S, PHAND_HTYPE_CreateFileA, false);
-    HANDLE handle = HandleValue(entry);
-    int64_t before = S->ChunkTypeCount[1];
-    S->Running = 1;
-    Other->Running = 1;
-    RunUntilIdle(Other);
-    Other->BlockedInPort = 0;  // as if its user thread computed
-    CloseHandleOn(S, handle);
-    EXPECT_EQ(LookUpHandle(handle), nullptr);
-    for (int i = 0; i < 5; ++i) RunUntilIdle(S);
-    EXPECT_EQ(S->ChunkTypeCount[1], before) << "a user thread of the other scheduler may still look at it";
-    NewFiber(Other, [](Fiber *) {});  // it makes a pass
-    RunUntilIdle(Other);
-    for (int i = 0; i < 3; ++i) RunUntilIdle(S);
-    EXPECT_EQ(S->ChunkTypeCount[1], before - 1);
 }
 
 }  // namespace

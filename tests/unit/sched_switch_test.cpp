@@ -1,6 +1,4 @@
 // tests/unit/sched_switch_test.cpp - which fiber runs next, and what goes with it.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 
 #include "sched_fixture.h"
@@ -8,15 +6,7 @@
 namespace zvx::test {
 namespace {
 
-using Names = std::vector<std::string>;
-
-struct SwitchTest : testing::Test {
-    void SetUp() override {
-        InitLibrary();
-        S = NewScheduler();
-    }
-    void TearDown() override { CheckScheduler(S); }
-
+struct SwitchTest : SchedTest {
     // A user thread that notes its name whenever it is woken, and parks again.
     Fiber *Parked(const std::string &name, uint32_t role = ROLE_NONE, uint32_t schedClass = CLASS_NORMAL) {
         Fiber *F = NewFiber(S, [name](Fiber *self) {
@@ -35,7 +25,6 @@ struct SwitchTest : testing::Test {
         UnlinkTimedWaiter(S, F);
         MakeRunnable(S, F, queue);
     }
-    Scheduler *S = nullptr;
 };
 
 TEST_F(SwitchTest, QueuesAreServedInTheirOrder) {
@@ -85,24 +74,6 @@ TEST_F(SwitchTest, LprqDelayLetsThatManyPassesGoFirst) {
     Names notes = TakeNotes();
     ASSERT_EQ(notes.size(), 7u);
     EXPECT_EQ(notes[3], "dbwr");
-}
-
-TEST_F(SwitchTest, RecentRunnersComeFirstAndNewcomersBeforeEquals) {
-    Fiber *a = Parked("a");
-    Fiber *b = Parked("b");
-    Fiber *c = Parked("c");
-    Fiber *d = Parked("d");
-    TakeNotes();
-    a->LastRunStamp = 10;
-    b->LastRunStamp = 30;
-    c->LastRunStamp = 20;
-    d->LastRunStamp = 20;
-    Wake(a, gPRQ);
-    Wake(b, gPRQ);
-    Wake(c, gPRQ);
-    Wake(d, gPRQ);
-    RunUntilIdle(S);
-    EXPECT_EQ(TakeNotes(), (Names{"b", "d", "c", "a"}));
 }
 
 TEST_F(SwitchTest, ABatchInAnyOrderIsServedAsIfEachHadBeenPutInItsPlace) {
@@ -223,32 +194,6 @@ TEST_F(SwitchTest, SuspendedFibersAreSetAsideUnlessTheyEnd) {
     EXPECT_TRUE(CheckTimerQueue(S));
     RunUntilIdle(S);
     EXPECT_EQ(TakeNotes(), Names{"ran"});
-}
-
-TEST_F(SwitchTest, LastErrorAndSlotsFollowTheThread) {
-    DWORD slot = os::TlsAlloc();
-    int seen = 0;
-    for (uintptr_t i = 1; i <= 3; ++i) {
-        NewFiber(S, [i, slot, &seen](Fiber *self) {
-            os::SetLastError(static_cast<DWORD>(100 + i));
-            os::TlsSetValue(slot, reinterpret_cast<void *>(i));
-            for (int round = 0; round < 5; ++round) {
-                os::SetLastError(static_cast<DWORD>(100 + i));
-                SchedYield(self, Yield_USER);
-                if (os::GetLastError() == 100 + i && os::TlsGetValue(slot) == reinterpret_cast<void *>(i)) ++seen;
-            }
-        });
-    }
-    RunUntilIdle(S);
-    EXPECT_EQ(seen, 15);
-    // Alone, the idle routine runs on the caller's stack and no switch is made.
-    NewFiber(S, [&](Fiber *self) {
-        os::SetLastError(4711);
-        SchedYield(self, Yield_USER);
-        seen = static_cast<int>(os::GetLastError());
-    });
-    RunUntilIdle(S);
-    EXPECT_EQ(seen, 4711);
 }
 
 TEST_F(SwitchTest, AnExitLeavesItsStackBeforeItIsFreed) {

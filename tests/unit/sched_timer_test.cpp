@@ -1,6 +1,4 @@
 // tests/unit/sched_timer_test.cpp - time-outs, sleeps and polled waits under a clock that the test moves.
-#include <gtest/gtest.h>
-
 #include <random>
 
 #include "sched_fixture.h"
@@ -8,15 +6,7 @@
 namespace zvx::test {
 namespace {
 
-using Names = std::vector<std::string>;
-namespace script = os::script;
-
-struct TimerTest : testing::Test {
-    void SetUp() override {
-        InitLibrary();
-        S = NewScheduler();
-    }
-    void TearDown() override { CheckScheduler(S); }
+struct TimerTest : SchedTest {
     Fiber *Sleeper(const std::string &name, DWORD ms, uint32_t role = ROLE_NONE) {
         Fiber *F = NewFiber(S, [name, ms](Fiber *) {
             Sleep(ms);
@@ -25,7 +15,6 @@ struct TimerTest : testing::Test {
         F->Role = role;
         return F;
     }
-    Scheduler *S = nullptr;
 };
 
 TEST_F(TimerTest, ExpiryInOrderOfEntryAtOneCheckAndByTimeAcrossChecks) {
@@ -90,16 +79,6 @@ TEST_F(TimerTest, ShortSleepsOfServerThreadsAreLatchYields) {
     script::AdvanceClock(100);
     RunUntilIdle(S);
     EXPECT_EQ(TakeNotes().size(), 2u);
-}
-
-TEST_F(TimerTest, AnInfiniteSleepIsNoTimedWait) {
-    Fiber *F = Sleeper("never", INFINITE);
-    RunUntilIdle(S);
-    EXPECT_EQ(S->InfiniteWaiters.Count, 1u);
-    script::AdvanceClock(0x200000000ull);
-    RunUntilIdle(S);
-    EXPECT_TRUE(TakeNotes().empty());
-    EXPECT_TRUE(F->Flags & FIBER_INFINITE_WAIT);
 }
 
 // A wait that ends early takes its fiber out of the heap wherever it stands; the others are unaffected.
