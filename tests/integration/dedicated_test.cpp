@@ -115,10 +115,7 @@ TEST_P(DedicatedCalls, AConsoleReadParksTheUserThreadOnly) {
         terminal.Type("last\n");
         char buffer[4000];
         DWORD got = 0;
-        HOST_CHECK(ReadConsoleA(terminal.Console, buffer, sizeof buffer, &got, nullptr));
-        HOST_CHECK(got >= 3);
-        HOST_CHECK(!ReadConsoleA(CreateEventA(nullptr, FALSE, FALSE, nullptr), buffer, 10, &got, nullptr));
-        HOST_EQ(ERROR_INVALID_HANDLE, GetLastError());
+        HOST_CHECK(ReadConsoleA(terminal.Console, buffer, sizeof buffer, &got, nullptr) && got >= 3);
     }));
 }
 
@@ -132,17 +129,6 @@ TEST_P(DedicatedCalls, TheDirectoryServiceIsAskedOnAThreadOfItsOwn) {
             reinterpret_cast<void *>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "DsGetDcNameA")));
         HOST_CHECK(query != nullptr);
         HOST_CHECK(GetProcAddress(module, "dsgetdcnamea") == nullptr);
-        // A kernel thread is given the module's own, which runs where it is called.
-        const HANDLE plain = CreateRemoteThread(
-            GetCurrentProcess(), nullptr, 0,
-            [](LPVOID from) -> DWORD {
-                return GetProcAddress(from, "DsGetDcNameA") == GetProcAddress(from, "DsGetDcNameA") &&
-                       GetProcAddress(GetModuleHandleA("kernel32.dll"), "DsGetDcNameA") == nullptr;
-            },
-            module, 0, nullptr);
-        DWORD code = 0;
-        HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(plain, 20000));
-        HOST_CHECK(GetExitCodeThread(plain, &code) && code == 1);
         const Bystander other;
         void *result = nullptr;
         HOST_EQ(0u, query("box", "slow", nullptr, nullptr, 7, &result));
@@ -288,8 +274,6 @@ TEST_P(DedicatedCalls, OtherProcessesAndTheirNames) {
         STARTUPINFOA startup{};
         PROCESS_INFORMATION child{};
         HOST_CHECK(CreateProcessA(nullptr, line, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &child));
-        HOST_EQ(WAIT_FAILED, WaitForInputIdle(child.hProcess, 100));
-        HOST_EQ(ERROR_NOT_GUI_PROCESS, GetLastError());
         other.ExpectTurns(10);
         HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(child.hProcess, 20000));
         DWORD code = 0;
@@ -311,11 +295,6 @@ TEST_P(DedicatedCalls, OtherProcessesAndTheirNames) {
         while (!tried) Sleep(1);
         HOST_CHECK(ReleaseMutex(mutex));
         HOST_EQ(0u, second.Join());
-        const HANDLE semaphore = CreateSemaphoreW(nullptr, 1, 2, nullptr);
-        LONG before = 0;
-        HOST_CHECK(ReleaseSemaphore(semaphore, 1, &before) && before == 1);
-        HOST_CHECK(OpenEventA(0, FALSE, name.c_str()) == nullptr);
-        HOST_EQ(ERROR_INVALID_HANDLE, GetLastError());
         // A routine for a kernel thread runs in its alertable wait; one for a user thread's handle never does.
         static std::atomic<uint32_t> ran;
         const auto routine = [](ULONG_PTR data) { ran += static_cast<uint32_t>(data); };
