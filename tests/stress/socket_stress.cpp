@@ -5,11 +5,7 @@
 // Built on the internals, so that every user thread can check its own scheduler between two yields. The clients are
 // plain threads on the kernel's sockets; the first byte of a connection tells the server how it will go on.
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <random>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -18,20 +14,13 @@
 #include "kernel/thread.h"
 #include "kernel/wait.h"
 #include "net/net.h"
-#include "sched/sched.h"
-#include "sched/startup.h"
+#include "stress.h"
 #include "support/net_peer.h"
 
 namespace {
 
 using namespace zvx;
-
-struct Options {
-    uint32_t Schedulers = 2;
-    uint32_t Seconds = 5;
-    uint64_t Seed = 0;
-    uint32_t Clients = 8;
-} gOptions;
+using namespace stress;
 
 enum Kind : char { kEcho = 'e', kReset = 'r', kShared = 's', kRoutines = 'x', kTerminated = 't', kKinds = 5 };
 constexpr char kAllKinds[] = {kEcho, kReset, kShared, kRoutines, kTerminated};
@@ -41,12 +30,6 @@ uint16_t gPort = 0, gRoughPort = 0;
 std::atomic<bool> gStop{false};
 std::atomic<uint64_t> gBytes{0}, gConnections{0}, gResets{0}, gTerminated{0};
 std::atomic<uint32_t> gSessions{0};
-
-[[noreturn]] void Fail(const char *what, uint64_t a = 0, uint64_t b = 0) {
-    std::fprintf(stderr, "socket stress: FAILED: %s (%llu, %llu) seed %llu\n", what, static_cast<unsigned long long>(a),
-                 static_cast<unsigned long long>(b), static_cast<unsigned long long>(gOptions.Seed));
-    std::abort();
-}
 
 void CheckOwnScheduler() {
     CheckScheduler(SchedOf(CallingFiber()));
@@ -229,12 +212,6 @@ SOCKET Listen(uint16_t *port, DWORD flags) {
 
 // ---- The course of a run -----------------------------------------------------------------------------
 
-int64_t ChunksInUse(uint32_t type) {
-    int64_t sum = 0;
-    for (uint32_t i = 0; i < gNumSchedulers; ++i) sum += gSchedulers[i]->ChunkTypeCount[type];
-    return sum;
-}
-
 template <typename Condition>
 void Await(const char *what, Condition condition) {
     for (int i = 0; i < 4000; ++i) {
@@ -251,7 +228,7 @@ void Serve() {
     HANDLE acceptors[kAcceptors];
     for (HANDLE &acceptor : acceptors) acceptor = Start(Acceptor, 0);
     std::vector<std::thread> clients;
-    for (uint32_t i = 0; i < gOptions.Clients; ++i) clients.emplace_back(Client, i);
+    for (uint32_t i = 0; i < gOptions.Load; ++i) clients.emplace_back(Client, i);
     std::atomic<bool> clientsDone{false};
     std::thread joiner([&] {
         for (std::thread &client : clients) client.join();
@@ -294,36 +271,9 @@ DWORD MainRoutine(void *) {
     os::ExitProcess(0);
 }
 
-int Lookup(const char *name, char *buffer, int capacity) {
-    if (std::strcmp(name, "ZVX_FIBERS_Schedulers") == 0)
-        return std::snprintf(buffer, static_cast<size_t>(capacity), "%u", gOptions.Schedulers);
-    if (std::strcmp(name, "ZVX_FIBERS_StackPages") == 0)
-        return std::snprintf(buffer, static_cast<size_t>(capacity), "16");
-    return LookupEnvironment(name, buffer, capacity);
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
-    gOptions.Seed = os::GetTickCount64() ^ (uint64_t{os::GetCurrentProcessId()} << 20);
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string name = argv[i];
-        const uint64_t value = std::strtoull(argv[i + 1], nullptr, 10);
-        if (name == "--schedulers")
-            gOptions.Schedulers = static_cast<uint32_t>(value);
-        else if (name == "--seconds")
-            gOptions.Seconds = static_cast<uint32_t>(value);
-        else if (name == "--seed")
-            gOptions.Seed = value;
-        else if (name == "--clients")
-            gOptions.Clients = static_cast<uint32_t>(value);
-        else
-            return 2;
-    }
-    std::printf("socket stress: seed %llu\n", static_cast<unsigned long long>(gOptions.Seed));
-    std::fflush(stdout);
-    static uint32_t indicator;
-    InitParams params{&indicator, nullptr, nullptr, 0, Lookup};
-    InitUserThreadScheduler(MainRoutine, nullptr, &params);
-    return 1;
+    gOptions.Load = 8;
+    return Main(argc, argv, "--clients", 1000, MainRoutine);
 }

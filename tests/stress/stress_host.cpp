@@ -3,11 +3,7 @@
 // time-boxed; ends with the invariant checkers and with the counts of what must have come back.
 //
 // Built on the internals, so that every user thread can check its own scheduler between two yields.
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <random>
-#include <string>
 
 #include "alloc/alloc.h"
 #include "dedicated/dedicated.h"
@@ -18,19 +14,12 @@
 #include "kernel/thread.h"
 #include "kernel/wait.h"
 #include "postwait/postwait.h"
-#include "sched/sched.h"
-#include "sched/startup.h"
+#include "stress.h"
 
 namespace {
 
 using namespace zvx;
-
-struct Options {
-    uint32_t Schedulers = 2;
-    uint32_t Seconds = 5;
-    uint64_t Seed = 0;
-    uint32_t Workers = 64;
-} gOptions;
+using namespace stress;
 
 // One slot a worker; workers pick victims here. The handle is owned by the slot's spawner, who alone closes it.
 struct Slot {
@@ -53,12 +42,6 @@ std::atomic<uint64_t> gInjected{0};
 std::atomic<uint32_t> gMovedNow{0};
 char gFileName[256];
 constexpr uint32_t kFileBytes = 1 << 20;
-
-[[noreturn]] void Fail(const char *what, uint64_t a = 0, uint64_t b = 0) {
-    std::fprintf(stderr, "stress: FAILED: %s (%llu, %llu) seed %llu\n", what, static_cast<unsigned long long>(a),
-                 static_cast<unsigned long long>(b), static_cast<unsigned long long>(gOptions.Seed));
-    std::abort();
-}
 
 uint32_t PatternAt(uint64_t offset) { return static_cast<uint32_t>(offset * 2654435761u ^ (offset >> 7)); }
 
@@ -233,7 +216,7 @@ void PostNeighbours(std::mt19937_64 &rng) {
     HANDLE list[21];
     const uint32_t count = rng() % 4 == 0 ? 20 : 1;
     for (uint32_t i = 0; i < count; ++i) {
-        Slot *slot = &gSlots[rng() % gOptions.Workers];
+        Slot *slot = &gSlots[rng() % gOptions.Load];
         slot->Sent.fetch_add(1, std::memory_order_seq_cst);
         list[i] = slot->Event;
     }
@@ -345,7 +328,7 @@ DWORD Worker(void *param) {
             case 11: PostNeighbours(rng); break;
             case 12: TakePosts(&gSlots[self], &seen); break;
             case 8: UserThreadQuantumExpiredCheck(); break;
-            case 13: UserThreadExecRoutine(gSlots[rng() % gOptions.Workers].Event, InjectedRoutine); break;
+            case 13: UserThreadExecRoutine(gSlots[rng() % gOptions.Load].Event, InjectedRoutine); break;
             case 14:
                 if (rng() % 8 == 0 && !moved) {
                     MoveAway(rng, &gSlots[self], &seen);
@@ -362,12 +345,6 @@ DWORD Worker(void *param) {
     UnidentifyUserThread(0);
     if (moved) gMovedNow.fetch_sub(1);
     return 0;
-}
-
-int64_t ChunksInUse(uint32_t type) {
-    int64_t sum = 0;
-    for (uint32_t i = 0; i < gSchedulersMade.load(); ++i) sum += gSchedulers[i]->ChunkTypeCount[type];
-    return sum;
 }
 
 uint32_t UserThreads() {
@@ -398,15 +375,15 @@ void Reap(uint32_t i) {
 
 DWORD MainRoutine(void *) {
     MakeFile();
-    for (uint32_t i = 0; i < gOptions.Workers; ++i) gSlots[i].Event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    for (uint32_t i = 0; i < gOptions.Load; ++i) gSlots[i].Event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
     for (uint32_t i = 0; i < kSections; ++i) InitializeCriticalSectionAndSpinCount(&gSections[i].Lock, i * 50);
     Sleep(20);
     uint32_t handlesBefore = gHandleCount;
     uint32_t kernelThreads = os::KernelThreadCount();
-    for (uint32_t i = 0; i < gOptions.Workers; ++i) Spawn(i);
+    for (uint32_t i = 0; i < gOptions.Load; ++i) Spawn(i);
     uint64_t end = os::GetTickCount64() + gOptions.Seconds * 1000ull;
     while (os::GetTickCount64() < end) {
-        for (uint32_t i = 0; i < gOptions.Workers; ++i) {
+        for (uint32_t i = 0; i < gOptions.Load; ++i) {
             HANDLE thread = gSlots[i].Thread.load();
             if (WaitForSingleObject(thread, 0) != WAIT_OBJECT_0) continue;
             Reap(i);
@@ -416,7 +393,7 @@ DWORD MainRoutine(void *) {
     }
     gStop = true;
     // A worker that a neighbour suspended last is let go by its own ResumeThread; wait for each.
-    for (uint32_t i = 0; i < gOptions.Workers; ++i) Reap(i);
+    for (uint32_t i = 0; i < gOptions.Load; ++i) Reap(i);
     // Retired records and exited threads come back once every scheduler has gone idle or made a pass.
     for (int i = 0; i < 200 && (gHandleCount != handlesBefore || UserThreads() != 1); ++i) Sleep(5);
     uint64_t entries = 0;
@@ -453,33 +430,11 @@ DWORD MainRoutine(void *) {
     os::ExitProcess(0);
 }
 
-int Lookup(const char *name, char *buffer, int capacity) {
-    if (std::strcmp(name, "ZVX_FIBERS_Schedulers") == 0)
-        return std::snprintf(buffer, static_cast<size_t>(capacity), "%u", gOptions.Schedulers);
-    if (std::strcmp(name, "ZVX_FIBERS_StackPages") == 0) return std::snprintf(buffer, static_cast<size_t>(capacity), "16");
-    if (std::strcmp(name, "ZVX_FIBERS_QuantumLengthMs") == 0) return std::snprintf(buffer, static_cast<size_t>(capacity), "30");
-    if (std::strcmp(name, "ZVX_FIBERS_DynamicSchedulersEnabled") == 0)
-        return std::snprintf(buffer, static_cast<size_t>(capacity), "1");
-    return LookupEnvironment(name, buffer, capacity);
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
-    gOptions.Seed = os::GetTickCount64() ^ (uint64_t{os::GetCurrentProcessId()} << 20);
-    for (int i = 1; i + 1 < argc; i += 2) {
-        std::string name = argv[i];
-        uint64_t value = std::strtoull(argv[i + 1], nullptr, 10);
-        if (name == "--schedulers") gOptions.Schedulers = static_cast<uint32_t>(value);
-        else if (name == "--seconds") gOptions.Seconds = static_cast<uint32_t>(value);
-        else if (name == "--seed") gOptions.Seed = value;
-        else if (name == "--workers" && value <= kMaxWorkers) gOptions.Workers = static_cast<uint32_t>(value);
-        else return 2;
-    }
-    std::printf("stress: seed %llu\n", static_cast<unsigned long long>(gOptions.Seed));
-    std::fflush(stdout);
-    static uint32_t indicator;
-    InitParams params{&indicator, nullptr, nullptr, 0, Lookup};
-    InitUserThreadScheduler(MainRoutine, nullptr, &params);
-    return 1;
+    gOptions.Load = 64;
+    gOptions.Settings.emplace_back("QuantumLengthMs", "30");
+    gOptions.Settings.emplace_back("DynamicSchedulersEnabled", "1");
+    return Main(argc, argv, "--workers", kMaxWorkers, MainRoutine);
 }
