@@ -20,10 +20,8 @@ TEST(Cancel, EndsExactlyThatOperation) {
     EXPECT_TRUE(os::CancelIoEx(pipe, &a[1].Ov));
     EXPECT_EQ(STATUS_PENDING, os::LoadStatus(&a[1].Ov)) << "final only when it is reaped";
     EXPECT_EQ(STATUS_CANCELLED, Await(port, &a[1].Ov));
-    EXPECT_FALSE(os::GetOverlappedResult(pipe, &a[1].Ov, &a[1].Got, FALSE));
-    EXPECT_EQ(ERROR_OPERATION_ABORTED, os::GetLastError());
-    EXPECT_FALSE(os::CancelIoEx(pipe, &a[1].Ov));
-    EXPECT_EQ(ERROR_NOT_FOUND, os::GetLastError());
+    EXPECT_EQ(FailureOf(os::GetOverlappedResult(pipe, &a[1].Ov, &a[1].Got, FALSE)), ERROR_OPERATION_ABORTED);
+    EXPECT_EQ(FailureOf(os::CancelIoEx(pipe, &a[1].Ov)), ERROR_NOT_FOUND);
     // The two that are left share what comes, the older one first.
     Operation put;
     put.Write(pipe, "x", 1);

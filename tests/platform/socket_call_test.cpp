@@ -8,11 +8,9 @@ TEST(Socket, DuplicatesHereAndInAnotherProcess) {
     const DWORD self = os::GetCurrentProcessId();
     const auto take = [&] { return os::WSASocketA(AF_INET, SOCK_STREAM, 0, &info, 0, WSA_FLAG_OVERLAPPED); };
     ASSERT_EQ(0, os::WSADuplicateSocketA(pair.Listener, self, &info));
-    EXPECT_TRUE(info.iAddressFamily == AF_INET && info.iSocketType == SOCK_STREAM);
     SOCKET copy = take();
     EXPECT_EQ(before, OpenDescriptors()) << "nothing was done with it";
-    EXPECT_EQ(INVALID_SOCKET, take()) << "consumed";
-    Shows(WSAEINVAL);
+    EXPECT_EQ(WSAEINVAL, SocketError(take())) << "consumed";
     EXPECT_EQ(0, os::closesocket(copy));
     // What is done with one is done with the other, whenever the duplicate gets its descriptor.
     const SOCKET source = NewSocket();
@@ -43,10 +41,7 @@ TEST(Socket, DuplicatesHereAndInAnotherProcess) {
     EXPECT_EQ(0, os::recv(pair.Server, text, 10, 0)) << "with the last of them the connection ended";
     ASSERT_EQ(0, os::WSADuplicateSocketA(pair.Server, self, &info));
     EXPECT_EQ(0, os::closesocket(pair.Server));
-    EXPECT_EQ(INVALID_SOCKET, take()) << "the source is gone";
-    Shows(WSAEINVAL);
-    EXPECT_EQ(SOCKET_ERROR, os::WSADuplicateSocketA(pair.Listener, 0x7FFFFFF0, &info));
-    Shows(WSAEINVAL);
+    EXPECT_EQ(WSAEINVAL, SocketError(take())) << "the source is gone";
     // Another process gets the listener and answers there.
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
@@ -85,10 +80,8 @@ TEST(Socket, SelectAnswersForArraysOfAnySize) {
         return reinterpret_cast<zvx_fd_set *>(&many);
     };
     zvx_fd_set write{1, {pair.Client}}, error{1, {pair.Client}};
-    EXPECT_EQ(SOCKET_ERROR, os::select(0, nullptr, nullptr, nullptr, &now));
-    Shows(WSAEINVAL);
-    EXPECT_EQ(SOCKET_ERROR, os::select(0, fill({pair.Client, 0x77770}), nullptr, nullptr, &now));
-    Shows(WSAENOTSOCK);
+    EXPECT_EQ(WSAEINVAL, SocketError(os::select(0, nullptr, nullptr, nullptr, &now)));
+    EXPECT_EQ(WSAENOTSOCK, SocketError(os::select(0, fill({pair.Client, 0x77770}), nullptr, nullptr, &now)));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(0, os::select(0, fill({pair.Client, NewSocket()}), nullptr, &error, &soon));
     EXPECT_GE(MillisecondsSince(start), 30);
@@ -137,8 +130,7 @@ TEST(Socket, EventsAreRecordedOnceAndReenabled) {
         return seen.lNetworkEvents;
     };
     ASSERT_EQ(0, os::WSAEventSelect(listener, accepting, FD_ACCEPT));
-    EXPECT_EQ(INVALID_SOCKET, os::accept(listener, nullptr, nullptr)) << "does not block any more";
-    Shows(WSAEWOULDBLOCK);
+    EXPECT_EQ(WSAEWOULDBLOCK, SocketError(os::accept(listener, nullptr, nullptr))) << "does not block any more";
     const SOCKET client = NewSocket();
     ASSERT_EQ(0, os::WSAEventSelect(client, event, FD_CONNECT | FD_READ | FD_WRITE | FD_CLOSE));
     EXPECT_EQ(0, next(client, event, 30)) << "not connected";
@@ -186,8 +178,6 @@ TEST(Socket, EventsAreRecordedOnceAndReenabled) {
     EXPECT_EQ(static_cast<int>(WSAECONNREFUSED), seen.iErrorCode[FD_CONNECT_BIT]);
     os::closesocket(other);
     ExpectOnlyTheHandle(event);
-    EXPECT_EQ(SOCKET_ERROR, os::WSAAsyncSelect(listener, nullptr, 0, FD_READ));
-    Shows(WSAEINVAL);
 }
 
 TEST(Socket, OptionsHaveTheHostsNumbers) {
@@ -211,10 +201,6 @@ TEST(Socket, OptionsHaveTheHostsNumbers) {
             EXPECT_EQ(0u, set(level, name, value));
             EXPECT_EQ(value != 0, get(level, name)) << name;
         }
-    EXPECT_EQ(0u, set(IPPROTO_TCP, ZVX_TCP_NODELAY, char{1}));
-    EXPECT_EQ(1, get(IPPROTO_TCP, ZVX_TCP_NODELAY));
-    EXPECT_EQ(0u, set(ZVX_SOL_SOCKET, ZVX_SO_EXCLUSIVEADDRUSE, 1));
-    EXPECT_EQ(WSAEINVAL, set(ZVX_SOL_SOCKET, ZVX_SO_REUSEADDR, 1));
     EXPECT_EQ(0u, set(ZVX_SOL_SOCKET, ZVX_SO_LINGER, zvx_linger{1, 300}));
     zvx_linger lingering{};
     int length = sizeof lingering;
@@ -222,81 +208,18 @@ TEST(Socket, OptionsHaveTheHostsNumbers) {
     EXPECT_TRUE(length == 4 && lingering.l_onoff == 1 && lingering.l_linger == 300);
     EXPECT_EQ(0u, set(ZVX_SOL_SOCKET, ZVX_SO_DONTLINGER, 1));
     EXPECT_EQ(1, get(ZVX_SOL_SOCKET, ZVX_SO_DONTLINGER));
-    EXPECT_EQ(SOCK_STREAM, get(ZVX_SOL_SOCKET, ZVX_SO_TYPE));
-    EXPECT_EQ(WSAENOPROTOOPT, set(ZVX_SOL_SOCKET, ZVX_SO_TYPE, 1));
     EXPECT_EQ(WSAENOPROTOOPT, set(ZVX_SOL_SOCKET, 0x7777, 1));
-    EXPECT_EQ(WSAENOPROTOOPT, set(77, 1, 1));
-    EXPECT_EQ(WSAEFAULT, set(ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO, short{1}));
     EXPECT_EQ(0u, set(ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO, 40));
     EXPECT_EQ(40, get(ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO));
     char byte;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(SOCKET_ERROR, os::recv(s, &byte, 1, 0));
-    Shows(WSAETIMEDOUT);
+    EXPECT_EQ(WSAETIMEDOUT, SocketError(os::recv(s, &byte, 1, 0)));
     EXPECT_GE(MillisecondsSince(start), 39);
     tcp_keepalive alive{1, 90000, 4000};
     DWORD got = 1;
     EXPECT_EQ(0, os::WSAIoctl(s, SIO_KEEPALIVE_VALS, &alive, sizeof alive, nullptr, 0, &got, nullptr, nullptr));
     EXPECT_EQ(90, get(IPPROTO_TCP, ZVX_TCP_KEEPALIVE));
     EXPECT_EQ(4, get(IPPROTO_TCP, ZVX_TCP_KEEPINTVL));
-    EXPECT_EQ(1, get(ZVX_SOL_SOCKET, ZVX_SO_KEEPALIVE));
-    EXPECT_EQ(SOCKET_ERROR, os::WSAIoctl(s, 0x12345678, nullptr, 0, nullptr, 0, &got, nullptr, nullptr));
-    Shows(WSAEOPNOTSUPP);
-}
-
-// Two threads with ports of their own serve the same listener and the same connection.
-TEST(Socket, UsedByTwoEngines) {
-    const SOCKET listener = NewListener();
-    constexpr int kCalls = 40;
-    std::atomic<int> served{0}, ready{0};
-    const auto serve = [&] {
-        const HANDLE port = NewPort();
-        ready++;
-        while (served < kCalls) {
-            const SOCKET fresh = NewSocket();
-            SocketOperation op;
-            DWORD answer = op.Accept(listener, fresh);
-            while (answer == ERROR_IO_PENDING && os::LoadStatus(&op.Ov) == STATUS_PENDING && served < kCalls)
-                Take(port, 5);
-            os::CancelIoEx(reinterpret_cast<HANDLE>(listener), &op.Ov);
-            if (op.End(port, answer) == 0) {
-                EXPECT_EQ(0u, op.End(port, op.Send(fresh, "hi", 2)));
-                served++;
-            }
-            os::closesocket(fresh);
-        }
-        EXPECT_EQ(0u, Io()->Outstanding);
-    };
-    std::thread one(serve), two(serve);
-    while (ready < 2) Pause(1);
-    for (int i = 0; i < kCalls; i++) {
-        const SOCKET s = ConnectTo(listener);
-        EXPECT_EQ("hi", ReceiveAll(s));
-        os::closesocket(s);
-    }
-    one.join();
-    two.join();
-    // One engine sends what the other receives, on both ends of the connection at once.
-    Pair pair;
-    const std::string data = Pattern(2000000);
-    Together(
-        [&] {
-            const HANDLE port = NewPort();
-            SocketOperation forth, back;
-            const DWORD answer = forth.Send(pair.Client, data.data(), data.size());
-            EXPECT_EQ(0u, back.End(port, back.Send(pair.Server, data.data(), data.size())));
-            EXPECT_EQ(0u, forth.End(port, answer));
-        },
-        [&] {
-            const HANDLE port = NewPort();
-            std::string received[2] = {std::string(data.size(), 0), std::string(data.size(), 0)};
-            SocketOperation ops[2];
-            ops[0].Receive(pair.Server, received[0].data(), data.size(), ZVX_MSG_WAITALL);
-            const DWORD answer = ops[1].Receive(pair.Client, received[1].data(), data.size(), ZVX_MSG_WAITALL);
-            EXPECT_EQ(0u, ops[1].End(port, answer));
-            EXPECT_EQ(STATUS_SUCCESS, Await(port, &ops[0].Ov));
-            EXPECT_TRUE(received[0] == data && received[1] == data);
-        });
 }
 
 TEST(Socket, BlockedThreadsAreWokenAndEnded) {
@@ -413,35 +336,17 @@ TEST(Socket, ConditionsOfAnAccept) {
         return static_cast<int>(data);
     };
     sockaddr_in address{};
-    int length = 4;
-    EXPECT_EQ(INVALID_SOCKET, os::accept(listener, reinterpret_cast<sockaddr *>(&address), &length));
-    Shows(WSAEFAULT);
-    length = sizeof address;
+    int length = sizeof address;
     const SOCKET refused = ConnectTo(listener);
-    EXPECT_EQ(INVALID_SOCKET, os::WSAAccept(listener, nullptr, nullptr, answer, CF_REJECT));
-    Shows(WSAECONNREFUSED);
+    EXPECT_EQ(WSAECONNREFUSED, SocketError(os::WSAAccept(listener, nullptr, nullptr, answer, CF_REJECT)));
     char byte;
-    EXPECT_EQ(SOCKET_ERROR, os::recv(refused, &byte, 1, 0));
-    Shows(WSAECONNRESET);
+    EXPECT_EQ(WSAECONNRESET, SocketError(os::recv(refused, &byte, 1, 0)));
     const SOCKET client = ConnectTo(listener);
-    EXPECT_EQ(INVALID_SOCKET, os::WSAAccept(listener, nullptr, nullptr, answer, CF_DEFER));
-    Shows(WSATRY_AGAIN);
+    EXPECT_EQ(WSATRY_AGAIN, SocketError(os::WSAAccept(listener, nullptr, nullptr, answer, CF_DEFER)));
     const os::TimeVal now{0, 0};
     zvx_fd_set set{1, {listener}};
     EXPECT_EQ(1, os::select(0, &set, nullptr, nullptr, &now)) << "still there";
     const SOCKET server = os::WSAAccept(listener, reinterpret_cast<sockaddr *>(&address), &length, answer, CF_ACCEPT);
     ASSERT_NE(INVALID_SOCKET, server);
     EXPECT_EQ(NameOf(client).sin_port, address.sin_port);
-    // Put off once more, then taken by the other way.
-    const SOCKET third = ConnectTo(listener), fresh = NewSocket();
-    os::WSAAccept(listener, nullptr, nullptr, answer, CF_DEFER);
-    NewPort();
-    SocketOperation op;
-    EXPECT_EQ(0u, op.Accept(listener, fresh));
-    EXPECT_EQ(NameOf(third).sin_port, NameOf(fresh, true).sin_port);
-    WSADATA data;
-    EXPECT_EQ(0, os::WSAStartup(0x0202, &data));
-    EXPECT_EQ(0x0202, data.wVersion);
-    EXPECT_EQ(static_cast<int>(WSAVERNOTSUPPORTED), os::WSAStartup(0, &data));
-    EXPECT_EQ(0, os::WSACleanup());
 }

@@ -71,6 +71,12 @@ inline bool Shows(DWORD error) {
     return os::GetLastError() == error || (ADD_FAILURE() << os::GetLastError() << " instead of " << error, false);
 }
 
+// The error of a call that gives SOCKET_ERROR or INVALID_SOCKET when it fails; 0 when it does not.
+template <typename Result>
+DWORD SocketError(Result result) {
+    return result == static_cast<Result>(-1) ? os::GetLastError() : 0;
+}
+
 struct SocketOperation : Operation {
     char Areas[64];
     DWORD Receive(SOCKET s, void *buffer, size_t bytes, DWORD flags = 0) {

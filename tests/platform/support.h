@@ -6,8 +6,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -22,6 +20,7 @@
 
 #include "platform/base/object.h"
 #include "platform/os.h"
+#include "../support/run_child.h"
 
 inline double MillisecondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
@@ -47,6 +46,14 @@ void Together(Bodies... bodies) {
     for (std::thread &thread : threads) thread.join();
 }
 
+// The error of a call that failed, 0 of one that did not.
+inline DWORD FailureOf(BOOL done) {
+    return done ? 0 : os::GetLastError();
+}
+inline DWORD FailureOf(HANDLE made) {
+    return FailureOf(static_cast<BOOL>(made != nullptr));
+}
+
 inline HANDLE Duplicate(HANDLE handle) {
     HANDLE copy = nullptr;
     EXPECT_TRUE(os::DuplicateHandle(os::GetCurrentProcess(), handle, os::GetCurrentProcess(), &copy, 0, FALSE,
@@ -63,35 +70,9 @@ inline void ExpectOnlyTheHandle(HANDLE handle) {
     os::UnrefObject(object);
 }
 
-struct ChildResult {
-    int Signal = 0;      // that ended it, 0 if none did
-    int ExitCode = -1;   // without a signal
-    std::string Output;  // standard output and error together
-};
-
 template <typename Body>
 ChildResult RunChild(Body body) {
-    ChildResult result;
-    int ends[2];
-    if (pipe(ends) != 0) return result;
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(ends[1], STDOUT_FILENO);
-        dup2(ends[1], STDERR_FILENO);
-        close(ends[1]);
-        body();
-        _exit(0);
-    }
-    close(ends[1]);
-    char buffer[4096];
-    ssize_t got;
-    while ((got = read(ends[0], buffer, sizeof buffer)) > 0) result.Output.append(buffer, static_cast<size_t>(got));
-    close(ends[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (WIFSIGNALED(status)) result.Signal = WTERMSIG(status);
-    if (WIFEXITED(status)) result.ExitCode = WEXITSTATUS(status);
-    return result;
+    return RunInChild(body, 0, true);
 }
 
 constexpr DWORD kDirect = FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING;
