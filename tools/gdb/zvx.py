@@ -176,7 +176,7 @@ class Fiber:
 
     def title(self):
         return (
-            f"{self.tag} #{self.serial}, thread {self.thread_id}, scheduler {self.scheduler.index}: "
+            f"{self.tag} #{self.serial}, thread x{self.thread_id:X}, scheduler {self.scheduler.index}: "
             f"{self.state_text()}, {self.waits_for()}"
         )
 
@@ -377,7 +377,7 @@ class ZvxThreads(gdb.Command):
         for scheduler in Library().schedulers():
             for f in scheduler.fibers():
                 mark = "*" if f.at == scheduler.fiber_data and f.state_text() == "RUNNING" else ""
-                rows.append([f"{mark}{f.serial}", f.tag, f.thread_id, scheduler.index, f.state_text(), f.waits_for()])
+                rows.append([f"{mark}{f.serial}", f.tag, f"x{f.thread_id:X}", scheduler.index, f.state_text(), f.waits_for()])
         table(["N", "TAG", "THREAD", "SCHED", "STATE", "WAITS FOR"], rows)
 
 

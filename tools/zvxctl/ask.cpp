@@ -12,6 +12,9 @@
 
 #include "commands.h"
 #include "zvxkvt/osapi.h"
+#if ZVXCTL_HAS_PIPES
+#include "zvxkvt/pipes.h"
+#endif
 #include "zvxkvt/zvxkvt.h"
 
 namespace zvxctl {

@@ -128,7 +128,7 @@ int ShowThreads(const ThreadsOptions &options) {
     std::vector<std::vector<std::string>> rows;
     rows.reserve(threads.size());
     for (const UserThread &t : threads) {
-        rows.push_back({std::to_string(t.Serial), t.Tag, std::to_string(t.ThreadId), std::to_string(t.Scheduler),
+        rows.push_back({std::to_string(t.Serial), t.Tag, fmt::format("x{:X}", t.ThreadId), std::to_string(t.Scheduler),
                         t.StateText, t.Waits.empty() ? "-" : t.Waits, fmt::format("{:.1f}", t.CpuMs),
                         t.WaitMs ? fmt::format("{:.0f}", *t.WaitMs) : "-", t.Where});
     }
