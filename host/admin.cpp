@@ -44,11 +44,36 @@ std::string ListSessions() {
     return text;
 }
 
+std::atomic<uint32_t> gProbed{0};
+
+// Runs on each session's own user thread, in the middle of whatever it waits for.
+void WINAPI ProbeRoutine() {
+    gProbed.fetch_add(1);
+}
+
+// How many sessions can be reached within a second. One that ends meanwhile, or sends its answer, is not counted.
+std::string ProbeSessions() {
+    if (gOptions.Threads) return "not available";
+    std::vector<HANDLE> events;
+    {
+        Guard guard(&gSessions.Section);
+        for (uint32_t i = 0; i < gSessions.Used; i++) {
+            if (gSessions.Slots[i].Who != nullptr) events.push_back(gSessions.Slots[i].Who->Wait.Event);
+        }
+    }
+    gProbed = 0;
+    uint32_t asked = 0;
+    for (const HANDLE event : events) asked += UserThreadExecRoutine(event, ProbeRoutine) ? 1 : 0;
+    for (int i = 0; i < 100 && gProbed.load() < asked; i++) Sleep(10);
+    return "asked:" + std::to_string(asked) + " answered:" + std::to_string(gProbed.load());
+}
+
 std::string Answer(std::string_view request) {
     while (!request.empty() && (request.back() == '\n' || request.back() == '\r' || request.back() == '\0'))
         request.remove_suffix(1);
     if (request == "info") return InfoText("all");
     if (request == "sessions") return ListSessions();
+    if (request == "probe") return ProbeSessions();
     if (request == "checkpoint") return RequestCheckpoint() ? "started" : "one is running already";
     if (request == "migrate-lgwr") return RequestLgwrMigration() ? "requested" : "not available";
     if (request == "shutdown") {

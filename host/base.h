@@ -24,6 +24,7 @@ struct Options {
     std::string Bind = "127.0.0.1";
     uint32_t Port = 6379;  // 0: the system chooses one
     std::string Dir = ".";
+    std::string TraceDir;  // empty: Dir
     std::string Schedulers = "1";
     bool Threads = false;
     bool MayMigrate = false;  // the log writer may have a scheduler of its own

@@ -25,6 +25,7 @@ const char kHelp[] =
     "  --port N             port to listen on (default 6379; 0: a free one)\n"
     "  --bind ADDRESS       IPv4 address to listen on (default 127.0.0.1)\n"
     "  --dir FOLDER         where log and checkpoint are (default .; made when missing)\n"
+    "  --trace-dir FOLDER   where the trace log, dumps and the ring log go (default: that of --dir)\n"
     "  --durability WHEN    always: a write is answered when it is durable (default); everysec: at once, durable\n"
     "                       within a second; no: at once, durable when the system writes it\n"
     "  --schedulers N       scheduler threads (default 1)\n"
@@ -84,6 +85,8 @@ void ParseOptions(int argc, char **argv) {
         } else if (option == "--admin-pipe") {
             gOptions.Admin = true;
             gOptions.AdminPipe = argv[++i];
+        } else if (option == "--trace-dir") {
+            gOptions.TraceDir = argv[++i];
         } else if (option == "--schedulers") {
             gOptions.Schedulers = std::to_string(number(1, 16));
         } else if (option == "--max-sessions") {
@@ -241,6 +244,9 @@ int main(int argc, char **argv) {
     ZVXKVT_INIT_PARAMS params{};
     params.QuantumIndicator = &host::gQuantumIndicator;
     params.LookupValue = host::LookupValue;
+    // A slash at its end says that the name is a folder's, whatever characters it has.
+    const std::string traceDir = (host::gOptions.TraceDir.empty() ? host::gOptions.Dir : host::gOptions.TraceDir) + "/";
+    params.TraceDirectory = traceDir.c_str();
     InitUserThreadScheduler(host::MainRoutine, nullptr, &params);
     return 0;
 }
