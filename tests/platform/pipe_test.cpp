@@ -196,6 +196,9 @@ TEST(Pipe, NamesAndInstances) {
 
 TEST(Pipe, WhoMayOpen) {
     const OwnFolder folder;
+    // What a process leaves that ends with its pipes open goes when the next pipe is made, whatever its name.
+    Await(Fork([] { EXPECT_EQ(0u, ErrorOf(Create(0, kMessages, 1, PipeName("Left")))); }));
+    EXPECT_EQ(1u, folder.Sockets().size());
     const HANDLE server = Create();
     ASSERT_EQ(0u, ErrorOf(server));
     EXPECT_EQ(0700u, ModeOf(folder.User()));

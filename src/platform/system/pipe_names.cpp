@@ -4,7 +4,7 @@
 // and type, or the answer is ERROR_ACCESS_DENIED. Only a lease stays open, for as long as its instance lives.
 #include "platform/system/pipe_names.h"
 
-#include <ctype.h>
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -32,6 +32,7 @@ constexpr uint32_t kMaxSlots = 65536;
 constexpr off_t kStates = 512;      // of the record: a byte for each slot
 constexpr off_t kLeases = 1 << 20;  // bytes that are only locked
 constexpr uint32_t kLockWaitMs = 2000;
+constexpr uint32_t kMostAbandoned = 256;  // records that are looked at when a pipe is made
 constexpr char kListening = 1;
 constexpr char kTaken = 2;  // or closed; 0 and this are the same to everybody
 
@@ -277,16 +278,54 @@ DWORD TakeSlot(int fd, const PipeName &name, const PipeTraits &traits, bool must
     return WriteRecord(fd, record) ? ERROR_SUCCESS : ERROR_DISK_FULL;
 }
 
+// [record] Nobody's any more: removes what lies in its slots, and then the record itself.
+void RemoveRecord(int folder, int fd, const char *key) {
+    struct stat named, own;
+    if (fstatat(folder, key, &named, AT_SYMLINK_NOFOLLOW) != 0 || fstat(fd, &own) != 0 || named.st_ino != own.st_ino ||
+        named.st_dev != own.st_dev)
+        return;
+    NameRecord record;
+    if (ReadRecord(fd, &record)) {
+        for (uint32_t slot = 0; slot < record.High; slot++) {
+            char name[40];
+            snprintf(name, sizeof name, "%s.%u", key, slot);
+            unlinkat(folder, name, 0);
+        }
+    }
+    unlinkat(folder, key, 0);
+}
+
 // Lets go of the slot, and of the record with the last one. The lease's descriptor is closed.
 void LeaveSlot(int folder, PipeLease *lease) {
     struct flock range = RangeOf(lease->Slot, 1, F_UNLCK);
     fcntl(lease->Fd, F_OFD_SETLK, &range);
-    struct stat named, own;
-    if (!AnyLease(lease->Fd, 0, kMaxSlots) && fstatat(folder, lease->Key, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-        fstat(lease->Fd, &own) == 0 && named.st_ino == own.st_ino && named.st_dev == own.st_dev)
-        unlinkat(folder, lease->Key, 0);
+    if (!AnyLease(lease->Fd, 0, kMaxSlots)) RemoveRecord(folder, lease->Fd, lease->Key);
     close(lease->Fd);
     lease->Fd = -1;
+}
+
+// Processes that end without closing their pipes leave records, and a name that nobody takes again would lie there for
+// ever: whoever makes a new one removes some of them.
+void RemoveAbandoned(int folder) {
+    const int listed = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR *entries = listed < 0 ? nullptr : fdopendir(listed);
+    if (entries == nullptr) {
+        if (listed >= 0) close(listed);
+        return;
+    }
+    uint32_t budget = kMostAbandoned;
+    while (const dirent *entry = readdir(entries)) {
+        if (strlen(entry->d_name) != sizeof PipeName::Key - 1 || strchr(entry->d_name, '.') != nullptr) continue;
+        if (budget-- == 0) break;
+        Owned file;
+        file.Fd = openat(folder, entry->d_name, O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+        struct stat info;
+        if (file.Fd < 0 || fstat(file.Fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != geteuid()) continue;
+        // One that somebody is about to fill in is locked.
+        if (AnyLease(file.Fd, 0, kMaxSlots) || flock(file.Fd, LOCK_EX | LOCK_NB) != 0) continue;
+        if (!AnyLease(file.Fd, 0, kMaxSlots)) RemoveRecord(folder, file.Fd, entry->d_name);
+    }
+    closedir(entries);
 }
 
 }  // namespace
@@ -312,6 +351,7 @@ DWORD ParsePipeName(const char *name, PipeName *parsed) {
 DWORD ClaimInstance(const PipeName &name, const PipeTraits &traits, bool mustBeFirst, bool everybody, PipeLease *lease,
                     int *listener) {
     Region region;
+    bool exists = false;
     // Where the pipe exists its first instance has decided who may open it.
     for (const bool other : {false, true}) {
         Owned folder, file;
@@ -320,11 +360,13 @@ DWORD ClaimInstance(const PipeName &name, const PipeTraits &traits, bool mustBeF
         const DWORD error = FindPipe(name, other, false, &folder, &file, &record, &info);
         if (error == ERROR_SUCCESS) everybody = other;
         if (error == ERROR_SUCCESS && info.st_uid != geteuid()) return ERROR_ACCESS_DENIED;
-        if (error == ERROR_SUCCESS) break;
+        exists = error == ERROR_SUCCESS;
+        if (exists) break;
     }
     Owned folder, file;
     struct stat info;
     DWORD error = OpenFolder(everybody, true, &folder);
+    if (error == ERROR_SUCCESS && !exists) RemoveAbandoned(folder.Fd);
     if (error == ERROR_SUCCESS) error = OpenRecord(folder.Fd, name.Key, everybody, true, true, &file, &info);
     if (error != ERROR_SUCCESS) return error;
     lease->Everybody = everybody;
