@@ -95,7 +95,7 @@ TEST_F(PostWaitCall, TagsDecideRoleClassAndCounts) {
         IdentifyUserThread("LGWR", NewEvent(false, false));
         EXPECT_EQ(F->SchedClass, CLASS_HIGH);
         UnidentifyUserThread(0);
-        MigrateUserThread("LGWR");
+        F->Tag.store("LGWR");  // as a move leaves it
         IdentifyUserThread("LGWR", NewEvent(false, false));
         EXPECT_EQ(F->SchedClass, CLASS_NORMAL);
     });
