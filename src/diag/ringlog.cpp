@@ -18,6 +18,7 @@ RingQueue gRingFree;
 std::atomic<uint64_t> gRingDropped;
 
 constexpr uint32_t kZeroed = 0x40;
+static RingRecord *gRingRecords;  // init: all of them, and through them their texts
 
 bool RingLogInit() {
     for (RingQueue *queue : {&gRingLog, &gRingFree}) InitList(&queue->Records);
@@ -32,10 +33,12 @@ bool RingLogInit() {
         os::LocalFree(records);
         return false;
     }
+    gRingRecords = records;
     for (uint32_t i = 0; i < kRingRecords; ++i) {
-        records[i].Text = text + size_t{i} * kRingTextBytes;
-        InitLink(&records[i].Link);
-        AppendLink(&gRingFree.Records, &records[i].Link);
+        RingRecord *record = &gRingRecords[i];
+        record->Text = text + size_t{i} * kRingTextBytes;
+        InitLink(&record->Link);
+        AppendLink(&gRingFree.Records, &record->Link);
     }
     return true;
 }

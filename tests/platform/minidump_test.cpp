@@ -225,6 +225,8 @@ TEST(Minidump, HandlesWithTypesAndNames) {
     EXPECT_EQ(seen[value(thread)], "Thread/1/");
     EXPECT_EQ(seen.size(), 4u) << "and the file itself";
     EXPECT_EQ(WriteAndRead(0).Streams.count(kHandleData), 0u);
+    os::CloseHandle(event);
+    os::CloseHandle(copy);
 }
 
 // A file at the process's limit is a case of the dumps of a whole host.
