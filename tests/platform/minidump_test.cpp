@@ -225,7 +225,6 @@ TEST(Minidump, HandlesWithTypesAndNames) {
     EXPECT_EQ(seen[value(thread)], "Thread/1/");
     EXPECT_EQ(seen.size(), 4u) << "and the file itself";
     EXPECT_EQ(WriteAndRead(0).Streams.count(kHandleData), 0u);
-    for (HANDLE handle : {event, copy, thread}) os::CloseHandle(handle);
     os::CloseHandle(event);
     os::CloseHandle(copy);
 }
