@@ -151,7 +151,7 @@ Symbols::File ReadFunctions(const Image &image) {
         if (segment.p_type == PT_LOAD) file.Segments.push_back({segment.p_offset, segment.p_filesz, segment.p_vaddr});
     }
     // The full table if it was not stripped, else what the loader needs.
-    for (const uint32_t wanted : {SHT_SYMTAB, SHT_DYNSYM}) {
+    for (const uint32_t wanted : {uint32_t{SHT_SYMTAB}, uint32_t{SHT_DYNSYM}}) {
         for (uint64_t i = 0; i < header.e_shnum; ++i) {
             Elf64_Shdr table, strings;
             if (!At(image, header.e_shoff + i * sizeof table, &table) || table.sh_type != wanted) continue;
