@@ -247,6 +247,8 @@ int main(int argc, char **argv) {
     // A slash at its end says that the name is a folder's, whatever characters it has.
     const std::string traceDir = (host::gOptions.TraceDir.empty() ? host::gOptions.Dir : host::gOptions.TraceDir) + "/";
     params.TraceDirectory = traceDir.c_str();
+    std::error_code ignored;
+    std::filesystem::create_directories(traceDir, ignored);  // the library writes there before the server does
     InitUserThreadScheduler(host::MainRoutine, nullptr, &params);
     return 0;
 }
