@@ -99,6 +99,8 @@ static constexpr InspectRow kRows[] = {
     FIELD(Fiber, Role),
     FIELD(Fiber, LastError),
     FIELD(Fiber, OsFiber),
+    FIELD(Fiber, ParkedTsc),
+    FIELD(Fiber, PolledTsc),
     FIELD(Fiber, CpuCycles),
     FIELD(Fiber, IoWaitOv),
     FIELD(Fiber, CurOv),

@@ -263,7 +263,7 @@ struct alignas(64) Fiber {
     uint32_t PendingApcIos;               // owner: outstanding operations with a routine
     uint32_t OwnEnded;                    // owner: routine records that ended and were not reaped yet
     void *StaticTls;                      // owner: value carried in the thread block
-    uint64_t WaitDeadline;                // owner: 64-bit tick at which a finite wait ends
+    uint64_t ParkedTsc;                   // owner: cycle counter at its latest yield; 0 where none is read
     // -- the rest
     uint32_t PostWaitMask;                // owner: the POST_ bits that end the post wait in progress
     uint32_t PostEventSerial;             // owner: Serial of PostEvent, which the host may close at any time
@@ -271,6 +271,8 @@ struct alignas(64) Fiber {
     Fiber *HeapNext;
     Fiber *HeapPrev;                      // parent for a first child, else the left sibling
     uint64_t WaitSeq;                     // owner: order of entry into TimedWaiters
+    uint64_t WaitDeadline;                // owner: 64-bit tick at which a finite wait ends
+    uint64_t PolledTsc;                   // owner: cycle counter at the start of the polled wait in progress
     ListHead PollSetOvs;                  // owner: records gathered for an alertable wait (PollLink)
     ListHead FileOvs;                     // owner: outstanding routine records (Link)
     ListHead SocketOvs;

@@ -7,6 +7,7 @@
 //
 // Runs on the owning scheduler's thread only; takes no lock and allocates nothing (the heap is intrusive).
 #include "diag/timeline.h"
+#include "diag/timesource.h"
 #include "sched/internal.h"
 #include "sched/upcalls.h"
 
@@ -210,6 +211,7 @@ bool ChkTimeForTimerQ(Scheduler *S) {
 bool WaitWithPolling(Fiber *F, WaitTestFunc test, uintptr_t a1, uintptr_t a2, uintptr_t a3, uintptr_t a4,
                      uintptr_t a5) {
     if (test(F, a1, a2, a3, a4, a5)) return true;
+    if (gNumContextSwitchesBeforePolling != 0) F->PolledTsc = ReadTsc();  // for tools: the slices begin anew each time
     while (F->WaitTimeoutMs != 0) {
         uint32_t remaining = F->WaitTimeoutMs;
         uint64_t start = os::GetTickCount64();

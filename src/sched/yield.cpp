@@ -251,6 +251,7 @@ void SchedYield(Fiber *F, uint32_t reason) {
         if (S->SwitchesSinceIdle < gNumContextSwitchesBeforePolling) S->SwitchesSinceIdle++;
         if (F->Role == ROLE_SHAD) S->ShadowYields++;
         AccountCpu(S, F);
+        F->ParkedTsc = S->DispatchTsc;
         if (F->State != FSTATE_RUNNING) [[unlikely]]
             FatalExit("Recursive SchedYield detected current->State[%d]", static_cast<int>(F->State));
         F->LastError = S->Os->LastError;

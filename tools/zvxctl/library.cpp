@@ -27,15 +27,6 @@ uint64_t ReadNumber(const char *from, size_t bytes) {
     return value;
 }
 
-// The cycle counter, which all processors of the machines that matter share.
-uint64_t CyclesNow() {
-#if defined(__x86_64__)
-    return __rdtsc();
-#else
-    return 0;
-#endif
-}
-
 }  // namespace
 
 bool TryOpenLibrary(const Process &process, Library *library, std::string *why) {
@@ -198,6 +189,15 @@ static void ReadScheduler(const Library &library, SchedulerState *state) {
     const uint64_t now = CyclesNow();
     if (state->OnProcessorRuns && since != 0 && perMs != 0 && now > since)
         state->HeldMs = static_cast<double>(now - since) / static_cast<double>(perMs);
+}
+
+// All processors of the machines that matter share it.
+uint64_t CyclesNow() {
+#if defined(__x86_64__)
+    return __rdtsc();
+#else
+    return 0;
+#endif
 }
 
 std::vector<SchedulerState> ReadSchedulers(const Library &library) {

@@ -73,6 +73,7 @@ struct SchedulerState {
     uint32_t Outstanding = 0;                // operations
     std::map<std::string, uint32_t> Counts;  // of its lists, by field name
 };
+uint64_t CyclesNow();  // the cycle counter, which the library's marks of time are made of
 std::vector<SchedulerState> ReadSchedulers(const Library &library);
 
 struct UserThread {
@@ -85,7 +86,7 @@ struct UserThread {
     std::string StateText;
     std::string Waits;  // what for
     double CpuMs = 0;
-    std::optional<double> WaitMs;  // where the library knows since when
+    std::optional<double> WaitMs;  // since it gave up the processor; of a polled wait since that began
     std::string Where;
     bool Running = false;
 };

@@ -74,7 +74,7 @@ double UptimeOf(pid_t pid);        // seconds
 double CpuOf(pid_t pid, uint32_t thread, char *state);  // seconds of a kernel thread, and its state letter
 Address SleepingStackPointer(pid_t pid, uint32_t thread);  // of a kernel thread that sleeps in the kernel, else 0
 bool IsAlive(pid_t pid);
-uint64_t MonotonicMs();  // the clock that the library's tick count is made of
+uint64_t MonotonicMs();
 
 }  // namespace zvxctl
 

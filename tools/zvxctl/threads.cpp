@@ -19,7 +19,6 @@ struct Reader {
     const Library &Of;
     Symbols *Names;
     std::map<Address, std::string> Tags;  // texts by pointer: thousands of sessions share a few
-    uint64_t NowMs = MonotonicMs();
     uint64_t CyclesPerMs = 1;
 };
 
@@ -247,12 +246,16 @@ UserThread Describe(Reader *reader, const SchedulerState &scheduler, const Recor
         thread.Waits = OperationText(library, fiber);
     } else if (thread.State == Number(library, "FSTATE_TIMED_WAIT")) {
         thread.Waits = TimedWaitText(library, fiber, flags, limit);
-        // The start of a wait without a limit is not kept, and a polled wait is filed anew every few milliseconds.
-        if (limit != 0xFFFFFFFF && (flags & Number(library, "FIBER_SLICE_FILED")) == 0) {
-            const auto start = static_cast<uint32_t>(Field(library, fiber, "Fiber.WaitStartTick"));
-            const auto waited = static_cast<int32_t>(static_cast<uint32_t>(reader->NowMs) - start);
-            thread.WaitMs = std::max(0, waited);
-        }
+    }
+    if (!thread.Running && thread.State != Number(library, "FSTATE_RUNNING")) {
+        // A polled wait yields anew every few milliseconds, and keeps its own beginning.
+        const bool polled =
+            thread.State == Number(library, "FSTATE_TIMED_WAIT") && (flags & Number(library, "FIBER_SLICE_FILED")) != 0;
+        const uint64_t since = Field(library, fiber, polled ? "Fiber.PolledTsc" : "Fiber.ParkedTsc");
+        const uint64_t now = CyclesNow();
+        if (since != 0 && reader->CyclesPerMs != 0)
+            thread.WaitMs =
+                now > since ? static_cast<double>(now - since) / static_cast<double>(reader->CyclesPerMs) : 0;
     }
     if (thread.Running) {
         thread.CpuMs += scheduler.HeldMs;
