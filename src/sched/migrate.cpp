@@ -49,8 +49,9 @@ bool IsWriter(const Fiber *F) {
 
 // The processor that start-up kept free is for the writers, all of them; other bound threads go round.
 uint32_t ProcessorFor(bool writer) {
+    if (!OptionSet(su_BindDBWRToASeperateCPU)) return NextSchedulerMask();
     if (gSpareProcessor == 0) gSpareProcessor = NextSchedulerMask();
-    return writer && OptionSet(su_BindDBWRToASeperateCPU) ? gSpareProcessor : NextSchedulerMask();
+    return writer ? gSpareProcessor : NextSchedulerMask();
 }
 
 void MakeScheduler(Scheduler *S, uint32_t slot, bool writer) {
