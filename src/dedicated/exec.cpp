@@ -84,7 +84,7 @@ bool ExecRoutineInFiber(Scheduler *S, Fiber *F, uint32_t *reason) {
     F->SuspendCount.store(suspends < kMostSuspends ? suspends : kMostSuspends, std::memory_order_release);
     F->CurOv = save.CurOv;
     F->Flags &= ~static_cast<uint32_t>(FIBER_EXEC_PENDING | FIBER_EXEC_RUNNING);
-    F->RoutinePending.store(0, std::memory_order_release);
+    F->RoutineEpoch.store(F->RoutineEpoch.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     return ResumeWait(F, save.State, slice, reason);
 }
 

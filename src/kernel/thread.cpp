@@ -332,13 +332,16 @@ DWORD ResumeThread(HANDLE thread) {
     const PSEHAND *entry = C != nullptr ? LookUpHandle(thread) : nullptr;
     if (entry == nullptr) return os::ResumeThread(thread);
     const Target target{entry->OwnerFiber, entry->OwnerGeneration};
+    // While a routine is pending the visible count is 0 and the real one is put aside, where it must go down. A resume
+    // that takes that 0 for the truth is lost for good.
+    const uint32_t epoch = target.Thread->RoutineEpoch.load(std::memory_order_acquire);
     const uint32_t previous = target.Thread->SuspendCount.load(std::memory_order_acquire);
+    const bool real = (epoch & 1) == 0 && target.Thread->RoutineEpoch.load(std::memory_order_acquire) == epoch;
     if (!IsSame(target)) {
         StaleHandle();
         return kSuspendFailed;
     }
-    // While a routine is pending the visible count is 0 and the real one is put aside, where it must go down.
-    if (previous == 0 && target.Thread->RoutinePending.load(std::memory_order_acquire) == 0) return 0;
+    if (previous == 0 && real) return 0;
     SendAbout(C, target, MSG_RESUME, 0);
     Sleep(1);
     return previous;

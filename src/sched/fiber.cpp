@@ -50,7 +50,7 @@ static void ResetFiber(Fiber *F, Scheduler *S) {
     F->SuspendCount.store(0, std::memory_order_relaxed);
     F->OsThreadId.store(0, std::memory_order_relaxed);
     F->TlsCaptured.store(0, std::memory_order_relaxed);
-    F->RoutinePending.store(0, std::memory_order_relaxed);
+    F->RoutineEpoch.store(0, std::memory_order_relaxed);
     F->SuspendRequests.store(0, std::memory_order_relaxed);
     F->SuspendAnswer.store(0, std::memory_order_relaxed);
     F->LastRunStamp = 0;

@@ -186,9 +186,9 @@ static void ProcessExec(Scheduler *S, Fiber *F, void *routine) {
     F->ExecSave.WaitStartTick = F->WaitStartTick;
     F->ExecSave.SuspendCount = F->SuspendCount.load(std::memory_order_relaxed);
     F->ExecSave.CurOv = F->CurOv;
-    F->SuspendCount.store(0, std::memory_order_release);
     F->Flags |= FIBER_EXEC_PENDING;
-    F->RoutinePending.store(1, std::memory_order_release);
+    F->RoutineEpoch.store(F->RoutineEpoch.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    F->SuspendCount.store(0, std::memory_order_release);
     WakeForMessage(S, F);
 }
 

@@ -302,7 +302,9 @@ struct alignas(64) Fiber {
     std::atomic<uint32_t> OsThreadId;     // atomic: owner writes, dumps and tools read
     std::atomic<uint32_t> TlsCaptured;    // atomic: FIBER_TLS_CAPTURED or 0, stored by capture and end
     std::atomic<uint32_t> SuspendRequests;  // atomic: owner counts, SuspendThread waits for a change
-    std::atomic<uint32_t> RoutinePending;   // atomic: owner mirrors FIBER_EXEC_PENDING, ResumeThread reads
+    // atomic: owner; odd while FIBER_EXEC_PENDING is set. Raised before the suspend count is put aside and after it is
+    // back, so that who reads the same even number before and after the count has read the real one.
+    std::atomic<uint32_t> RoutineEpoch;
     std::atomic<uintptr_t> SuspendAnswer;   // atomic: the request of this thread that was handled last
     std::atomic<const char *> Tag;        // atomic: owner writes, dumps and the overflow report read
     FIBEROVERLAPPED OwnOvs[3];            // ordinary I/O; I/O of an injected routine; I/O of an exit

@@ -92,7 +92,7 @@ TEST_F(ThreadCall, ResumeReachesThePutAsideCount) {
     F->ExecSave.SuspendCount = 2;
     F->Flags |= FIBER_EXEC_PENDING | FIBER_EXEC_RUNNING;
     for (uint32_t pending : {0u, 1u}) {
-        F->RoutinePending.store(pending);
+        F->RoutineEpoch.store(pending);
         Run([&](Fiber *) { Note(std::to_string(ResumeThread(thread))); });
         Pass(3);
         EXPECT_EQ(TakeNotes(), Names{"0"});
