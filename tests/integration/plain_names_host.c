@@ -37,7 +37,8 @@ static void Require(int line, int condition) {
 static void CheckNames(void) {
     static const struct {
         const char *Name;
-        const void *Plain, *Alias;
+        // Volatile, for a compiler that knows two functions of different names to be different.
+        const void *volatile Plain, *volatile Alias;
     } pairs[] = {PAIR(socket),  PAIR(accept),   PAIR(bind),        PAIR(listen),   PAIR(getsockname),
                  PAIR(connect), PAIR(send),     PAIR(recv),        PAIR(select),   PAIR(setsockopt),
                  PAIR(sendto),  PAIR(recvfrom), PAIR(getpeername), PAIR(shutdown), PAIR(getsockopt)};
