@@ -106,7 +106,7 @@ class Library:
 
 class Fiber:
     def __init__(self, library, at, scheduler):
-        self.library, self.at, self.scheduler = library, at, scheduler
+        self.source, self.at, self.scheduler = library, at, scheduler
         self.data = library.read("Fiber", at)
         self.serial = self.field("ShellSerial")
         self.state = self.field("State")
@@ -116,25 +116,25 @@ class Fiber:
         self.tag = text(tag, 32) if tag else "?"
 
     def field(self, name):
-        return self.library.field("Fiber", self.data, name)
+        return self.source.field("Fiber", self.data, name)
 
     def has(self, flag):
-        return self.flags & self.library.number(flag) != 0
+        return self.flags & self.source.number(flag) != 0
 
     def is_valid(self):
         """Its operations name it."""
-        ops = self.library.number("Fiber.OwnOvs")
-        owner = ops + self.library.number("FIBEROVERLAPPED.Fiber")
+        ops = self.source.number("Fiber.OwnOvs")
+        owner = ops + self.source.number("FIBEROVERLAPPED.Fiber")
         return struct.unpack_from("<Q", self.data, owner)[0] == self.at
 
     def on_processor(self):
         return self.scheduler.current == self.field("OsFiber")
 
     def state_text(self):
-        return self.library.name("FSTATE", self.state)
+        return self.source.name("FSTATE", self.state)
 
     def waits_for(self):
-        library = self.library
+        library = self.source
         if self.state == library.number("FSTATE_IO_WAIT"):
             return self.operation()
         if self.state != library.number("FSTATE_TIMED_WAIT"):
@@ -152,7 +152,7 @@ class Fiber:
         return what if limit == 0xFFFFFFFF else f"{what} <= {limit} ms"
 
     def operation(self):
-        library = self.library
+        library = self.source
         ov = self.field("IoWaitOv") or self.field("CurOv")
         try:
             data = library.read("FIBEROVERLAPPED", ov - library.number("FIBEROVERLAPPED.Ov"))
@@ -164,7 +164,7 @@ class Fiber:
 
     def saved_registers(self):
         """Of a parked fiber: name to value, and rsp as its caller will find it."""
-        library = self.library
+        library = self.source
         context = library.read("FiberContext", self.field("OsFiber"))
         top = library.field("FiberContext", context, "StackPointer")
         if not library.field("FiberContext", context, "StackLow") <= top < library.field("FiberContext", context, "StackHigh"):
@@ -183,7 +183,7 @@ class Fiber:
 
 class Scheduler:
     def __init__(self, library, at):
-        self.library, self.at = library, at
+        self.source, self.at = library, at
         self.data = library.read("Scheduler", at)
         self.index = self.field("Index")
         self.thread_id = self.field("OsThreadId")
@@ -194,14 +194,14 @@ class Scheduler:
         self.fiber_data = self.pointer(block + library.number("ThreadBlock.FiberData")) if block else 0
 
     def field(self, name):
-        return self.library.field("Scheduler", self.data, name)
+        return self.source.field("Scheduler", self.data, name)
 
     @staticmethod
     def pointer(address):
         return struct.unpack("<Q", memory(address, 8))[0]
 
     def count(self, name, index=0):
-        library = self.library
+        library = self.source
         at = library.number(f"Scheduler.{name}") + index * library.number("ListHead") + library.number("ListHead.Count")
         return struct.unpack_from("<I", self.data, at)[0]
 
@@ -210,12 +210,12 @@ class Scheduler:
 
     def walk(self, head, link, seen):
         """The fibers of a list. The process is stopped, so a list that does not close is damaged; it ends there."""
-        offset = self.library.number(f"Fiber.{link}")
+        offset = self.source.number(f"Fiber.{link}")
         at = self.pointer(head)
         while at != head and at not in seen and len(seen) < MOST_THREADS:
             seen.add(at)
             try:
-                fiber = Fiber(self.library, at - offset, self)
+                fiber = Fiber(self.source, at - offset, self)
                 if not fiber.is_valid():
                     break
                 at = self.pointer(at)
@@ -224,7 +224,7 @@ class Scheduler:
             yield fiber
 
     def fibers(self):
-        library = self.library
+        library = self.source
         for fiber in self.walk(self.at + library.number("Scheduler.AllFibers"), "SchedFibersLink", set()):
             yield fiber
         # Those that have not run yet are in a queue only.
@@ -246,8 +246,8 @@ class Scheduler:
             return "waits in its port"
         if self.fiber_data in (0, self.init_fiber):
             return "idle"
-        fiber = Fiber(self.library, self.fiber_data, self)
-        if fiber.state == self.library.number("FSTATE_RUNNING"):
+        fiber = Fiber(self.source, self.fiber_data, self)
+        if fiber.state == self.source.number("FSTATE_RUNNING"):
             return f"runs {fiber.tag} #{fiber.serial}"
         return f"idle, on the stack of {fiber.tag} #{fiber.serial}"
 
