@@ -43,7 +43,6 @@ static os::FiberContext *FAlloc(Scheduler *S, uint8_t node, Fiber *F) {
 // Everything afresh but OsFiber, ShellSerial and Generation. What stale references read at any time is
 // stored word by word; the rest is nobody else's.
 static void ResetFiber(Fiber *F, Scheduler *S) {
-    uint32_t serial = F->ShellSerial;
     std::memset(reinterpret_cast<char *>(F) + offsetof(Fiber, CpuCycles), 0,
                 offsetof(Fiber, Sched) - offsetof(Fiber, CpuCycles));
     std::memset(F->TlsValues, 0, sizeof F->TlsValues);
@@ -55,7 +54,6 @@ static void ResetFiber(Fiber *F, Scheduler *S) {
     F->SuspendAnswer.store(0, std::memory_order_relaxed);
     F->LastRunStamp = 0;
     F->LastError = 0;
-    F->ShellSerial = serial;
     F->Flags = FIBER_IN_USE;
     F->SchedClass = CLASS_BACKGROUND;
     F->Role = ROLE_NONE;

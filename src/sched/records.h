@@ -282,7 +282,6 @@ struct alignas(64) Fiber {
     const uint32_t *SleepExNOutstanding;
     ListLink CritSecWaitLink;
     ListHead OwnedCritSecs;
-    uint32_t ShellSerial;                 // init: kept across reuse
     uint32_t ExitCode;                    // owner: 259 until the thread ends; read by the backing thread's end
     PSEHAND *PostEvent;                   // owner: null, or identified; may be freed already
     uint32_t PostEventHandle;             // owner: its handle value, 0 when it is in no table
@@ -306,6 +305,7 @@ struct alignas(64) Fiber {
     // back, so that who reads the same even number before and after the count has read the real one.
     std::atomic<uint32_t> RoutineEpoch;
     std::atomic<uintptr_t> SuspendAnswer;   // atomic: the request of this thread that was handled last
+    uint32_t ShellSerial;                 // init: kept across reuse; others read it while they record a timeline
     std::atomic<const char *> Tag;        // atomic: owner writes, dumps and the overflow report read
     FIBEROVERLAPPED OwnOvs[3];            // ordinary I/O; I/O of an injected routine; I/O of an exit
     void *TlsValues[os::kTlsSlots];       // owner: slots 0 to 63; installed by pointer while the fiber runs

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "server.h"
+#include "support/sanitizers.h"
 
 namespace keyhost_test {
 namespace {
@@ -186,15 +187,6 @@ TEST_P(Serving, LimitOfSessions) {
 }
 
 // Ten thousand clients at a time, ten thousand more refused, and every one of the first is still served.
-// Its shadow of every byte counts as resident.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kThreadSanitizer = true;
-#elif defined(__has_feature)
-constexpr bool kThreadSanitizer = __has_feature(thread_sanitizer);
-#else
-constexpr bool kThreadSanitizer = false;
-#endif
-
 TEST_P(Serving, TwentyThousandConnections) {
     if (GetParam().Argument != nullptr) GTEST_SKIP() << "ten thousand kernel threads are not what is tested";
     rlimit files{};
@@ -226,6 +218,7 @@ TEST_P(Serving, TwentyThousandConnections) {
     for (Client &client : clients) ASSERT_EQ(client.Ask("INCR n").substr(0, 1), ":");
     EXPECT_EQ(clients[0].Ask("GET n"), "$10000");
     printf("resident with 10000 sessions: %.1f KiB each\n", static_cast<double>(kib) / 10000);
+    // Its shadow of every byte counts as resident.
     EXPECT_TRUE(kThreadSanitizer || kib / 10000 < 24) << "KiB a session";
 }
 

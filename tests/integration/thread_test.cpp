@@ -4,20 +4,13 @@
 #include <fstream>
 
 #include "support/host_runner.h"
+#include "support/sanitizers.h"
 
 using namespace hosttest;
 
 namespace {
 
 class Thread : public HostTest {};
-
-#ifdef __has_feature
-constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
 
 }  // namespace
 
@@ -143,7 +136,7 @@ TEST_P(Thread, ManyThreadsComeAndGo) {
 
 // Out of address space a creation fails with its reason; what runs goes on, and creations work again afterwards.
 TEST_P(Thread, LimitsAreReported) {
-    if (kSanitized) GTEST_SKIP() << "sanitizers reserve address space of their own";
+    if (kAddressSanitizer || kThreadSanitizer) GTEST_SKIP() << "sanitizers reserve address space of their own";
     EXPECT_HOST_OK(RunHost(Options(), [] {
         const HANDLE release = CreateEventA(nullptr, TRUE, FALSE, nullptr);
         size_t pages = 0;

@@ -7,6 +7,7 @@
 #include <map>
 
 #include "support.h"
+#include "support/sanitizers.h"
 
 namespace {
 
@@ -104,14 +105,6 @@ struct Stayer {
     }
 };
 
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kThreadSanitizer = true;
-#elif defined(__has_feature)
-constexpr bool kThreadSanitizer = __has_feature(thread_sanitizer);
-#else
-constexpr bool kThreadSanitizer = false;
-#endif
-
 // That the thread is there, with its own stack around its stack pointer.
 void ExpectShown(const Dump &dump, const Stayer &stayer, bool registers) {
     const auto threads = dump.List<Thread>(kThreadList);
@@ -120,7 +113,9 @@ void ExpectShown(const Dump &dump, const Stayer &stayer, bool registers) {
     const Context context = dump.At<Context>(thread->Context.Rva);
     EXPECT_EQ(thread->Context.Bytes, sizeof(Context));
     // ThreadSanitizer holds signals back until the thread makes a call.
-    if (!kThreadSanitizer) EXPECT_EQ(context.Flags, registers ? kContextFull : kContextControl);
+    if (!kThreadSanitizer) {
+        EXPECT_EQ(context.Flags, registers ? kContextFull : kContextControl);
+    }
     EXPECT_NE(context.Rip, 0u);
     EXPECT_LE(context.Rsp, stayer.Marker) << "the marker lies in a frame below the top";
     uint64_t value = 0;

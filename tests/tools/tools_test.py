@@ -72,10 +72,10 @@ def columns(text):
 
 def check_parked(pid):
     """The rows of zvxctl threads. A stack on which its scheduler idles can be read while that sleeps, which it does most
-    of the time; one that changes while it is read is not shown."""
+    of the time; one that changes while it is read is not shown. So each is to be seen where it is once in forty times."""
     for _ in range(40):
         rows = columns(zvxctl("threads", pid))
-        if "(its scheduler" not in str(rows) and all(rows.get(tag, [["-"]])[0][-1] != "-" for tag, *_ in PARKED):
+        if all(tag in rows and rows[tag][0][-1].startswith(place + "+") for tag, _, _, place in PARKED):
             break
     for tag, state, waits, place in PARKED:
         check(tag in rows and len(rows[tag]) == 1, f"{tag} is listed {len(rows.get(tag, []))} times")

@@ -240,7 +240,8 @@ UserThread Describe(Reader *reader, const SchedulerState &scheduler, const Recor
     thread.CpuMs =
         static_cast<double>(Field(library, fiber, "Fiber.CpuCycles")) / static_cast<double>(reader->CyclesPerMs);
     const bool onProcessor = fiber.At == scheduler.OnProcessor;
-    thread.Running = onProcessor && scheduler.OnProcessorRuns;
+    // The scheduler was read a moment before: what the thread itself says by now counts too.
+    thread.Running = onProcessor && scheduler.OnProcessorRuns && thread.State == Number(library, "FSTATE_RUNNING");
     thread.StateText = NameOfValue(library, "FSTATE_", thread.State);
     if (thread.State == Number(library, "FSTATE_IO_WAIT")) {
         thread.Waits = OperationText(library, fiber);
