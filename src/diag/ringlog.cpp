@@ -18,7 +18,7 @@ RingQueue gRingFree;
 std::atomic<uint64_t> gRingDropped;
 
 constexpr uint32_t kZeroed = 0x40;
-static RingRecord *gRingRecords;  // init: all of them, and through them their texts
+RingRecord *gRingRecords;
 
 bool RingLogInit() {
     for (RingQueue *queue : {&gRingLog, &gRingFree}) InitList(&queue->Records);

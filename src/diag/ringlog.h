@@ -32,6 +32,7 @@ struct RingQueue {
 
 extern RingQueue gRingLog;                  // to be written; "RingLogQLock"
 extern RingQueue gRingFree;                 // "RingBufferQLock"
+extern RingRecord *gRingRecords;  // init: all of them, and through them their texts; null without a ring log
 extern std::atomic<uint64_t> gRingDropped;  // atomic: texts for which there was no record
 
 // Scheduler 0's thread, at its start. False without "LogToFile", or without memory: there is no ring log then.
