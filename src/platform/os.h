@@ -369,8 +369,10 @@ void DescribeCode(const void *address, char *text, size_t room);
 //
 // Builds with ZVX_FAIL_POINTS (every preset but release) can make the nth call of a named function fail
 // with a given last error: by FailCall, or by the environment ZVXKVT_FAIL="SetThreadPriority:1:5,..." which
-// is read at the first call. In release builds ShouldFail is a constant false.
+// is read at the first call. "record:FILE" among them counts every call in a file. In release builds ShouldFail is a
+// constant false.
 void FailCall(const char *function, uint32_t nth, DWORD error);
+void ArmFailPoints(const char *text);  // what ZVXKVT_FAIL may hold, counted from now on
 #ifdef ZVX_FAIL_POINTS
 bool ShouldFail(const char *function);  // true once, with the last error set, when this call is to fail
 #else

@@ -177,6 +177,7 @@ HANDLE CreateSemaphoreA(SECURITY_ATTRIBUTES *security, LONG initial, LONG maximu
 }
 
 HANDLE CreateSemaphoreW(SECURITY_ATTRIBUTES *security, LONG initial, LONG maximum, const WCHAR *name) {
+    if (ShouldFail("CreateSemaphoreW")) return nullptr;
     return WithNarrowName(name,
                           [&](const char *narrow) { return CreateSemaphoreA(security, initial, maximum, narrow); });
 }
@@ -189,6 +190,7 @@ HANDLE OpenSemaphoreA(DWORD access, BOOL inherit, const char *name) {
 }
 
 HANDLE OpenSemaphoreW(DWORD access, BOOL inherit, const WCHAR *name) {
+    if (ShouldFail("OpenSemaphoreW")) return nullptr;
     return WithNarrowName(name, [&](const char *narrow) { return OpenSemaphoreA(access, inherit, narrow); });
 }
 

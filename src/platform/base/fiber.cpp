@@ -12,6 +12,7 @@
 
 #include <new>
 
+#include "platform/base/fail.h"
 #include "platform/base/thread_block.h"
 
 #if defined(ZVX_ASAN)
@@ -136,6 +137,8 @@ FiberContext *CreateFiber(size_t stackBytes, void (*start)(void *), void *data) 
 }
 
 FiberContext *CreateFiberRecycled(size_t stackBytes, void (*start)(void *), void *data) {
+    // No reason is given, so the last error stays.
+    if (ShouldFailInside("CreateFiberRecycled") != 0) return nullptr;
     FiberContext *context = TakeRecycledStack(stackBytes);
     return context == nullptr ? nullptr : Prepare(context, start, data);
 }

@@ -59,6 +59,7 @@ void LeaveGuardedCall() {
 }
 
 bool CallGuarded(void (*fn)(void *), void *arg) {
+    if (ShouldFail("CallGuarded")) return false;
     ArmStackOverflowReport();
     GuardedFrame frame;
     frame.Outer = Armed();

@@ -146,7 +146,7 @@ void *AllocPoolPages(size_t bytes) {
 }
 
 HANDLE NewHandle(Object *object) {
-    uint32_t index = TakeValue();
+    uint32_t index = ShouldFailInside("handle_value") != 0 ? 0 : TakeValue();
     if (index == 0) {
         SetLastError(ERROR_TOO_MANY_OPEN_FILES);
         return nullptr;
@@ -203,6 +203,7 @@ void VisitHandles(void (*visit)(HANDLE handle, const Object *object, void *arg),
 }
 
 BOOL GetHandleInformation(HANDLE handle, DWORD *flags) {
+    if (ShouldFail("GetHandleInformation")) return FALSE;
     if (!IsPseudoHandle(handle)) {
         const Object *object = PeekHandle(handle);
         if (object == nullptr) {

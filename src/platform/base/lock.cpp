@@ -60,6 +60,7 @@ void InitializeCriticalSection(CriticalSection *section) {
 }
 
 BOOL InitializeCriticalSectionAndSpinCount(CriticalSection *section, DWORD spinCount) {
+    if (ShouldFail("InitializeCriticalSectionAndSpinCount")) return FALSE;
     InitializeCriticalSection(section);
     SetCriticalSectionSpinCount(section, spinCount);
     return TRUE;

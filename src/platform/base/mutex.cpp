@@ -212,6 +212,7 @@ HANDLE CreateMutexA(SECURITY_ATTRIBUTES *security, BOOL initiallyOwned, const ch
 }
 
 HANDLE CreateMutexW(SECURITY_ATTRIBUTES *security, BOOL initiallyOwned, const WCHAR *name) {
+    if (ShouldFail("CreateMutexW")) return nullptr;
     return WithNarrowName(name, [&](const char *narrow) { return CreateMutexA(security, initiallyOwned, narrow); });
 }
 
@@ -223,6 +224,7 @@ HANDLE OpenMutexA(DWORD access, BOOL inherit, const char *name) {
 }
 
 HANDLE OpenMutexW(DWORD access, BOOL inherit, const WCHAR *name) {
+    if (ShouldFail("OpenMutexW")) return nullptr;
     return WithNarrowName(name, [&](const char *narrow) { return OpenMutexA(access, inherit, narrow); });
 }
 

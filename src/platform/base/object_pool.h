@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <new>
 
+#include "platform/base/fail.h"
 #include "platform/base/inner_lock.h"
 #include "platform/base/object.h"
 
@@ -55,6 +56,10 @@ bool GrowPoolLocked(ObjectPool<T> *pool) {
 template <class T>
 T *AllocObject(ObjectPool<T> *pool) {
     Object *object;
+    if (ShouldFailInside("object") != 0) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
     {
         InnerGuard guard(&pool->Lock);
         if (pool->Free == nullptr && !GrowPoolLocked(pool)) return nullptr;

@@ -136,6 +136,7 @@ void FollowFrames(ThreadSample *sample) {
 }  // namespace
 
 bool SampleThread(DWORD threadId, ThreadSample *sample) {
+    if (ShouldFail("SampleThread")) return false;
     if (gAskLock.exchange(1, std::memory_order_acquire) != 0) return false;
     bool taken = false;
     const int signal = ClaimSignal();

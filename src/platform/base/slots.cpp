@@ -94,6 +94,7 @@ BOOL TlsFree(DWORD index) {
 }
 
 void *TlsGetValue(DWORD index) {
+    if (ShouldFail("TlsGetValue")) return nullptr;
     ThreadLocals *locals = CurrentThreadLocals();
     if (index < kTlsSlots) [[likely]] {
         locals->Block.LastError = ERROR_SUCCESS;

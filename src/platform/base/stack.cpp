@@ -15,6 +15,7 @@
 
 #include <bit>
 
+#include "platform/base/fail.h"
 #include "platform/base/fiber_internal.h"
 #include "platform/base/spin.h"
 
@@ -104,6 +105,7 @@ constinit std::atomic<uint32_t> gGuardMode{kUnprobed};
 // Makes [low, low + bytes) fault. The first call finds out what the kernel has; ZVXKVT_GUARD=mprotect in the
 // environment asks for the old way, for tests.
 bool InstallGuard(char *low, size_t bytes) {
+    if (ShouldFailInside("guard_stack") != 0) return false;
     uint32_t mode = gGuardMode.load(std::memory_order_relaxed);
     if (mode == kUnprobed) {
         const char *asked = getenv("ZVXKVT_GUARD");
@@ -126,8 +128,9 @@ bool MapSlab(uint32_t sizeClass) {
     count = count < 1 ? 1 : count > kSlabStacks ? kSlabStacks : count;
     void *memory = MAP_FAILED;
     for (;; count = (count + 1) / 2) {
-        memory = mmap(nullptr, kPageBytes + count * stride, PROT_READ | PROT_WRITE,
-                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
+        if (ShouldFailInside("map_stacks") == 0)
+            memory = mmap(nullptr, kPageBytes + count * stride, PROT_READ | PROT_WRITE,
+                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
         if (memory != MAP_FAILED || count == 1) break;
     }
     if (memory == MAP_FAILED) return false;

@@ -61,7 +61,7 @@ Engine *TakeEngine() {
     if (engine == nullptr) return nullptr;
     void *chunks = mmap(nullptr, kMaxChunks * sizeof(Request *), PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    engine->WakeFd = eventfd(0, EFD_CLOEXEC);
+    engine->WakeFd = ShouldFailInside("eventfd") != 0 ? -1 : eventfd(0, EFD_CLOEXEC);
     if (chunks == MAP_FAILED || engine->WakeFd < 0) {
         if (chunks != MAP_FAILED) munmap(chunks, kMaxChunks * sizeof(Request *));
         if (engine->WakeFd >= 0) close(engine->WakeFd);
@@ -107,7 +107,7 @@ bool GrowRequests(Engine *engine) {
 }
 
 Request *AllocRequest(Engine *engine) {
-    if (engine->FreeRequests == nullptr && !GrowRequests(engine)) return nullptr;
+    if (ShouldFailInside("request") != 0 || (engine->FreeRequests == nullptr && !GrowRequests(engine))) return nullptr;
     Request *request = engine->FreeRequests;
     engine->FreeRequests = request->Next;
     Request *head = &engine->Outstanding;

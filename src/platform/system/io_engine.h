@@ -28,6 +28,7 @@
 #include <cstdint>
 
 #include "platform/base/alertable.h"
+#include "platform/base/fail.h"
 #include "platform/base/inner_lock.h"
 #include "platform/base/object.h"
 #include "platform/os.h"
@@ -150,6 +151,12 @@ enum class RequestStage : uint8_t {
     kLocking,   // waits for a byte range
     kEnded,     // has its result and will be ended by the next reap
 };
+
+// What a step of a transfer asks the kernel for; a fault point makes it less, as the kernel may at any time.
+inline uint32_t ShortOf(uint32_t bytes) {
+    if (bytes < 2 || ShouldFailInside("short_transfer") == 0) return bytes;
+    return bytes < 1024 ? bytes / 2 : bytes / 2 & ~511u;  // whole sectors, for files without cache
+}
 
 // One operation that was answered as pending. Owned by its engine, which recycles it; never freed. The file pool's
 // threads own Call.Done, Status and Result between taking it and pushing it on the engine's done list.

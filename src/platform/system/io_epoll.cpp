@@ -53,7 +53,9 @@ void Watch(EpollState *state, Stream *stream, const IoObject *object) {
     const int flags = object->Type == ObjectType::kSocket ? O_NONBLOCK : fcntl(object->Fd, F_GETFL);
     if ((flags & O_NONBLOCK) == 0) fcntl(object->Fd, F_SETFL, flags | O_NONBLOCK);
     epoll_event event = EventOf(object);
-    int result = epoll_ctl(state->SetFd, EPOLL_CTL_ADD, object->Fd, &event);
+    int result = -1;
+    errno = ShouldFailInside("epoll_ctl");
+    if (errno == 0) result = epoll_ctl(state->SetFd, EPOLL_CTL_ADD, object->Fd, &event);
     // Still there under its old name when a child process kept the descriptor open.
     if (result != 0 && errno == EEXIST) result = epoll_ctl(state->SetFd, EPOLL_CTL_MOD, object->Fd, &event);
     stream->Watched = true;
@@ -94,7 +96,7 @@ bool Attempt(Engine *engine, Request *request) {
     }
     for (;;) {
         char *at = call->Buffer + call->Done;
-        const size_t left = call->Count - call->Done;
+        const size_t left = ShortOf(call->Count - call->Done);
         const int fd = call->Target->Fd;
         const ssize_t moved = call->Kind == RequestKind::kRead ? read(fd, at, left) : write(fd, at, left);
         if (moved < 0 && errno == EAGAIN) return false;
@@ -118,7 +120,7 @@ bool Ask(Engine *engine, int ms) {
     EpollState *state = engine->Epoll;
     state->CallsWaited = 0;
     epoll_event events[kEventsAtOnce];
-    const int count = epoll_wait(state->SetFd, events, kEventsAtOnce, ms);
+    const int count = ShouldFailInside("epoll_wait") != 0 ? -1 : epoll_wait(state->SetFd, events, kEventsAtOnce, ms);
     for (int i = 0; i < count; i++) {
         const uint64_t tag = events[i].data.u64;
         // The eventfd is edge-triggered too: every write is reported, and its count is of no interest.
@@ -140,7 +142,8 @@ bool EpollOpen(Engine *engine) {
         errno = ENOMEM;
         return false;
     }
-    state->SetFd = epoll_create1(EPOLL_CLOEXEC);
+    errno = ShouldFailInside("epoll_create");
+    state->SetFd = errno != 0 ? -1 : epoll_create1(EPOLL_CLOEXEC);
     if (state->SetFd < 0) return false;
     epoll_event event{};
     event.events = EPOLLIN | EPOLLET;

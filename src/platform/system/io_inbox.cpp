@@ -15,6 +15,7 @@ namespace {
 constexpr uint32_t kMessagesPerChunk = 16;
 
 Message *GrowMessages() {
+    if (ShouldFailInside("messages") != 0) return nullptr;
     Message *chunk = new (std::nothrow) Message[kMessagesPerChunk];
     if (chunk == nullptr) return nullptr;
     for (uint32_t i = 0; i + 1 < kMessagesPerChunk; i++) chunk[i].Next = &chunk[i + 1];

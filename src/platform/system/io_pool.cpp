@@ -118,10 +118,13 @@ DWORD RunBlocking(IoCall *call, const std::atomic<bool> *cancelled) {
     do {
         const int fd = call->Target->Fd;
         char *at = call->Buffer + call->Done;
-        const size_t left = call->Count - call->Done;
+        const size_t left = ShortOf(call->Count - call->Done);
         const off_t offset = static_cast<off_t>(call->Offset + call->Done);
-        ssize_t moved;
-        if (IsSocketKind(call->Kind)) {
+        ssize_t moved = -1;
+        errno = ShouldFailInside("file_call");
+        if (errno != 0) {
+            // moved is -1.
+        } else if (IsSocketKind(call->Kind)) {
             moved = MoveSocket(call, 0);
             if (moved < 0) {
                 errno = static_cast<int>(-moved);

@@ -71,7 +71,8 @@ int StartHelperThread(void *(*start)(void *), void *arg) {
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_attr_setstacksize(&attributes, 256 * 1024);
     pthread_t thread;
-    const int error = pthread_create(&thread, &attributes, start, arg);
+    int error = ShouldFailInside("pthread_create");
+    if (error == 0) error = pthread_create(&thread, &attributes, start, arg);
     pthread_attr_destroy(&attributes);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     return error;

@@ -89,6 +89,7 @@ inline void CountUnsubmitted(Engine *engine) {
 // and waits for `waitFor` completions, at most `limit`. The number that the kernel took, or minus errno; what it did
 // not take stays in the queue for the next entry.
 int Enter(RingState *state, bool events, unsigned waitFor, __kernel_timespec *limit) {
+    if (const int error = ShouldFailInside("io_uring_enter")) return -error;
     io_uring_sq *queue = &state->Ring.sq;
     uint32_t tail = *queue->ktail;
     for (; queue->sqe_head != queue->sqe_tail; queue->sqe_head++)
@@ -170,7 +171,7 @@ bool RingOpen(Engine *engine) {
     // Kernels that defer task running know it; older ones would not refuse it either.
     state->PollFirst = (state->Ring.flags & IORING_SETUP_DEFER_TASKRUN) != 0;
     // A registered descriptor saves its look-up at each entry; not every kernel has it.
-    const bool registered = io_uring_register_ring_fd(&state->Ring) == 1;
+    const bool registered = ShouldFailInside("io_uring_register") == 0 && io_uring_register_ring_fd(&state->Ring) == 1;
     state->EnterFd = static_cast<unsigned>(registered ? state->Ring.enter_ring_fd : state->Ring.ring_fd);
     state->EnterFlags = registered ? IORING_ENTER_REGISTERED_RING : 0;
     engine->Io.Tail = reinterpret_cast<const std::atomic<uint32_t> *>(state->Ring.cq.ktail);
@@ -205,11 +206,23 @@ void PrepareSocket(const RingState *state, io_uring_sqe *entry, Request *request
         else
             io_uring_prep_sendmsg(entry, fd, &request->Header, static_cast<unsigned>(flags));
     } else if (receive) {
-        io_uring_prep_recv(entry, fd, call.Buffer + call.Done, call.Count - call.Done, flags);
+        io_uring_prep_recv(entry, fd, call.Buffer + call.Done, ShortOf(call.Count - call.Done), flags);
     } else {
-        io_uring_prep_send(entry, fd, call.Buffer + call.Done, call.Count - call.Done, flags);
+        io_uring_prep_send(entry, fd, call.Buffer + call.Done, ShortOf(call.Count - call.Done), flags);
     }
     if (receive && state->PollFirst) entry->ioprio |= IORING_RECVSEND_POLL_FIRST;
+}
+
+void PrepareFile(io_uring_sqe *entry, const IoCall &call) {
+    const uint32_t left = ShortOf(call.Count - call.Done);
+    const uint32_t length = left < kMaxTransfer ? left : kMaxTransfer;
+    const uint64_t offset = call.Target->Seekable && !call.Append ? call.Offset + call.Done : ~0ull;
+    if (call.Kind == RequestKind::kRead) {
+        io_uring_prep_read(entry, call.Target->Fd, call.Buffer + call.Done, length, offset);
+    } else {
+        io_uring_prep_write(entry, call.Target->Fd, call.Buffer + call.Done, length, call.Append ? 0 : offset);
+        if (call.Append) entry->rw_flags = RWF_APPEND;
+    }
 }
 
 // Prepares the entry of the request's next step.
@@ -217,9 +230,6 @@ void Prepare(Engine *engine, Request *request) {
     IoCall &call = request->Call;
     if (engine->Io.Unsubmitted == 0) engine->Ring->CallsWaited = 0;
     io_uring_sqe *entry = NextEntry(engine);
-    const uint32_t left = call.Count - call.Done;
-    const uint32_t length = left < kMaxTransfer ? left : kMaxTransfer;
-    const uint64_t offset = call.Target->Seekable && !call.Append ? call.Offset + call.Done : ~0ull;
     if (IsSocketKind(call.Kind)) {
         PrepareSocket(engine->Ring, entry, request);
     } else if (IsPipeKind(call.Kind)) {
@@ -229,11 +239,8 @@ void Prepare(Engine *engine, Request *request) {
         else
             io_uring_prep_poll_add(entry, call.Channel->Fd, call.Kind == RequestKind::kPipeWrite ? POLLOUT : POLLIN);
         call.Later = false;
-    } else if (call.Kind == RequestKind::kRead) {
-        io_uring_prep_read(entry, call.Target->Fd, call.Buffer + call.Done, length, offset);
     } else {
-        io_uring_prep_write(entry, call.Target->Fd, call.Buffer + call.Done, length, call.Append ? 0 : offset);
-        if (call.Append) entry->rw_flags = RWF_APPEND;
+        PrepareFile(entry, call);
     }
     entry->user_data = reinterpret_cast<uint64_t>(request);
     request->Entry = engine->Ring->Ring.sq.sqe_tail - 1;

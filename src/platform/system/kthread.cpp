@@ -530,6 +530,7 @@ bool StartDetached(KernelThread *thread, size_t stackBytes) {
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     int result = pthread_attr_setstacksize(&attributes, bytes);
     pthread_t made;
+    if (result == 0) result = ShouldFailInside("pthread_create");
     if (result == 0) result = pthread_create(&made, &attributes, ThreadMain, thread);
     pthread_attr_destroy(&attributes);
     if (result == 0) return true;

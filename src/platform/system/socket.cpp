@@ -85,6 +85,8 @@ DWORD OwnProcess() {
 
 int OpenKernelSocket(int family, int type, int protocol, bool nonBlocking) {
     RaiseDescriptorLimit();
+    errno = ShouldFailInside("socket_descriptor");
+    if (errno != 0) return -1;
     return static_cast<int>(
         syscall(SYS_socket, family, type | SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0), protocol));
 }
@@ -419,6 +421,7 @@ int closesocket(SOCKET s) {
 }
 
 int WSAStartup(WORD version, WSADATA *data) {
+    if (ShouldFail("WSAStartup")) return static_cast<int>(GetLastError());
     if (data == nullptr) return static_cast<int>(WSAEFAULT);
     // Major number in the low byte. Nothing here depends on the call.
     const unsigned major = version & 0xFFu, minor = version >> 8;
@@ -432,6 +435,7 @@ int WSAStartup(WORD version, WSADATA *data) {
 }
 
 int WSACleanup() {
+    if (ShouldFail("WSACleanup")) return SOCKET_ERROR;
     return 0;
 }
 

@@ -307,14 +307,17 @@ WSAEVENT WSACreateEvent() {
 }
 
 BOOL WSACloseEvent(WSAEVENT event) {
+    if (ShouldFail("WSACloseEvent")) return FALSE;
     return CloseHandle(event);
 }
 
 BOOL WSAResetEvent(WSAEVENT event) {
+    if (ShouldFail("WSAResetEvent")) return FALSE;
     return ResetEvent(event);
 }
 
 BOOL WSASetEvent(WSAEVENT event) {
+    if (ShouldFail("WSASetEvent")) return FALSE;
     return SetEvent(event);
 }
 

@@ -244,6 +244,7 @@ BOOL IssueSocketCall(SocketObject *socket, IoCall *call) {
 }
 
 int64_t MoveSocket(IoCall *call, int extra) {
+    if (const int error = ShouldFailInside("socket_call")) return -error;
     const int fd = call->Target->Fd;
     long moved;
     if (call->Kind == RequestKind::kAccept) {
@@ -260,7 +261,7 @@ int64_t MoveSocket(IoCall *call, int extra) {
             moved = syscall(receive ? SYS_recvmsg : SYS_sendmsg, fd, &header, flags);
         } else {
             char *at = call->Buffer + call->Done;
-            const size_t left = call->Count - call->Done;
+            const size_t left = ShortOf(call->Count - call->Done);
             moved = syscall(receive ? SYS_recvfrom : SYS_sendto, fd, at, left, flags, nullptr, nullptr);
         }
     }
