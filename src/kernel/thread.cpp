@@ -74,16 +74,25 @@ bool MakeBackingThread(Fiber *F, Scheduler *S, uint32_t mask, PSEHAND *entry, ui
     return true;
 }
 
-// Resumes the backing thread until its end has run, by our hand or by another's.
-void RunBackingEnd(Fiber *F, HANDLE handle) {
+bool TerminateBacking(Fiber *F, HANDLE handle) {
+    if (!os::TerminateThread(handle, F->ExitCode)) return false;
+    F->TlsCaptured.store(FIBER_TLS_CAPTURED, std::memory_order_release);
+    return true;
+}
+
+// Resumes the backing thread until its end has run, by our hand or by another's. False when it cannot be resumed and
+// has not ended either.
+bool RunBackingEnd(Fiber *F, HANDLE handle) {
     F->TlsCaptured.store(0, std::memory_order_relaxed);
     DWORD previous;
     do {
         previous = os::ResumeThread(handle);  // the host may have suspended the object behind our back
     } while (previous != kSuspendFailed && previous > 1);
     while (F->TlsCaptured.load(std::memory_order_acquire) == 0 && os::WaitForSingleObject(handle, 0) == WAIT_TIMEOUT) {
+        if (previous == kSuspendFailed) return false;
         os::Sleep(0);  // somebody else's resume is running it on another kernel thread
     }
+    return true;
 }
 
 // ---- Where a new thread goes -------------------------------------------------------------------------
@@ -193,11 +202,9 @@ void EndBackingThread(Fiber *F, bool terminate) {
         os::GetSystemTimeAsFileTime(&now);
         entry->ExitTime.store(Join(now), std::memory_order_relaxed);
     }
-    if (terminate) {
-        os::TerminateThread(handle, F->ExitCode);
-        F->TlsCaptured.store(FIBER_TLS_CAPTURED, std::memory_order_release);
-    } else {
-        RunBackingEnd(F, handle);
+    // The other way where the first one is refused: who waits for the handle must see the end.
+    if (!terminate || !TerminateBacking(F, handle)) {
+        if (!RunBackingEnd(F, handle)) TerminateBacking(F, handle);
     }
     // The thread entry's own reference; the host's handle keeps the entry alive.
     CloseHandleOn(SchedOf(F), handle);

@@ -136,6 +136,8 @@ TEST_F(ThreadCall, TheEndOfABackingThreadThatOthersTouched) {
     EXPECT_EQ(exitCodeOf([](HANDLE h) { os::SuspendThread(h), os::SuspendThread(h), os::SuspendThread(h); }), 5u);
     EXPECT_EQ(exitCodeOf([](HANDLE h) { os::ResumeThread(h); }), STILL_ACTIVE);
     EXPECT_EQ(exitCodeOf([](HANDLE h) { os::TerminateThread(h, 77); }), 77u);
+    // Where the last resume is refused the scheduler used to wait for ever.
+    EXPECT_EQ(exitCodeOf([](HANDLE) { os::FailCall("ResumeThread", 1, ERROR_NOT_ENOUGH_MEMORY); }), 5u);
 }
 
 // Only the thread itself reads its cycle account; others see what it computed when it last asked.
