@@ -108,6 +108,8 @@ static DWORD SchedulerThreadStart(void *scheduler) {
     // The record's own operating-system fiber is not used: this thread becomes the fiber.
     if (F->OsFiber != nullptr) os::DeleteFiber(F->OsFiber);
     F->OsFiber = os::ConvertThreadToFiber(F);
+    if (F->OsFiber == nullptr)
+        FatalExit("Unable to make a fiber of scheduler thread %u E[%d]\n", S->Index, LastErrorNumber());
     F->Flags |= FIBER_STARTED;
     os::GetThreadDesktop(os::GetCurrentThreadId());
     SetSched(F, S, std::memory_order_release);
