@@ -162,6 +162,12 @@ void EndOperation(OVERLAPPED *ov, DWORD status, DWORD bytes) {
     Misuse("EndOperation of an OVERLAPPED that has no running operation");
 }
 
+HANDLE RunningOn(const OVERLAPPED *ov) {
+    for (const Request &request : gRunning)
+        if (request.Call.Ov == ov) return request.Call.File;
+    return nullptr;
+}
+
 uint32_t QueuedPackets(HANDLE port) {
     std::lock_guard<std::mutex> guard(gQueueLock);
     return static_cast<uint32_t>(StateOf(port)->Queue.size());

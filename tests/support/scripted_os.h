@@ -129,6 +129,8 @@ void SetTick(uint64_t ms);  // GetTickCount64 from now on; the other clocks stay
 HANDLE NewFile();
 // Ends the outstanding operation of `ov`; it becomes final at the next reap of the issuing thread.
 void EndOperation(OVERLAPPED *ov, DWORD status, DWORD bytes);
+// The file of the outstanding operation of `ov`; null when there is none, or it has been ended.
+HANDLE RunningOn(const OVERLAPPED *ov);
 uint32_t QueuedPackets(HANDLE port);
 // The IoThread of a port. CreateIoCompletionPort also stores it in the calling thread's block; a test with several
 // schedulers on its thread installs the right one before it continues a scheduler.

@@ -1,0 +1,777 @@
+// tests/model/explorer.cpp - see explorer.h: the search in the parent process, and one run in a child.
+//
+// A run belongs to one kernel thread. The explorer's own code runs on the test's fiber, or inside a hook of the running
+// scheduler, where gInScheduler is false.
+#include "explorer.h"
+
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <vector>
+
+#include "alloc/alloc.h"
+#include "hooks.h"
+#include "kernel/handles.h"
+#include "sched/internal.h"
+#include "sched_fixture.h"
+
+namespace zvx::model {
+
+bool gInScheduler;
+bool gBuffering;
+uint32_t gBuffered;
+
+namespace script = os::script;
+
+namespace {
+
+constexpr uint32_t kMaxChoices = 4096;
+constexpr uint32_t kMaxWords = 4096;
+constexpr uint32_t kMaxActors = 4;
+constexpr uint32_t kMaxIdleMs = 5000;    // of model time, without an end: the scenario hangs
+constexpr uint32_t kMaxSteps = 400'000;  // accesses of one run: it goes round in circles
+constexpr uint32_t kFairSteps = 200;     // accesses after which the others get their turn
+constexpr uint64_t kNever = UINT64_MAX;
+
+enum Outcome : int { kPassed = 0, kCutOff = 10, kViolated = 11, kDiffers = 12 };
+
+// ---- Shared by parent and runs -----------------------------------------------------------------------
+
+struct Choice {
+    uint8_t Options;
+    uint8_t Taken;
+};
+
+struct SharedState {
+    Choice Path[kMaxChoices];
+    uint32_t Prefix;  // choices that are given
+    uint32_t Length;  // choices made
+    const volatile void *Contended[kMaxWords];
+    uint32_t NumContended;
+    uint64_t Steps;
+    char Text[2048];
+};
+SharedState *gShared;
+
+// ---- Words -------------------------------------------------------------------------------------------
+
+struct Word {
+    const volatile void *Address;
+    uint8_t Readers, Writers;  // masks of actors
+    bool Contended;            // a place for choices
+    bool Ignored;
+};
+Word gWords[kMaxWords];
+uint32_t gNumWords;
+std::map<uintptr_t, std::string> gNames;
+
+Word *WordAt(const volatile void *address) {
+    uint64_t at = (reinterpret_cast<uintptr_t>(address) >> 2) * 0x9E3779B97F4A7C15ull >> 52;
+    while (gWords[at].Address != address) {
+        if (gWords[at].Address == nullptr) {
+            if (++gNumWords > kMaxWords / 2) Violation("too many words");
+            gWords[at].Address = address;
+            break;
+        }
+        at = (at + 1) % kMaxWords;
+    }
+    return &gWords[at];
+}
+
+std::string NameOf(const volatile void *address) {
+    const auto value = reinterpret_cast<uintptr_t>(address);
+    if (const auto it = gNames.find(value); it != gNames.end()) return it->second;
+    char text[32];
+    std::snprintf(text, sizeof text, "word %zx", value);
+    return text;
+}
+
+// ---- Actors ------------------------------------------------------------------------------------------
+
+enum ActorState : uint8_t { kReady, kBlocked };
+
+struct Actor {
+    Scheduler *S;
+    os::FiberContext *Context;
+    os::ThreadBlock Block;  // Slots, StaticTls, LastError, InlineBudget, SpinLocksHeld, Io
+    ActorState State;
+    uint64_t WakeAt;  // blocked: tick at which the wait ends by itself
+    // Preempted: the access that it was about to make, and whether anybody made it matter.
+    const volatile void *Pending;
+    bool PendingWrite;
+    bool Useful;
+};
+Actor gActors[kMaxActors];
+uint32_t gNumActors;
+
+struct Event {
+    const char *Name;
+    std::function<bool()> Enabled;
+    std::function<void()> Fire;
+    bool Fired;
+};
+std::vector<Event> gEvents;
+
+struct RunState {
+    uint32_t Current = 0;        // who runs, or ran last
+    uint32_t Next = kMaxActors;  // whom the explorer's fiber switches to
+    uint32_t Preemptions = 0;
+    uint32_t Turns = 0;
+    uint32_t Ticks = 0;
+    uint32_t Steps = 0;
+    uint32_t StepsInARow = 0;
+    bool SpinsAlone = false;  // it looks at the same words again and again while nobody can run: no new choices
+} gRun;
+
+Bounds gBounds;
+bool gSearching;    // a run; false while the scenario is set up
+int gTraceTo = -1;  // a file descriptor, while a run is told
+const Scenario *gScenario;
+os::FiberContext *gExplorer;
+
+void Trace(const void *pc, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void Trace(const void *pc, const char *format, ...) {
+    if (gTraceTo < 0) return;
+    extern char Start[] __asm__("__executable_start");
+    char line[512];
+    int n = std::snprintf(line, sizeof line, "%zx\t", pc == nullptr ? 0 : static_cast<const char *>(pc) - Start - 1);
+    va_list values;
+    va_start(values, format);
+    n += std::vsnprintf(line + n, sizeof line - static_cast<size_t>(n) - 1, format, values);
+    va_end(values);
+    line[n++] = '\n';
+    if (write(gTraceTo, line, static_cast<size_t>(n)) != n) std::abort();
+}
+
+[[noreturn]] void EndRun(Outcome outcome) {
+    gShared->Steps += gRun.Steps;
+    for (const Word &word : gWords) {
+        if (word.Address == nullptr || word.Contended || word.Ignored || word.Writers == 0) continue;
+        const uint32_t users = word.Readers | word.Writers;
+        if ((users & (users - 1)) == 0 || gShared->NumContended == kMaxWords / 4) continue;
+        gShared->Contended[gShared->NumContended++] = word.Address;
+    }
+    _exit(outcome);
+}
+
+// The given choice, or the first option; how many options there were is noted.
+uint32_t Choose(uint32_t options) {
+    if (options == 1 || !gSearching) return 0;
+    if (gShared->Length == kMaxChoices) Violation("too many choices in one run");
+    Choice *choice = &gShared->Path[gShared->Length];
+    if (gShared->Length < gShared->Prefix) {
+        // The option that was taken last was one of as many options then.
+        if (choice->Options != options || choice->Taken >= options) EndRun(kDiffers);
+    } else {
+        *choice = {static_cast<uint8_t>(options), 0};
+    }
+    gShared->Length++;
+    return choice->Taken;
+}
+
+void SaveBlock(os::ThreadBlock *to, const os::ThreadBlock *from) {
+    to->Slots = from->Slots;
+    to->StaticTls = from->StaticTls;
+    to->LastError = from->LastError;
+    to->InlineBudget = from->InlineBudget;
+    to->SpinLocksHeld = from->SpinLocksHeld;
+    to->Io = from->Io;
+}
+
+bool HasNews(const Actor &actor) {
+    return os::IoNeedsAttention(actor.S->Io) || script::QueuedPackets(actor.S->Port) != 0;
+}
+
+// One place where somebody else may go on: an actor, an actor whose wait ends early, an event, or the running one.
+struct Option {
+    enum Kind : uint8_t { kGoOn, kSwitch, kTick, kEvent } What;
+    uint8_t Index;
+};
+
+void Fire(uint32_t index) {
+    Event &event = gEvents[index];
+    Trace(nullptr, "    event: %s", event.Name);
+    event.Fired = true;
+    event.Fire();
+    for (Actor &actor : gActors) actor.Useful = true;
+}
+
+void EndWait(Actor *actor) {
+    const uint64_t now = os::GetTickCount64();
+    if (!HasNews(*actor) && actor->WakeAt > now) script::AdvanceClock(actor->WakeAt - now);
+    actor->State = kReady;
+}
+
+// Decides who goes on; true when that is the running scheduler. `canGoOn`: it is not blocked. `mustGive`: it spins, and
+// goes on only where nobody else can.
+bool Decide(bool canGoOn, bool mustGive) {
+    for (;;) {
+        const bool paid = canGoOn && !mustGive;  // whoever comes in between costs a preemption
+        Option options[32];
+        uint32_t n = 0;
+        if (paid) options[n++] = {Option::kGoOn, 0};
+        if (!paid || gRun.Preemptions < gBounds.Preemptions) {
+            for (uint32_t step = 1; step <= gNumActors; ++step) {  // in turn
+                const auto i = static_cast<uint8_t>((gRun.Current + step) % gNumActors);
+                if (i == gRun.Current && canGoOn) continue;
+                if (gActors[i].State == kReady || HasNews(gActors[i])) options[n++] = {Option::kSwitch, i};
+            }
+            for (uint8_t i = 0; i < gEvents.size(); ++i)
+                if (!gEvents[i].Fired && gEvents[i].Enabled()) options[n++] = {Option::kEvent, i};
+            if (gRun.Ticks < gBounds.Ticks && (paid || (!canGoOn && n != 0))) {
+                for (uint8_t i = 0; i < gNumActors; ++i)
+                    if (gActors[i].State == kBlocked && !HasNews(gActors[i])) options[n++] = {Option::kTick, i};
+            }
+        }
+        if (n == 0) {
+            gRun.Next = kMaxActors;
+            return canGoOn;
+        }
+        if (!paid && gRun.Turns == gBounds.Turns) n = 1;
+        const uint32_t which = Choose(n);
+        const Option taken = options[which];
+        if (taken.What == Option::kGoOn) return true;
+        if (paid)
+            gRun.Preemptions++;
+        else if (which != 0)
+            gRun.Turns++;
+        if (taken.What == Option::kEvent) {
+            Fire(taken.Index);
+            continue;
+        }
+        Actor &next = gActors[taken.Index];
+        if (taken.What == Option::kTick) {
+            gRun.Ticks++;
+            Trace(nullptr, "    the wait of S%u ends early", taken.Index);
+        }
+        if (next.State == kBlocked) EndWait(&next);
+        gRun.Next = taken.Index;
+        return false;
+    }
+}
+
+// The running scheduler stops here; returns when it goes on.
+void Leave() {
+    os::ThreadBlock *block = os::CurrentThreadBlock();
+    Actor &actor = gActors[gRun.Current];
+    actor.Context = block->Current;
+    SaveBlock(&actor.Block, block);
+    os::SwitchToFiber(block, gExplorer);
+    SaveBlock(block, &actor.Block);
+}
+
+void CountStep() {
+    if (++gRun.Steps > kMaxSteps) Violation("a run without an end");
+}
+
+// A wait in a port, from the scripted operating system.
+void OnPortWait(HANDLE port, DWORD ms) {
+    gInScheduler = false;
+    Actor &actor = gActors[gRun.Current];
+    FlushStores();
+    if (port != actor.S->Port) Violation("a wait in somebody else's port");
+    gRun.StepsInARow = 0;
+    if (ms == 0) {  // it polls and polls
+        if (!Decide(true, true)) Leave();
+    } else if (!HasNews(actor)) {
+        actor.State = kBlocked;
+        actor.WakeAt = os::GetTickCount64() + ms;
+        Trace(nullptr, "S%u waits in its port, %u ms", gRun.Current, ms);
+        if (!Decide(false, false)) Leave();
+    }
+    gInScheduler = true;
+}
+
+bool Left(const Scheduler *S, const char **what) {
+    *what = "a post in a lane";
+    if (PostsWaiting(S)) return true;
+    for (const FIBER_MESSAGE *msg = S->Messages.load(std::memory_order_relaxed); msg != nullptr; msg = msg->Next) {
+        *what = "a message";
+        if (msg->Kind == MSG_POST || gPortWaitMs > 1) return true;
+    }
+    return false;
+}
+
+// Everybody is blocked. False when the scenario has come to its end; else time passes until somebody can go on.
+bool PassTime(uint64_t started) {
+    for (uint32_t i = 0; i < gNumActors; ++i) {
+        const char *what;
+        if (Left(gActors[i].S, &what)) Violation("S%u sleeps in its port, and %s waits for it", i, what);
+    }
+    if (gScenario->Finished()) return false;
+    uint64_t next = kNever;
+    for (uint32_t i = 0; i < gNumActors; ++i) next = std::min(next, gActors[i].WakeAt);
+    const uint64_t now = os::GetTickCount64();
+    if (now - started > kMaxIdleMs) Violation("it does not come to an end");
+    if (next > now) script::AdvanceClock(next - now);
+    for (uint32_t i = 0; i < gNumActors; ++i)
+        if (gActors[i].WakeAt <= os::GetTickCount64()) gActors[i].State = kReady;
+    return true;
+}
+
+// Until everybody is blocked.
+void RunAll() {
+    os::ThreadBlock *block = os::CurrentThreadBlock();
+    os::ThreadBlock own;
+    SaveBlock(&own, block);
+    Decide(false, false);
+    while (gRun.Next != kMaxActors) {
+        gRun.Current = gRun.Next;
+        gRun.Next = kMaxActors;
+        gRun.StepsInARow = 0;
+        Actor &actor = gActors[gRun.Current];
+        if (actor.Pending != nullptr && !actor.Useful) EndRun(kCutOff);
+        actor.Pending = nullptr;
+        Trace(nullptr, "S%u runs", gRun.Current);
+        SaveBlock(block, &actor.Block);
+        gInScheduler = true;
+        os::SwitchToFiber(block, actor.Context);
+        gInScheduler = false;
+        SaveBlock(block, &own);
+    }
+}
+
+void Run() {
+    gSearching = true;
+    const uint64_t started = os::GetTickCount64();
+    for (Actor &actor : gActors) actor.State = kReady;
+    do {
+        RunAll();
+    } while (PassTime(started));
+    gScenario->Check();
+    for (uint32_t i = 0; i < gNumActors; ++i) CheckScheduler(gActors[i].S);
+    EndRun(kPassed);
+}
+
+// ---- The search --------------------------------------------------------------------------------------
+
+uint64_t gExecutions, gCutOff, gDeepest;
+
+// One run in a child. Returns its outcome; a child that ended by itself is a violation.
+Outcome RunChild() {
+    gShared->Length = 0;
+    gShared->Text[0] = 0;
+    const pid_t child = fork();
+    if (child < 0) {
+        std::perror("fork");
+        std::exit(1);
+    }
+    if (child == 0) {
+        Run();
+        _exit(1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    gExecutions++;
+    gDeepest = std::max<uint64_t>(gDeepest, gShared->Length);
+    if (WIFEXITED(status)) {
+        switch (WEXITSTATUS(status)) {
+            case kPassed: return kPassed;
+            case kCutOff: gCutOff++; return kCutOff;
+            case kViolated: return kViolated;
+            case kDiffers:
+                std::snprintf(gShared->Text, sizeof gShared->Text, "two runs of one schedule differ");
+                return kDiffers;
+            default: break;
+        }
+    }
+    std::snprintf(gShared->Text, sizeof gShared->Text, "the process ended: status %x", status);
+    return kViolated;
+}
+
+void LearnWords() {
+    for (uint32_t i = 0; i < gShared->NumContended; ++i) WordAt(gShared->Contended[i])->Contended = true;
+}
+
+// The next path in depth-first order; false when there is none.
+bool NextPath() {
+    uint32_t length = gShared->Length;
+    while (length > 0 && gShared->Path[length - 1].Taken + 1u >= gShared->Path[length - 1].Options) length--;
+    if (length == 0) return false;
+    gShared->Path[length - 1].Taken++;
+    gShared->Prefix = length;
+    return true;
+}
+
+// The lines of the source for places in the program, where the tool that knows them is installed. An inlined operation
+// of the standard library is told by the line that uses it.
+std::map<std::string, std::string> SourceLines(const std::vector<std::string> &places) {
+    std::map<std::string, std::string> lines;
+    std::string command = "addr2line -a -i -e /proc/" + std::to_string(getpid()) + "/exe";
+    for (const std::string &place : places) command += " 0x" + place;
+    FILE *tool = popen((command + " 2>/dev/null").c_str(), "r");
+    if (tool == nullptr) return lines;
+    char line[1024];
+    std::string *at = nullptr;
+    size_t next = 0;
+    while (std::fgets(line, sizeof line, tool) != nullptr) {
+        line[std::strcspn(line, " \n")] = 0;
+        if (std::strncmp(line, "0x", 2) == 0 && next < places.size()) {
+            at = &lines[places[next++]];
+        } else if (at != nullptr && at->empty() &&
+                   (std::strstr(line, "/src/") != nullptr || std::strstr(line, "/tests/") != nullptr)) {
+            *at = std::strrchr(line, '/') + 1;
+        }
+    }
+    pclose(tool);
+    return lines;
+}
+
+// Runs the path again and prints what happened.
+void PrintRun() {
+    gShared->Prefix = gShared->Length;
+    FILE *file = std::tmpfile();
+    if (file == nullptr) return;
+    gTraceTo = fileno(file);
+    RunChild();
+    gTraceTo = -1;
+    std::rewind(file);
+    std::vector<std::pair<std::string, std::string>> all;
+    std::vector<std::string> places;
+    char line[1024];
+    while (std::fgets(line, sizeof line, file) != nullptr) {
+        char *tab = std::strchr(line, '\t');
+        if (tab == nullptr) continue;
+        *tab = 0;
+        all.emplace_back(line, tab + 1);
+        if (all.back().first != "0" && std::find(places.begin(), places.end(), line) == places.end())
+            places.emplace_back(line);
+    }
+    std::fclose(file);
+    std::map<std::string, std::string> lines = SourceLines(places);
+    constexpr size_t kMostLines = 600;
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (i == kMostLines / 2 && all.size() > kMostLines) {
+            i = all.size() - kMostLines / 2;
+            std::printf("  ...\n");
+        }
+        auto &[place, what] = all[i];
+        what.pop_back();
+        std::printf("  %-60s %s\n", what.c_str(), lines[place].c_str());
+    }
+}
+
+double Seconds() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+void BuildScenario() {
+    test::InitLibrary();
+    script::gScript.OnPortWait = OnPortWait;
+    script::gScript.OnSpin = [] {
+        gInScheduler = false;
+        if (!Decide(true, true)) Leave();
+        gInScheduler = true;
+    };
+    script::gScript.OnSleep = [](DWORD) { WhileSpinning(); };
+    gExplorer = os::CurrentThreadBlock()->Current;
+    // The handle table is made now, and its empty pages are forgotten again: they would be copied for every run.
+    PSEHAND entry{};
+    entry.Handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(AvoidCompletionEvent));
+    InsertHandle(&entry);
+    RemoveHandle(&entry);
+    os::UnpinHandleValue(HandleValue(&entry));
+    constexpr size_t kPage = 4096;
+    const auto table = (reinterpret_cast<uintptr_t>(gHandleTable.load()) + kPage - 1) & ~(kPage - 1);
+    madvise(reinterpret_cast<void *>(table), kFirstHandleSlots * sizeof(HandleSlot) - kPage, MADV_DONTNEED);
+    gScenario->Setup();
+}
+
+Outcome Search(double limit) {
+    const double start = Seconds();
+    uint32_t known = 0;
+    uint32_t rounds = 1;
+    Outcome outcome = kPassed;
+    bool whole = true;
+    for (;;) {
+        outcome = RunChild();
+        if (outcome >= kViolated) break;
+        if (gShared->NumContended != known) {
+            known = gShared->NumContended;
+            LearnWords();
+            gShared->Prefix = 0;
+            rounds++;
+            continue;
+        }
+        if (!NextPath()) break;
+        if (limit != 0 && Seconds() - start > limit) {
+            whole = false;
+            break;
+        }
+    }
+    std::printf(
+        "%s: %llu runs (%llu cut off), %llu accesses, %llu choices at most in a run, %u shared words, %u rounds, "
+        "%.1f s; preemptions %u, turns %u, ticks %u%s: %s\n",
+        gScenario->Name, static_cast<unsigned long long>(gExecutions), static_cast<unsigned long long>(gCutOff),
+        static_cast<unsigned long long>(gShared->Steps), static_cast<unsigned long long>(gDeepest),
+        gShared->NumContended, rounds, Seconds() - start, gBounds.Preemptions, gBounds.Turns, gBounds.Ticks,
+        gBuffering ? ", buffers" : "",
+        outcome >= kViolated ? "VIOLATED"
+        : whole              ? "holds"
+                             : "holds as far as it went");
+    return outcome;
+}
+
+}  // namespace
+
+// ---- For scenarios -----------------------------------------------------------------------------------
+
+Scheduler *AddScheduler() {
+    Scheduler *S = test::NewScheduler();
+    Actor &actor = gActors[gNumActors];
+    actor.S = S;
+    actor.Context = S->InitFiber->OsFiber;
+    SaveBlock(&actor.Block, os::CurrentThreadBlock());
+    actor.Block.Io = S->Io;
+    const std::string name = "S" + std::to_string(gNumActors++);
+    NameWord(&S->Messages, name + ".Messages");
+    NameWord(&S->BlockedInPort, name + ".BlockedInPort");
+    NameWord(&S->BlockedOutside, name + ".BlockedOutside");
+    NameWord(&S->LaneMask, name + ".LaneMask");
+    NameWord(&S->SwitchCount, name + ".SwitchCount");
+    NameWord(&S->InTransit, name + ".InTransit");
+    NameWord(&S->FiberCount, name + ".FiberCount");
+    NameWord(S->Io->Tail, name + ".Io.Tail");
+    for (uint32_t from = 0; from < kMaxActors; ++from) {
+        PostLane *lane = &gPostLanes[S->Index][from];
+        const std::string laneName = name + ".Lane" + std::to_string(from);
+        for (uint32_t i = 0; i < kLaneSlots; ++i)
+            NameWord(&lane->Slots[i].Seq, laneName + ".Slots[" + std::to_string(i) + "].Seq");
+        NameWord(&lane->Taken, laneName + ".Taken");
+    }
+    // A hint to a running user thread, and the count for placing new ones.
+    Ignore(&S->QuantumStartTick);
+    Ignore(&S->FiberCount);
+    Ignore(&S->DebugRequest);
+    return S;
+}
+
+void RunToRest() {
+    for (Actor &actor : gActors) actor.State = kReady;
+    RunAll();
+}
+
+void MayStop() {
+    gInScheduler = false;
+    if (!Decide(true, false)) {
+        Trace(__builtin_return_address(0), "S%u stopped", gRun.Current);
+        Leave();
+    }
+    gInScheduler = true;
+}
+
+void AddEvent(const char *name, std::function<bool()> enabled, std::function<void()> fire, const void *word) {
+    gEvents.push_back({name, std::move(enabled), std::move(fire), false});
+    if (word != nullptr) gShared->Contended[gShared->NumContended++] = word;
+    LearnWords();
+}
+
+void Ignore(const void *word) {
+    WordAt(word)->Ignored = true;
+}
+
+void NameWord(const void *word, const std::string &name) {
+    gNames[reinterpret_cast<uintptr_t>(word)] = name;
+}
+
+void NameFiber(const Fiber *F, const std::string &name) {
+    NameWord(&F->Sched, name + ".Sched");
+    NameWord(&F->Generation, name + ".Generation");
+    NameWord(&F->SuspendCount, name + ".SuspendCount");
+    NameWord(&F->SuspendAnswer, name + ".SuspendAnswer");
+    NameWord(&F->SuspendRequests, name + ".SuspendRequests");
+    NameWord(&F->RoutineEpoch, name + ".RoutineEpoch");
+    NameWord(&F->OsThreadId, name + ".OsThreadId");
+    NameWord(&F->Tag, name + ".Tag");
+}
+
+void Violation(const char *format, ...) {
+    gInScheduler = false;
+    va_list values;
+    va_start(values, format);
+    std::vsnprintf(gShared->Text, sizeof gShared->Text, format, values);
+    va_end(values);
+    Trace(nullptr, "VIOLATION: %s", gShared->Text);
+    EndRun(kViolated);
+}
+
+// ---- Hooks -------------------------------------------------------------------------------------------
+
+void BeforeAccess(const volatile void *address, bool write, const void *pc) {
+    gInScheduler = false;
+    CountStep();
+    Word *word = WordAt(address);
+    if (!word->Ignored) {
+        Actor &actor = gActors[gRun.Current];
+        if (word->Contended) {
+            if (write) gRun.SpinsAlone = false;
+            const bool mustGive = ++gRun.StepsInARow > kFairSteps;
+            if (mustGive) gRun.StepsInARow = 0;
+            if (!gRun.SpinsAlone && !Decide(true, mustGive)) {
+                Trace(pc, "S%u stopped before it %s %s", gRun.Current, write ? "writes" : "reads",
+                      NameOf(address).c_str());
+                actor.Useful = mustGive;
+                actor.Pending = address;
+                actor.PendingWrite = write;
+                Leave();
+            }
+            Trace(pc, "S%u %s %s", gRun.Current, write ? "writes" : "reads", NameOf(address).c_str());
+        }
+        for (Actor &other : gActors)
+            if (other.Pending == address && (write || other.PendingWrite)) other.Useful = true;
+        if (gSearching) (write ? word->Writers : word->Readers) |= static_cast<uint8_t>(1u << gRun.Current);
+    }
+    gInScheduler = true;
+}
+
+void WhileSpinning() {
+    gInScheduler = false;
+    CountStep();
+    FlushStores();
+    if (!Decide(true, true)) {
+        Trace(nullptr, "S%u spins", gRun.Current);
+        Leave();
+        gRun.SpinsAlone = false;
+    } else {
+        gRun.SpinsAlone = true;
+    }
+    gInScheduler = true;
+}
+
+// ---- Store buffers -----------------------------------------------------------------------------------
+
+namespace {
+struct BufferedStore {
+    volatile void *Address;
+    uint64_t Value;
+    uint32_t Bytes;
+    uint32_t Owner;
+};
+BufferedStore gStores[256];
+}  // namespace
+
+void BufferStore(volatile void *address, uint64_t value, uint32_t bytes) {
+    if (gBuffered == 256) FlushStores();
+    gStores[gBuffered++] = {address, value, bytes, gRun.Current};
+}
+
+bool ReadBuffered(const volatile void *address, uint64_t *value) {
+    for (uint32_t i = gBuffered; i-- > 0;) {
+        if (gStores[i].Address != address || gStores[i].Owner != gRun.Current) continue;
+        *value = gStores[i].Value;
+        return true;
+    }
+    return false;
+}
+
+// Those of the running scheduler become visible, in their order.
+void FlushStores() {
+    uint32_t kept = 0;
+    const uint32_t count = gBuffered;
+    const bool running = gInScheduler;
+    for (uint32_t i = 0; i < count; ++i) {
+        BufferedStore store = gStores[i];
+        if (store.Owner != gRun.Current) {
+            gStores[kept++] = store;
+            continue;
+        }
+        gBuffered = count;
+        gInScheduler = false;
+        Word *word = WordAt(store.Address);
+        word->Writers |= static_cast<uint8_t>(1u << gRun.Current);
+        for (Actor &other : gActors)
+            if (other.Pending == store.Address) other.Useful = true;
+        switch (store.Bytes) {
+            case 1: *static_cast<volatile uint8_t *>(store.Address) = static_cast<uint8_t>(store.Value); break;
+            case 2: *static_cast<volatile uint16_t *>(store.Address) = static_cast<uint16_t>(store.Value); break;
+            case 4: *static_cast<volatile uint32_t *>(store.Address) = static_cast<uint32_t>(store.Value); break;
+            default: *static_cast<volatile uint64_t *>(store.Address) = store.Value; break;
+        }
+    }
+    gBuffered = kept;
+    gInScheduler = running;
+}
+
+void FlushIfBuffered(const void *address, size_t bytes) {
+    const auto *at = static_cast<const char *>(address);
+    for (uint32_t i = 0; i < gBuffered; ++i) {
+        const auto *stored = const_cast<const char *>(static_cast<volatile char *>(gStores[i].Address));
+        if (gStores[i].Owner == gRun.Current && stored < at + bytes && at < stored + gStores[i].Bytes) {
+            FlushStores();
+            return;
+        }
+    }
+}
+
+}  // namespace zvx::model
+
+// ---- Command line ------------------------------------------------------------------------------------
+
+using namespace zvx::model;
+
+int main(int argc, char **argv) {
+    bool wide = false;
+    bool expectViolation = false;
+    const char *name = nullptr;
+    double limit = 0;
+    long preemptions = -1;
+    long turns = -1;
+    long ticks = -1;
+    for (int i = 1; i < argc; ++i) {
+        const std::string option = argv[i];
+        const bool more = i + 1 < argc;
+        if (option == "--wide") {
+            wide = true;
+        } else if (option == "--buffers") {
+            gBuffering = true;
+        } else if (option == "--expect-violation") {
+            expectViolation = true;
+        } else if (option == "--preemptions" && more) {
+            preemptions = std::atol(argv[++i]);
+        } else if (option == "--turns" && more) {
+            turns = std::atol(argv[++i]);
+        } else if (option == "--ticks" && more) {
+            ticks = std::atol(argv[++i]);
+        } else if (option == "--seconds" && more) {
+            limit = std::atof(argv[++i]);
+        } else {
+            name = argv[i];
+        }
+    }
+    for (uint32_t i = 0; name != nullptr && i < gNumScenarios; ++i)
+        if (std::strcmp(gScenarios[i].Name, name) == 0) gScenario = &gScenarios[i];
+    if (gScenario == nullptr) {
+        std::printf(
+            "usage: %s SCENARIO [--wide] [--preemptions N] [--turns N] [--ticks N] [--buffers] [--seconds N]\n"
+            "       [--expect-violation]\nscenarios:",
+            argv[0]);
+        for (uint32_t i = 0; i < gNumScenarios; ++i) std::printf(" %s", gScenarios[i].Name);
+        std::printf("\n");
+        return 2;
+    }
+    void *memory = mmap(nullptr, sizeof(SharedState), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) return 1;
+    gShared = static_cast<SharedState *>(memory);
+    gBounds = wide ? gScenario->Wide : gScenario->Quick;
+    if (preemptions >= 0) gBounds.Preemptions = static_cast<uint32_t>(preemptions);
+    if (turns >= 0) gBounds.Turns = static_cast<uint32_t>(turns);
+    if (ticks >= 0) gBounds.Ticks = static_cast<uint32_t>(ticks);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    BuildScenario();
+    const Outcome outcome = Search(limit);
+    if (outcome >= kViolated) {
+        std::printf("%s: %s\n", expectViolation ? "as expected" : "violated", gShared->Text);
+        if (!expectViolation) PrintRun();
+    }
+    return (outcome >= kViolated) == expectViolation ? 0 : 1;
+}

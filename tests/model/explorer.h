@@ -1,0 +1,85 @@
+// tests/model/explorer.h - runs the library's own code under every schedule of a few schedulers, up to a bound.
+//
+// The library is compiled a second time with the compiler's instrumentation for race detection, but the functions
+// that it calls are the explorer's own: so every atomic operation of the real code is a place where another scheduler
+// may come in between. Schedulers are fibers of one kernel thread on the scripted operating system; one runs at a time.
+//
+// A run is a list of choices. The parent process builds the scenario once; each run is a fork of it that follows the
+// choices of a prefix and then takes the first option every time, noting how many there were. The parent goes on with
+// the last choice that has an option left, until none has: a depth-first search.
+//
+// Where there is a choice:
+//   - before an access to a word that two schedulers share and one of them writes. Which words those are is learned:
+//   the
+//     search starts again when a run has found a new one. Going on costs nothing, switching to another scheduler costs
+//     one preemption;
+//   - before the lock of the ports' queues, which stands for the operating system's calls about ports;
+//   - when a scheduler blocks in its port or spins: the next in turn, or at the cost of one turn another;
+//   - an event of the scenario (an operation ends) may come in instead, at the price of a preemption, or of a turn
+//     where nobody runs. A wait in a port may time out early, at the price of a preemption and a tick.
+//
+// A preemption that turns out to have been in vain is cut off: if nobody touched the word that the preempted scheduler
+// was about to use, the same run is reached by preempting it later.
+//
+// What is seen is every interleaving of whole operations (sequential consistency); orders that only the processor's
+// store buffers allow are seen with the option "buffers", where stores that are not sequentially consistent stay unseen
+// by others until the next locked operation or fence.
+#ifndef ZVX_TESTS_MODEL_EXPLORER_H
+#define ZVX_TESTS_MODEL_EXPLORER_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "sched/records.h"
+
+namespace zvx::model {
+
+struct Bounds {
+    uint32_t Preemptions;
+    uint32_t Turns;  // where nobody can go on running: how often another than the next in turn is taken
+    uint32_t Ticks;  // waits in a port that may end early because time passes while others run
+};
+
+// Setup runs once, in the parent, with an initialised library. Finished is asked when every scheduler is blocked in its
+// port and nothing will end the wait but the time; until it says true time passes, which is bounded. Check then looks
+// at the outcome. None of them may be preempted.
+struct Scenario {
+    const char *Name;
+    void (*Setup)();
+    bool (*Finished)();
+    void (*Check)();
+    Bounds Quick;
+    Bounds Wide;
+};
+extern const Scenario gScenarios[];
+extern const uint32_t gNumScenarios;
+
+// ---- For Setup ---------------------------------------------------------------------------------------
+
+// A scheduler of the fixture that takes part; the first has index 0. At most four.
+Scheduler *AddScheduler();
+// Something that happens by itself, once, when `enabled` says that it can; seen by schedulers through `word`.
+void AddEvent(const char *name, std::function<bool()> enabled, std::function<void()> fire, const void *word);
+// Lets everybody run until all are blocked, without any choice. The search starts afterwards, with nobody blocked.
+void RunToRest();
+// `word` is no part of a protocol: no choices there.
+void Ignore(const void *word);
+// How `word` is called in the list of a failing schedule.
+void NameWord(const void *word, const std::string &name);
+void NameFiber(const Fiber *F, const std::string &name);
+
+// ---- Anywhere ----------------------------------------------------------------------------------------
+
+// From a user thread: another scheduler may come in here.
+void MayStop();
+// The property does not hold: ends the run, and the search.
+[[noreturn]] void Violation(const char *format, ...) __attribute__((format(printf, 1, 2)));
+#define MUST(condition)                                                                              \
+    do {                                                                                             \
+        if (!(condition)) ::zvx::model::Violation("%s:%d: %s", __FILE_NAME__, __LINE__, #condition); \
+    } while (0)
+
+}  // namespace zvx::model
+
+#endif  // ZVX_TESTS_MODEL_EXPLORER_H
