@@ -132,7 +132,7 @@ void PostFirstWaiter(FIBER_CRITICAL_SECTION *r, Fiber *F, PostMode mode) {
         first = ZVX_RECORD_OF(FirstLink(&r->Waiters), Fiber, CritSecWaitLink);
         generation = Generation(first);
     }
-    if (Generation(first) == generation) Post(first, mode, F, POST_SECTION);
+    Post(first, generation, mode, F, POST_SECTION);
 }
 
 // The waiter is terminated or interrupted. It may have been posted already, and nobody else would be: if the section is

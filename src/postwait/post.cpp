@@ -40,12 +40,13 @@ BOOL SignalEvent(HANDLE event) {
     return os::SetEvent(event) || os::GetLastError() == ERROR_INVALID_HANDLE;
 }
 
-// The user thread that an event stands for, or null when the operating system's event is to be set: the handle is not
-// known, stands for something else, or for a thread that has ended.
-Fiber *PostTarget(HANDLE event) {
+// The user thread that an event stands for, with its generation, or null when the operating system's event is to be
+// set: the handle is not known, stands for something else, or for a thread that has ended.
+Fiber *PostTarget(HANDLE event, uint32_t *generation) {
     const PSEHAND *entry = LookUpHandle(event);
     if (entry == nullptr || entry->Type != PHAND_HTYPE_PostEventHandle || entry->OwnerFiber == nullptr) return nullptr;
-    return Generation(entry->OwnerFiber) == entry->OwnerGeneration ? entry->OwnerFiber : nullptr;
+    *generation = entry->OwnerGeneration;
+    return Generation(entry->OwnerFiber) == *generation ? entry->OwnerFiber : nullptr;
 }
 
 int SignalAll(const HANDLE *events) {
@@ -56,19 +57,22 @@ int SignalAll(const HANDLE *events) {
 
 }  // namespace
 
-uint32_t Post(Fiber *T, PostMode mode, Fiber *P, uint32_t postBit) {
+uint32_t Post(Fiber *T, uint32_t generation, PostMode mode, Fiber *P, uint32_t postBit) {
     Scheduler *to = T->Sched.load(std::memory_order_acquire);
     Scheduler *from = SchedOf(P);
     if (to == nullptr) return 0;
     CountOne(&from->Posts);
     NoteTimeline(from, kTimelinePost, T, postBit);
     if (to == from) {
+        // After Sched: a record that is on its way here as another thread's has the new generation by then.
+        if (Generation(T) != generation) [[unlikely]]
+            return 0;
         const uint32_t queue = SetPost(to, T, postBit);
         if (queue != kNotWoken && mode == kPostSingle) HandOver(to, T, queue, P);
         return 0;
     }
     FIBER_MESSAGE *batch = from->PendingPosts[to->Index];
-    if (mode != kPostMultiple && batch == nullptr && PostByLane(from, to, T, Generation(T), postBit)) return 0;
+    if (mode != kPostMultiple && batch == nullptr && PostByLane(from, to, T, generation, postBit)) return 0;
     if (batch == nullptr) {
         batch = AllocMessage(from, to, MSG_POST);
         batch->PostBit = static_cast<uint16_t>(postBit);
@@ -76,7 +80,7 @@ uint32_t Post(Fiber *T, PostMode mode, Fiber *P, uint32_t postBit) {
     }
     // The generation goes along, so that a record that is reused before the message arrives is left alone.
     batch->Fibers[batch->Count] = T;
-    *GenerationOfTarget(batch, batch->Count) = Generation(T);
+    *GenerationOfTarget(batch, batch->Count) = generation;
     batch->Count++;
     if (mode == kPostMultiple && batch->Count < 16) return to->BitMaskId;
     SendBatch(from, to->Index);
@@ -85,9 +89,10 @@ uint32_t Post(Fiber *T, PostMode mode, Fiber *P, uint32_t postBit) {
 
 BOOL PostUserThread(HANDLE event) {
     Fiber *P = CallingFiber();
-    Fiber *T = P != nullptr ? PostTarget(event) : nullptr;
+    uint32_t generation = 0;
+    Fiber *T = P != nullptr ? PostTarget(event, &generation) : nullptr;
     if (T == nullptr) return SignalEvent(event);
-    Post(T, kPostSingle, P, POST_HOST);
+    Post(T, generation, kPostSingle, P, POST_HOST);
     return TRUE;
 }
 
@@ -98,8 +103,9 @@ int PostMultipleUserThreads(const HANDLE *events) {
     uint32_t waiting = 0;
     int failed = -1;
     for (int i = 0; events[i] != nullptr; ++i) {
-        if (Fiber *T = PostTarget(events[i])) {
-            waiting |= Post(T, kPostMultiple, P, POST_HOST);
+        uint32_t generation = 0;
+        if (Fiber *T = PostTarget(events[i], &generation)) {
+            waiting |= Post(T, generation, kPostMultiple, P, POST_HOST);
         } else if (!SignalEvent(events[i])) {
             failed = i;
             break;

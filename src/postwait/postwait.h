@@ -17,9 +17,10 @@ enum PostMode : uint32_t {
     kPostQuiet,     // never hands over: the poster is in the middle of something
 };
 
-// Posts T on behalf of P, which is the caller and may yield with kPostSingle. The BitMaskId of T's scheduler when a
-// batch for it is waiting in the poster's PendingPosts, else 0.
-uint32_t Post(Fiber *T, PostMode mode, Fiber *P, uint32_t postBit);
+// Posts T on behalf of P, which is the caller and may yield with kPostSingle. `generation` is the one under which T was
+// found: T may end at any time, and its record become another thread's, to which nothing happens. The BitMaskId of T's
+// scheduler when a batch for it is waiting in the poster's PendingPosts, else 0.
+uint32_t Post(Fiber *T, uint32_t generation, PostMode mode, Fiber *P, uint32_t postBit);
 // Waits until F, the caller, has one of the posts in `postBits`, and consumes it: 0, or 258 when the time is up. With
 // `cleanup` the wait is undone by a function of its own when F is terminated or interrupted; without, the caller's
 // registered function calls PostWaiterCleanup, args[0] being `postBits`.

@@ -124,11 +124,20 @@ TEST_F(PostWaitCall, ALaneThatIsFullGoesOnAsMessages) {
         RunUntilIdle(Other);
         EXPECT_EQ(TakeNotes(), Names{"again"});
     }
-    HANDLE event = Waiter(Other, "never", "SHAD", 2);
-    Fiber *T = LookUpHandle(event)->OwnerFiber;
-    EXPECT_TRUE(PostByLane(S, Other, T, Generation(T) + 1, POST_HOST));
-    RunUntilIdle(Other);
-    EXPECT_TRUE(TakeNotes().empty());
+}
+
+// A post takes the generation under which its target was found. It used to read it again when it sent: a thread that
+// had ended in between, and whose record was another thread's by then, made that one's next wait end.
+TEST_F(PostWaitCall, AThreadThatGotTheRecordIsNotPosted) {
+    for (Scheduler *home : {S, Other}) {
+        Fiber *T = LookUpHandle(Waiter(home, "never"))->OwnerFiber;
+        Run([&](Fiber *P) {
+            for (PostMode mode : {kPostSingle, kPostMultiple, kPostQuiet}) Post(T, Generation(T) - 1, mode, P, POST_HOST);
+        });
+        RunUntilIdle(Other);
+        EXPECT_TRUE(TakeNotes().empty());
+        EXPECT_EQ(T->PostPending, 0u);
+    }
 }
 
 TEST_F(PostWaitCall, AListIsSentInBatchesOfSixteen) {
