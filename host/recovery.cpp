@@ -224,9 +224,11 @@ std::vector<SegmentFile> OpenSegments() {
             Refuse("%s: %s", PathOf(file.Name).c_str(), ReasonOf(GetLastError()).c_str());
         }
         LARGE_INTEGER size{};
-        GetFileSizeEx(file.Opened.File, &size);
+        if (!GetFileSizeEx(file.Opened.File, &size)) Damaged(file.Name, 0, ReasonOf(GetLastError()).c_str());
         size_t got = 0;
-        ReadBlocks(file.Opened.File, 0, reinterpret_cast<char *>(&file.Header), sizeof file.Header, &got);
+        const DWORD error =
+            ReadBlocks(file.Opened.File, 0, reinterpret_cast<char *>(&file.Header), sizeof file.Header, &got);
+        if (error != ERROR_SUCCESS) Damaged(file.Name, 0, ReasonOf(error).c_str());
         const bool good = got == sizeof file.Header && file.Header.Magic == kSegmentMagic &&
                           file.Header.Crc == HeaderCrc(file.Header) &&
                           static_cast<uint64_t>(size.QuadPart) % kLogBlock == 0;
@@ -257,7 +259,8 @@ void ReadSegment(const SegmentFile &file, std::vector<char> *data) {
     data->resize(file.Opened.Bytes);
     size_t got = 0;
     const DWORD error = ReadBlocks(file.Opened.File, 0, data->data(), data->size(), &got);
-    if (error != ERROR_SUCCESS || got != data->size()) Damaged(file.Name, got, "cannot be read");
+    if (error != ERROR_SUCCESS) Damaged(file.Name, got, ReasonOf(error).c_str());
+    if (got != data->size()) Damaged(file.Name, got, "the file ends here");
 }
 
 void ReplayLog(const std::vector<SegmentFile> &files, Recovered *result) {
@@ -328,7 +331,8 @@ bool OpenCheckpoint() {
     }
     std::vector<char> page(kPage);
     size_t got = 0;
-    ReadBlocks(gJob.File, 0, page.data(), kPage, &got);
+    const DWORD error = ReadBlocks(gJob.File, 0, page.data(), kPage, &got);
+    if (error != ERROR_SUCCESS) Damaged(name, 0, ReasonOf(error).c_str());
     const char *const wrong = got < kPage ? "the file ends here" : CheckPage(page.data(), 0, 0);
     if (wrong != nullptr) Damaged(name, 0, wrong);
     PageHeader header;

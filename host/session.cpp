@@ -339,7 +339,13 @@ void FreeSession(Session *session) {
 SOCKET OpenListener(uint32_t *port) {
     WSADATA data;
     WSAStartup(0x0202, &data);
+    const auto refuse = [](int error) {
+        Refuse("cannot listen on %s:%u: %s", gOptions.Bind.c_str(), gOptions.Port,
+               error == static_cast<int>(WSAEADDRINUSE) ? "the address is in use"
+                                                        : ("error " + std::to_string(error)).c_str());
+    };
     const SOCKET listener = socket(AF_INET, SOCK_STREAM, 0);
+    if (listener == INVALID_SOCKET) refuse(WSAGetLastError());
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(gOptions.Port));
@@ -357,12 +363,9 @@ SOCKET OpenListener(uint32_t *port) {
     set(IPPROTO_TCP, TCP_KEEPINTVL, interval);
     set(IPPROTO_TCP, TCP_KEEPCNT, probes);
     int length = sizeof address;
-    if (listener == INVALID_SOCKET || bind(listener, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+    if (bind(listener, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
         listen(listener, 4096) != 0 || getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
-        const int error = WSAGetLastError();
-        Refuse("cannot listen on %s:%u: %s", gOptions.Bind.c_str(), gOptions.Port,
-               error == static_cast<int>(WSAEADDRINUSE) ? "the address is in use"
-                                                        : ("error " + std::to_string(error)).c_str());
+        refuse(WSAGetLastError());
     }
     *port = ntohs(address.sin_port);
     return listener;
