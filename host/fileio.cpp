@@ -1,6 +1,7 @@
 // host/fileio.cpp - writes and reads that are split in steps and run side by side.
 #include "fileio.h"
 
+#include <atomic>
 #include <cstring>
 #include <memory>
 
@@ -103,21 +104,31 @@ DWORD ReadBlocks(HANDLE file, uint64_t offset, char *data, size_t size, size_t *
 
 namespace {
 
-DWORD WINAPI BlockingThread(LPVOID call) {
-    return (*static_cast<const std::function<DWORD()> *>(call))();
+struct BlockingCall {
+    const std::function<DWORD()> &Call;
+    DWORD Result = 0;
+    std::atomic<bool> Done{false};  // the thread's last touch
+};
+
+DWORD WINAPI BlockingThread(LPVOID argument) {
+    auto *const call = static_cast<BlockingCall *>(argument);
+    call->Result = call->Call();
+    call->Done.store(true, std::memory_order_release);
+    return 0;
 }
 
 }  // namespace
 
-DWORD RunBlocking(const std::function<DWORD()> &call) {
-    const HANDLE thread = CreateRemoteThread(GetCurrentProcess(), nullptr, 0, BlockingThread,
-                                             const_cast<void *>(static_cast<const void *>(&call)), 0, nullptr);
-    if (thread == nullptr) return call();
-    DWORD result = 0;
-    WaitForSingleObject(thread, INFINITE);
-    GetExitCodeThread(thread, &result);
+DWORD RunBlocking(const std::function<DWORD()> &function) {
+    BlockingCall call{function};
+    const HANDLE thread = CreateRemoteThread(GetCurrentProcess(), nullptr, 0, BlockingThread, &call, 0, nullptr);
+    if (thread == nullptr) return function();
+    // Whatever the wait says: the thread works with what lies on this stack.
+    while (!call.Done.load(std::memory_order_acquire)) {
+        if (WaitForSingleObject(thread, INFINITE) != WAIT_OBJECT_0) Sleep(1);
+    }
     CloseHandle(thread);
-    return result;
+    return call.Result;
 }
 
 }  // namespace host
