@@ -191,7 +191,8 @@ void WriteDumpOnHelperThread(const char *name) {
         return;
     }
     DWORD code = 0;
-    while (os::GetExitCodeThread(thread, &code) && code == STILL_ACTIVE) {
+    // It reads the name, which is the caller's, so no failure ends the wait.
+    while (!os::GetExitCodeThread(thread, &code) || code == STILL_ACTIVE) {
         // Not for ever at a time: the handle is asked, and not believed to be signalled.
         if (os::WaitForSingleObject(thread, kStepMs) == WAIT_FAILED) os::Sleep(kStepMs);
     }
