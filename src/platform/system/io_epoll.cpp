@@ -46,8 +46,10 @@ epoll_event EventOf(const IoObject *object) {
     return event;
 }
 
-// Enters the object in the set. The set forgot what had the number before when that was closed.
-void Watch(EpollState *state, Stream *stream, const IoObject *object) {
+// Enters the object in the set. The set forgot what had the number before when that was closed. False when the kernel
+// has no room for it now. What it cannot watch at all goes to the file threads; nothing else may, because an operation
+// that waits there for its peer can be neither cancelled nor ended.
+bool Watch(EpollState *state, Stream *stream, const IoObject *object) {
     // From now on it is tried before it is waited for. Only overlapped handles come here, so no blocking call is hurt,
     // and a ring of another thread waits for such a descriptor all the same. Sockets are told with each call.
     const int flags = object->Type == ObjectType::kSocket ? O_NONBLOCK : fcntl(object->Fd, F_GETFL);
@@ -58,8 +60,9 @@ void Watch(EpollState *state, Stream *stream, const IoObject *object) {
     if (errno == 0) result = epoll_ctl(state->SetFd, EPOLL_CTL_ADD, object->Fd, &event);
     // Still there under its old name when a child process kept the descriptor open.
     if (result != 0 && errno == EEXIST) result = epoll_ctl(state->SetFd, EPOLL_CTL_MOD, object->Fd, &event);
-    stream->Watched = true;
-    stream->Refused = result != 0;
+    stream->Refused = result != 0 && errno == EPERM;
+    stream->Watched = result == 0 || stream->Refused;
+    return stream->Watched;
 }
 
 // Makes the kernel report the descriptor once more if it is ready.
@@ -170,11 +173,10 @@ bool EpollStart(Engine *engine, Request *request) {
     IoObject *object = DescriptorOf(request->Call);
     if (request->Call.Kind == RequestKind::kAccept) NeverBlock(object);  // accepting has no flag of its own for that
     Stream *stream = object->Pollable ? StreamOf(engine, object) : nullptr;
-    if (stream == nullptr && object->Pollable) {
+    if (object->Pollable && (stream == nullptr || (!stream->Watched && !Watch(state, stream, object)))) {
         request->Status = StatusOfError(ERROR_NOT_ENOUGH_MEMORY);
         return true;
     }
-    if (stream != nullptr && !stream->Watched) Watch(state, stream, object);
     if (stream == nullptr || stream->Refused) {
         PoolSubmit(request);
         return false;
