@@ -25,10 +25,6 @@
 
 namespace zvx::model {
 
-bool gInScheduler;
-bool gBuffering;
-uint32_t gBuffered;
-
 namespace script = os::script;
 
 namespace {
@@ -38,7 +34,7 @@ constexpr uint32_t kMaxWords = 4096;
 constexpr uint32_t kMaxActors = 4;
 constexpr uint32_t kMaxIdleMs = 5000;    // of model time, without an end: the scenario hangs
 constexpr uint32_t kMaxSteps = 400'000;  // accesses of one run: it goes round in circles
-constexpr uint32_t kFairSteps = 200;     // accesses after which the others get their turn
+constexpr uint32_t kFairSteps = 100;     // accesses after which the others get their turn
 constexpr uint64_t kNever = UINT64_MAX;
 
 enum Outcome : int { kPassed = 0, kCutOff = 10, kViolated = 11, kDiffers = 12 };
@@ -108,6 +104,8 @@ struct Actor {
     const volatile void *Pending;
     bool PendingWrite;
     bool Useful;
+    bool Spins;  // since its latest write
+    uint32_t SpinWrites;
 };
 Actor gActors[kMaxActors];
 uint32_t gNumActors;
@@ -128,7 +126,8 @@ struct RunState {
     uint32_t Ticks = 0;
     uint32_t Steps = 0;
     uint32_t StepsInARow = 0;
-    bool SpinsAlone = false;  // it looks at the same words again and again while nobody can run: no new choices
+    uint32_t Writes = 0;  // and events: what a spinning scheduler waits for
+    bool Quiet = false;   // it looks at the same words again, and nobody has written any: no choices
 } gRun;
 
 Bounds gBounds;
@@ -190,9 +189,10 @@ bool HasNews(const Actor &actor) {
     return os::IoNeedsAttention(actor.S->Io) || script::QueuedPackets(actor.S->Port) != 0;
 }
 
-// One place where somebody else may go on: an actor, an actor whose wait ends early, an event, or the running one.
+// How it may go on: the running actor, another one, one whose wait ends early, an event, or time that passes because
+// nobody can.
 struct Option {
-    enum Kind : uint8_t { kGoOn, kSwitch, kTick, kEvent } What;
+    enum Kind : uint8_t { kGoOn, kSwitch, kTick, kEvent, kPass } What;
     uint8_t Index;
 };
 
@@ -201,6 +201,7 @@ void Fire(uint32_t index) {
     Trace(nullptr, "    event: %s", event.Name);
     event.Fired = true;
     event.Fire();
+    gRun.Writes++;
     for (Actor &actor : gActors) actor.Useful = true;
 }
 
@@ -224,9 +225,11 @@ bool Decide(bool canGoOn, bool mustGive) {
                 if (i == gRun.Current && canGoOn) continue;
                 if (gActors[i].State == kReady || HasNews(gActors[i])) options[n++] = {Option::kSwitch, i};
             }
+            const bool nobody = !canGoOn && n == 0;
             for (uint8_t i = 0; i < gEvents.size(); ++i)
                 if (!gEvents[i].Fired && gEvents[i].Enabled()) options[n++] = {Option::kEvent, i};
-            if (gRun.Ticks < gBounds.Ticks && (paid || (!canGoOn && n != 0))) {
+            if (nobody && n != 0) options[n++] = {Option::kPass, 0};
+            if (gRun.Ticks < gBounds.Ticks && !nobody && (paid || (!canGoOn && n != 0))) {
                 for (uint8_t i = 0; i < gNumActors; ++i)
                     if (gActors[i].State == kBlocked && !HasNews(gActors[i])) options[n++] = {Option::kTick, i};
             }
@@ -235,7 +238,7 @@ bool Decide(bool canGoOn, bool mustGive) {
             gRun.Next = kMaxActors;
             return canGoOn;
         }
-        if (!paid && gRun.Turns == gBounds.Turns) n = 1;
+        if (!paid && (gRun.Quiet || gRun.Turns == gBounds.Turns)) n = 1;
         const uint32_t which = Choose(n);
         const Option taken = options[which];
         if (taken.What == Option::kGoOn) return true;
@@ -243,6 +246,10 @@ bool Decide(bool canGoOn, bool mustGive) {
             gRun.Preemptions++;
         else if (which != 0)
             gRun.Turns++;
+        if (taken.What == Option::kPass) {
+            gRun.Next = kMaxActors;
+            return false;
+        }
         if (taken.What == Option::kEvent) {
             Fire(taken.Index);
             continue;
@@ -614,10 +621,14 @@ void BeforeAccess(const volatile void *address, bool write, const void *pc) {
     if (!word->Ignored) {
         Actor &actor = gActors[gRun.Current];
         if (word->Contended) {
-            if (write) gRun.SpinsAlone = false;
+            if (write) {
+                actor.Spins = false;
+                gRun.Writes++;
+            }
+            const bool again = actor.Spins && actor.SpinWrites == gRun.Writes;
             const bool mustGive = ++gRun.StepsInARow > kFairSteps;
             if (mustGive) gRun.StepsInARow = 0;
-            if (!gRun.SpinsAlone && !Decide(true, mustGive)) {
+            if (!again && !Decide(true, mustGive)) {
                 Trace(pc, "S%u stopped before it %s %s", gRun.Current, write ? "writes" : "reads",
                       NameOf(address).c_str());
                 actor.Useful = mustGive;
@@ -638,79 +649,30 @@ void WhileSpinning() {
     gInScheduler = false;
     CountStep();
     FlushStores();
-    if (!Decide(true, true)) {
+    Actor &actor = gActors[gRun.Current];
+    gRun.Quiet = actor.Spins && actor.SpinWrites == gRun.Writes;
+    actor.Spins = true;
+    actor.SpinWrites = gRun.Writes;
+    const bool goesOn = Decide(true, true);
+    gRun.Quiet = false;
+    if (!goesOn) {
         Trace(nullptr, "S%u spins", gRun.Current);
         Leave();
-        gRun.SpinsAlone = false;
-    } else {
-        gRun.SpinsAlone = true;
     }
     gInScheduler = true;
 }
 
 // ---- Store buffers -----------------------------------------------------------------------------------
 
-namespace {
-struct BufferedStore {
-    volatile void *Address;
-    uint64_t Value;
-    uint32_t Bytes;
-    uint32_t Owner;
-};
-BufferedStore gStores[256];
-}  // namespace
-
-void BufferStore(volatile void *address, uint64_t value, uint32_t bytes) {
-    if (gBuffered == 256) FlushStores();
-    gStores[gBuffered++] = {address, value, bytes, gRun.Current};
+uint32_t RunningScheduler() {
+    return gRun.Current;
 }
 
-bool ReadBuffered(const volatile void *address, uint64_t *value) {
-    for (uint32_t i = gBuffered; i-- > 0;) {
-        if (gStores[i].Address != address || gStores[i].Owner != gRun.Current) continue;
-        *value = gStores[i].Value;
-        return true;
-    }
-    return false;
-}
-
-// Those of the running scheduler become visible, in their order.
-void FlushStores() {
-    uint32_t kept = 0;
-    const uint32_t count = gBuffered;
-    const bool running = gInScheduler;
-    for (uint32_t i = 0; i < count; ++i) {
-        BufferedStore store = gStores[i];
-        if (store.Owner != gRun.Current) {
-            gStores[kept++] = store;
-            continue;
-        }
-        gBuffered = count;
-        gInScheduler = false;
-        Word *word = WordAt(store.Address);
-        word->Writers |= static_cast<uint8_t>(1u << gRun.Current);
-        for (Actor &other : gActors)
-            if (other.Pending == store.Address) other.Useful = true;
-        switch (store.Bytes) {
-            case 1: *static_cast<volatile uint8_t *>(store.Address) = static_cast<uint8_t>(store.Value); break;
-            case 2: *static_cast<volatile uint16_t *>(store.Address) = static_cast<uint16_t>(store.Value); break;
-            case 4: *static_cast<volatile uint32_t *>(store.Address) = static_cast<uint32_t>(store.Value); break;
-            default: *static_cast<volatile uint64_t *>(store.Address) = store.Value; break;
-        }
-    }
-    gBuffered = kept;
-    gInScheduler = running;
-}
-
-void FlushIfBuffered(const void *address, size_t bytes) {
-    const auto *at = static_cast<const char *>(address);
-    for (uint32_t i = 0; i < gBuffered; ++i) {
-        const auto *stored = const_cast<const char *>(static_cast<volatile char *>(gStores[i].Address));
-        if (gStores[i].Owner == gRun.Current && stored < at + bytes && at < stored + gStores[i].Bytes) {
-            FlushStores();
-            return;
-        }
-    }
+void NoteDelayedStore(const volatile void *address) {
+    if (gSearching) WordAt(address)->Writers |= static_cast<uint8_t>(1u << gRun.Current);
+    gRun.Writes++;
+    for (Actor &other : gActors)
+        if (other.Pending == address) other.Useful = true;
 }
 
 }  // namespace zvx::model

@@ -9,6 +9,76 @@
 
 #include "platform/os.h"
 
+namespace zvx::model {
+
+bool gInScheduler;
+bool gBuffering;
+uint32_t gBuffered;
+
+namespace {
+
+struct DelayedStore {
+    volatile void *Address;
+    uint64_t Value;
+    uint32_t Bytes;
+    uint32_t Owner;
+};
+constexpr uint32_t kMostDelayed = 256;
+DelayedStore gDelayed[kMostDelayed];
+
+void DelayStore(volatile void *address, uint64_t value, uint32_t bytes) {
+    if (gBuffered == kMostDelayed) FlushStores();
+    gDelayed[gBuffered++] = {address, value, bytes, RunningScheduler()};
+}
+
+bool ReadDelayed(const volatile void *address, uint64_t *value) {
+    for (uint32_t i = gBuffered; i-- > 0;) {
+        if (gDelayed[i].Address != address || gDelayed[i].Owner != RunningScheduler()) continue;
+        *value = gDelayed[i].Value;
+        return true;
+    }
+    return false;
+}
+
+// A plain store to memory that a delayed one goes to comes after it.
+void BeforePlainStore(const void *address, size_t bytes) {
+    const auto *at = static_cast<const char *>(address);
+    for (uint32_t i = 0; i < gBuffered; ++i) {
+        const auto *delayed = const_cast<const char *>(static_cast<volatile char *>(gDelayed[i].Address));
+        if (gDelayed[i].Owner != RunningScheduler() || delayed >= at + bytes || at >= delayed + gDelayed[i].Bytes)
+            continue;
+        FlushStores();
+        return;
+    }
+}
+
+}  // namespace
+
+void FlushStores() {
+    const bool running = gInScheduler;
+    gInScheduler = false;
+    const uint32_t count = gBuffered;
+    uint32_t kept = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        const DelayedStore store = gDelayed[i];
+        if (store.Owner != RunningScheduler()) {
+            gDelayed[kept++] = store;
+            continue;
+        }
+        NoteDelayedStore(store.Address);
+        switch (store.Bytes) {
+            case 1: *static_cast<volatile uint8_t *>(store.Address) = static_cast<uint8_t>(store.Value); break;
+            case 2: *static_cast<volatile uint16_t *>(store.Address) = static_cast<uint16_t>(store.Value); break;
+            case 4: *static_cast<volatile uint32_t *>(store.Address) = static_cast<uint32_t>(store.Value); break;
+            default: *static_cast<volatile uint64_t *>(store.Address) = store.Value; break;
+        }
+    }
+    gBuffered = kept;
+    gInScheduler = running;
+}
+
+}  // namespace zvx::model
+
 using zvx::model::BeforeAccess;
 using zvx::model::gBuffered;
 using zvx::model::gBuffering;
@@ -33,12 +103,12 @@ inline void BeforeLocked(const volatile void *address, const void *pc) {
     HOOK Int __tsan_atomic##bits##_load(const volatile Int *word, int) {                                          \
         Before(word, false, PC);                                                                                  \
         uint64_t own;                                                                                             \
-        if (gBuffered != 0 && gInScheduler && zvx::model::ReadBuffered(word, &own)) return static_cast<Int>(own); \
+        if (gBuffered != 0 && gInScheduler && zvx::model::ReadDelayed(word, &own)) return static_cast<Int>(own);  \
         return __atomic_load_n(word, __ATOMIC_SEQ_CST);                                                           \
     }                                                                                                             \
     HOOK void __tsan_atomic##bits##_store(volatile Int *word, Int value, int order) {                             \
         if (gBuffering && gInScheduler && order != __ATOMIC_SEQ_CST) {                                            \
-            zvx::model::BufferStore(word, value, sizeof(Int));                                                    \
+            zvx::model::DelayStore(word, value, sizeof(Int));                                                     \
             return;                                                                                               \
         }                                                                                                         \
         BeforeLocked(word, PC);                                                                                   \
@@ -87,20 +157,20 @@ HOOK void __tsan_atomic_thread_fence(int order) {
 }
 HOOK void __tsan_atomic_signal_fence(int) {}
 
-#define FOR_PLAIN(bytes)                                            \
-    HOOK void __tsan_read##bytes(void *) {}                         \
-    HOOK void __tsan_unaligned_read##bytes(void *) {}               \
-    HOOK void __tsan_write##bytes(void *at) {                       \
-        if (gBuffered != 0) zvx::model::FlushIfBuffered(at, bytes); \
-    }                                                               \
-    HOOK void __tsan_unaligned_write##bytes(void *at) {             \
-        if (gBuffered != 0) zvx::model::FlushIfBuffered(at, bytes); \
-    }                                                               \
-    HOOK void __tsan_read_write##bytes(void *at) {                  \
-        __tsan_write##bytes(at);                                    \
-    }                                                               \
-    HOOK void __tsan_unaligned_read_write##bytes(void *at) {        \
-        __tsan_write##bytes(at);                                    \
+#define FOR_PLAIN(bytes)                                                             \
+    HOOK void __tsan_read##bytes(void *) {}                                          \
+    HOOK void __tsan_unaligned_read##bytes(void *) {}                                \
+    HOOK void __tsan_write##bytes(void *at) {                                        \
+        if (gBuffered != 0 && gInScheduler) zvx::model::BeforePlainStore(at, bytes); \
+    }                                                                                \
+    HOOK void __tsan_unaligned_write##bytes(void *at) {                              \
+        if (gBuffered != 0 && gInScheduler) zvx::model::BeforePlainStore(at, bytes); \
+    }                                                                                \
+    HOOK void __tsan_read_write##bytes(void *at) {                                   \
+        __tsan_write##bytes(at);                                                     \
+    }                                                                                \
+    HOOK void __tsan_unaligned_read_write##bytes(void *at) {                         \
+        __tsan_write##bytes(at);                                                     \
     }
 FOR_PLAIN(1)
 FOR_PLAIN(2)
@@ -109,7 +179,7 @@ FOR_PLAIN(8)
 FOR_PLAIN(16)
 HOOK void __tsan_read_range(void *, size_t) {}
 HOOK void __tsan_write_range(void *at, size_t bytes) {
-    if (gBuffered != 0) zvx::model::FlushIfBuffered(at, bytes);
+    if (gBuffered != 0 && gInScheduler) zvx::model::BeforePlainStore(at, bytes);
 }
 HOOK void __tsan_vptr_update(void **, void *) {}
 HOOK void __tsan_vptr_read(void **) {}

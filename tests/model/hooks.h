@@ -9,19 +9,19 @@ namespace zvx::model {
 
 // True while code of a scheduler runs; false in the explorer, where no hook does anything.
 extern bool gInScheduler;
-extern bool gBuffering;  // option "buffers"
-extern uint32_t gBuffered;
+extern bool gBuffering;     // option "buffers"
+extern uint32_t gBuffered;  // stores that are delayed now
 
 // The running scheduler is about to use the word at `address`; returns when it may. `pc` is where.
 void BeforeAccess(const volatile void *address, bool write, const void *pc);
 // It waits for somebody else: a spin lock, a look for messages.
 void WhileSpinning();
 
-// Stores that only their own scheduler sees yet (at most eight bytes each).
-void BufferStore(volatile void *address, uint64_t value, uint32_t bytes);
-bool ReadBuffered(const volatile void *address, uint64_t *value);
+// Option "buffers": stores that only their own scheduler sees become visible, at the latest when it gives the processor
+// away.
 void FlushStores();
-void FlushIfBuffered(const void *address, size_t bytes);
+uint32_t RunningScheduler();
+void NoteDelayedStore(const volatile void *address);
 
 }  // namespace zvx::model
 

@@ -89,6 +89,15 @@ HANDLE NewEvent() {
     return os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
 }
 
+Fiber *gTarget;
+bool gTargetGone;
+uint32_t gRoutineRuns;
+void CountRun() {
+    MUST(os::GetFiberData() == gTarget && !gTargetGone);
+    Sleep(4);
+    gRoutineRuns++;
+}
+
 bool AllEnded() {
     return gEnded == gToEnd;
 }
@@ -251,6 +260,14 @@ void SectionAndPost() {
     AddFiber(1, "far 2", [](Fiber *) { UseSection(); });
 }
 
+// One leaves a section while another comes.
+void SectionAndSection() {
+    AddSchedulers(2, 100);
+    AddFiber(0, "init", [](Fiber *) { InitializeCriticalSection(&gSection); });
+    RunToRest();
+    for (int i = 0; i < 2; ++i) AddFiber(i, i == 0 ? "near" : "far", [](Fiber *) { UseSection(); });
+}
+
 // A waiter of a section is ended while it may have been posted: the next one must get the section.
 void SectionAndEnd() {
     AddSchedulers(2, 100);
@@ -283,6 +300,8 @@ void SectionAndEnd() {
 
 // ---- 3. Cancel against completion --------------------------------------------------------------------
 
+Fiber *gAgain;
+
 // A thread in a read is terminated while the read ends; the thread that gets its record reads as well.
 void CancelAgainstEnd(bool foreign, bool hold) {
     AddSchedulers(2, 100);
@@ -291,16 +310,17 @@ void CancelAgainstEnd(bool foreign, bool hold) {
     script::gScript.HoldCancels = hold;
     static const HANDLE victim = AddThread(1, "victim", [](Fiber *F) {
         Gate(F);
+        // The other one runs as soon as this one ends.
+        TermCleanupFuncSet(F, [](Fiber *, Scheduler *, uintptr_t *, uint32_t) { Open(gAgain); });
         test::ReadOn(F, entries[0]);
     });
-    static Fiber *F = ThreadOf(victim);
+    static Fiber *F = gTarget = ThreadOf(victim);
     static uint32_t generation = Generation(F);
     static Fiber *second;
     static bool secondEnded;
-    // It waits until the record is free, and then takes it.
-    Fiber *again = AddFiber(1, "again", [](Fiber *self) {
+    gAgain = AddFiber(1, "again", [](Fiber *self) {
         Gate(self);
-        while (Generation(F) == generation) Sleep(1);
+        while (F->State != FSTATE_EXITED && Generation(F) == generation) SchedYield(self, Yield_SCHED);
         static Body body = [](Fiber *reader) {
             second = reader;
             MUST(test::ReadOn(reader, entries[1]) == STATUS_SUCCESS);
@@ -313,7 +333,6 @@ void CancelAgainstEnd(bool foreign, bool hold) {
     gToEnd++;
     Open(F);
     RunToRest();
-    Open(again);
     AddFiber(0, "terminator", [](Fiber *) {
         TerminateThread(victim, 7);
         CloseHandle(victim);
@@ -339,18 +358,15 @@ void CancelHeld() {
     CancelAgainstEnd(false, true);
 }
 void CancelForeign() {
-    CancelAgainstEnd(true, false);
+    CancelAgainstEnd(true, true);
+}
+// No packet is taken for a record that has been given to somebody else since.
+void NoPacketOwed() {
+    for (const FIBEROVERLAPPED &rec : gTarget->OwnOvs) MUST(rec.Io.PacketsQueued == 0 && rec.SkipPackets == 0);
+    NothingMore();
 }
 
 // ---- 4. Exit against message -------------------------------------------------------------------------
-
-uint32_t gRoutineRuns;
-Fiber *gTarget;
-bool gTargetGone;
-void CountRun() {
-    MUST(os::GetFiberData() == gTarget && !gTargetGone);
-    gRoutineRuns++;
-}
 
 // A thread ends while something is asked of it; its record becomes another thread's, of which nothing was asked.
 void ExitAgainst(const std::function<void(HANDLE thread)> &ask) {
@@ -364,10 +380,7 @@ void ExitAgainst(const std::function<void(HANDLE thread)> &ask) {
     });
     gTarget = ThreadOf(victim);
     Fiber *again = AddFiber(1, "again", [](Fiber *self) {
-        static const uint32_t generation = Generation(gTarget);
         Gate(self);
-        while (Generation(gTarget) == generation) Sleep(1);
-        gTargetGone = true;
         static Body body = [](Fiber *second) {
             for (int i = 0; i < 2; ++i) {
                 MUST(second->SuspendRequests.load() == 0 && second->SuspendCount.load() == 0);
@@ -421,9 +434,9 @@ void CloseAgainstLookUp() {
         Gate(F);
         CloseHandle(file);
         for (int i = 0; i < 3; ++i) {
-            PSEHAND *entry = AllocHandleEntry(gS[1], 0);  // the same memory, as soon as it is free
-            Sleep(2);
-            FreeHandleEntry(entry, gS[1]);
+            FreeHandleEntry(AllocHandleEntry(gS[1], 0), gS[1]);  // the same memory, as soon as it is free
+            gS[1]->SelectPasses = kFullSweepPasses + 1;
+            SchedYield(F, Yield_USER);
         }
     });
     PSEHAND *entry = AllocHandleEntry(gS[1], 0);
@@ -438,8 +451,19 @@ void CloseAgainstLookUp() {
 // ---- 5. Migration ------------------------------------------------------------------------------------
 
 uint32_t gProgress;
+bool gAnswered;  // what was asked of the target has been done
 
-// A thread moves to another scheduler while somebody there, or on a third one, asks something of it.
+// While it is suspended a thread makes no progress.
+void SuspendAndResume(HANDLE thread) {
+    if (SuspendThread(thread) == 0xFFFFFFFF) return;
+    const uint32_t progress = gProgress;
+    Sleep(3);
+    MUST(gProgress == progress);
+    ResumeThread(thread);
+}
+
+// A thread moves to another scheduler while somebody there, or on a third one, asks something of it. It ends when that
+// has been done, so that nothing may be lost.
 void Move(int schedulers, const std::function<void(HANDLE thread)> &ask) {
     AddSchedulers(schedulers, 100);
     gEvent = NewEvent();
@@ -448,11 +472,13 @@ void Move(int schedulers, const std::function<void(HANDLE thread)> &ask) {
         Gate(F);
         F->MigrateTarget = gS[1];
         LeaveRole(F);
+        gS[0]->SelectPasses = kFullSweepPasses + 1;  // whoever leaves is still on its stack in the pass that follows
         SchedYield(F, Yield_MIGRATE);
         MUST(SchedOf(F) == gS[1]);
-        gProgress++;
-        SchedYield(F, Yield_USER);
-        gProgress++;
+        while (!gAnswered && gRoutineRuns == 0) {
+            gProgress++;
+            Sleep(1);
+        }
         UnidentifyUserThread(0);
         gTargetGone = true;
     });
@@ -466,20 +492,15 @@ void Move(int schedulers, const std::function<void(HANDLE thread)> &ask) {
         CloseHandle(mover);
     });
 }
-
-void SuspendAndResume(HANDLE thread) {
-    if (SuspendThread(thread) == 0xFFFFFFFF) return;
-    const uint32_t progress = gProgress;
-    MayStop();
-    MUST(gProgress == progress);
-    ResumeThread(thread);
+void SuspendOnTheWay(HANDLE thread) {
+    SuspendAndResume(thread);
+    gAnswered = true;
 }
-
 void MoveAgainstSuspend() {
-    Move(2, SuspendAndResume);
+    Move(2, SuspendOnTheWay);
 }
 void MoveAgainstSuspendFromThird() {
-    Move(3, SuspendAndResume);
+    Move(3, SuspendOnTheWay);
 }
 void MoveAgainstTerminate() {
     Move(2, [](HANDLE thread) { TerminateThread(thread, 7); });
@@ -493,19 +514,21 @@ void MoveAgainstRoutine() {
 // Two senders stop a thread and let it go on again, each for itself.
 void Suspenders(int schedulers, const std::function<void(HANDLE thread)> &second) {
     AddSchedulers(schedulers, 100);
+    static int sent;
     gEvent = NewEvent();
     static const HANDLE thread = AddThread(1, "target", [](Fiber *F) {
         IdentifyUserThread("TEST", gEvent);
         Gate(F);
-        for (int i = 0; i < 3; ++i) {
+        while (sent < 2) {
             gProgress++;
             SchedYield(F, Yield_USER);
+            gProgress++;
+            Sleep(1);
         }
         MUST(WaitForUserThreadPost(gEvent, INFINITE) == WAIT_OBJECT_0);
         MUST(F->SuspendCount.load() == 0);
         gEnded++;
     });
-    static int sent;
     gTarget = ThreadOf(thread);
     RunToRest();
     gToEnd++;
@@ -546,11 +569,12 @@ const Scenario gScenarios[] = {
     {"post-timeout", PostAgainstTimeout, AllEnded, NothingMore, {1, 1, 1}, {2, 2, 2}},
     {"post-reuse-far", PostAndReuseFar, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
     {"post-reuse-near", PostAndReuseNear, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
+    {"section", SectionAndSection, AllEnded, NothingMore, {2, 1, 0}, {4, 2, 1}},
     {"section-post", SectionAndPost, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
     {"section-end", SectionAndEnd, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
-    {"cancel", CancelHere, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
-    {"cancel-held", CancelHeld, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
-    {"cancel-foreign", CancelForeign, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
+    {"cancel", CancelHere, AllEnded, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
+    {"cancel-held", CancelHeld, AllEnded, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
+    {"cancel-foreign", CancelForeign, AllEnded, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
     {"exit-suspend", ExitAgainstSuspend, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"exit-terminate", ExitAgainstTerminate, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"exit-routine", ExitAgainstRoutine, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
