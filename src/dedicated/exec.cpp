@@ -85,7 +85,10 @@ bool ExecRoutineInFiber(Scheduler *S, Fiber *F, uint32_t *reason) {
     F->CurOv = save.CurOv;
     F->Flags &= ~static_cast<uint32_t>(FIBER_EXEC_PENDING | FIBER_EXEC_RUNNING);
     F->RoutineEpoch.store(F->RoutineEpoch.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-    return ResumeWait(F, save.State, slice, reason);
+    if (ResumeWait(F, save.State, slice, reason)) return true;
+    if (suspends == 0) return false;
+    *reason = Yield_USER;  // its wait is over, but it does not go on before it is resumed
+    return true;
 }
 
 // ---- Exported ----------------------------------------------------------------------------------------
