@@ -103,4 +103,10 @@ void Refuse(const char *format, ...) {
     ExitProcess(1);
 }
 
+HANDLE MakePostEvent() {
+    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    if (event == nullptr) Refuse("no event: %s", ReasonOf(GetLastError()).c_str());
+    return event;
+}
+
 }  // namespace host

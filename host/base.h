@@ -84,6 +84,9 @@ extern std::atomic<bool> gStop;
 [[noreturn]] void Refuse(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // The reason of a last error, for messages.
 std::string ReasonOf(DWORD error);
+// An event that is not set and resets itself, for the posts of one user thread. Without one nobody could wake that
+// thread: the server does not start.
+HANDLE MakePostEvent();
 
 // Holds a section for a scope. The order in which sections nest: shards by rising index, then the log's, then that of
 // the sessions. None is held over a call that waits, except for the next section of that order.

@@ -217,7 +217,7 @@ bool CheckpointRuns() {
 
 void InitCheckpoints(uint64_t logId) {
     gWriters.LogId = logId;
-    for (HANDLE &event : gWriters.Events) event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    for (HANDLE &event : gWriters.Events) event = MakePostEvent();
 }
 
 void NoteLogGrowth(uint64_t bytes) {

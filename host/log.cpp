@@ -620,7 +620,7 @@ std::string SegmentName(uint32_t slot) {
 
 void OpenLog(LogStart *start) {
     InitializeCriticalSection(&gLog.Section);
-    gLog.WriterEvent = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    gLog.WriterEvent = MakePostEvent();
     gLog.LogId = start->LogId;
     gLog.End = start->End;
     gLog.Tail = std::move(start->Tail);

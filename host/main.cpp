@@ -186,13 +186,14 @@ DWORD WINAPI MainRoutine(LPVOID) {
     InitSessions();
     InitCommands();
     LockFolder();
+    const HANDLE event = MakePostEvent();  // for the end
     Recovered recovered = RecoverDatabase();
     InitCheckpoints(recovered.Log.LogId);
     Start(DatabaseWriter, reinterpret_cast<LPVOID>(0), "DBW0");
     Start(DatabaseWriter, reinterpret_cast<LPVOID>(1), "DBW1");
     OpenLog(&recovered.Log);
     Start(LogWriter, nullptr, "LGWR");
-    Start(Monitor, nullptr, "PMON");
+    Start(Monitor, MakePostEvent(), "PMON");
     if (gOptions.Sync == Durability::kEverySecond &&
         CreateRemoteThread(GetCurrentProcess(), nullptr, 0, LogFlusher, nullptr, 0, nullptr) == nullptr) {
         Refuse("no thread for the flusher: %s", ReasonOf(GetLastError()).c_str());
@@ -206,6 +207,7 @@ DWORD WINAPI MainRoutine(LPVOID) {
         std::fprintf(stderr, "keyhost: the log ended in a batch of %llu bytes that was not whole; it is cut off\n",
                      static_cast<unsigned long long>(recovered.CutBytes));
     }
+    gServing = true;  // who reads that it is ready may end it
     if (!admin.empty()) std::printf("keyhost: administrators at %s\n", admin.c_str());
     std::printf(
         "keyhost: %llu keys from the checkpoint, %llu records from the log\n"
@@ -215,11 +217,9 @@ DWORD WINAPI MainRoutine(LPVOID) {
         ZvxIoBackendName());
     std::fflush(stdout);
 
-    gServing = true;
     while (!gStop.load()) Sleep(200);
     closesocket(listener);
     // Sessions that wait for the log get their answers; the others lose their connection with the process.
-    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     IdentifyUserThread("MAIN", event);
     Waiter waiter;
     waiter.Event = event;

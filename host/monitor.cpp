@@ -53,8 +53,7 @@ void LookAtSessions(uint32_t now, std::vector<HANDLE> *hopeless, std::vector<Ses
 
 }  // namespace
 
-DWORD WINAPI Monitor(LPVOID) {
-    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+DWORD WINAPI Monitor(LPVOID event) {
     IdentifyUserThread("PMON", event);
     std::vector<HANDLE> hopeless;
     std::vector<Session *> dead;

@@ -84,7 +84,8 @@ bool TakeRun(std::vector<char> *pages, uint64_t *first) {
         pages->resize(header.RunPages * kPage);
     }
     size_t got = 0;
-    ReadBlocks(gJob.File, (*first + 1) * kPage, pages->data() + kPage, pages->size() - kPage, &got);
+    const DWORD error = ReadBlocks(gJob.File, (*first + 1) * kPage, pages->data() + kPage, pages->size() - kPage, &got);
+    if (error != ERROR_SUCCESS) Damaged(name, (*first + 1) * kPage + got, ReasonOf(error).c_str());
     for (size_t at = kPage; at < pages->size(); at += kPage) {
         const char *const page = pages->data() + at;
         const uint64_t number = *first + at / kPage;
@@ -386,11 +387,11 @@ Recovered RecoverDatabase() {
     InitializeCriticalSection(&gJob.Section);
     std::error_code ignored;
     std::filesystem::remove(PathOf(std::string(CheckpointName()) + ".new"), ignored);
-    gJob.Main = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    gJob.Main = MakePostEvent();
     IdentifyUserThread("MAIN", gJob.Main);
     gJob.Busy = kSlaves;
     for (uint32_t i = 0; i < kSlaves; i++) {
-        gJob.Slaves[i] = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+        gJob.Slaves[i] = MakePostEvent();
         const HANDLE thread =
             CreateThread(nullptr, 0, Slave, reinterpret_cast<LPVOID>(static_cast<uintptr_t>(i)), 0, nullptr);
         if (thread == nullptr) Refuse("no thread for recovery: %s", ReasonOf(GetLastError()).c_str());
