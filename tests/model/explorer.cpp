@@ -636,7 +636,7 @@ void BeforeAccess(const volatile void *address, bool write, const void *pc) {
                 actor.PendingWrite = write;
                 Leave();
             }
-            Trace(pc, "S%u %s %s", gRun.Current, write ? "writes" : "reads", NameOf(address).c_str());
+            if (!again) Trace(pc, "S%u %s %s", gRun.Current, write ? "writes" : "reads", NameOf(address).c_str());
         }
         for (Actor &other : gActors)
             if (other.Pending == address && (write || other.PendingWrite)) other.Useful = true;

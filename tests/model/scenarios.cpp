@@ -23,9 +23,12 @@ namespace {
 
 namespace script = os::script;
 using Body = std::function<void(Fiber *)>;
+// What threads of several schedulers use: the explorer must see it.
+template <typename T>
+using Shared = std::atomic<T>;
 
 Scheduler *gS[4];
-uint32_t gEnded;
+Shared<uint32_t> gEnded;
 uint32_t gToEnd;
 
 void AddSchedulers(int n, uint32_t portWait) {
@@ -90,8 +93,8 @@ HANDLE NewEvent() {
 }
 
 Fiber *gTarget;
-bool gTargetGone;
-uint32_t gRoutineRuns;
+Shared<bool> gTargetGone;
+Shared<uint32_t> gRoutineRuns;
 void CountRun() {
     MUST(os::GetFiberData() == gTarget && !gTargetGone);
     Sleep(4);
@@ -166,7 +169,7 @@ void TwoSendersLong() {
 
 // ---- 2. Posts ----------------------------------------------------------------------------------------
 
-uint32_t gPosts, gTaken, gNeeded;
+Shared<uint32_t> gPosts, gTaken, gNeeded;
 
 // A post against the end of the wait. Posts that no wait has consumed yet count once, others count each.
 void PostAgainstTimeout() {
@@ -184,7 +187,8 @@ void PostAgainstTimeout() {
     Open(waiter);
     AddFiber(0, "poster", [](Fiber *) {
         for (uint32_t i = 0; i < 2; ++i) {
-            if (gTaken == gPosts) gNeeded = gPosts + 1;  // all of before are consumed, so this one counts by itself
+            if (gTaken == gPosts)
+                gNeeded = gPosts.load() + 1;  // all of before are consumed, so this one counts by itself
             gPosts++;
             MUST(PostUserThread(gEvent));
             if (i == 0) Sleep(1);
@@ -228,7 +232,7 @@ void PostAndReuseNear() {
 }
 
 CRITICAL_SECTION gSection;
-uint32_t gInside;
+Shared<uint32_t> gInside;
 
 void UseSection() {
     EnterCriticalSection(&gSection);
@@ -450,13 +454,14 @@ void CloseAgainstLookUp() {
 
 // ---- 5. Migration ------------------------------------------------------------------------------------
 
-uint32_t gProgress;
-bool gAnswered;  // what was asked of the target has been done
+Shared<uint32_t> gProgress;
+Shared<bool> gAnswered;  // what was asked of the target has been done
 
 // While it is suspended a thread makes no progress.
 void SuspendAndResume(HANDLE thread) {
     if (SuspendThread(thread) == 0xFFFFFFFF) return;
     const uint32_t progress = gProgress;
+    MayStop();
     Sleep(3);
     MUST(gProgress == progress);
     ResumeThread(thread);
@@ -514,7 +519,7 @@ void MoveAgainstRoutine() {
 // Two senders stop a thread and let it go on again, each for itself.
 void Suspenders(int schedulers, const std::function<void(HANDLE thread)> &second) {
     AddSchedulers(schedulers, 100);
-    static int sent;
+    static Shared<int> sent;
     gEvent = NewEvent();
     static const HANDLE thread = AddThread(1, "target", [](Fiber *F) {
         IdentifyUserThread("TEST", gEvent);
