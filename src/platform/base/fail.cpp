@@ -40,9 +40,10 @@ static_assert(sizeof(FailCount) == 56);  // read by tests/faults/faults.py
 constexpr size_t kFailPoints = 32;
 constexpr size_t kFailCounts = 256;
 constinit SpinWord gFailLock;
-constinit FailPoint gFailPoints[kFailPoints] = {};   // [gFailLock]
-constinit FailCount *gFailCounts = nullptr;          // [gFailLock] null unless calls are recorded
-constinit std::atomic<uint32_t> gArmed{0xFFFFFFFF};  // entries in use, and the recorder; all ones until the environment was read
+constinit FailPoint gFailPoints[kFailPoints] = {};  // [gFailLock]
+constinit FailCount *gFailCounts = nullptr;         // [gFailLock] null unless calls are recorded
+constinit std::atomic<uint32_t> gArmed{
+    0xFFFFFFFF};  // entries in use, and the recorder; all ones until the environment was read
 
 void ArmLocked(const char *function, size_t length, uint32_t nth, DWORD error) {
     if (nth == 0 || length >= sizeof gFailPoints[0].Function) return;
@@ -65,7 +66,8 @@ void RecordLocked(const char *file, size_t length) {
     constexpr size_t bytes = kFailCounts * sizeof(FailCount);
     const int fd = open(name, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0) return;
-    void *counts = ftruncate(fd, bytes) == 0 ? mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
+    void *counts =
+        ftruncate(fd, bytes) == 0 ? mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
     close(fd);
     if (counts == MAP_FAILED) return;
     gFailCounts = static_cast<FailCount *>(counts);

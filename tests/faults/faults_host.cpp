@@ -1,0 +1,516 @@
+// tests/faults/faults_host.cpp - a host for faults.py: faults_host SCENARIO FOLDER [POINTS].
+//
+// One run is one scenario with at most one call of the platform that fails. A function of the library that reports
+// that is told ("refused NAME ERROR") and called again, and the second call must succeed: what the library has given up
+// in the first must not be missing. Every wait has a limit or is a hang that the driver sees. What a scenario took must
+// be back at its end, by the counts of the library and of the platform, compared with those after a round without
+// faults.
+//
+// Built on the internals, for those counts. The points of `startup` come in the environment, so that they count from
+// the first call of the process; those of the others are armed after the first round.
+#include <fcntl.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "alloc/alloc.h"
+#include "dedicated/dedicated.h"
+#include "diag/trace.h"
+#include "kernel/critsec.h"
+#include "kernel/file.h"
+#include "kernel/handles.h"
+#include "kernel/thread.h"
+#include "kernel/wait.h"
+#include "net/net.h"
+#include "platform/base/minidump.h"
+#include "postwait/postwait.h"
+#include "sched/sched.h"
+#include "sched/startup.h"
+#include "support/net_peer.h"
+
+namespace {
+
+using namespace zvx;
+
+std::string gScenario, gFolder, gPoints;
+constexpr DWORD kLong = 30000;
+
+[[noreturn]] void Fail(const char *what, uint64_t a = 0, uint64_t b = 0) {
+    std::printf("FAILED: %s (%llu, %llu)\n", what, static_cast<unsigned long long>(a),
+                static_cast<unsigned long long>(b));
+    std::fflush(stdout);
+    std::_Exit(9);
+}
+
+// Makes a call until it succeeds. One fault makes one call fail.
+template <typename Call>
+void Try(const char *name, Call call) {
+    os::SetLastError(0);
+    if (call()) return;
+    std::printf("refused %s %u\n", name, os::GetLastError());
+    os::SetLastError(0);
+    if (!call()) Fail(name, os::GetLastError());
+}
+
+HANDLE Start(LPTHREAD_START_ROUTINE routine, void *param = nullptr, DWORD flags = 0) {
+    HANDLE thread = nullptr;
+    Try("CreateThread", [&] { return (thread = CreateThread(nullptr, 0, routine, param, flags, nullptr)) != nullptr; });
+    return thread;
+}
+
+void Close(HANDLE handle) {
+    Try("CloseHandle", [&] { return CloseHandle(handle); });
+}
+
+void Wait(HANDLE handle) {
+    Try("WaitForSingleObject", [&] {
+        const DWORD result = WaitForSingleObject(handle, kLong);
+        if (result == WAIT_TIMEOUT) Fail("a wake-up was lost");
+        return result == WAIT_OBJECT_0;
+    });
+}
+
+void Join(HANDLE thread, DWORD wanted) {
+    Wait(thread);
+    DWORD code = 0;
+    Try("GetExitCodeThread", [&] { return GetExitCodeThread(thread, &code); });
+    if (code != wanted) Fail("exit code", code, wanted);
+    Close(thread);
+}
+
+HANDLE NewEvent(bool manual) {
+    HANDLE event = nullptr;
+    Try("CreateEvent", [&] { return (event = CreateEventA(nullptr, manual, FALSE, nullptr)) != nullptr; });
+    return event;
+}
+
+// ---- A session ---------------------------------------------------------------------------------------
+
+constexpr int kBlock = 300000;  // more than a socket takes at once
+uint16_t gPort;
+
+void Send(SOCKET s, const char *data, int bytes) {
+    Try("send", [&] { return zvx::send(s, data, bytes, 0) == bytes; });
+}
+
+void Receive(SOCKET s, char *data, int bytes) {
+    for (int done = 0; done < bytes;) {
+        int got = 0;
+        Try("recv", [&] { return (got = zvx::recv(s, data + done, bytes - done, 0)) != SOCKET_ERROR; });
+        if (got <= 0) Fail("the connection ended", static_cast<uint64_t>(done));
+        done += got;
+    }
+}
+
+void CloseSocket(SOCKET s) {
+    Try("closesocket", [&] { return closesocket(s) == 0; });
+}
+
+void Fill(char *block) {
+    for (int i = 0; i < kBlock; ++i) block[i] = static_cast<char>(i * 2654435761u >> 13);
+}
+
+SOCKET Connect() {
+    SOCKET s = INVALID_SOCKET;
+    Try("socket", [&] { return (s = zvx::socket(AF_INET, SOCK_STREAM, 0)) != INVALID_SOCKET; });
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_addr.s_addr = __builtin_bswap32(0x7F000001);
+    name.sin_port = __builtin_bswap16(gPort);
+    Try("connect", [&] { return os::connect(s, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0; });
+    return s;
+}
+
+// The other end, a user thread too: connecting to a socket that listens blocks nobody.
+DWORD Client(void *) {
+    static char out[kBlock], in[kBlock];
+    SOCKET s = Connect();
+    // An accept that fails after the client has come takes the connection with it.
+    for (int got = -1; got != 1;) {
+        Try("recv", [&] {
+            got = zvx::recv(s, in, 1, 0);
+            if (got == SOCKET_ERROR && os::GetLastError() == WSAECONNRESET) got = 0;
+            return got != SOCKET_ERROR;
+        });
+        if (got == 1) break;
+        CloseSocket(s);
+        s = Connect();
+    }
+    Fill(out);
+    Send(s, out, kBlock);
+    std::memset(in, 0, sizeof in);
+    Receive(s, in, kBlock);
+    if (std::memcmp(in, out, kBlock) != 0) Fail("the echo differs");
+    Sleep(3);  // the server waits in its select by now
+    Send(s, "select", 6);
+    Receive(s, in, 1);
+    Send(s, "routine", 7);
+    char byte;
+    int got = 1;
+    Try("recv", [&] { return (got = zvx::recv(s, &byte, 1, 0)) != SOCKET_ERROR; });
+    if (got != 0) Fail("no end of the connection");
+    CloseSocket(s);
+    return 11;
+}
+
+struct Routine {
+    OVERLAPPED Ov;
+    DWORD Error, Bytes, Done;
+};
+void OnReceived(DWORD error, DWORD bytes, OVERLAPPED *ov, DWORD) {
+    auto *routine = reinterpret_cast<Routine *>(ov);
+    routine->Error = error;
+    routine->Bytes = bytes;
+    routine->Done = 1;
+}
+void OnRead(DWORD error, DWORD bytes, OVERLAPPED *ov) {
+    OnReceived(error, bytes, ov, 0);
+}
+
+void ServeSocket(SOCKET s) {
+    static char block[kBlock];
+    Send(s, "g", 1);
+    Receive(s, block, kBlock);
+    Send(s, block, kBlock);
+    Try("select", [&] {
+        zvx_fd_set set{1, {s}};
+        const os::TimeVal limit{kLong / 1000, 0};
+        const int ready = zvx::select(0, &set, nullptr, nullptr, &limit);
+        if (ready == 0) Fail("select: a wake-up was lost");
+        return ready == 1;
+    });
+    Receive(s, block, 6);
+    char text[16] = {};
+    Routine routine{};
+    WSABUF one{sizeof text, text};
+    DWORD flags = 0;
+    Try("WSARecv", [&] {
+        return WSARecv(s, &one, 1, nullptr, &flags, &routine.Ov, OnReceived) == 0 ||
+               os::GetLastError() == WSA_IO_PENDING;
+    });
+    Send(s, "x", 1);
+    for (int i = 0; i < 300 && routine.Done == 0; ++i) SleepEx(100, TRUE);
+    if (routine.Done == 0) Fail("a completion routine was lost");
+    if (routine.Error != 0) std::printf("refused WSARecv %u\n", routine.Error);
+    if (routine.Error == 0 && (routine.Bytes == 0 || text[0] != 'r')) Fail("a routine's bytes", routine.Bytes);
+    if (routine.Bytes < 7) Receive(s, text, static_cast<int>(7 - routine.Bytes));
+}
+
+void Sockets() {
+    SOCKET listener = INVALID_SOCKET, s = INVALID_SOCKET;
+    Try("WSASocketA", [&] {
+        return (listener = WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED)) != INVALID_SOCKET;
+    });
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_addr.s_addr = __builtin_bswap32(0x7F000001);
+    int length = sizeof name;
+    Try("bind", [&] { return os::bind(listener, reinterpret_cast<sockaddr *>(&name), length) == 0; });
+    Try("listen", [&] { return os::listen(listener, 10) == 0; });
+    Try("getsockname", [&] { return os::getsockname(listener, reinterpret_cast<sockaddr *>(&name), &length) == 0; });
+    gPort = __builtin_bswap16(name.sin_port);
+    const HANDLE client = Start(Client);
+    length = sizeof name;
+    Try("accept",
+        [&] { return (s = zvx::accept(listener, reinterpret_cast<sockaddr *>(&name), &length)) != INVALID_SOCKET; });
+    ServeSocket(s);
+    CloseSocket(s);
+    CloseSocket(listener);
+    Join(client, 11);
+}
+
+// ---- Events, sections and posts ----------------------------------------------------------------------
+
+struct Shared {
+    CRITICAL_SECTION Lock;
+    HANDLE Go, Done, Post;
+    uint32_t Count;  // [Lock]
+};
+
+DWORD Partner(void *param) {
+    auto *shared = static_cast<Shared *>(param);
+    IdentifyUserThread("SHAD", shared->Done);
+    Wait(shared->Go);
+    EnterCriticalSection(&shared->Lock);
+    Sleep(1);
+    shared->Count++;
+    LeaveCriticalSection(&shared->Lock);
+    Try("PostUserThread", [&] { return PostUserThread(shared->Post); });
+    if (WaitForUserThreadPost(shared->Done, kLong) != WAIT_OBJECT_0) Fail("a post was lost");
+    UnidentifyUserThread(0);
+    return 12;
+}
+
+void Objects() {
+    Shared shared{};
+    Try("InitializeCriticalSection", [&] { return InitializeCriticalSectionAndSpinCount(&shared.Lock, 20); });
+    shared.Go = NewEvent(true);
+    shared.Done = NewEvent(false);
+    shared.Post = NewEvent(false);
+    IdentifyUserThread("MAIN", shared.Post);
+    const HANDLE partners[] = {Start(Partner, &shared)};
+    Sleep(1);
+    EnterCriticalSection(&shared.Lock);
+    Try("SetEvent", [&] { return SetEvent(shared.Go); });
+    Sleep(2);
+    shared.Count++;
+    LeaveCriticalSection(&shared.Lock);
+    if (WaitForUserThreadPost(shared.Post, kLong) != WAIT_OBJECT_0) Fail("a post was lost");
+    const HANDLE list[] = {shared.Done, nullptr};
+    Try("PostMultipleUserThreads", [&] { return PostMultipleUserThreads(list) == -1; });
+    const HANDLE all[] = {shared.Go, partners[0]};
+    Try("WaitForMultipleObjects", [&] {
+        const DWORD result = WaitForMultipleObjects(2, all, TRUE, kLong);
+        if (result == WAIT_TIMEOUT) Fail("wait for all: a wake-up was lost");
+        return result == WAIT_OBJECT_0;
+    });
+    Try("ResetEvent", [&] { return ResetEvent(shared.Go); });
+    if (WaitForSingleObject(shared.Go, 2) == WAIT_OBJECT_0) Fail("an event is still set");
+    Join(partners[0], 12);
+    UnidentifyUserThread(0);
+    if (shared.Count != 2) Fail("count under the lock", shared.Count);
+    DeleteCriticalSection(&shared.Lock);
+    for (const HANDLE event : {shared.Go, shared.Done, shared.Post}) Close(event);
+}
+
+void Files() {
+    const std::string path = gFolder + "/file";
+    HANDLE file = INVALID_HANDLE_VALUE;
+    Try("CreateFileA", [&] {
+        file = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+        return file != INVALID_HANDLE_VALUE;
+    });
+    static char out[20000], in[20000];
+    std::memset(out, 'o', sizeof out);
+    std::memset(in, 0, sizeof in);
+    DWORD moved = 0;
+    Try("WriteFile", [&] { return WriteFile(file, out, sizeof out, &moved, nullptr) && moved == sizeof out; });
+    Try("SetFilePointer", [&] { return SetFilePointer(file, 0, nullptr, FILE_BEGIN) == 0; });
+    Try("ReadFile", [&] { return ReadFile(file, in, sizeof in, &moved, nullptr) && moved == sizeof in; });
+    if (std::memcmp(in, out, sizeof in) != 0) Fail("the file differs");
+    Close(file);
+    Try("CreateFileA", [&] {
+        file = CreateFileA(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+        return file != INVALID_HANDLE_VALUE;
+    });
+    Routine routine{};
+    Try("ReadFileEx", [&] { return ReadFileEx(file, in, 5000, &routine.Ov, OnRead); });
+    for (int i = 0; i < 300 && routine.Done == 0; ++i) SleepEx(100, TRUE);
+    if (routine.Done == 0) Fail("a completion routine was lost");
+    if (routine.Error != 0) std::printf("refused ReadFileEx %u\n", routine.Error);
+    if (routine.Error == 0 && routine.Bytes != 5000) Fail("a routine's bytes", routine.Bytes);
+    Close(file);
+}
+
+// A call that a thread of its own makes: no process here has a window to be idle.
+void Dedicated() {
+    Try("WaitForInputIdle", [&] {
+        return zvx::WaitForInputIdle(os::GetCurrentProcess(), 1000) == WAIT_FAILED &&
+               os::GetLastError() == ERROR_NOT_GUI_PROCESS;
+    });
+}
+
+// ---- Ends of threads ---------------------------------------------------------------------------------
+
+DWORD Returns(void *) {
+    return 21;
+}
+DWORD Exits(void *) {
+    Sleep(1);
+    ExitThread(22);
+    return 0;
+}
+DWORD SleepsForEver(void *) {
+    for (;;) Sleep(INFINITE);
+}
+// In a receive that nobody answers, with a read of its own on its stack.
+DWORD Receives(void *param) {
+    const auto s = *static_cast<SOCKET *>(param);
+    char byte;
+    for (;;) zvx::recv(s, &byte, 1, 0);
+}
+// Owns a section at its end.
+DWORD OwnsSection(void *param) {
+    EnterCriticalSection(&static_cast<Shared *>(param)->Lock);
+    return 23;
+}
+DWORD Moves(void *) {
+    MigrateUserThread("DBW9");
+    Sleep(1);
+    return 24;
+}
+
+void Terminate(HANDLE thread, DWORD code) {
+    Try("TerminateThread", [&] { return TerminateThread(thread, code); });
+    Join(thread, code);
+}
+
+void Ends() {
+    Join(Start(Returns), 21);
+    Join(Start(Exits), 22);
+    const HANDLE suspended = Start(Returns, nullptr, CREATE_SUSPENDED);
+    Try("ResumeThread", [&] { return ResumeThread(suspended) == 1; });
+    Join(suspended, 21);
+    const HANDLE asleep = Start(SleepsForEver);
+    Sleep(1);
+    Try("SuspendThread", [&] { return SuspendThread(asleep) == 0; });
+    Terminate(asleep, 31);
+    SOCKET listener = INVALID_SOCKET;
+    Try("WSASocketA", [&] {
+        return (listener = WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED)) != INVALID_SOCKET;
+    });
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_addr.s_addr = __builtin_bswap32(0x7F000001);
+    int length = sizeof name;
+    Try("bind", [&] { return os::bind(listener, reinterpret_cast<sockaddr *>(&name), length) == 0; });
+    Try("listen", [&] { return os::listen(listener, 10) == 0; });
+    Try("getsockname", [&] { return os::getsockname(listener, reinterpret_cast<sockaddr *>(&name), &length) == 0; });
+    int peer = -1;
+    SOCKET s = INVALID_SOCKET;
+    Try("accept", [&] {
+        close(peer);
+        peer = netpeer::Connect(__builtin_bswap16(name.sin_port));
+        return (s = zvx::accept(listener, nullptr, nullptr)) != INVALID_SOCKET;
+    });
+    const HANDLE receiving = Start(Receives, &s);
+    Sleep(2);
+    Terminate(receiving, 32);
+    CloseSocket(s);
+    CloseSocket(listener);
+    close(peer);
+    Shared shared{};
+    Try("InitializeCriticalSection", [&] { return InitializeCriticalSectionAndSpinCount(&shared.Lock, 0); });
+    Join(Start(OwnsSection, &shared), 23);
+    if (!TryEnterCriticalSection(&shared.Lock)) Fail("a section is owned by a thread that has ended");
+    LeaveCriticalSection(&shared.Lock);
+    DeleteCriticalSection(&shared.Lock);
+    Join(Start(Moves), 24);
+}
+
+// ---- What must be back -------------------------------------------------------------------------------
+
+struct Counts {
+    uint32_t Handles, OsHandles, UserThreads, Descriptors;
+    int64_t Operations;  // of the thread that writes the ring log there may be one
+};
+
+// A handle that cannot be closed stays open, whoever closes it.
+bool AllBack(const Counts &now, const Counts &before) {
+    const bool mayStay = gPoints.find(",CloseHandle:") != gPoints.npos || gPoints.find(",closesocket:") != gPoints.npos;
+    const uint32_t most = mayStay ? 1 : 0;
+    return now.Handles == before.Handles && now.OsHandles <= before.OsHandles + most &&
+           now.UserThreads == before.UserThreads && now.Descriptors <= before.Descriptors + most &&
+           now.Operations <= before.Operations;
+}
+
+int64_t ChunksInUse(uint32_t type) {
+    int64_t sum = 0;
+    for (uint32_t i = 0; i < gSchedulersMade.load(); ++i) sum += gSchedulers[i]->ChunkTypeCount[type];
+    return sum;
+}
+
+uint32_t CountDescriptors() {
+    uint32_t count = 0;
+    for (int fd = 0; fd < 1024; ++fd) count += fcntl(fd, F_GETFD) >= 0;
+    return count;
+}
+
+Counts TakeCounts() {
+    Counts counts{gHandleCount, 0, 0, CountDescriptors(), ChunksInUse(ALLOC_FIBEROVERLAPPED)};
+    os::VisitHandles([](HANDLE, const os::Object *, void *count) { ++*static_cast<uint32_t *>(count); },
+                     &counts.OsHandles);
+    for (uint32_t i = 0; i < gSchedulersMade.load(); ++i) counts.UserThreads += gSchedulers[i]->FiberCount.load();
+    return counts;
+}
+
+template <typename Condition>
+bool Await(Condition condition) {
+    for (int i = 0; i < 600; ++i) {
+        if (condition()) return true;
+        Sleep(5);
+    }
+    return false;
+}
+
+void CheckAll(const Counts &before) {
+    Counts now{};
+    if (!Await([&] { return AllBack(now = TakeCounts(), before); }))
+        std::printf("handles %u/%u, of the platform %u/%u, threads %u/%u, descriptors %u/%u, operations %d/%d\n",
+                    now.Handles, before.Handles, now.OsHandles, before.OsHandles, now.UserThreads, before.UserThreads,
+                    now.Descriptors, before.Descriptors, static_cast<int>(now.Operations),
+                    static_cast<int>(before.Operations)),
+            Fail("something was left behind");
+    if (!Await([] { return ChunksInUse(ALLOC_PSEHAND) == static_cast<int64_t>(gHandleCount); }))
+        Fail("handle entries left behind", static_cast<uint64_t>(ChunksInUse(ALLOC_PSEHAND)), gHandleCount);
+    for (const uint32_t type : {ALLOC_FIBER_CRITICAL_SECTION, ALLOC_FIBER_MESSAGE})
+        if (!Await([&] { return ChunksInUse(type) == 0; }))
+            Fail("records left behind", type, static_cast<uint64_t>(ChunksInUse(type)));
+    if (!Await([] { return gNumDynamicSchedulers.load() == 0; })) Fail("a dynamic scheduler is still in use");
+    CheckHandleTable();
+    CheckScheduler(SchedOf(CallingFiber()));
+}
+
+DWORD MainRoutine(void *) {
+    const bool session = gScenario == "session";
+    const auto round = [&] {
+        if (gScenario == "startup") {
+            const HANDLE threads[] = {Start(Returns), Start(Exits), Start(Moves)};
+            for (DWORD i = 0; i < 3; ++i) Join(threads[i], i == 2 ? 24 : 21 + i);
+        } else if (session) {
+            Sockets();
+            Objects();
+            Files();
+            do Dedicated();
+            while (OrphanedCalls() != 0);  // one that had not ended when it was given up goes with the next
+        } else if (gScenario == "exit") {
+            Ends();
+        }
+    };
+    if (gScenario == "startup") {
+        round();
+    } else {
+        round();
+        Sleep(20);
+        // Twice: what is made once and kept is made by now.
+        round();
+        Sleep(20);
+        const Counts before = TakeCounts();
+        os::ArmFailPoints(gPoints.c_str());
+        round();
+        CheckAll(before);
+    }
+    if (gScenario == "fatal") FatalExit("the end of the test %d\n", 7);
+    std::printf("whole %s\n", os::IoBackendName());
+    os::ExitProcess(0);
+}
+
+int Lookup(const char *name, char *buffer, int capacity) {
+    static const struct {
+        const char *Name, *Value;
+    } kSettings[] = {{"Schedulers", "2"},        {"StackPages", "16"},     {"DynamicSchedulersEnabled", "1"},
+                     {"LogToFile", "1"},         {"PrintToConsole", "0"},  {"StallReportMs", "100"},
+                     {"SetThreadPriority", "1"}, {"EnableLargePages", "1"}};
+    for (const auto &setting : kSettings) {
+        if (std::string("ZVX_FIBERS_") + setting.Name != name) continue;
+        return std::snprintf(buffer, static_cast<size_t>(capacity), "%s", setting.Value);
+    }
+    return LookupEnvironment(name, buffer, capacity);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    if (argc < 3) return 2;
+    gScenario = argv[1];
+    gFolder = argv[2];
+    if (argc > 3) gPoints = argv[3];
+    static uint32_t indicator;
+    const std::string traces = gFolder + "/";
+    InitParams params{&indicator, nullptr, traces.c_str(), 0, Lookup};
+    InitUserThreadScheduler(MainRoutine, nullptr, &params);
+    return 1;
+}
