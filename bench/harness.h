@@ -32,6 +32,7 @@ struct Options {
     uint32_t Repetitions = 7;
     double RepetitionMs = 100;    // shortest time of one repetition
     double Seconds = 2;           // length of a case that runs for a time
+    uint32_t Port = 0;            // of the peers' servers
     std::string File;             // data file of the file cases
     std::string Impl = "zvxkvt";  // name of the implementation in the output
     std::string Backend;          // I/O back end in the output
@@ -64,6 +65,8 @@ inline bool ParseOptions(int argc, char **argv, Options *options) {
             options->Schedulers = number;
         else if (name == "--port-wait-ms")
             options->PortWaitMs = number;
+        else if (name == "--port")
+            options->Port = number;
         else if (name == "--repetitions")
             options->Repetitions = number != 0 ? number : 1;
         else if (name == "--repetition-ms")

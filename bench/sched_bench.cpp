@@ -182,7 +182,100 @@ void LockCase() {
     });
 }
 
+// ---- Beside parked threads ---------------------------------------------------------------------------
+//
+// --threads user threads a scheduler are parked, and two active ones go on. "yield_parked": they wait for ever, the active
+// ones yield. "timed_parked": they wait with a time-out, the active ones post each other and wait with one.
+// "event_parked": they wait for an event each, as the active ones do, who set each other's.
+
+enum Parking { kForEver, kTimed, kOnEvent };
+Parking gParking;
+std::atomic<uint32_t> gParked;
+constexpr DWORD kLongMs = 3600 * 1000;
+HANDLE gEvents[2];
+
+DWORD ParkedThread(void *) {
+    const HANDLE event = gParking == kForEver ? nullptr : os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    gParked.fetch_add(1, std::memory_order_relaxed);
+    for (;;) {
+        if (gParking == kForEver) zvx::Sleep(INFINITE);
+        if (gParking == kTimed) zvx::Sleep(kLongMs);
+        if (gParking == kOnEvent) zvx::WaitForSingleObject(event, INFINITE);
+    }
+}
+
+void ParkAll() {
+    const uint32_t all = gOptions.Threads * gOptions.Schedulers;
+    for (uint32_t i = 0; i < all; ++i) CreateAndForget(ParkedThread);
+    while (gParked.load(std::memory_order_relaxed) < all) zvx::Sleep(1);
+    zvx::Sleep(20);
+}
+
+// The second of the two active threads is on the first one's scheduler.
+void CreatePartner(LPTHREAD_START_ROUTINE routine) {
+    CreateAndForget(routine, nullptr, zvx::SchedOf(zvx::CallingFiber())->AffinityMask);
+}
+
+void YieldParkedCase() {
+    gParking = kForEver;
+    ParkAll();
+    CreatePartner(Yielder);
+    Measure(gOptions, Named("yield_parked", gOptions.Threads), [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; i += 2) zvx::Sleep(0);
+        return NowNs() - start;
+    });
+}
+
+DWORD AnswerTimed(void *) {
+    gPartnerEvent = NewPostEvent();
+    for (;;) {
+        while (zvx::WaitForUserThreadPost(gPartnerEvent, kLongMs) != 0) {
+        }
+        zvx::PostUserThread(gLeaderEvent);
+    }
+}
+
+void TimedParkedCase() {
+    gParking = kTimed;
+    ParkAll();
+    gLeaderEvent = NewPostEvent();
+    CreatePartner(AnswerTimed);
+    while (gPartnerEvent == nullptr) zvx::Sleep(1);
+    Measure(gOptions, Named("timed_parked", gOptions.Threads), [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            zvx::PostUserThread(gPartnerEvent);
+            zvx::WaitForUserThreadPost(gLeaderEvent, kLongMs);
+        }
+        return NowNs() - start;
+    });
+}
+
+DWORD AnswerEvents(void *) {
+    for (;;) {
+        zvx::WaitForSingleObject(gEvents[0], INFINITE);
+        zvx::SetEvent(gEvents[1]);
+    }
+}
+
+void EventParkedCase() {
+    gParking = kOnEvent;
+    ParkAll();
+    for (HANDLE &event : gEvents) event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    CreatePartner(AnswerEvents);
+    Measure(gOptions, Named("event_parked", gOptions.Threads), [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            zvx::SetEvent(gEvents[0]);
+            zvx::WaitForSingleObject(gEvents[1], INFINITE);
+        }
+        return NowNs() - start;
+    }, 4);
+}
+
 const NamedCase kCases[] = {
+    {"yield_parked", YieldParkedCase}, {"timed_parked", TimedParkedCase}, {"event_parked", EventParkedCase},
     {"yield", YieldCase},          {"create", CreateCase}, {"create_wait", CreateWaitCase},
     {"wait_ended", WaitEndedCase}, {"sleep", SleepCase},      {"post_wait", PostWaitCase},
     {"lock", LockCase},

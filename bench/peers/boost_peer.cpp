@@ -1,11 +1,12 @@
 // bench/peers/boost_peer.cpp - the same cases on Boost.Fiber: its round-robin scheduler on one kernel thread.
 //
 // Cases: yield, create (with --impl naming the stack allocator: "boost" is the default one, "boost guarded" has a guard
-// page under every stack as ours have, "boost pooled" recycles stacks), wait_ended, park,
-// post_wait, lock.
+// page under every stack as ours have, "boost pooled" recycles stacks), wait_ended, park, post_wait, message (the same
+// between two kernel threads), lock.
 #include <boost/fiber/all.hpp>
 
 #include <condition_variable>
+#include <thread>
 
 #include "bench/harness.h"
 
@@ -119,15 +120,19 @@ struct Flag {
     }
 };
 
-void PostWaitCase() {
+void RoundTrips(const char *name, bool twoThreads) {
     static Flag ping, pong;
-    fibers::fiber([] {
+    const auto answer = [] {
         for (;;) {
             ping.Wait();
             pong.Post();
         }
-    }).detach();
-    Measure(gOptions, "post_wait", [](uint64_t n) {
+    };
+    if (twoThreads)
+        std::thread(answer).detach();  // its main fiber waits as any other does
+    else
+        fibers::fiber(answer).detach();
+    Measure(gOptions, name, [](uint64_t n) {
         const double start = NowNs();
         for (uint64_t i = 0; i < n; ++i) {
             ping.Post();
@@ -167,7 +172,9 @@ int main(int argc, char **argv) {
     else if (gOptions.Case == "wait_ended")
         WaitEndedCase();
     else if (gOptions.Case == "post_wait")
-        PostWaitCase();
+        RoundTrips("post_wait", false);
+    else if (gOptions.Case == "message")
+        RoundTrips("message/post", true);
     else if (gOptions.Case == "lock")
         LockCase();
     else if (gOptions.Case == "park")

@@ -1,11 +1,14 @@
-// bench/peers/go_peer.go - the same cases on goroutines, on one processor. Cases: yield, create, park.
+// bench/peers/go_peer.go - the same cases on goroutines, on one processor. Cases: yield, create, park, post_wait, lock,
+// message (a round trip between two kernel threads), serve (a key-value server on -port, a goroutine a connection).
 package main
 
 import (
 	"bufio"
 	"flag"
 	"fmt"
+	"io"
 	"math"
+	"net"
 	"os"
 	"runtime"
 	"sort"
@@ -17,10 +20,11 @@ import (
 )
 
 var (
-	caseName       = flag.String("case", "", "yield, create, park, post_wait or lock")
+	caseName       = flag.String("case", "", "yield, create, park, post_wait, lock, message or serve")
 	threads        = flag.Int("threads", 2, "goroutines")
 	repetitions    = flag.Int("repetitions", 7, "")
 	repetitionMs   = flag.Float64("repetition-ms", 100, "")
+	port           = flag.Int("port", 0, "of the server")
 	implementation = flag.String("impl", "go", "")
 )
 
@@ -94,6 +98,87 @@ func status(field string) float64 {
 	return 0
 }
 
+var (
+	storeLock sync.Mutex
+	store     = map[string]string{}
+)
+
+// One array of bulk strings.
+func request(in *bufio.Reader) ([]string, error) {
+	number := func() (int, error) {
+		line, err := in.ReadSlice('\n')
+		if err != nil {
+			return 0, err
+		}
+		return strconv.Atoi(string(line[1 : len(line)-2]))
+	}
+	count, err := number()
+	if err != nil {
+		return nil, err
+	}
+	words := make([]string, 0, 3)
+	for i := 0; i < count; i++ {
+		length, err := number()
+		if err != nil {
+			return nil, err
+		}
+		text := make([]byte, length+2)
+		if _, err = io.ReadFull(in, text); err != nil {
+			return nil, err
+		}
+		words = append(words, string(text[:length]))
+	}
+	return words, nil
+}
+
+func session(client net.Conn) {
+	defer client.Close()
+	in, out := bufio.NewReader(client), bufio.NewWriter(client)
+	for {
+		words, err := request(in)
+		if err != nil {
+			return
+		}
+		switch {
+		case len(words) == 2 && words[0] == "GET":
+			storeLock.Lock()
+			value, found := store[words[1]]
+			storeLock.Unlock()
+			if found {
+				out.WriteString("$" + strconv.Itoa(len(value)) + "\r\n" + value + "\r\n")
+			} else {
+				out.WriteString("$-1\r\n")
+			}
+		case len(words) == 3 && words[0] == "SET":
+			storeLock.Lock()
+			store[words[1]] = words[2]
+			storeLock.Unlock()
+			out.WriteString("+OK\r\n")
+		default:
+			out.WriteString("+PONG\r\n")
+		}
+		if in.Buffered() == 0 && out.Flush() != nil {
+			return
+		}
+	}
+}
+
+func serve() {
+	listener, err := net.Listen("tcp", fmt.Sprintf("127.0.0.1:%d", *port))
+	if err != nil {
+		fmt.Fprintln(os.Stderr, err)
+		os.Exit(1)
+	}
+	for {
+		client, err := listener.Accept()
+		if err != nil {
+			fmt.Fprintln(os.Stderr, err)
+			os.Exit(1)
+		}
+		go session(client)
+	}
+}
+
 func main() {
 	flag.Parse()
 	runtime.GOMAXPROCS(1)
@@ -129,6 +214,28 @@ func main() {
 				ended.Wait()
 			}
 			return float64(time.Since(start)) * float64(n) / float64(done)
+		})
+	case "serve":
+		serve()
+	case "message":
+		// Each on a kernel thread of its own, or both would share one.
+		runtime.GOMAXPROCS(2)
+		ping, pong := make(chan struct{}, 1), make(chan struct{}, 1)
+		go func() {
+			runtime.LockOSThread()
+			for {
+				<-ping
+				pong <- struct{}{}
+			}
+		}()
+		runtime.LockOSThread()
+		measure("message/post", 64, func(n int64) float64 {
+			start := time.Now()
+			for i := int64(0); i < n; i++ {
+				ping <- struct{}{}
+				<-pong
+			}
+			return float64(time.Since(start))
 		})
 	case "post_wait":
 		ping, pong := make(chan struct{}, 1), make(chan struct{}, 1)

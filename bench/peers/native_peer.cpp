@@ -3,19 +3,23 @@
 //
 // Cases: yield (--threads kernel threads on one processor that call sched_yield), create, wait_ended, park, sleep,
 // futex (round trip between two threads that both sleep), futex_wake (one way, to a sleeper), cached, idle,
-// lock (a mutex, uncontended, in a process with two threads).
+// lock (a mutex, uncontended, in a process with two threads), cas, cache_line (a round trip between two spinning
+// threads), commit and commit_floor (see file_bench), serve (a key-value server on --port, a kernel thread a connection).
 #include <fcntl.h>
 #include <liburing.h>
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 
 #include "bench/harness.h"
+#include "bench/peers/resp.h"
 
 namespace {
 
@@ -71,6 +75,20 @@ void LockCase() {
         return NowNs() - start;
     });
     Leave();
+}
+
+// What no lock between processors can do without.
+void CasCase() {
+    static std::atomic<uint32_t> word;
+    Measure(gOptions, "lock/1", [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            uint32_t expected = 0;
+            word.compare_exchange_strong(expected, 1, std::memory_order_acquire);
+            word.store(0, std::memory_order_release);
+        }
+        return NowNs() - start;
+    });
 }
 
 void SleepNs(double ns) {
@@ -245,6 +263,32 @@ void FutexCase() {
     Leave();
 }
 
+void *AnswerSpinning(void *) {
+    for (;;) {
+        while (gPing.load(std::memory_order_acquire) == 0) {
+        }
+        gPing.store(0, std::memory_order_relaxed);
+        gPong.store(1, std::memory_order_release);
+    }
+}
+
+void CacheLineCase() {
+    const int other = ProcessorNumber(1);
+    PinSelf(ProcessorNumber(0));
+    Create(AnswerSpinning, nullptr, 0, other);
+    Measure(gOptions, "message/post", [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            gPing.store(1, std::memory_order_release);
+            while (gPong.load(std::memory_order_acquire) == 0) {
+            }
+            gPong.store(0, std::memory_order_relaxed);
+        }
+        return NowNs() - start;
+    });
+    Leave();
+}
+
 void FutexWakeCase() {
     const int other = ProcessorNumber(1);
     PinSelf(ProcessorNumber(0));
@@ -298,6 +342,123 @@ void CachedCase() {
     close(file);
 }
 
+// ---- Durable writes of a group -------------------------------------------------------------------------
+
+constexpr uint64_t kLogBytes = 32 << 20;  // of the data file, which is filled: nothing but data is written
+
+// A batch as one durable write at the log's end.
+void WriteBatch(int file, const char *batch, uint64_t bytes, uint64_t *at) {
+    if (*at + bytes > kLogBytes) *at = 0;
+    const iovec part{const_cast<char *>(batch), bytes};
+    if (pwritev2(file, &part, 1, static_cast<off_t>(*at), RWF_DSYNC) != static_cast<ssize_t>(bytes)) Fail("pwritev2", errno);
+    *at += bytes;
+}
+
+int OpenLog() {
+    const int file = open(gOptions.File.c_str(), O_RDWR | O_CLOEXEC);
+    if (file < 0) Fail("open");
+    return file;
+}
+
+std::atomic<uint64_t> gCommits;
+
+void ReportCommits(uint64_t batches, double start) {
+    const uint64_t commits = gCommits.load();
+    Report(gOptions, "commit/" + std::to_string(gOptions.Threads), commits,
+           {static_cast<double>(commits) * 1e9 / (NowNs() - start)}, "commits/s", "higher",
+           {{"batch", static_cast<double>(commits) / static_cast<double>(batches)}});
+    Leave();
+}
+
+// One thread writes batches as large as they can get with so many writers, and nobody waits for anybody.
+void CommitFloorCase() {
+    const int file = OpenLog();
+    const std::vector<char> batch(size_t{kReadBytes} * gOptions.Threads, 'c');
+    uint64_t at = 0, batches = 0;
+    const double start = NowNs(), end = start + gOptions.Seconds * 1e9;
+    for (; NowNs() < end; ++batches) {
+        WriteBatch(file, batch.data(), batch.size(), &at);
+        gCommits += gOptions.Threads;
+    }
+    ReportCommits(batches, start);
+}
+
+pthread_mutex_t gLogLock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t gMore = PTHREAD_COND_INITIALIZER;
+pthread_cond_t gDurable = PTHREAD_COND_INITIALIZER;
+std::vector<char> gGathering;
+uint64_t gAppended, gSettled;  // bytes
+
+void *Writer(void *) {
+    const std::vector<char> record(kReadBytes, 'w');
+    for (;;) {
+        pthread_mutex_lock(&gLogLock);
+        gGathering.insert(gGathering.end(), record.begin(), record.end());
+        const uint64_t mine = gAppended += kReadBytes;
+        pthread_cond_signal(&gMore);
+        while (gSettled < mine) pthread_cond_wait(&gDurable, &gLogLock);
+        pthread_mutex_unlock(&gLogLock);
+        gCommits.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+void CommitCase() {
+    const int file = OpenLog();
+    std::vector<char> batch;
+    batch.reserve(size_t{kReadBytes} * gOptions.Threads);
+    gGathering.reserve(size_t{kReadBytes} * gOptions.Threads);
+    for (uint32_t i = 0; i < gOptions.Threads; ++i) Create(Writer, nullptr, 128 * 1024);
+    uint64_t at = 0, batches = 0;
+    const double start = NowNs(), end = start + gOptions.Seconds * 1e9;
+    for (; NowNs() < end; ++batches) {
+        pthread_mutex_lock(&gLogLock);
+        while (gGathering.empty()) pthread_cond_wait(&gMore, &gLogLock);
+        batch.clear();
+        batch.swap(gGathering);
+        const uint64_t upTo = gAppended;
+        pthread_mutex_unlock(&gLogLock);
+        WriteBatch(file, batch.data(), batch.size(), &at);
+        pthread_mutex_lock(&gLogLock);
+        gSettled = upTo;
+        pthread_cond_broadcast(&gDurable);
+        pthread_mutex_unlock(&gLogLock);
+    }
+    ReportCommits(batches, start);
+}
+
+// ---- A server ----------------------------------------------------------------------------------------
+
+Store gStore;
+pthread_mutex_t gStoreLock = PTHREAD_MUTEX_INITIALIZER;
+
+void *Session(void *connection) {
+    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(connection));
+    std::string in, out;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
+        if (got <= 0) break;
+        in.append(buffer, static_cast<size_t>(got));
+        pthread_mutex_lock(&gStoreLock);
+        bench::Answer(&gStore, &in, &out);
+        pthread_mutex_unlock(&gStoreLock);
+        if (send(fd, out.data(), out.size(), MSG_NOSIGNAL) < 0) break;
+        out.clear();
+    }
+    close(fd);
+    return nullptr;
+}
+
+void ServeCase() {
+    const int listener = ListenOn(gOptions.Port);
+    for (;;) {
+        const int fd = accept(listener, nullptr, nullptr);
+        if (fd < 0) Fail("accept", errno);
+        NoDelay(fd);
+        pthread_detach(Create(Session, reinterpret_cast<void *>(static_cast<intptr_t>(fd)), 128 * 1024));
+    }
+}
+
 // ---- Idle --------------------------------------------------------------------------------------------
 
 // What a scheduler cannot do without when it waits at most a millisecond at a time.
@@ -337,6 +498,9 @@ struct {
     {"sleep", "nanosleep", SleepCase},         {"futex", "futex", FutexCase},
     {"futex_wake", "futex", FutexWakeCase},    {"cached", "pread", CachedCase},
     {"idle", "bare rings", IdleCase},          {"lock", "pthreads", LockCase},
+    {"cas", "one CAS", CasCase},               {"cache_line", "cache line", CacheLineCase},
+    {"commit", "pthreads", CommitCase},        {"commit_floor", "one writer", CommitFloorCase},
+    {"serve", "pthreads", ServeCase},
 };
 
 }  // namespace

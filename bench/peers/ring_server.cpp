@@ -1,22 +1,15 @@
 // bench/peers/ring_server.cpp - a key-value server on a bare ring: what a hand-written event loop costs a request.
 //
-// GET, SET and PING of RESP, in memory only, one kernel thread, one ring set up as the library's are; a receive entry a
-// connection and its answer as a send entry, submitted together. Neither checks nor limits: it exists to be measured.
+// One kernel thread, one ring set up as the library's are; a receive entry a connection and its answer as a send entry,
+// submitted together.
 //
 //   ring_server PORT
-#include <arpa/inet.h>
 #include <liburing.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <string_view>
-#include <unordered_map>
+
+#include "bench/peers/resp.h"
 
 namespace {
 
@@ -29,7 +22,7 @@ struct Connection {
 };
 
 io_uring gRing;
-std::unordered_map<std::string, std::string> gKeys;
+bench::Store gStore;
 
 io_uring_sqe *Entry() {
     io_uring_sqe *entry = io_uring_get_sqe(&gRing);
@@ -51,57 +44,6 @@ void Send(Connection *c, size_t from) {
     io_uring_sqe_set_data(entry, c);
 }
 
-// One array of bulk strings from `at`; false when it is not whole.
-bool Parse(const std::string &in, size_t *at, std::string_view *words, int *count) {
-    const char *p = in.data() + *at;
-    const char *end = in.data() + in.size();
-    auto number = [&](char mark, long *value) {
-        if (p >= end || *p != mark) return false;
-        const char *line = static_cast<const char *>(memchr(p, '\r', static_cast<size_t>(end - p)));
-        if (line == nullptr || line + 1 >= end) return false;
-        *value = std::atol(p + 1);
-        p = line + 2;
-        return true;
-    };
-    long n = 0;
-    if (!number('*', &n)) return false;
-    *count = 0;
-    for (long i = 0; i < n; ++i) {
-        long length = 0;
-        if (!number('$', &length) || end - p < length + 2) return false;
-        if (*count < 4) words[(*count)++] = std::string_view(p, static_cast<size_t>(length));
-        p += length + 2;
-    }
-    *at = static_cast<size_t>(p - in.data());
-    return true;
-}
-
-void Serve(Connection *c) {
-    size_t at = 0;
-    std::string_view words[4];
-    int count = 0;
-    while (at < c->In.size() && Parse(c->In, &at, words, &count)) {
-        if (count == 2 && (words[0] == "GET" || words[0] == "get")) {
-            auto found = gKeys.find(std::string(words[1]));
-            if (found == gKeys.end()) {
-                c->Out += "$-1\r\n";
-            } else {
-                c->Out += '$';
-                c->Out += std::to_string(found->second.size());
-                c->Out += "\r\n";
-                c->Out += found->second;
-                c->Out += "\r\n";
-            }
-        } else if (count == 3 && (words[0] == "SET" || words[0] == "set")) {
-            gKeys[std::string(words[1])] = std::string(words[2]);
-            c->Out += "+OK\r\n";
-        } else {
-            c->Out += "+PONG\r\n";
-        }
-    }
-    c->In.erase(0, at);
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -110,17 +52,7 @@ int main(int argc, char **argv) {
         return 2;
     }
     signal(SIGPIPE, SIG_IGN);
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    const int one = 1;
-    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_port = htons(static_cast<uint16_t>(std::atoi(argv[1])));
-    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(listener, reinterpret_cast<sockaddr *>(&name), sizeof name) != 0 || listen(listener, 4096) != 0) {
-        std::perror("ring_server");
-        return 1;
-    }
+    const int listener = bench::ListenOn(static_cast<unsigned>(std::atoi(argv[1])));
     io_uring_params params{};
     params.flags = IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN | IORING_SETUP_CQSIZE;
     params.cq_entries = 8192;
@@ -140,7 +72,7 @@ int main(int argc, char **argv) {
                 if (ended->res < 0) continue;
                 c = new Connection;
                 c->Fd = ended->res;
-                setsockopt(c->Fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+                bench::NoDelay(c->Fd);
                 Receive(c);
             } else if (ended->res <= 0) {
                 close(c->Fd);
@@ -156,7 +88,7 @@ int main(int argc, char **argv) {
                 }
             } else {
                 c->In.append(c->Buffer, static_cast<size_t>(ended->res));
-                Serve(c);
+                bench::Answer(&gStore, &c->In, &c->Out);
                 c->Sending = !c->Out.empty();
                 if (c->Sending)
                     Send(c, 0);

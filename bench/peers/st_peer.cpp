@@ -1,10 +1,14 @@
 // bench/peers/st_peer.cpp - the same cases on State Threads. It has no yield of its own; st_usleep(0) is what its
-// programs use instead. Cases: yield, create, wait_ended, park, post_wait, lock.
+// programs use instead. Cases: yield, create, wait_ended, park, post_wait, lock, serve (a key-value server on --port, a
+// thread a connection).
 extern "C" {
 #include <st.h>
 }
 
+#include <csignal>
+
 #include "bench/harness.h"
+#include "bench/peers/resp.h"
 
 namespace {
 
@@ -143,11 +147,41 @@ void ParkCase() {
     Leave();
 }
 
+Store gStore;
+
+void *Session(void *connection) {
+    const auto fd = static_cast<st_netfd_t>(connection);
+    std::string in, out;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t got = st_read(fd, buffer, sizeof buffer, ST_UTIME_NO_TIMEOUT);
+        if (got <= 0) break;
+        in.append(buffer, static_cast<size_t>(got));
+        bench::Answer(&gStore, &in, &out);
+        if (st_write(fd, out.data(), out.size(), ST_UTIME_NO_TIMEOUT) < 0) break;
+        out.clear();
+    }
+    st_netfd_close(fd);
+    return nullptr;
+}
+
+void ServeCase() {
+    signal(SIGPIPE, SIG_IGN);
+    st_netfd_t listener = st_netfd_open_socket(ListenOn(gOptions.Port));
+    for (;;) {
+        st_netfd_t fd = st_accept(listener, nullptr, nullptr, ST_UTIME_NO_TIMEOUT);
+        if (fd == nullptr) Fail("st_accept", errno);
+        NoDelay(st_netfd_fileno(fd));
+        if (st_thread_create(Session, fd, 0, 0) == nullptr) Fail("st_thread_create");
+    }
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
     gOptions.Impl = "state threads";
     if (!ParseOptions(argc, argv, &gOptions)) return 2;
+    st_set_eventsys(ST_EVENTSYS_ALT);  // epoll
     if (st_init() != 0) Fail("st_init");
     if (gOptions.Case == "yield")
         YieldCase();
@@ -161,5 +195,7 @@ int main(int argc, char **argv) {
         LockCase();
     else if (gOptions.Case == "park")
         ParkCase();
+    else if (gOptions.Case == "serve")
+        ServeCase();
     return 2;
 }
