@@ -6,15 +6,20 @@
 
 #include <cstddef>
 
+#include "alloc/alloc.h"
 #include "config/settings.h"
 #include "diag/timeline.h"
 #include "diag/timesource.h"
 #include "diag/trace.h"
+#include "kernel/critsec.h"
 #include "kernel/file.h"
+#include "kernel/handles.h"
 #include "kernel/psehand.h"
 #include "net/net.h"
-// The one place outside the platform that names what is in a context: where a parked fiber's registers are saved.
+// The one place outside the platform that names what is in it: where a parked fiber's registers are saved, and how many
+// handles are in use.
 #include "platform/base/fiber_internal.h"
+#include "platform/base/minidump.h"
 #include "sched/records.h"
 #include "sched/sched.h"
 
@@ -62,6 +67,8 @@ constexpr InspectRow NumberRow(const char (&name)[N], InspectKind kind, uint64_t
 #define CONSTANT(name) NumberRow(#name, kInspectConstant, static_cast<uint64_t>(name), 4)
 
 using os::FiberContext;
+using os::gFreeHandleCount;
+using os::gNextFreshHandle;
 using os::IoThread;
 using os::ThreadBlock;
 
@@ -81,6 +88,11 @@ static constexpr InspectRow kRows[] = {
     GLOBAL(gTimelineWanted),
     GLOBAL(gPRQ),
     GLOBAL(gFRQ),
+    GLOBAL(gHandleCount),
+    GLOBAL(gOsCritSecCount),
+    GLOBAL(gTotalVirtualAlloc),
+    GLOBAL(gNextFreshHandle),
+    GLOBAL(gFreeHandleCount),
     GlobalRow("zvx_switch_frame", &zvx_switch_frame, sizeof(zvx_switch_frame)),
     // Lists.
     RECORD(ListHead),
@@ -161,6 +173,7 @@ static constexpr InspectRow kRows[] = {
     FIELD(Scheduler, ExitedFibers),
     FIELD(Scheduler, AllFibers),
     FIELD(Scheduler, InitFiber),
+    FIELD(Scheduler, ChunkTypeCount),
     // What the platform keeps: the running fiber of a kernel thread, its operations, a parked fiber's stack.
     FIELD(ThreadBlock, FiberData),
     FIELD(ThreadBlock, Current),
@@ -220,6 +233,11 @@ static constexpr InspectRow kRows[] = {
     CONSTANT(POST_HOST),
     CONSTANT(POST_SECTION),
     CONSTANT(FIBEROVERLAPPED_MAGIC),
+    CONSTANT(ALLOC_PSEHAND),
+    CONSTANT(ALLOC_FIBEROVERLAPPED),
+    CONSTANT(ALLOC_FIBER_MESSAGE),
+    CONSTANT(ALLOC_FIBER_CRITICAL_SECTION),
+    CONSTANT(ALLOC_STRING),
     CONSTANT(OP_RECEIVE),
     CONSTANT(OP_SEND),
     CONSTANT(OP_ACCEPT),

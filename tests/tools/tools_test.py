@@ -171,6 +171,8 @@ def case_Tables():
     sched = zvxctl("sched", host.pid).splitlines()
     counts = [re.split(r"\s{2,}", line.strip()) for line in sched[1:]]
     check(sum(int(c[3]) for c in counts) == 8, f"user threads: {sched}")
+    usage = dict(line.split() for line in zvxctl("usage", host.pid).splitlines())
+    check(usage["user_threads"] == "8" and int(usage["handles"]) >= 8 and usage["records_section"] == "1", f"usage: {usage}")
     check(sum(int(c[6]) for c in counts) == 2 and sum(int(c[7]) for c in counts) == 1, f"infinite waits, operations: {sched}")
 
 

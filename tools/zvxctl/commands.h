@@ -22,6 +22,7 @@ struct ThreadsOptions {
 };
 int ShowThreads(const ThreadsOptions &options);
 int ShowSchedulers(pid_t pid);
+int ShowUsage(pid_t pid);
 
 // top.cpp
 struct TopOptions {

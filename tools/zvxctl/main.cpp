@@ -59,6 +59,14 @@ int main(int argc, char **argv) {
         "SWITCHES, POSTS, POLLED, PACKETS: so often since the start; the last two are operations that ended. LONGEST\n"
         "HOLD: the longest time without a yield in this second, and whose.");
 
+    pid_t usagePid = 0;
+    command = withPid(app.add_subcommand("usage", "What the library holds: handles, records, operations, memory"),
+                      &usagePid);
+    command->footer(
+        "One figure a line, for scripts that look for growth. HANDLES are those of the operating system layer,\n"
+        "LIBRARY_HANDLES those that the library knows more about; RECORDS_... are counted where they are made and\n"
+        "freed, so that a figure taken in the middle may be off by a few. MEMORY_BYTES is never given back.");
+
     TopOptions top;
     command = withPid(app.add_subcommand("top", "Schedulers and busiest user threads, again and again"), &top.Pid);
     command->add_option("-n", top.Count, "End after so many pictures");
@@ -111,6 +119,7 @@ int main(int argc, char **argv) {
         if (chosen("list")) code = ListInstances();
         if (chosen("threads")) code = ShowThreads(threads);
         if (chosen("sched")) code = ShowSchedulers(schedPid);
+        if (chosen("usage")) code = ShowUsage(usagePid);
         if (chosen("top")) code = ShowTop(top);
         if (chosen("trace")) code = RecordTrace(trace);
         if (chosen("dump")) code = RequestDump(dump);

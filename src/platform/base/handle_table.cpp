@@ -26,6 +26,9 @@
 
 namespace os {
 
+std::atomic<uint32_t> gNextFreshHandle{1};  // [gTableLock] slot 0 is the null handle; read by VisitHandles
+std::atomic<uint32_t> gFreeHandleCount{0};  // [gTableLock] values in the queue
+
 namespace {
 
 struct HandleSlot {
@@ -43,10 +46,8 @@ constexpr uint32_t kReuseDelay = 64;      // closed values that lie between a cl
 InnerLock gTableLock;
 std::atomic<HandleSlot *> gSlots{nullptr};  // null until the first handle, then the array for good
 std::atomic<uint32_t> gSlotLimit{0};        // slots in the array; written before gSlots
-std::atomic<uint32_t> gNextFresh{1};        // [gTableLock] slot 0 is the null handle; read by VisitHandles
 uint32_t gFreeHead = 0;                     // [gTableLock] 0 when the queue is empty
 uint32_t gFreeTail = 0;
-uint32_t gFreeCount = 0;
 
 // [gTableLock] Reserves the array. An address-space limit may refuse the whole: take what it allows.
 bool ReserveSlotsLocked() {
@@ -75,7 +76,7 @@ void AppendFreeLocked(HandleSlot *slots, uint32_t index) {
     else
         gFreeHead = index;
     gFreeTail = index;
-    gFreeCount++;
+    gFreeHandleCount.store(gFreeHandleCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
 // Queues a value whose State may have become 0. Of several who see that, one sets kListed.
@@ -93,7 +94,7 @@ uint32_t TakeFreeLocked(HandleSlot *slots) {
         uint32_t index = gFreeHead;
         gFreeHead = slots[index].NextFree;
         if (gFreeHead == 0) gFreeTail = 0;
-        gFreeCount--;
+        gFreeHandleCount.store(gFreeHandleCount.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
         // A value that was pinned while it lay here leaves the queue; its last unpin queues it again.
         slots[index].State.fetch_and(~kListed, std::memory_order_acq_rel);
         uint32_t state = 0;
@@ -104,8 +105,8 @@ uint32_t TakeFreeLocked(HandleSlot *slots) {
 
 // [gTableLock] A slot that was never used, made open; 0 when there is none. One may have been pinned.
 uint32_t TakeFreshLocked(HandleSlot *slots) {
-    while (gNextFresh.load(std::memory_order_relaxed) < gSlotLimit.load(std::memory_order_relaxed)) {
-        uint32_t index = gNextFresh.fetch_add(1, std::memory_order_relaxed);
+    while (gNextFreshHandle.load(std::memory_order_relaxed) < gSlotLimit.load(std::memory_order_relaxed)) {
+        uint32_t index = gNextFreshHandle.fetch_add(1, std::memory_order_relaxed);
         uint32_t state = 0;
         if (slots[index].State.compare_exchange_strong(state, kOpen, std::memory_order_acq_rel)) return index;
     }
@@ -117,7 +118,7 @@ uint32_t TakeValue() {
     if (gSlots.load(std::memory_order_relaxed) == nullptr && !ReserveSlotsLocked()) return 0;
     HandleSlot *slots = gSlots.load(std::memory_order_relaxed);
     uint32_t index = 0;
-    if (gFreeCount > kReuseDelay) index = TakeFreeLocked(slots);
+    if (gFreeHandleCount.load(std::memory_order_relaxed) > kReuseDelay) index = TakeFreeLocked(slots);
     if (index == 0) index = TakeFreshLocked(slots);
     if (index == 0) index = TakeFreeLocked(slots);
     return index;
@@ -195,7 +196,7 @@ bool StillOpen(HANDLE handle, const Object *object) {
 void VisitHandles(void (*visit)(HANDLE handle, const Object *object, void *arg), void *arg) {
     const HandleSlot *slots = gSlots.load(std::memory_order_acquire);
     if (slots == nullptr) return;
-    const uint32_t end = gNextFresh.load(std::memory_order_relaxed);
+    const uint32_t end = gNextFreshHandle.load(std::memory_order_relaxed);
     for (uint32_t index = 1; index < end; ++index) {
         const Object *object = slots[index].Target.load(std::memory_order_acquire);
         if (object != nullptr) visit(reinterpret_cast<HANDLE>(static_cast<uintptr_t>(index) * 4), object, arg);

@@ -9,6 +9,8 @@
 #ifndef ZVX_PLATFORM_BASE_MINIDUMP_H
 #define ZVX_PLATFORM_BASE_MINIDUMP_H
 
+#include <atomic>
+
 #include "platform/base/minidump_format.h"
 #include "platform/os.h"
 
@@ -70,6 +72,10 @@ const ImageList *TakeImages(void *pages);
 // handle_table.cpp: calls visit for every open handle, without a lock. Of the object only what PeekHandle allows.
 struct Object;
 void VisitHandles(void (*visit)(HANDLE handle, const Object *object, void *arg), void *arg);
+
+// handle_table.cpp, for tools that look from outside: handles in use are gNextFreshHandle - 1 - gFreeHandleCount.
+extern std::atomic<uint32_t> gNextFreshHandle;
+extern std::atomic<uint32_t> gFreeHandleCount;
 
 }  // namespace os
 
