@@ -68,12 +68,27 @@ std::string ProbeSessions() {
     return "asked:" + std::to_string(asked) + " answered:" + std::to_string(gProbed.load());
 }
 
+// Suspends every session and resumes it at once. The section is held, so that no thread's handle is closed meanwhile.
+std::string PauseSessions() {
+    if (gOptions.Threads) return "not available";
+    uint32_t paused = 0;
+    Guard guard(&gSessions.Section);
+    for (uint32_t i = 0; i < gSessions.Used; i++) {
+        const Session *const session = gSessions.Slots[i].Who;
+        if (session == nullptr || SuspendThread(session->Thread) == 0xFFFFFFFF) continue;
+        ResumeThread(session->Thread);
+        paused++;
+    }
+    return "paused:" + std::to_string(paused);
+}
+
 std::string Answer(std::string_view request) {
     while (!request.empty() && (request.back() == '\n' || request.back() == '\r' || request.back() == '\0'))
         request.remove_suffix(1);
     if (request == "info") return InfoText("all");
     if (request == "sessions") return ListSessions();
     if (request == "probe") return ProbeSessions();
+    if (request == "pause") return PauseSessions();
     if (request == "checkpoint") return RequestCheckpoint() ? "started" : "one is running already";
     if (request == "migrate-lgwr") return RequestLgwrMigration() ? "requested" : "not available";
     if (request == "shutdown") {

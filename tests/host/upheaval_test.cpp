@@ -108,6 +108,7 @@ TEST_P(Upheaval, DumpsAMoveAndRoutinesAtOnceLoseNothing) {
     for (int i = 0; i < 5; i++) {
         const std::string answer = ask("probe");
         EXPECT_EQ("asked:" + std::to_string(kClients) + " answered:" + std::to_string(kClients), answer);
+        EXPECT_EQ("paused:" + std::to_string(kClients), ask("pause"));
         if (i == 1) ask("checkpoint");
         if (i == 2) SetEvent(event);
     }
