@@ -35,6 +35,7 @@ constexpr uint32_t kMaxActors = 4;
 constexpr uint32_t kMaxIdleMs = 5000;    // of model time, without an end: the scenario hangs
 constexpr uint32_t kMaxSteps = 400'000;  // accesses of one run: it goes round in circles
 constexpr uint32_t kFairSteps = 100;     // accesses after which the others get their turn
+constexpr uint32_t kRandomRarity = 12;   // one choice in so many is made at random
 constexpr uint64_t kNever = UINT64_MAX;
 
 enum Outcome : int { kPassed = 0, kCutOff = 10, kViolated = 11, kDiffers = 12 };
@@ -132,13 +133,13 @@ struct RunState {
 
 Bounds gBounds;
 bool gSearching;    // a run; false while the scenario is set up
+uint64_t gRandom;  // option "random": the state of the generator, else 0
 int gTraceTo = -1;  // a file descriptor, while a run is told
 const Scenario *gScenario;
 os::FiberContext *gExplorer;
 
-void Trace(const void *pc, const char *format, ...) __attribute__((format(printf, 2, 3)));
-void Trace(const void *pc, const char *format, ...) {
-    if (gTraceTo < 0) return;
+void TraceLine(const void *pc, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void TraceLine(const void *pc, const char *format, ...) {
     extern char Start[] __asm__("__executable_start");
     char line[512];
     int n = std::snprintf(line, sizeof line, "%zx\t", pc == nullptr ? 0 : static_cast<const char *>(pc) - Start - 1);
@@ -149,6 +150,12 @@ void Trace(const void *pc, const char *format, ...) {
     line[n++] = '\n';
     if (write(gTraceTo, line, static_cast<size_t>(n)) != n) std::abort();
 }
+
+#define Trace(...)                      \
+    do {                                \
+        if (gTraceTo >= 0) [[unlikely]] \
+            TraceLine(__VA_ARGS__);     \
+    } while (0)
 
 [[noreturn]] void EndRun(Outcome outcome) {
     gShared->Steps += gRun.Steps;
@@ -161,7 +168,12 @@ void Trace(const void *pc, const char *format, ...) {
     _exit(outcome);
 }
 
-// The given choice, or the first option; how many options there were is noted.
+uint32_t Random(uint32_t below) {
+    gRandom = gRandom * 6364136223846793005u + 1442695040888963407u;
+    return static_cast<uint32_t>((gRandom >> 33) % below);
+}
+
+// The given choice, or the first option (option "random": mostly); how many options there were is noted.
 uint32_t Choose(uint32_t options) {
     if (options == 1 || !gSearching) return 0;
     if (gShared->Length == kMaxChoices) Violation("too many choices in one run");
@@ -171,6 +183,7 @@ uint32_t Choose(uint32_t options) {
         if (choice->Options != options || choice->Taken >= options) EndRun(kDiffers);
     } else {
         *choice = {static_cast<uint8_t>(options), 0};
+        if (gRandom != 0 && Random(kRandomRarity) == 0) choice->Taken = static_cast<uint8_t>(Random(options));
     }
     gShared->Length++;
     return choice->Taken;
@@ -335,7 +348,7 @@ void RunAll() {
         gRun.Next = kMaxActors;
         gRun.StepsInARow = 0;
         Actor &actor = gActors[gRun.Current];
-        if (actor.Pending != nullptr && !actor.Useful) EndRun(kCutOff);
+        if (actor.Pending != nullptr && !actor.Useful && gRandom == 0) EndRun(kCutOff);
         actor.Pending = nullptr;
         Trace(nullptr, "S%u runs", gRun.Current);
         SaveBlock(block, &actor.Block);
@@ -500,7 +513,9 @@ Outcome Search(double limit) {
     uint32_t rounds = 1;
     Outcome outcome = kPassed;
     bool whole = true;
+    const uint64_t seed = gRandom;
     for (;;) {
+        gRandom = seed != 0 ? seed + gExecutions : 0;
         outcome = RunChild();
         if (outcome >= kViolated) break;
         if (gShared->NumContended != known) {
@@ -510,7 +525,7 @@ Outcome Search(double limit) {
             rounds++;
             continue;
         }
-        if (!NextPath()) break;
+        if (seed == 0 && !NextPath()) break;
         if (limit != 0 && Seconds() - start > limit) {
             whole = false;
             break;
@@ -704,6 +719,8 @@ int main(int argc, char **argv) {
             turns = std::atol(argv[++i]);
         } else if (option == "--ticks" && more) {
             ticks = std::atol(argv[++i]);
+        } else if (option == "--random" && more) {
+            gRandom = std::strtoull(argv[++i], nullptr, 10);
         } else if (option == "--seconds" && more) {
             limit = std::atof(argv[++i]);
         } else {
@@ -715,7 +732,7 @@ int main(int argc, char **argv) {
     if (gScenario == nullptr) {
         std::printf(
             "usage: %s SCENARIO [--wide] [--preemptions N] [--turns N] [--ticks N] [--buffers] [--seconds N]\n"
-            "       [--expect-violation]\nscenarios:",
+            "       [--random SEED] [--expect-violation]\nscenarios:",
             argv[0]);
         for (uint32_t i = 0; i < gNumScenarios; ++i) std::printf(" %s", gScenarios[i].Name);
         std::printf("\n");

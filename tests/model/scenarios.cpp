@@ -10,6 +10,7 @@
 #include "dedicated/dedicated.h"
 #include "explorer.h"
 #include "kernel/critsec.h"
+#include "kernel/file.h"
 #include "kernel/handles.h"
 #include "kernel/thread.h"
 #include "kernel/wait.h"
@@ -196,6 +197,45 @@ void PostAgainstTimeout() {
     });
 }
 
+// More posts than a lane holds: some go as messages. The last one is not lost.
+void ManyPosts() {
+    AddSchedulers(2, 100);
+    gEvent = NewEvent();
+    static Shared<bool> last;
+    Fiber *waiter = AddFiber(1, "waiter", [](Fiber *F) {
+        IdentifyUserThread("TEST", gEvent);
+        Gate(F);
+        while (!last) MUST(WaitForUserThreadPost(gEvent, INFINITE) == WAIT_OBJECT_0);
+    });
+    RunToRest();
+    Open(waiter);
+    AddFiber(0, "poster", [](Fiber *) {
+        for (uint32_t i = 0; i <= kLaneSlots; ++i) {
+            last = i == kLaneSlots;
+            MUST(PostUserThread(gEvent));
+        }
+    });
+}
+
+// A thread that waits for a post runs a routine meanwhile: the post is there afterwards.
+void PostAndRoutine() {
+    AddSchedulers(2, 100);
+    gEvent = NewEvent();
+    Fiber *waiter = gTarget = AddFiber(1, "waiter", [](Fiber *F) {
+        IdentifyUserThread("TEST", gEvent);
+        Gate(F);
+        MUST(WaitForUserThreadPost(gEvent, INFINITE) == WAIT_OBJECT_0);
+        MUST(WaitForUserThreadPost(gEvent, 0) == WAIT_TIMEOUT);
+        while (gRoutineRuns == 0) Sleep(1);
+    });
+    RunToRest();
+    Open(waiter);
+    AddFiber(0, "sender", [](Fiber *) {
+        MUST(UserThreadExecRoutine(gEvent, CountRun));
+        MUST(PostUserThread(gEvent));
+    });
+}
+
 // A thread ends while it is posted, and its record becomes another thread's, which was never posted.
 void PostAndReuse(int secondOn) {
     AddSchedulers(2, 100);
@@ -302,6 +342,36 @@ void SectionAndEnd() {
     });
 }
 
+// A waiter of a section runs a routine while it may have been posted: both waiters get the section.
+void SectionAndRoutine() {
+    AddSchedulers(2, 100);
+    gEvent = NewEvent();
+    AddFiber(0, "init", [](Fiber *) { InitializeCriticalSection(&gSection); });
+    RunToRest();
+    Fiber *holder = AddFiber(0, "holder", [](Fiber *F) {
+        EnterCriticalSection(&gSection);
+        Gate(F);
+        LeaveCriticalSection(&gSection);
+    });
+    gTarget = AddFiber(1, "first", [](Fiber *F) {
+        IdentifyUserThread("TEST", gEvent);
+        Gate(F);
+        UseSection();
+        while (gRoutineRuns == 0) Sleep(1);
+    });
+    Fiber *next = AddFiber(1, "next", [](Fiber *F) {
+        Gate(F);
+        UseSection();
+    });
+    RunToRest();
+    Open(gTarget);
+    RunToRest();
+    Open(next);
+    RunToRest();
+    AddFiber(0, "sender", [](Fiber *) { MUST(UserThreadExecRoutine(gEvent, CountRun)); });
+    Open(holder);
+}
+
 // ---- 3. Cancel against completion --------------------------------------------------------------------
 
 Fiber *gAgain;
@@ -353,6 +423,71 @@ void CancelAgainstEnd(bool foreign, bool hold) {
         },
         nullptr);
     DrainShells();
+}
+
+// A thread in a read runs a routine, which reads as well, while either read ends.
+void ReadAndRoutine() {
+    AddSchedulers(2, 100);
+    gEvent = NewEvent();
+    static PSEHAND *entries[2];
+    for (PSEHAND *&entry : entries) entry = test::NewEntry(gS[1], PHAND_HTYPE_CreateFileA);
+    gTarget = AddFiber(1, "reader", [](Fiber *F) {
+        IdentifyUserThread("TEST", gEvent);
+        Gate(F);
+        MUST(test::ReadOn(F, entries[0]) == STATUS_SUCCESS && F->OwnOvs[0].Ov.InternalHigh == 1);
+        while (gRoutineRuns == 0) Sleep(1);
+    });
+    RunToRest();
+    Open(gTarget);
+    RunToRest();
+    AddFiber(0, "sender", [](Fiber *) { MUST(UserThreadExecRoutine(gEvent, CountRun)); });
+    AddEvent(
+        "the read ends", [] { return script::RunningOn(&gTarget->OwnOvs[0].Ov) != nullptr; },
+        [] { script::EndOperation(&gTarget->OwnOvs[0].Ov, STATUS_SUCCESS, 1); }, gS[1]->Io->Tail);
+}
+
+// A thread waits alertably for two reads with routines, and is asked for something meanwhile. Each routine runs once,
+// or not at all when the thread is ended.
+Shared<uint32_t> gCompletions[2];
+OVERLAPPED gReads[2];
+void Alertable(const std::function<void(HANDLE thread)> &ask) {
+    AddSchedulers(2, 100);
+    gEvent = NewEvent();
+    static const HANDLE thread = AddThread(1, "reader", [](Fiber *F) {
+        IdentifyUserThread("TEST", gEvent);
+        const HANDLE file = CreateFileA("name", GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+        static char buffer[2];
+        for (int i = 0; i < 2; ++i)
+            MUST(ReadFileEx(file, buffer + i, 1, &gReads[i],
+                            [](DWORD, DWORD, OVERLAPPED *ov) { gCompletions[ov - gReads]++; }));
+        Gate(F);
+        while (gCompletions[0] + gCompletions[1] < 2) SleepEx(10, TRUE);
+        UnidentifyUserThread(0);
+        CloseHandle(file);
+        gTargetGone = true;
+    });
+    gTarget = ThreadOf(thread);
+    RunToRest();
+    Open(gTarget);
+    AddFiber(0, "sender", [ask](Fiber *) {
+        ask(thread);
+        DWORD code = 0;
+        while (GetExitCodeThread(thread, &code) && code == STILL_ACTIVE) Sleep(1);
+        for (Shared<uint32_t> &count : gCompletions) MUST(code == 7 ? count <= 1 : count == 1);
+        CloseHandle(thread);
+    });
+    for (int i = 0; i < 2; ++i) {
+        OVERLAPPED *ov = &OvOfLink(i == 0 ? gTarget->FileOvs.Ends.Next : gTarget->FileOvs.Ends.Prev)->Ov;
+        AddEvent(
+            i == 0 ? "the first read ends" : "the second read ends", [ov] { return script::RunningOn(ov) != nullptr; },
+            [ov] { script::EndOperation(ov, STATUS_SUCCESS, 1); }, i == 0 ? gS[1]->Io->Tail : nullptr);
+    }
+}
+void AlertableAgainstRoutine() {
+    Alertable([](HANDLE) { UserThreadExecRoutine(gEvent, CountRun); });
+}
+void AlertableAgainstTerminate() {
+    Alertable([](HANDLE handle) { TerminateThread(handle, 7); });
 }
 
 void CancelHere() {
@@ -559,6 +694,24 @@ void SuspendAndRoutine() {
 void SuspendAndRoutineFromThird() {
     Suspenders(3, [](HANDLE) { MUST(UserThreadExecRoutine(gEvent, CountRun)); });
 }
+// One suspends it, the other ends it.
+void SuspendAndTerminate() {
+    AddSchedulers(3, 100);
+    static const HANDLE thread = AddThread(1, "target", [](Fiber *F) {
+        Gate(F);
+        for (;;) Sleep(1);
+    });
+    RunToRest();
+    Open(ThreadOf(thread));
+    AddFiber(0, "suspender", [](Fiber *) {
+        if (SuspendThread(thread) != 0xFFFFFFFF) ResumeThread(thread);
+    });
+    AddFiber(2, "terminator", [](Fiber *) {
+        TerminateThread(thread, 7);
+        DWORD code = 0;
+        MUST(GetExitCodeThread(thread, &code) && code == 7);
+    });
+}
 void RoutineRanOnce() {
     MUST(gRoutineRuns == 1);
     NothingMore();
@@ -572,11 +725,17 @@ const Scenario gScenarios[] = {
     {"senders-short", TwoSendersShort, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"senders-long", TwoSendersLong, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"post-timeout", PostAgainstTimeout, AllEnded, NothingMore, {1, 1, 1}, {2, 2, 2}},
+    {"posts-many", ManyPosts, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
+    {"post-routine", PostAndRoutine, AllEnded, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
     {"post-reuse-far", PostAndReuseFar, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
     {"post-reuse-near", PostAndReuseNear, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
     {"section", SectionAndSection, AllEnded, NothingMore, {2, 1, 0}, {4, 2, 1}},
     {"section-post", SectionAndPost, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
     {"section-end", SectionAndEnd, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
+    {"section-routine", SectionAndRoutine, AllEnded, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
+    {"read-routine", ReadAndRoutine, AllEnded, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
+    {"alertable-routine", AlertableAgainstRoutine, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
+    {"alertable-terminate", AlertableAgainstTerminate, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
     {"cancel", CancelHere, AllEnded, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
     {"cancel-held", CancelHeld, AllEnded, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
     {"cancel-foreign", CancelForeign, AllEnded, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
@@ -591,6 +750,7 @@ const Scenario gScenarios[] = {
     {"suspenders", TwoSuspenders, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"suspenders-third", TwoSuspendersFromThird, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"suspend-routine", SuspendAndRoutine, AllEnded, RoutineRanOnce, {1, 1, 0}, {2, 1, 1}},
+    {"suspend-terminate", SuspendAndTerminate, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"suspend-routine-third", SuspendAndRoutineFromThird, AllEnded, RoutineRanOnce, {1, 1, 0}, {2, 1, 1}},
 };
 const uint32_t gNumScenarios = sizeof gScenarios / sizeof gScenarios[0];
