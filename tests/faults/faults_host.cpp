@@ -395,7 +395,7 @@ void Ends() {
 
 struct Counts {
     uint32_t Handles, OsHandles, UserThreads, Descriptors;
-    int64_t Operations;  // of the thread that writes the ring log there may be one
+    int64_t Operations;  // records of operations that are not free for their scheduler's next
 };
 
 // A handle that cannot be closed stays open, whoever closes it.
@@ -421,6 +421,7 @@ uint32_t CountDescriptors() {
 
 Counts TakeCounts() {
     Counts counts{gHandleCount, 0, 0, CountDescriptors(), ChunksInUse(ALLOC_FIBEROVERLAPPED)};
+    for (uint32_t i = 0; i < gSchedulersMade.load(); ++i) counts.Operations -= gSchedulers[i]->FreeOvs.Count;
     os::VisitHandles([](HANDLE, const os::Object *, void *count) { ++*static_cast<uint32_t *>(count); },
                      &counts.OsHandles);
     for (uint32_t i = 0; i < gSchedulersMade.load(); ++i) counts.UserThreads += gSchedulers[i]->FiberCount.load();
@@ -438,12 +439,18 @@ bool Await(Condition condition) {
 
 void CheckAll(const Counts &before) {
     Counts now{};
-    if (!Await([&] { return AllBack(now = TakeCounts(), before); }))
+    if (!Await([&] { return AllBack(now = TakeCounts(), before); })) {
         std::printf("handles %u/%u, of the platform %u/%u, threads %u/%u, descriptors %u/%u, operations %d/%d\n",
                     now.Handles, before.Handles, now.OsHandles, before.OsHandles, now.UserThreads, before.UserThreads,
                     now.Descriptors, before.Descriptors, static_cast<int>(now.Operations),
-                    static_cast<int>(before.Operations)),
-            Fail("something was left behind");
+                    static_cast<int>(before.Operations));
+        for (int fd = 0; fd < 64; ++fd) {
+            char target[100] = {};
+            if (readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target - 1) > 0)
+                std::printf("%d %s\n", fd, target);
+        }
+        Fail("something was left behind");
+    }
     if (!Await([] { return ChunksInUse(ALLOC_PSEHAND) == static_cast<int64_t>(gHandleCount); }))
         Fail("handle entries left behind", static_cast<uint64_t>(ChunksInUse(ALLOC_PSEHAND)), gHandleCount);
     for (const uint32_t type : {ALLOC_FIBER_CRITICAL_SECTION, ALLOC_FIBER_MESSAGE})

@@ -126,45 +126,9 @@ TEST(SchedFatal, APacketThatIsNobodys) {
     EXPECT_NE(text.find("] 7 != 2712847316\n"), std::string::npos) << text;
 }
 
-TEST(SchedFatal, AffinityAndPriorityOfAStackAllocation) {
-    struct Case {
-        const char *Call;
-        uint32_t Nth;
-        DWORD Error;
-        const char *Text;
-    };
-    for (const Case &c : {Case{"SetThreadPriority", 1, 5, "FAlloc: Unable to set priority 5"},
-                          Case{"SetThreadAffinityMask", 1, 87, "FAlloc: Unable to set SetThreadAffinityMask  E[87]\n"},
-                          Case{"SetThreadAffinityMask", 2, 6, "FAlloc: Unable to restore SetThreadAffinityMask E[6]\n"},
-                          Case{"SetThreadPriority", 2, 31, "FAlloc: Unable to restore priority 31"}}) {
-        ExpectFatal(c.Text, [&](Scheduler *S) {
-            // Until the free list is empty, so that a new block is made, and its memory is there already.
-            while (gFreeShells[0].Shells.Count != 0) AllocFiberShell(S, 0);
-            os::FailCall(c.Call, c.Nth, c.Error);
-            AllocFiberShell(S, 0);
-        });
-    }
-}
-
-TEST(SchedFatal, SchedulerThreads) {
+TEST(SchedFatal, BindingToNoScheduler) {
     ExpectFatal("Unknown affinity for null sched\n", [](Scheduler *) {
         SetSchedThreadAffinityAndPriority(os::GetCurrentThread(), nullptr, true, 1, 1, false);
-    });
-    ExpectFatal("Unable to SetProcessAffinityMask E[87]\n", [](Scheduler *S) {
-        os::FailCall("SetThreadAffinityMask", 1, 87);
-        SetSchedThreadAffinityAndPriority(os::GetCurrentThread(), S, true, 1, 1, false);
-    });
-    ExpectFatal("Unable to Set Priority E[5]\n", [](Scheduler *S) {
-        os::FailCall("SetThreadPriority", 1, 5);
-        SetSchedThreadAffinityAndPriority(os::GetCurrentThread(), S, false, 1, 1, true);
-    });
-    ExpectFatal("Unable to resume suspended scheduler thread 6\n", [](Scheduler *S) {
-        os::FailCall("ResumeThread", 1, 6);
-        SpawnSchedulerThread(S, false, 1);
-    });
-    ExpectFatal("Unable to resume suspended timer thread 6\n", [](Scheduler *) {
-        os::FailCall("ResumeThread", 1, 6);
-        StartQuantumUpdateThread();
     });
 }
 
