@@ -2,7 +2,7 @@
 //
 // Cases: yield, create (with --impl naming the stack allocator: "boost" is the default one, "boost guarded" has a guard
 // page under every stack as ours have, "boost pooled" recycles stacks), wait_ended, park, post_wait, message (the same
-// between two kernel threads), lock.
+// between two kernel threads), lock, and beside --threads parked fibers yield_parked, timed_parked, event_parked.
 #include <boost/fiber/all.hpp>
 
 #include <condition_variable>
@@ -23,22 +23,22 @@ Options gOptions;
     std::_Exit(0);
 }
 
-void YieldCase() {
-    for (uint32_t i = 1; i < gOptions.Threads; ++i) {
+void YieldCase(const std::string &name, uint32_t threads) {
+    for (uint32_t i = 1; i < threads; ++i) {
         fibers::fiber([] {
             for (;;) boost::this_fiber::yield();
         }).detach();
     }
     boost::this_fiber::yield();
     Measure(
-        gOptions, "yield/" + std::to_string(gOptions.Threads),
-        [](uint64_t n) {
-            const uint64_t laps = (n + gOptions.Threads - 1) / gOptions.Threads;
+        gOptions, name,
+        [threads](uint64_t n) {
+            const uint64_t laps = (n + threads - 1) / threads;
             const double start = NowNs();
             for (uint64_t i = 0; i < laps; ++i) boost::this_fiber::yield();
-            return (NowNs() - start) * static_cast<double>(n) / static_cast<double>(laps * gOptions.Threads);
+            return (NowNs() - start) * static_cast<double>(n) / static_cast<double>(laps * threads);
         },
-        gOptions.Threads * 4);
+        threads * 4);
     Leave();
 }
 
@@ -77,12 +77,15 @@ void WaitEndedCase() {
         gOptions.Threads * 4, gOptions.Threads * 400, false);
 }
 
-void ParkMany(uint32_t from, uint32_t to) {
+constexpr auto kLong = std::chrono::hours(1);
+
+void ParkMany(uint32_t from, uint32_t to, bool timed = false) {
     static fibers::mutex lock;
     static fibers::condition_variable never;
     for (uint32_t i = from; i < to; ++i) {
-        fibers::fiber(std::allocator_arg, fibers::protected_fixedsize_stack(128 * 1024), [] {
+        fibers::fiber(std::allocator_arg, fibers::protected_fixedsize_stack(128 * 1024), [timed] {
             std::unique_lock<fibers::mutex> guard(lock);
+            while (timed) never.wait_for(guard, kLong);
             for (;;) never.wait(guard);
         }).detach();
     }
@@ -113,18 +116,19 @@ struct Flag {
         guard.unlock();
         Changed.notify_one();
     }
-    void Wait() {
+    void Wait(bool timed) {
         std::unique_lock<fibers::mutex> guard(Lock);
+        while (!Set && timed) Changed.wait_for(guard, kLong);
         while (!Set) Changed.wait(guard);
         Set = false;
     }
 };
 
-void RoundTrips(const char *name, bool twoThreads) {
+void RoundTrips(const std::string &name, bool twoThreads, bool timed = false) {
     static Flag ping, pong;
-    const auto answer = [] {
+    const auto answer = [timed] {
         for (;;) {
-            ping.Wait();
+            ping.Wait(timed);
             pong.Post();
         }
     };
@@ -132,15 +136,23 @@ void RoundTrips(const char *name, bool twoThreads) {
         std::thread(answer).detach();  // its main fiber waits as any other does
     else
         fibers::fiber(answer).detach();
-    Measure(gOptions, name, [](uint64_t n) {
+    Measure(gOptions, name, [timed](uint64_t n) {
         const double start = NowNs();
         for (uint64_t i = 0; i < n; ++i) {
             ping.Post();
-            pong.Wait();
+            pong.Wait(timed);
         }
         return NowNs() - start;
     });
     Leave();
+}
+
+void ParkedCase() {
+    const bool timed = gOptions.Case == "timed_parked";
+    const std::string name = gOptions.Case + "/" + std::to_string(gOptions.Threads);
+    ParkMany(0, gOptions.Threads, timed);
+    if (gOptions.Case == "yield_parked") YieldCase(name, 2);
+    RoundTrips(name, false, timed);
 }
 
 void LockCase() {
@@ -162,7 +174,9 @@ int main(int argc, char **argv) {
     gOptions.Impl = "boost";
     if (!ParseOptions(argc, argv, &gOptions)) return 2;
     if (gOptions.Case == "yield")
-        YieldCase();
+        YieldCase("yield/" + std::to_string(gOptions.Threads), gOptions.Threads);
+    else if (gOptions.Case == "yield_parked" || gOptions.Case == "timed_parked" || gOptions.Case == "event_parked")
+        ParkedCase();
     else if (gOptions.Case == "create" && gOptions.Impl == "boost guarded")
         CreateCase(fibers::protected_fixedsize_stack());
     else if (gOptions.Case == "create" && gOptions.Impl == "boost pooled")

@@ -1,5 +1,6 @@
 // bench/peers/go_peer.go - the same cases on goroutines, on one processor. Cases: yield, create, park, post_wait, lock,
-// message (a round trip between two kernel threads), serve (a key-value server on -port, a goroutine a connection).
+// message (a round trip between two kernel threads), serve (a key-value server on -port, a goroutine a connection),
+// and beside -threads parked goroutines yield_parked, timed_parked, event_parked.
 package main
 
 import (
@@ -179,28 +180,90 @@ func serve() {
 	}
 }
 
+// A round trip between two goroutines, waiting with a time-out or without.
+func roundTrips(name string, timed bool) {
+	ping, pong := make(chan struct{}, 1), make(chan struct{}, 1)
+	await := func(from chan struct{}, timer *time.Timer) {
+		if !timed {
+			<-from
+			return
+		}
+		timer.Reset(time.Hour)
+		select {
+		case <-from:
+		case <-timer.C:
+		}
+		timer.Stop()
+	}
+	go func() {
+		timer := time.NewTimer(time.Hour)
+		for {
+			await(ping, timer)
+			pong <- struct{}{}
+		}
+	}()
+	timer := time.NewTimer(time.Hour)
+	measure(name, 64, func(n int64) float64 {
+		start := time.Now()
+		for i := int64(0); i < n; i++ {
+			ping <- struct{}{}
+			await(pong, timer)
+		}
+		return float64(time.Since(start))
+	})
+}
+
+func yields(name string, count int64) {
+	for i := int64(1); i < count; i++ {
+		go func() {
+			for {
+				runtime.Gosched()
+			}
+		}()
+	}
+	runtime.Gosched()
+	measure(name, count*4, func(n int64) float64 {
+		laps := (n + count - 1) / count
+		start := time.Now()
+		for i := int64(0); i < laps; i++ {
+			runtime.Gosched()
+		}
+		return float64(time.Since(start)) * float64(n) / float64(laps*count)
+	})
+}
+
+func parked(count int64) {
+	timed := *caseName == "timed_parked"
+	for i := int64(0); i < count; i++ {
+		never := make(chan struct{})
+		go func() {
+			for timed {
+				select {
+				case <-never:
+				case <-time.After(time.Hour):
+				}
+			}
+			<-never
+		}()
+	}
+	time.Sleep(50 * time.Millisecond)
+	name := fmt.Sprintf("%s/%d", *caseName, count)
+	if *caseName == "yield_parked" {
+		yields(name, 2)
+	} else {
+		roundTrips(name, timed)
+	}
+}
+
 func main() {
 	flag.Parse()
 	runtime.GOMAXPROCS(1)
 	count := int64(*threads)
 	switch *caseName {
 	case "yield":
-		for i := int64(1); i < count; i++ {
-			go func() {
-				for {
-					runtime.Gosched()
-				}
-			}()
-		}
-		runtime.Gosched()
-		measure(fmt.Sprintf("yield/%d", count), count*4, func(n int64) float64 {
-			laps := (n + count - 1) / count
-			start := time.Now()
-			for i := int64(0); i < laps; i++ {
-				runtime.Gosched()
-			}
-			return float64(time.Since(start)) * float64(n) / float64(laps*count)
-		})
+		yields(fmt.Sprintf("yield/%d", count), count)
+	case "yield_parked", "timed_parked", "event_parked":
+		parked(count)
 	case "create":
 		measure(fmt.Sprintf("create/%d", count), 64, func(n int64) float64 {
 			var ended sync.WaitGroup
@@ -238,21 +301,7 @@ func main() {
 			return float64(time.Since(start))
 		})
 	case "post_wait":
-		ping, pong := make(chan struct{}, 1), make(chan struct{}, 1)
-		go func() {
-			for {
-				<-ping
-				pong <- struct{}{}
-			}
-		}()
-		measure("post_wait", 64, func(n int64) float64 {
-			start := time.Now()
-			for i := int64(0); i < n; i++ {
-				ping <- struct{}{}
-				<-pong
-			}
-			return float64(time.Since(start))
-		})
+		roundTrips("post_wait", false)
 	case "lock":
 		var mutex sync.Mutex
 		measure("lock/1", 64, func(n int64) float64 {

@@ -4,7 +4,8 @@
 // Cases: yield (--threads kernel threads on one processor that call sched_yield), create, wait_ended, park, sleep,
 // futex (round trip between two threads that both sleep), futex_wake (one way, to a sleeper), cached, idle,
 // lock (a mutex, uncontended, in a process with two threads), cas, cache_line (a round trip between two spinning
-// threads), commit and commit_floor (see file_bench), serve (a key-value server on --port, a kernel thread a connection).
+// threads), commit and commit_floor (see file_bench), serve (a key-value server on --port, a kernel thread a connection),
+// and beside --threads parked threads yield_parked, timed_parked, event_parked.
 #include <fcntl.h>
 #include <liburing.h>
 #include <linux/futex.h>
@@ -111,9 +112,9 @@ void *Yielder(void *counter) {
 }
 
 // The kernel need not go round in a circle, so every thread counts for itself.
-void YieldCase() {
-    if (gOptions.Threads > 1000) Fail("so many runnable kernel threads stop the machine", gOptions.Threads);
-    std::vector<Counter> counters(gOptions.Threads);
+void Yields(const std::string &name, uint32_t threads) {
+    if (threads > 1000) Fail("so many runnable kernel threads stop the machine", threads);
+    std::vector<Counter> counters(threads);
     for (auto &counter : counters) Create(Yielder, &counter, 64 * 1024, ProcessorNumber(0));
     const auto sum = [&] {
         uint64_t all = 0;
@@ -130,8 +131,12 @@ void YieldCase() {
         const uint64_t more = sum() - before;
         if (more != 0) samples.push_back((NowNs() - start) / static_cast<double>(more));
     }
-    Report(gOptions, "yield/" + std::to_string(gOptions.Threads), (sum() - first) / gOptions.Repetitions, samples);
+    Report(gOptions, name, (sum() - first) / gOptions.Repetitions, samples);
     Leave();
+}
+
+void YieldCase() {
+    Yields("yield/" + std::to_string(gOptions.Threads), gOptions.Threads);
 }
 
 // ---- Creation and end --------------------------------------------------------------------------------
@@ -192,6 +197,57 @@ void ParkCase() {
     Report(gOptions, "park/resident", gOptions.Threads, {(StatusValue("VmRSS") - resident) / more}, "KiB");
     Report(gOptions, "park/page_tables", gOptions.Threads, {(StatusValue("VmPTE") - tables) / more}, "KiB");
     Report(gOptions, "park/kernel_threads", gOptions.Threads, {StatusValue("Threads")}, "threads");
+    Leave();
+}
+
+// Two active threads beside parked ones: round trips over two condition variables.
+struct Flag {
+    pthread_mutex_t Lock = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t Changed = PTHREAD_COND_INITIALIZER;
+    bool Set = false;
+    void Post() {
+        pthread_mutex_lock(&Lock);
+        Set = true;
+        pthread_mutex_unlock(&Lock);
+        pthread_cond_signal(&Changed);
+    }
+    void Wait(bool timed) {
+        timespec until{time(nullptr) + 3600, 0};
+        pthread_mutex_lock(&Lock);
+        while (!Set) timed ? pthread_cond_timedwait(&Changed, &Lock, &until) : pthread_cond_wait(&Changed, &Lock);
+        Set = false;
+        pthread_mutex_unlock(&Lock);
+    }
+};
+Flag gAsked, gAnswered;
+bool gTimed;
+
+void *AnswerFlag(void *) {
+    for (;;) {
+        gAsked.Wait(gTimed);
+        gAnswered.Post();
+    }
+}
+
+void *ParkOnFlag(void *) {
+    for (Flag never;;) never.Wait(gTimed);
+}
+
+void ParkedCase() {
+    const std::string name = gOptions.Case + "/" + std::to_string(gOptions.Threads);
+    gTimed = gOptions.Case == "timed_parked";
+    for (uint32_t i = 0; i < gOptions.Threads; ++i) Create(ParkOnFlag, nullptr, 128 * 1024);
+    SleepNs(2e8);
+    if (gOptions.Case == "yield_parked") Yields(name, 2);
+    Create(AnswerFlag, nullptr, 128 * 1024);
+    Measure(gOptions, name, [](uint64_t n) {
+        const double start = NowNs();
+        for (uint64_t i = 0; i < n; ++i) {
+            gAsked.Post();
+            gAnswered.Wait(gTimed);
+        }
+        return NowNs() - start;
+    });
     Leave();
 }
 
@@ -500,7 +556,8 @@ struct {
     {"idle", "bare rings", IdleCase},          {"lock", "pthreads", LockCase},
     {"cas", "one CAS", CasCase},               {"cache_line", "cache line", CacheLineCase},
     {"commit", "pthreads", CommitCase},        {"commit_floor", "one writer", CommitFloorCase},
-    {"serve", "pthreads", ServeCase},
+    {"serve", "pthreads", ServeCase},          {"yield_parked", "pthreads", ParkedCase},
+    {"timed_parked", "pthreads", ParkedCase},  {"event_parked", "pthreads", ParkedCase},
 };
 
 }  // namespace

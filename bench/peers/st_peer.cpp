@@ -1,6 +1,6 @@
 // bench/peers/st_peer.cpp - the same cases on State Threads. It has no yield of its own; st_usleep(0) is what its
 // programs use instead. Cases: yield, create, wait_ended, park, post_wait, lock, serve (a key-value server on --port, a
-// thread a connection).
+// thread a connection), and beside --threads parked threads yield_parked, timed_parked, event_parked.
 extern "C" {
 #include <st.h>
 }
@@ -41,18 +41,18 @@ void *Park(void *) {
     for (;;) st_usleep(ST_UTIME_NO_TIMEOUT);
 }
 
-void YieldCase() {
-    for (uint32_t i = 1; i < gOptions.Threads; ++i) Create(Yielder, false);
+void YieldCase(const std::string &name, uint32_t threads) {
+    for (uint32_t i = 1; i < threads; ++i) Create(Yielder, false);
     st_usleep(0);
     Measure(
-        gOptions, "yield/" + std::to_string(gOptions.Threads),
-        [](uint64_t n) {
-            const uint64_t laps = (n + gOptions.Threads - 1) / gOptions.Threads;
+        gOptions, name,
+        [threads](uint64_t n) {
+            const uint64_t laps = (n + threads - 1) / threads;
             const double start = NowNs();
             for (uint64_t i = 0; i < laps; ++i) st_usleep(0);
-            return (NowNs() - start) * static_cast<double>(n) / static_cast<double>(laps * gOptions.Threads);
+            return (NowNs() - start) * static_cast<double>(n) / static_cast<double>(laps * threads);
         },
-        gOptions.Threads * 4);
+        threads * 4);
     Leave();
 }
 
@@ -93,29 +93,42 @@ void WaitEndedCase() {
 // A round trip over two condition variables; everything runs on one kernel thread, so no mutex goes with them.
 st_cond_t gPing;
 st_cond_t gPong;
+st_utime_t gTimeout = ST_UTIME_NO_TIMEOUT;
 
 void *Answerer(void *) {
     for (;;) {
-        st_cond_wait(gPing);
+        st_cond_timedwait(gPing, gTimeout);
         st_cond_signal(gPong);
     }
 }
 
-void PostWaitCase() {
+void RoundTrips(const std::string &name) {
     gPing = st_cond_new();
     gPong = st_cond_new();
-    if (st_thread_create(Answerer, nullptr, 0, 0) == nullptr) Fail("st_thread_create");
+    Create(Answerer, false);
     st_sleep(0);
-    Measure(gOptions, "post_wait", [](uint64_t n) {
+    Measure(gOptions, name, [](uint64_t n) {
         const double start = NowNs();
         for (uint64_t i = 0; i < n; ++i) {
             st_cond_signal(gPing);
-            st_cond_wait(gPong);
+            st_cond_timedwait(gPong, gTimeout);
         }
         return NowNs() - start;
     });
-    std::fflush(nullptr);
-    std::_Exit(0);
+    Leave();
+}
+
+void *ParkTimed(void *) {
+    for (;;) st_usleep(gTimeout);
+}
+
+void ParkedCase() {
+    const std::string name = gOptions.Case + "/" + std::to_string(gOptions.Threads);
+    if (gOptions.Case == "timed_parked") gTimeout = st_utime_t{3600} * 1000000;
+    for (uint32_t i = 0; i < gOptions.Threads; ++i) Create(ParkTimed, false);
+    for (int i = 0; i < 4; ++i) st_usleep(0);
+    if (gOptions.Case == "yield_parked") YieldCase(name, 2);
+    RoundTrips(name);
 }
 
 void LockCase() {
@@ -129,6 +142,7 @@ void LockCase() {
         }
         return NowNs() - start;
     });
+    Leave();
 }
 
 void ParkCase() {
@@ -181,16 +195,18 @@ void ServeCase() {
 int main(int argc, char **argv) {
     gOptions.Impl = "state threads";
     if (!ParseOptions(argc, argv, &gOptions)) return 2;
-    st_set_eventsys(ST_EVENTSYS_ALT);  // epoll
+    st_set_eventsys(ST_EVENTSYS_POLL);  // Debian builds it without epoll, and select ends at 1,024 connections
     if (st_init() != 0) Fail("st_init");
     if (gOptions.Case == "yield")
-        YieldCase();
+        YieldCase("yield/" + std::to_string(gOptions.Threads), gOptions.Threads);
+    else if (gOptions.Case == "yield_parked" || gOptions.Case == "timed_parked" || gOptions.Case == "event_parked")
+        ParkedCase();
     else if (gOptions.Case == "create")
         CreateCase();
     else if (gOptions.Case == "wait_ended")
         WaitEndedCase();
     else if (gOptions.Case == "post_wait")
-        PostWaitCase();
+        RoundTrips("post_wait");
     else if (gOptions.Case == "lock")
         LockCase();
     else if (gOptions.Case == "park")
