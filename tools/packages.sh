@@ -25,7 +25,7 @@ zvx_need() {
 }
 
 ZVX_BUILD_PACKAGES="g++ cmake ninja-build pkg-config liburing-dev ccache libcli11-dev libfmt-dev"
-ZVX_TEST_PACKAGES="libgtest-dev binutils lldb gdb python3"
+ZVX_TEST_PACKAGES="libgtest-dev binutils lldb gdb python3 spin"
 ZVX_HOST_PACKAGES="redis-tools"
 ZVX_CLANG_PACKAGES="clang-14 libclang-rt-14-dev llvm-14"
 
