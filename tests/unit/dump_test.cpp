@@ -85,6 +85,22 @@ TEST(DumpNames, AThreadThatIsNoUserThread) {
     EXPECT_LE(gCreated[0].size(), 259u);
 }
 
+// The thread that writes is awaited by its handle, a step at a time; neither a wait nor a question that fails ends that.
+TEST(DumpHelper, IsAwaitedByItsHandle) {
+    TraceInit("/logs");
+    gScript.OnCreate = [](const char *) { return false; };
+    os::FailCall("GetExitCodeThread", 1, ERROR_NOT_ENOUGH_MEMORY);
+    for (uint32_t n = 1; n <= 2; ++n) os::FailCall("WaitForSingleObject", n, ERROR_NOT_ENOUGH_MEMORY);
+    std::vector<DWORD> slept;
+    gScript.OnSleep = [&](DWORD ms) {
+        slept.push_back(ms);
+        if (slept.size() == 2) os::script::RunThread();
+    };
+    WriteDumpOnHelperThread("name");
+    EXPECT_EQ(slept, (std::vector<DWORD>{100, 100}));
+    EXPECT_EQ(os::script::WaitingThreads(), 0u);
+}
+
 struct Sweep : testing::Test {
     void SetUp() override { Init(); }
     void Init() {

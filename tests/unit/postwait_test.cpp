@@ -374,6 +374,29 @@ TEST_F(Sections, AnEndingThreadLeavesItsPlaceAndItsPost) {
     EXPECT_EQ(TakeNotes(), Names{"f in"});
 }
 
+// A thread of another scheduler may be looking at the record of a section that is deleted.
+TEST_F(Sections, ADeletedRecordOutlivesItsReaders) {
+    CRITICAL_SECTION section;
+    const auto retired = [&] { return S->RetireOpen.Count + S->RetireWaiting.Count; };
+    Run([&](Fiber *) { InitializeCriticalSection(&section); });
+    const auto *record = static_cast<FIBER_CRITICAL_SECTION *>(section.OwningThread);
+    NewFiber(Other, [&](Fiber *self) {
+        Pause();  // in the middle of a call: not blocked, no pass
+        EXPECT_EQ(record->Owner.load(), nullptr);
+        SchedYield(self, Yield_USER);
+    });
+    RunUntilIdle(Other);
+    Run([&](Fiber *) { DeleteCriticalSection(&section); });
+    for (int i = 0; i < 3; i++) {
+        RunUntilIdle(S);
+        EXPECT_EQ(retired(), 1u);
+    }
+    RunUntilIdle(Other);
+    RunUntilIdle(S);
+    RunUntilIdle(S);
+    EXPECT_EQ(retired(), 0u);
+}
+
 TEST_F(Sections, TheOperatingSystemsSectionsAreTakenOver) {
     // As before fiber mode: initialised on a thread that is no user thread.
     CRITICAL_SECTION early{};

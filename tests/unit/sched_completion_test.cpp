@@ -184,6 +184,26 @@ TEST_F(CompletionTest, AnExitWaitsForItsCancelledReadAndItsPacket) {
     EXPECT_TRUE(TakeNotes().empty());
 }
 
+// An operation of the host's own, whose OVERLAPPED goes with the stack.
+TEST_F(CompletionTest, AnExitWaitsForTheOperationsOnItsStack) {
+    script::gScript.HoldCancels = true;
+    OVERLAPPED *onStack = nullptr;
+    Fiber *F = NewFiber(S, [&](Fiber *) {
+        OVERLAPPED ov{};
+        ov.hEvent = reinterpret_cast<HANDLE>(uintptr_t{1});  // no packet
+        onStack = &ov;
+        DWORD got;
+        EXPECT_FALSE(os::ReadFile(HandleValue(File), nullptr, 1, &got, &ov));
+    });
+    const uint32_t generation = Generation(F);
+    RunUntilIdle(S);
+    EXPECT_FALSE(script::gScript.Cancels.empty());
+    EXPECT_EQ(Generation(F), generation) << "the operation still runs";
+    script::EndOperation(onStack, STATUS_CANCELLED, 0);
+    RunUntilIdle(S);
+    EXPECT_EQ(Generation(F), generation + 1);
+}
+
 // Alertable waits. The records belong to the file functions; here they are made by hand.
 struct AlertableTest : CompletionTest {
     FIBEROVERLAPPED *Issue(Fiber *F) {

@@ -122,6 +122,23 @@ TEST_F(MessageTest, AttachTakesOnlyFibersOnTheirWay) {
     EXPECT_EQ(Other->FiberCount.load(), count);
 }
 
+// The pass in which a leaving thread finds its successor runs on its stack. Handed over in that pass, it could run on
+// the other scheduler before it has left.
+TEST_F(MessageTest, ALeavingThreadIsHandedOverWhenItIsOffItsStack) {
+    Fiber *F = NewFiber(S, [&](Fiber *self) {
+        self->MigrateTarget = Other;
+        S->SelectPasses = kFullSweepPasses + 1;
+        SchedYield(self, Yield_MIGRATE);
+        Note(SchedOf(self) == Other ? "on 1" : "on 0");
+    });
+    NewFiber(S, [&](Fiber *) { Note(F->Sched.load() == S && S->MigrationQueue.Count == 1 ? "kept" : "sent"); });
+    RunUntilIdle(S);
+    EXPECT_EQ(TakeNotes(), Names{"kept"});
+    EXPECT_EQ(F->Sched.load(), nullptr);
+    RunUntilIdle(Other);
+    EXPECT_EQ(TakeNotes(), Names{"on 1"});
+}
+
 TEST_F(MessageTest, ARequestForAThreadThatLeftIsPassedOn) {
     Fiber *F = PostWaiter(Other);
     SendOne(S, MSG_SUSPEND, F, Generation(F));  // sent while it was still on S

@@ -86,6 +86,25 @@ TEST_F(ThreadCall, WhereANewThreadGoes) {
 
 // While a routine is pending the visible count is 0 and the real one is put aside: a resume must reach that one. With
 // nothing pending a resume of a running thread sends nothing.
+// The host's main routine is known by its tag from its first instruction on.
+TEST_F(ThreadCall, TagAndRoleComeBeforeTheThread) {
+    static const auto routine = [](void *) -> DWORD {
+        const Fiber *F = CallingFiber();
+        Note(F->Tag.load() + std::string(F->Role == ROLE_INTERNAL ? " internal" : ""));
+        return 0;
+    };
+    Scheduler *home = NewScheduler();
+    home->AffinityMask = 2;
+    Run([&](Fiber *) {
+        const HANDLE thread = CreateUserThread(nullptr, 0, routine, nullptr, 0, nullptr, 2, S, "FMAIN", ROLE_INTERNAL);
+        // It is on its way, and may run at any moment.
+        EXPECT_EQ(home->InTransit.load(), 1u);
+        EXPECT_STREQ(LookUpHandle(thread)->OwnerFiber->Tag.load(), "FMAIN");
+    });
+    RunUntilIdle(home);
+    EXPECT_EQ(TakeNotes(), Names{"FMAIN internal"});
+}
+
 TEST_F(ThreadCall, ResumeReachesThePutAsideCount) {
     const HANDLE thread = CreateSleeper(S);
     Fiber *F = LookUpHandle(thread)->OwnerFiber;
