@@ -32,6 +32,7 @@ bool ResumeWait(Fiber *F, uint32_t state, bool slice, uint32_t *reason) {
         case FSTATE_POSTING:
         case FSTATE_LATCH_SLEEP: return false;
         case FSTATE_TIMED_WAIT:
+            if (F->ExecSave.ObjectWait != 0) return false;  // it was withdrawn, and waits anew by itself
             if (F->Flags & FIBER_POLL_OWN_OVS) {
                 // With operations outstanding the wait looks at them and goes on; without, nothing is left that could
                 // end it, so it ends as if a completion routine had run.

@@ -1,7 +1,8 @@
 // kernel/wait.cpp - waits on objects of the operating system.
 //
-// An object gives no completion that a scheduler could reap, so a user thread tests it without waiting and sleeps
-// in the timer queue between two tests; its scheduler runs others meanwhile. Runs on the calling user thread. Nothing
+// A wait is parked with its objects, which wake it. Two kinds are polled instead - tested without waiting, with a sleep
+// in the timer queue between two tests: an alertable wait, which looks at the caller's own operations too, and one for
+// an object that other processes share, of whose change nobody here learns. Runs on the calling user thread. Nothing
 // here blocks the kernel thread.
 #include "kernel/wait.h"
 
@@ -62,6 +63,13 @@ bool AlertableTest(Fiber *F, uintptr_t a1, uintptr_t, uintptr_t, uintptr_t, uint
 
 DWORD RunWait(Fiber *F, ObjectWait *wait, DWORD ms, bool alertable) {
     F->WaitTimeoutMs = ms;
+    if (!alertable) {
+        const DWORD tested = TestNow(*wait);
+        if (tested != WAIT_TIMEOUT || ms == 0) return tested;
+        const bool one = wait->Count == 0;
+        const DWORD ended = WaitForObjects(F, one ? 1 : wait->Count, one ? &wait->One : wait->Handles, wait->All);
+        if (ended != os::kNotParkable) return ended;
+    }
     if (alertable) F->Flags |= FIBER_POLL_OWN_OVS;
     const bool ended = WaitWithPolling(F, alertable ? AlertableTest : ObjectTest, reinterpret_cast<uintptr_t>(wait));
     if (alertable) F->Flags &= ~uint32_t{FIBER_POLL_OWN_OVS};

@@ -183,6 +183,12 @@ DWORD WSAWaitForMultipleEvents(DWORD count, const WSAEVENT *events, BOOL waitAll
     for (DWORD i = 0; i < count; i++) plain[i] = WithoutLowBit(events[i]);
     EventWait wait{count, plain, waitAll, alertable && HasOwnOperations(F), WSA_WAIT_TIMEOUT};
     F->WaitTimeoutMs = ms;
+    if (!wait.Alertable) {
+        const DWORD tested = os::WSAWaitForMultipleEvents(count, plain, waitAll, 0, FALSE);
+        if (tested != WSA_WAIT_TIMEOUT || ms == 0) return tested;
+        const DWORD ended = WaitForObjects(F, count, plain, waitAll);
+        if (ended != os::kNotParkable) return ended;
+    }
     if (wait.Alertable) F->Flags |= FIBER_POLL_OWN_OVS;
     const bool ended = WaitWithPolling(F, EventTest, reinterpret_cast<uintptr_t>(&wait));
     if (wait.Alertable) F->Flags &= ~uint32_t{FIBER_POLL_OWN_OVS};

@@ -220,6 +220,44 @@ DWORD WaitForMultipleObjects(DWORD count, const HANDLE *handles, BOOL waitAll, D
 DWORD WaitForSingleObjectEx(HANDLE handle, DWORD ms, BOOL alertable);
 DWORD WaitForMultipleObjectsEx(DWORD count, const HANDLE *handles, BOOL waitAll, DWORD ms, BOOL alertable);
 
+// A wait that parks no kernel thread, for callers that schedule their own. ParkWait leaves it with its objects, where
+// it is granted in its turn like the wait of a kernel thread: whoever signals an object takes it on the wait's behalf.
+// Then the sink is told, once for all that is granted until TakeWoken has found it empty. The memory of the wait, of
+// the objects and of the blocks is the caller's, and the platform's between ParkWait and WithdrawWait.
+struct ParkedWaiter;
+
+struct WaitSink {
+    // init: called without the locks of waits, on the thread that signalled; must not block. It leads to a TakeWoken
+    // on the sink's own thread.
+    void (*Announce)(WaitSink *sink);
+    WaitSink *NextToAnnounce;  // platform
+    ParkedWaiter *Oldest;      // platform: waits woken and not taken yet
+    ParkedWaiter *Newest;
+    bool Announced;            // platform
+};
+constexpr size_t kWaitBlockBytes = 32;
+struct ParkedWait {
+    void *Owner;               // caller: what TakeWoken gives back
+    DWORD Result;              // WithdrawWait: WAIT_OBJECT_0 or WAIT_ABANDONED_0 with the index, or WAIT_TIMEOUT
+    alignas(8) char Inner[112];  // platform
+};
+// The room that ParkWait needs for `count` handles: Objects and Blocks have `count` elements each.
+struct ParkedRoom {
+    void **Objects;
+    char (*Blocks)[kWaitBlockBytes];  // aligned to 8 bytes
+};
+constexpr DWORD kNotParkable = 0xFFFFFFFDu;
+// Tests the objects, and parks the wait when nothing can be had. WAIT_TIMEOUT: parked. WAIT_OBJECT_0 or
+// WAIT_ABANDONED_0 with the index: taken. WAIT_FAILED with the last error 6 or 87. kNotParkable: one of the objects is
+// other processes' too, so that nobody here would learn of its change. count is 1 to MAXIMUM_WAIT_OBJECTS.
+DWORD ParkWait(ParkedWait *wait, WaitSink *sink, DWORD count, const HANDLE *handles, BOOL waitAll, ParkedRoom room);
+// Ends a wait that is parked, exactly once, on the sink's thread; sets Result. A grant that came before counts.
+void WithdrawWait(ParkedWait *wait);
+// The owners of waits that were woken, oldest first, at most `most` of them; how many. On the sink's thread. Fewer than
+// `most`: the sink is empty, and the next wake-up is announced. A wait may have been woken without a grant, because a
+// handle of one of its objects was closed: it is to be withdrawn and to begin anew.
+uint32_t TakeWoken(WaitSink *sink, void **owners, uint32_t most);
+
 // ---- Overlapped operations and ports -----------------------------------------------------------------
 //
 // A thread that created a port has an IoThread: its operations are issued there and end there. Internal

@@ -47,7 +47,7 @@ static bool WakeIfBlocked(Scheduler *target, bool mayWake) {
 
 bool SendMessage(Scheduler *target, FIBER_MESSAGE *msg) {
     // The receiver may free the message the moment it is pushed.
-    const bool mayWake = msg->Kind == MSG_POST || gPortWaitMs > 1;
+    const bool mayWake = msg->Kind == MSG_POST || msg->Kind == MSG_OBJECTS || gPortWaitMs > 1;
     PushMessage(target, msg);
     return WakeIfBlocked(target, mayWake);
 }
@@ -85,7 +85,7 @@ static bool DrainLanes(Scheduler *S) {
 
 // The target of a message of kinds 3 to 6 is on its way between two schedulers, or about to be: nobody may touch it.
 static bool TargetInFlight(const Scheduler *S, const FIBER_MESSAGE *msg) {
-    if (msg->Kind < MSG_SUSPEND || Generation(msg->One.Target) != msg->Generation) return false;
+    if (msg->Kind < MSG_SUSPEND || msg->Kind == MSG_OBJECTS || Generation(msg->One.Target) != msg->Generation) return false;
     const Scheduler *owner = msg->One.Target->Sched.load(std::memory_order_acquire);
     return owner == nullptr || (owner == S && msg->One.Target->State == FSTATE_MIGRATING);
 }
@@ -142,10 +142,12 @@ static bool PassedOn(Scheduler *S, FIBER_MESSAGE *msg) {
 // return before its request was handled, and its resume would then find nothing to take back. The answer goes to
 // the sender's record, which is never freed, and names the request, so that a record that was reused meanwhile
 // takes no harm.
-static void ProcessSuspend(Fiber *F, const FIBER_MESSAGE *msg) {
+static void ProcessSuspend(Scheduler *S, Fiber *F, const FIBER_MESSAGE *msg) {
     uint32_t count = F->SuspendCount.load(std::memory_order_relaxed);
     if (count < 127) F->SuspendCount.store(count + 1, std::memory_order_release);
     F->SuspendRequests.fetch_add(1, std::memory_order_release);
+    // A suspended thread takes no object: it parks at the next selection, and waits anew when it is resumed.
+    if (F->Flags & FIBER_OBJECT_WAIT) WakeFromObject(S, F);
     auto *sender = reinterpret_cast<Fiber *>(msg->One.ExitCode);
     if (sender != nullptr)
         sender->SuspendAnswer.store(reinterpret_cast<uintptr_t>(msg->One.Routine), std::memory_order_release);
@@ -182,6 +184,7 @@ static void ProcessExec(Scheduler *S, Fiber *F, void *routine) {
     F->ExecSave.Routine = reinterpret_cast<void (*)()>(routine);
     F->ExecSave.State = F->State;
     F->ExecSave.PollOwnOvs = F->Flags & FIBER_POLL_OWN_OVS;
+    F->ExecSave.ObjectWait = F->Flags & FIBER_OBJECT_WAIT;
     F->ExecSave.WaitTimeoutMs = F->WaitTimeoutMs;
     F->ExecSave.WaitStartTick = F->WaitStartTick;
     F->ExecSave.SuspendCount = F->SuspendCount.load(std::memory_order_relaxed);
@@ -199,6 +202,7 @@ bool ProcessMessage(Scheduler *S, FIBER_MESSAGE *msg) {
             for (uint32_t i = 0; i < msg->Count; ++i)
                 if (Generation(msg->Fibers[i]) == *GenerationOfTarget(msg, i)) woke |= WakePosted(msg->Fibers[i], S, msg->PostBit);
             break;
+        case MSG_OBJECTS: return WakeFromObjects(S);  // the scheduler's own record
         case MSG_ATTACH:
             for (uint32_t i = 0; i < msg->Count; ++i) woke |= AttachFiber(S, msg->Fibers[i]);
             break;
@@ -207,7 +211,7 @@ bool ProcessMessage(Scheduler *S, FIBER_MESSAGE *msg) {
             if (Generation(F) != msg->Generation) break;
             if (PassedOn(S, msg)) return false;
             if (msg->Kind == MSG_SUSPEND) {
-                ProcessSuspend(F, msg);
+                ProcessSuspend(S, F, msg);
             } else if (msg->Kind == MSG_RESUME) {
                 woke = ProcessResume(S, F);
             } else if (msg->Kind == MSG_TERMINATE) {

@@ -36,6 +36,7 @@ enum FiberFlag : uint32_t {
     FIBER_EXEC_RUNNING = 0x20000,   // the injected routine is running
     FIBER_POLLED_WAIT = 0x40000,    // the timed wait is a slice of a polled one and ends at the next timer check
     FIBER_SLICE_FILED = 0x80000,    // the latest wait in TimedWaiters or InfiniteWaiters was such a slice
+    FIBER_OBJECT_WAIT = 0x100000,   // in a wait that is parked with its objects: ObjectWait
 };
 // The slots of the backing thread were captured or restored. Kept in Fiber.TlsCaptured rather than in Flags,
 // because the thread that ends the backing thread need not be the owner; the value is the bit's.
@@ -158,6 +159,7 @@ enum MessageKind : uint8_t {
     MSG_RESUME = 4,
     MSG_TERMINATE = 5,
     MSG_EXEC = 6,
+    MSG_OBJECTS = 7,  // about no fiber: the scheduler's own record, which says that ObjectSink has something
 };
 
 // FIBER_MESSAGE: a request of any thread to a scheduler about one of its fibers. Written by the sender before
@@ -225,6 +227,7 @@ struct ExecSaveRecord {
     void (*Routine)();
     uint32_t State;
     uint32_t PollOwnOvs;  // FIBER_POLL_OWN_OVS or 0
+    uint32_t ObjectWait;  // FIBER_OBJECT_WAIT or 0
     uint32_t WaitTimeoutMs;
     uint32_t WaitStartTick;
     uint32_t SuspendCount;
@@ -273,6 +276,7 @@ struct alignas(64) Fiber {
     uint64_t WaitSeq;                     // owner: order of entry into TimedWaiters
     uint64_t WaitDeadline;                // owner: 64-bit tick at which a finite wait ends
     uint64_t PolledTsc;                   // owner: cycle counter at the start of the polled wait in progress
+    os::ParkedWait *ObjectWait;           // owner: with FIBER_OBJECT_WAIT, on the fiber's own stack (objects.cpp)
     ListHead PollSetOvs;                  // owner: records gathered for an alertable wait (PollLink)
     ListHead FileOvs;                     // owner: outstanding routine records (Link)
     ListHead SocketOvs;
@@ -443,6 +447,9 @@ struct alignas(64) Scheduler {
     std::atomic<uint64_t> SecondHolder;   // atomic: and LongestHolderTag
     TimelineRing *TimelineMemory;  // owner: the ring once there was one; tools read it
     Fiber *InitFiber;              // init: runs the main loop
+    // -- written by whoever signals objects
+    alignas(64) os::WaitSink ObjectSink;  // platform: parked waits of this scheduler's fibers that were woken
+    FIBER_MESSAGE ObjectMessage;   // of whoever ObjectSink tells, until it is pushed; then the owner's, until it looks
 };
 
 // ---- Globals -----------------------------------------------------------------------------------------

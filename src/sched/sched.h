@@ -113,6 +113,15 @@ using WaitTestFunc = bool (*)(Fiber *F, uintptr_t a1, uintptr_t a2, uintptr_t a3
 bool WaitWithPolling(Fiber *F, WaitTestFunc test, uintptr_t a1 = 0, uintptr_t a2 = 0, uintptr_t a3 = 0,
                      uintptr_t a4 = 0, uintptr_t a5 = 0);
 
+// ---- objects.cpp: waits that are parked with their objects
+void InitObjectSink(Scheduler *S);
+// F->WaitTimeoutMs is the limit. WAIT_OBJECT_0 or WAIT_ABANDONED_0 with the index, WAIT_TIMEOUT, WAIT_FAILED with the
+// last error set, or os::kNotParkable, with what is left of the time in WaitTimeoutMs. May yield.
+DWORD WaitForObjects(Fiber *F, DWORD count, const HANDLE *handles, BOOL waitAll);
+void LeaveObjects(Fiber *F);           // F, with FIBER_OBJECT_WAIT, is about to leave its timed wait
+void WakeFromObject(Scheduler *S, Fiber *F);  // ends F's wait, granted or not
+bool WakeFromObjects(Scheduler *S);    // those that ObjectSink has; whether there was one
+
 // ---- sleep.cpp: exported
 void Sleep(DWORD ms);
 DWORD SleepEx(DWORD ms, BOOL alertable);

@@ -64,6 +64,7 @@ void InitScheduler(Scheduler *S, uint32_t index) {
         InitList(&S->EndedOvs[i]);
         InitList(&S->DeepOvs[i]);
     }
+    InitObjectSink(S);
     S->LastTimerCheck = S->SecondStart = os::GetTickCount64();
     S->LastQueue = 6;
     S->PortPollCountdown = gDCPQ;

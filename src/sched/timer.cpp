@@ -104,6 +104,7 @@ void FileTimedWaiter(Scheduler *S, Fiber *F) {
 }
 
 void UnlinkTimedWaiter(Scheduler *S, Fiber *F) {
+    if (F->Flags & FIBER_OBJECT_WAIT) LeaveObjects(F);
     if (F->Flags & FIBER_INFINITE_WAIT) {
         UnlinkFrom(&S->InfiniteWaiters, &F->RunLink);
         F->Flags &= ~static_cast<uint32_t>(FIBER_INFINITE_WAIT);
@@ -151,6 +152,7 @@ static void ExpireWait(Scheduler *S, Fiber *F, uint64_t now) {
     F->WaitTimeoutMs = 0;
     F->WaitStartTick = static_cast<uint32_t>(now);
     UnlinkFrom(&S->TimedWaiters, &F->RunLink);
+    if (F->Flags & FIBER_OBJECT_WAIT) LeaveObjects(F);
     if (F->Flags & FIBER_POLL_OWN_OVS) {
         if (F->CurOv != nullptr) UnfilePollRecord(S, OvRecord(F->CurOv));
         EmptyPollSet(F);

@@ -7,6 +7,41 @@ HANDLE AutoEvent() {
     return os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
 }
 
+// A thread that schedules its own waits, with no more to do than to sleep until it is told.
+struct Parker {
+    explicit Parker() : Sink{Announce, nullptr, nullptr, nullptr, false} {}
+    static void Announce(os::WaitSink *sink) {
+        auto *self = reinterpret_cast<Parker *>(sink);
+        self->Told++;
+        os::SetEvent(self->Woken);
+    }
+    DWORD Park(uint32_t count, const HANDLE *handles, BOOL all) {
+        Wait.Owner = this;
+        return os::ParkWait(&Wait, &Sink, count, handles, all, {Objects, Blocks});
+    }
+    bool Taken() {
+        void *owners[2];
+        const uint32_t count = os::TakeWoken(&Sink, owners, 2);
+        EXPECT_LE(count, 1u);
+        return count == 1 && owners[0] == this;
+    }
+    // As the wait of a kernel thread, in its outcome.
+    DWORD WaitFor(uint32_t count, const HANDLE *handles, BOOL all, DWORD ms) {
+        const DWORD result = Park(count, handles, all);
+        if (result != WAIT_TIMEOUT) return result;
+        // What it is told may be of the wait before, which was withdrawn meanwhile.
+        while (os::WaitForSingleObject(Woken, ms) == WAIT_OBJECT_0 && !Taken()) continue;
+        os::WithdrawWait(&Wait);
+        return Wait.Result;
+    }
+    os::WaitSink Sink;  // first
+    os::ParkedWait Wait;
+    HANDLE Woken = AutoEvent();
+    std::atomic<int> Told{0};
+    void *Objects[4];
+    alignas(8) char Blocks[4][os::kWaitBlockBytes];
+};
+
 TEST(Wait, NoWakeUpIsLostInPingPong) {
     HANDLE ping = AutoEvent(), pong = AutoEvent();
     auto player = [](HANDLE mine, HANDLE theirs) {
@@ -19,8 +54,8 @@ TEST(Wait, NoWakeUpIsLostInPingPong) {
     Together([&] { player(ping, pong); }, [&] { player(pong, ping); });
 }
 
-// Units are neither lost nor doubled, although some waits run out of time just as they are given one, and
-// waits for any of several compete with waits for one.
+// Units are neither lost nor doubled, although some waits run out of time just as they are given one, waits for any of
+// several compete with waits for one, and parked waits with those of threads.
 TEST(Wait, UnitsAreConservedUnderContention) {
     constexpr int kSemaphores = 4, kUnits = 8000;
     HANDLE semaphores[kSemaphores];
@@ -29,11 +64,13 @@ TEST(Wait, UnitsAreConservedUnderContention) {
     int given[kSemaphores] = {};
     auto taker = [&](unsigned seed) {
         std::minstd_rand random(seed);
+        Parker parker;
         while (total.load() < kUnits) {
             DWORD ms = Draw(random, 3);
             uint32_t first = Draw(random, kSemaphores);
             uint32_t count = 1 + Draw(random, kSemaphores - first);
-            DWORD got = count == 1 ? os::WaitForSingleObject(semaphores[first], ms)
+            DWORD got = seed >= 3    ? parker.WaitFor(count, semaphores + first, FALSE, ms)
+                        : count == 1 ? os::WaitForSingleObject(semaphores[first], ms)
                                    : os::WaitForMultipleObjects(count, semaphores + first, FALSE, ms);
             if (got == WAIT_TIMEOUT) continue;
             ASSERT_LT(got, count);
@@ -87,6 +124,62 @@ TEST(Wait, AnyTakesTheLowestAndAllTakesEverythingOrNothing) {
     all.join();
     EXPECT_EQ(os::WaitForMultipleObjects(2, events, FALSE, 0), WAIT_TIMEOUT);
     ExpectOnlyTheHandle(events[0]);
+}
+
+// Parked waits stand in the same line as threads, are told of once, and leave nothing behind.
+TEST(Wait, ParkedWaitsAreGrantedInTheirTurn) {
+    Parker first, third, all;
+    const HANDLE event = AutoEvent(), mutex = os::CreateMutexA(nullptr, FALSE, nullptr), both[2] = {event, mutex};
+    std::atomic<bool> owned{false};
+    EXPECT_EQ(first.Park(1, &event, FALSE), WAIT_TIMEOUT);
+    std::thread second([&] { EXPECT_EQ(os::WaitForSingleObject(event, INFINITE), WAIT_OBJECT_0); });
+    Pause(20);
+    EXPECT_EQ(third.Park(1, &event, FALSE), WAIT_TIMEOUT);
+    os::SetEvent(event);
+    EXPECT_TRUE(first.Taken());
+    os::SetEvent(event);
+    second.join();
+    EXPECT_FALSE(third.Taken());
+    os::WithdrawWait(&first.Wait);
+    EXPECT_EQ(first.Wait.Result, WAIT_OBJECT_0);
+    // Withdrawn before it was looked at: what was granted counts.
+    os::SetEvent(event);
+    os::WithdrawWait(&third.Wait);
+    EXPECT_EQ(third.Wait.Result, WAIT_OBJECT_0);
+    EXPECT_FALSE(third.Taken());
+    // For both or neither; the mutex is this thread's then, though another one gave it.
+    std::thread owner([&] {
+        EXPECT_EQ(os::WaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
+        owned = true;
+        while (all.Told == 0 && owned) Pause(1);
+        EXPECT_EQ(all.Told, 0);
+        EXPECT_TRUE(os::ReleaseMutex(mutex));
+    });
+    while (!owned) Pause(1);
+    EXPECT_EQ(all.Park(2, both, TRUE), WAIT_TIMEOUT);
+    os::SetEvent(event);
+    owned = false;
+    owner.join();
+    EXPECT_TRUE(all.Taken());
+    EXPECT_EQ(all.Told, 1);
+    os::WithdrawWait(&all.Wait);
+    EXPECT_EQ(all.Wait.Result, WAIT_OBJECT_0);
+    EXPECT_TRUE(os::ReleaseMutex(mutex));
+    // A closed handle wakes without a grant; one that is closed already is not parked, nor is one object twice.
+    const HANDLE twin = Duplicate(event);
+    EXPECT_EQ(first.Park(1, &event, FALSE), WAIT_TIMEOUT);
+    EXPECT_TRUE(os::CloseHandle(twin));
+    EXPECT_TRUE(first.Taken());
+    os::WithdrawWait(&first.Wait);
+    EXPECT_EQ(first.Wait.Result, WAIT_TIMEOUT);
+    EXPECT_EQ(first.Park(1, &twin, FALSE), WAIT_FAILED);
+    EXPECT_EQ(os::GetLastError(), ERROR_INVALID_HANDLE);
+    const HANDLE twice[2] = {event, event};
+    EXPECT_EQ(first.Park(2, twice, TRUE), WAIT_FAILED);
+    EXPECT_EQ(os::GetLastError(), ERROR_INVALID_PARAMETER);
+    const HANDLE named = os::CreateEventA(nullptr, FALSE, TRUE, "parked");
+    EXPECT_EQ(first.Park(1, &named, FALSE), os::kNotParkable);
+    ExpectOnlyTheHandle(event);
 }
 
 // Threads take overlapping sets of locks in every order. Taking them one by one would deadlock.

@@ -40,6 +40,15 @@ std::atomic<uint64_t> gPosts{0};
 std::atomic<uint64_t> gMoves{0};
 std::atomic<uint64_t> gInjected{0};
 std::atomic<uint32_t> gMovedNow{0};
+std::atomic<uint64_t> gTaken{0};
+// Fewer units and owners than threads that want them: whoever waits is woken by another's giving back, or never.
+constexpr uint32_t kPools = 3;
+constexpr LONG kUnits = 2;
+struct Pool {
+    HANDLE Units = nullptr;
+    HANDLE Mutex = nullptr;
+    std::atomic<uint32_t> Owners{0};
+} gPools[kPools];
 char gFileName[256];
 constexpr uint32_t kFileBytes = 1 << 20;
 
@@ -292,6 +301,39 @@ void TroubleNeighbour(std::mt19937_64 &rng, uint32_t self) {
     ResumeThread(thread);
 }
 
+// On user threads and, with the platform's functions, on a kernel thread.
+template <auto Wait, auto WaitMany>
+void UsePools(std::mt19937_64 &rng) {
+    Pool &first = gPools[rng() % kPools];
+    const DWORD ms = rng() & 1 ? INFINITE : static_cast<DWORD>(rng() % 3);
+    if (rng() % 3 == 0) {
+        const DWORD result = Wait(first.Mutex, ms);
+        if (result == WAIT_TIMEOUT && ms != INFINITE) return;
+        if (result != WAIT_OBJECT_0) Fail("wait for a mutex", result, os::GetLastError());
+        if (first.Owners.fetch_add(1) != 0) Fail("a mutex has two owners");
+        Sleep(0);
+        first.Owners.fetch_sub(1);
+        if (!os::ReleaseMutex(first.Mutex)) Fail("the owner is not the owner", os::GetLastError());
+    } else {
+        Pool &second = gPools[(&first - gPools + 1) % kPools];
+        const HANDLE handles[2] = {first.Units, second.Units};
+        const bool all = (rng() & 1) != 0, two = (rng() & 1) != 0;
+        const DWORD result = two ? WaitMany(2, handles, all, ms) : Wait(handles[0], ms);
+        if (result == WAIT_TIMEOUT && ms != INFINITE) return;
+        if (result >= 2) Fail("wait for units", result, os::GetLastError());
+        if (rng() & 1) Sleep(0);
+        if (!os::ReleaseSemaphore(handles[result], 1, nullptr)) Fail("a unit too many", os::GetLastError());
+        if (two && all && !os::ReleaseSemaphore(handles[1], 1, nullptr)) Fail("a unit too many", os::GetLastError());
+    }
+    gTaken.fetch_add(1, std::memory_order_relaxed);
+}
+
+DWORD Outsider(void *) {
+    std::mt19937_64 rng(gOptions.Seed);
+    while (!gStop.load(std::memory_order_relaxed)) UsePools<os::WaitForSingleObject, os::WaitForMultipleObjects>(rng);
+    return 0;
+}
+
 DWORD Worker(void *param) {
     uint32_t self = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(param));
     std::mt19937_64 rng(gOptions.Seed * 1000003 + self * 7919 + gSlots[self].Runs.load());
@@ -315,14 +357,7 @@ DWORD Worker(void *param) {
                 Sleep(0);
                 if (os::GetLastError() != self + 5000) Fail("last error changed over a yield", os::GetLastError(), self);
                 break;
-            case 7: {
-                HANDLE event = os::CreateEventA(nullptr, TRUE, FALSE, nullptr);
-                if (WaitForSingleObject(event, static_cast<DWORD>(rng() % 3)) != WAIT_TIMEOUT) Fail("unset event");
-                os::SetEvent(event);
-                if (WaitForSingleObject(event, INFINITE) != WAIT_OBJECT_0) Fail("set event");
-                os::CloseHandle(event);
-                break;
-            }
+            case 7: UsePools<WaitForSingleObject, WaitForMultipleObjects>(rng); break;
             case 9:
             case 10: UseSection(rng); break;
             case 11: PostNeighbours(rng); break;
@@ -376,10 +411,16 @@ void Reap(uint32_t i) {
 DWORD MainRoutine(void *) {
     MakeFile();
     for (uint32_t i = 0; i < gOptions.Load; ++i) gSlots[i].Event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    for (Pool &pool : gPools) {
+        pool.Units = os::CreateSemaphoreA(nullptr, kUnits, kUnits, nullptr);
+        pool.Mutex = os::CreateMutexA(nullptr, FALSE, nullptr);
+    }
     for (uint32_t i = 0; i < kSections; ++i) InitializeCriticalSectionAndSpinCount(&gSections[i].Lock, i * 50);
     Sleep(20);
     uint32_t handlesBefore = gHandleCount;
     uint32_t kernelThreads = os::KernelThreadCount();
+    DWORD outsiderId;
+    const HANDLE outsider = os::CreateThread(nullptr, 0, Outsider, nullptr, 0, &outsiderId);
     for (uint32_t i = 0; i < gOptions.Load; ++i) Spawn(i);
     uint64_t end = os::GetTickCount64() + gOptions.Seconds * 1000ull;
     while (os::GetTickCount64() < end) {
@@ -394,6 +435,11 @@ DWORD MainRoutine(void *) {
     gStop = true;
     // A worker that a neighbour suspended last is let go by its own ResumeThread; wait for each.
     for (uint32_t i = 0; i < gOptions.Load; ++i) Reap(i);
+    if (WaitForSingleObject(outsider, 60000) != WAIT_OBJECT_0) Fail("the kernel thread did not end");
+    os::CloseHandle(outsider);
+    for (Pool &pool : gPools)
+        for (LONG i = 0; i <= kUnits; i++)
+            if ((os::WaitForSingleObject(pool.Units, 0) == WAIT_OBJECT_0) != (i < kUnits)) Fail("units were lost or made", static_cast<uint64_t>(i));
     // Retired records and exited threads come back once every scheduler has gone idle or made a pass.
     for (int i = 0; i < 200 && (gHandleCount != handlesBefore || UserThreads() != 1); ++i) Sleep(5);
     uint64_t entries = 0;
@@ -416,16 +462,17 @@ DWORD MainRoutine(void *) {
     if (ChunksInUse(ALLOC_FIBER_MESSAGE) != 0) Fail("messages left behind", static_cast<uint64_t>(ChunksInUse(ALLOC_FIBER_MESSAGE)));
     if (os::KernelThreadCount() > kernelThreads + 36) Fail("kernel threads left behind", os::KernelThreadCount(), kernelThreads);
     std::printf("stress: %u schedulers, %s, seed %llu: %llu actions, %llu children, %llu terminated, %llu reads, %llu posts, "
-                "%llu entries, %llu moves to %u schedulers, %llu routines, %u records\n",
+                "%llu entries, %llu units, %llu moves to %u schedulers, %llu routines, %u records\n",
                 gNumSchedulers, os::IoBackendName(), static_cast<unsigned long long>(gOptions.Seed),
                 static_cast<unsigned long long>(gActions.load()), static_cast<unsigned long long>(gChildren.load()),
                 static_cast<unsigned long long>(gTerminated.load()), static_cast<unsigned long long>(gReads.load()),
                 static_cast<unsigned long long>(gPosts.load()), static_cast<unsigned long long>(entries),
+                static_cast<unsigned long long>(gTaken.load()),
                 static_cast<unsigned long long>(gMoves.load()), gSchedulersMade.load() - gNumSchedulers,
                 static_cast<unsigned long long>(gInjected.load()),
                 gShellSerial.load());
     std::remove(gFileName);
-    if (gActions.load() == 0 || gReads.load() == 0 || gMoves.load() == 0 || gInjected.load() == 0) Fail("nothing was done");
+    if (gActions.load() == 0 || gReads.load() == 0 || gTaken.load() == 0 || gMoves.load() == 0 || gInjected.load() == 0) Fail("nothing was done");
     if (gNumDynamicSchedulers.load() != 0) Fail("dynamic schedulers in use at the end", gNumDynamicSchedulers.load());
     os::ExitProcess(0);
 }

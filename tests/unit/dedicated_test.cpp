@@ -88,6 +88,32 @@ TEST_F(Dedicated, ASleeperSleepsOnForWhatIsLeft) {
     ExpectEndAfter(50, "late");
 }
 
+// A routine finds no wait in progress: it may wait for the same object, and what it leaves is the interrupted wait's.
+TEST_F(Dedicated, AWaitForAnObjectBeginsAnew) {
+    const HANDLE object = NewEvent(false, false);
+    const auto wait = [object](Fiber *) { return "object " + std::to_string(WaitForSingleObject(object, 50)); };
+    Park(wait);
+    Inject([object] { Note("routine " + std::to_string(WaitForSingleObject(object, 20))); });
+    EXPECT_EQ(TakeNotes(), Names{});
+    os::SetEvent(object);
+    RunUntilIdle(S);
+    EXPECT_EQ(TakeNotes(), Names{"routine 0"});
+    os::SetEvent(object);
+    RunUntilIdle(S);
+    EXPECT_EQ(TakeNotes(), Names{"object 0"});
+    Park(wait);
+    Pass(10);
+    Inject([] { Sleep(20), Note("routine"); });
+    Pass(20 + gTimerInterval);
+    EXPECT_EQ(TakeNotes(), Names{"routine"});
+    ExpectEndAfter(19, "object 258");
+    // Signalled while the routine runs, beyond the limit of the wait: it is there when the thread comes back.
+    Park(wait);
+    Inject([] { Sleep(100); });
+    os::SetEvent(object);
+    ExpectEndAfter(100, "object 0");
+}
+
 TEST_F(Dedicated, AnAlertableWaitLooksAtItsOperations) {
     HANDLE file = nullptr;
     Run([&](Fiber *) { file = Open(); });

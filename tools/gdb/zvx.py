@@ -144,6 +144,8 @@ class Fiber:
             what = "critical section" if section else "post"
         elif self.has("FIBER_SLICE_FILED"):
             return "object (polled)"
+        elif self.has("FIBER_OBJECT_WAIT"):
+            what = "object"
         elif self.has("FIBER_POLL_OWN_OVS"):
             what = f"own operations ({self.field('PendingApcIos')})"
         else:

@@ -114,6 +114,8 @@ std::string TimedWaitText(const Library &library, const Record &fiber, uint32_t 
         text = (mask & Number(library, "POST_SECTION")) != 0 ? "critical section" : "post";
     } else if (flags & Number(library, "FIBER_SLICE_FILED")) {
         return "object (polled)";
+    } else if (flags & Number(library, "FIBER_OBJECT_WAIT")) {
+        text = "object";
     } else if (flags & Number(library, "FIBER_POLL_OWN_OVS")) {
         text = fmt::format("own operations ({})", Field(library, fiber, "Fiber.PendingApcIos"));
     } else {

@@ -145,39 +145,33 @@ DWORD ResumeBacking(ThreadObject *object) {
         runs = thread->Now == Phase::kCreated ? Phase::kCapturing : Phase::kEnding;
         thread->Now = runs;
     }
-    WakeList wakes;
     if (runs == Phase::kCapturing) {
         RunCapture(thread);
-        InnerGuard guard(&gDispatcherLock);
+        DispatchGuard guard;
         thread->Now = Phase::kParked;
         if (thread->SuspendCount < kMaxSuspendCount) thread->SuspendCount++;
-        if (thread->Terminated) EndLocked(thread, thread->TerminateCode, &wakes);
+        if (thread->Terminated) EndLocked(thread, thread->TerminateCode, &guard.Wakes);
     } else {
         DWORD code = RunEnd(thread);
-        InnerGuard guard(&gDispatcherLock);
-        EndLocked(thread, code, &wakes);
+        DispatchGuard guard;
+        EndLocked(thread, code, &guard.Wakes);
     }
-    WakeAll(&wakes);
     return previous;
 }
 
 BOOL TerminateBacking(ThreadObject *object, DWORD code) {
     BackingThread *thread = static_cast<BackingThread *>(object);
-    WakeList wakes;
-    {
-        InnerGuard guard(&gDispatcherLock);
-        switch (thread->Now) {
-            case Phase::kCreated:
-            case Phase::kParked: EndLocked(thread, code, &wakes); break;
-            case Phase::kCapturing:
-                if (!thread->Terminated) thread->TerminateCode = code;
-                thread->Terminated = true;
-                break;
-            case Phase::kEnding:
-            case Phase::kEnded: break;
-        }
+    DispatchGuard guard;
+    switch (thread->Now) {
+        case Phase::kCreated:
+        case Phase::kParked: EndLocked(thread, code, &guard.Wakes); break;
+        case Phase::kCapturing:
+            if (!thread->Terminated) thread->TerminateCode = code;
+            thread->Terminated = true;
+            break;
+        case Phase::kEnding:
+        case Phase::kEnded: break;
     }
-    WakeAll(&wakes);
     return TRUE;
 }
 

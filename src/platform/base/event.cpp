@@ -101,12 +101,10 @@ HANDLE MakeSemaphore(LONG initial, LONG maximum, const char *name, NameUse use) 
 
 // A slot was made takeable, under its lock: first whoever waits in this process, then the others if anything is left.
 void OfferSlot(Object *object, SharedSlot *slot) {
-    WakeList wakes;
     {
-        InnerGuard guard(&gDispatcherLock);
-        OfferLocked(object, &wakes);
+        DispatchGuard guard;
+        OfferLocked(object, &guard.Wakes);
     }
-    WakeAll(&wakes);
     if (slot->Value.load(std::memory_order_acquire) != 0) AnnounceSlot(slot);
 }
 
@@ -199,7 +197,6 @@ BOOL ReleaseSemaphore(HANDLE semaphore, LONG count, LONG *previous) {
     SemaphoreObject *object = static_cast<SemaphoreObject *>(RefHandle(semaphore, ObjectType::kSemaphore));
     if (object == nullptr) return FALSE;
     DWORD error;
-    WakeList wakes;
     if (SharedSlot *slot = SlotOfObject(object); slot != nullptr) {
         {
             SharedGuard guard;
@@ -209,14 +206,13 @@ BOOL ReleaseSemaphore(HANDLE semaphore, LONG count, LONG *previous) {
         }
         if (error == ERROR_SUCCESS) OfferSlot(object, slot);
     } else {
-        InnerGuard guard(&gDispatcherLock);
+        DispatchGuard guard;
         error = RaiseCount(object->Count, object->Maximum, count, previous);
         if (error == ERROR_SUCCESS) {
             object->Count += count;
-            SignalLocked(object, &wakes);
+            SignalLocked(object, &guard.Wakes);
         }
     }
-    WakeAll(&wakes);
     UnrefObject(object);
     if (error == ERROR_SUCCESS) return TRUE;
     SetLastError(error);

@@ -190,7 +190,8 @@ const Object *PeekHandle(HANDLE handle) {
 }
 
 bool StillOpen(HANDLE handle, const Object *object) {
-    return SlotOf(handle)->Target.load(std::memory_order_acquire) == object;
+    const HandleSlot *slot = SlotOf(handle);
+    return slot == nullptr || slot->Target.load(std::memory_order_seq_cst) == object;
 }
 
 void VisitHandles(void (*visit)(HANDLE handle, const Object *object, void *arg), void *arg) {
@@ -227,10 +228,12 @@ BOOL CloseHandle(HANDLE handle) {
     HandleSlot *slot = SlotOf(handle);
     Object *object = slot == nullptr ? nullptr : slot->Target.load(std::memory_order_acquire);
     // Of two that close the same handle at once, one finds it closed.
-    if (object == nullptr || !slot->Target.compare_exchange_strong(object, nullptr, std::memory_order_acq_rel)) {
+    if (object == nullptr || !slot->Target.compare_exchange_strong(object, nullptr, std::memory_order_seq_cst)) {
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
+    // Either this sees a wait that was parked by the handle, or the one who parked it sees the handle closed.
+    if (object->Parked.load(std::memory_order_seq_cst) != 0) WakeParkedOf(object);
     if (slot->State.fetch_and(~kOpen, std::memory_order_acq_rel) == kOpen) QueueFreeValue(slot);
     if (object->Handles.fetch_sub(1, std::memory_order_acq_rel) == 1 && object->Ops->HandlesGone != nullptr)
         object->Ops->HandlesGone(object);

@@ -139,10 +139,9 @@ void DestroyMutex(Object *object) {
     {
         // The last handle may be closed while the mutex is held: it must leave its owner's list.
         // For the processes that still have it open it is one that was never released.
-        WakeList wakes;
-        InnerGuard guard(&gDispatcherLock);
+        DispatchGuard guard;
         mutex->Abandoned = mutex->Owner.load(std::memory_order_relaxed) != 0;
-        FreeLocked(mutex, &wakes);
+        FreeLocked(mutex, &guard.Wakes);
     }
     ForgetName(mutex);
     FreeObject(mutex->Ops->Shared ? &gNamedMutexes : &gMutexes, mutex);
@@ -197,12 +196,8 @@ void AbandonMutexesLocked(MutexObject **owned, WakeList *wakes) {
 }
 
 void AbandonOwnMutexes() {
-    WakeList wakes;
-    {
-        InnerGuard guard(&gDispatcherLock);
-        AbandonMutexesLocked(&CurrentLists()->Own, &wakes);
-    }
-    WakeAll(&wakes);
+    DispatchGuard guard;
+    AbandonMutexesLocked(&CurrentLists()->Own, &guard.Wakes);
 }
 
 HANDLE CreateMutexA(SECURITY_ATTRIBUTES *security, BOOL initiallyOwned, const char *name) {
@@ -234,12 +229,8 @@ BOOL ReleaseMutex(HANDLE mutex) {
     if (object == nullptr) return FALSE;
     bool owner = object->Owner.load(std::memory_order_relaxed) == CallerIdentity();
     if (owner) {
-        WakeList wakes;
-        {
-            InnerGuard guard(&gDispatcherLock);
-            if (--object->Recursion == 0) FreeLocked(object, &wakes);
-        }
-        WakeAll(&wakes);
+        DispatchGuard guard;
+        if (--object->Recursion == 0) FreeLocked(object, &guard.Wakes);
     }
     UnrefObject(object);
     if (owner) return TRUE;

@@ -51,6 +51,8 @@ struct Object {
     // zero-time-out test. Objects that cannot be waited for leave it at 0.
     std::atomic<uint32_t> Signalled{0};
     uint32_t PoolIndex = 0;  // init: dense serial number among the objects of its pool
+    // Changed under the dispatcher lock: places of parked waits in Waiters. Whoever closes a handle reads it without.
+    std::atomic<uint32_t> Parked{0};
     ObjectType Type = ObjectType::kAny;
 };
 
@@ -63,7 +65,10 @@ Object *RefHandle(HANDLE handle, ObjectType type = ObjectType::kAny);
 // The object behind a handle without a reference: its memory stays an object of its type for ever, but
 // only the atomic fields mean anything, and only if StillOpen says so afterwards. Null for pseudo handles.
 const Object *PeekHandle(HANDLE handle);
-bool StillOpen(HANDLE handle, const Object *object);
+bool StillOpen(HANDLE handle, const Object *object);  // true for pseudo handles
+// parked_wait.cpp: a handle of an object for which waits are parked was closed. Each of them is woken to look whether
+// it was its own.
+void WakeParkedOf(Object *object);
 
 inline void RefObject(Object *object) {
     object->Refs.fetch_add(1, std::memory_order_relaxed);

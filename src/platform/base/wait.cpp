@@ -61,14 +61,6 @@ bool TakeNow(Waiter *waiter) {
     return true;
 }
 
-// [dispatcher lock] Takes what the wait is for, if that can be had in this instant; sets Result.
-bool TryTakeLocked(Waiter *waiter) {
-    if (!waiter->Shared) [[likely]]
-        return TakeNow(waiter);
-    SharedGuard guard;
-    return TakeNow(waiter);
-}
-
 // The slot of an object that other processes share; null for every other one.
 SharedSlot *SlotOf(const Object *object) {
     return object->Ops->Shared ? SlotOfObject(object) : nullptr;
@@ -106,40 +98,6 @@ void SleepOnShared(Waiter *waiter, uint32_t seen, uint64_t until) {
         break;
     }
     SleepOnSlots(&waiter->Alert->Word, seen, slots, seqs, count, until);
-}
-
-// [dispatcher lock]
-void LinkLocked(Waiter *waiter) {
-    for (uint32_t i = 0; i < waiter->Count; i++) {
-        WaitBlock *block = &waiter->Blocks[i];
-        WaitBlock *&head = waiter->Objects[i]->Waiters;
-        block->Owner = waiter;
-        block->Index = i;
-        block->Next = nullptr;
-        if (head == nullptr) {
-            block->Prev = block;
-            head = block;
-        } else {
-            block->Prev = head->Prev;
-            head->Prev->Next = block;
-            head->Prev = block;
-        }
-    }
-}
-
-// [dispatcher lock]
-void UnlinkLocked(Waiter *waiter) {
-    for (uint32_t i = 0; i < waiter->Count; i++) {
-        WaitBlock *block = &waiter->Blocks[i];
-        WaitBlock *&head = waiter->Objects[i]->Waiters;
-        if (block == head) {
-            head = block->Next;
-            if (head != nullptr) head->Prev = block->Prev;
-        } else {
-            block->Prev->Next = block->Next;
-            (block->Next != nullptr ? block->Next : head)->Prev = block->Prev;
-        }
-    }
 }
 
 // Sleeps until the waiter is granted, the deadline passes, something is to be served or delivered, or `until`.
@@ -250,21 +208,16 @@ DWORD WaitForHandles(uint32_t count, const HANDLE *handles, bool all, DWORD ms, 
     }
     if (ms == 0 && !alertable && PlainlyUnsignalled(count, handles, all)) return WAIT_TIMEOUT;
     Object *objects[MAXIMUM_WAIT_OBJECTS];
-    uint32_t held = 0;
-    while (held < count && (objects[held] = RefHandle(handles[held])) != nullptr) held++;
-    DWORD result = WAIT_FAILED;
-    if (held == count) {
-        bool twice = false;
-        for (uint32_t i = 1; all && i < count; i++)
-            for (uint32_t j = 0; j < i; j++) twice = twice || objects[i] == objects[j];
-        if (twice)
-            SetLastError(ERROR_INVALID_PARAMETER);
-        else
-            result = WaitReferenced(objects, count, all, ms, alertable);
-    }
-    for (uint32_t i = 0; i < held; i++) UnrefObject(objects[i]);
+    if (!RefObjects(count, handles, all, objects)) return WAIT_FAILED;
+    const DWORD result = WaitReferenced(objects, count, all, ms, alertable);
+    for (uint32_t i = 0; i < count; i++) UnrefObject(objects[i]);
     if (result == kWaitEnded) EndCallingThread();
     return result;
+}
+
+void WakeSleepers(WakeList *wakes) {
+    for (int i = 0; i < wakes->Count; i++) FutexWake(wakes->Words[i], 1);
+    wakes->Count = 0;
 }
 
 // [dispatcher lock] Nothing of the waiter is touched after the lock has been released.
@@ -272,13 +225,76 @@ void GrantLocked(Waiter *waiter, WakeList *wakes) {
     UnlinkLocked(waiter);
     // The waiter reads Result after State without the lock.
     waiter->State.store(kGranted, std::memory_order_release);
+    if (waiter->Parked) {
+        WakeParkedLocked(waiter, wakes);
+        return;
+    }
     std::atomic<uint32_t> *word = &waiter->Alert->Word;
     word->fetch_add(1, std::memory_order_release);
-    if (wakes->Count == static_cast<int>(sizeof(wakes->Words) / sizeof(wakes->Words[0]))) WakeAll(wakes);
+    if (wakes->Count == static_cast<int>(sizeof(wakes->Words) / sizeof(wakes->Words[0]))) WakeSleepers(wakes);
     wakes->Words[wakes->Count++] = word;
 }
 
 }  // namespace
+
+bool TryTakeLocked(Waiter *waiter) {
+    if (!waiter->Shared) [[likely]]
+        return TakeNow(waiter);
+    SharedGuard guard;
+    return TakeNow(waiter);
+}
+
+void LinkLocked(Waiter *waiter) {
+    for (uint32_t i = 0; i < waiter->Count; i++) {
+        WaitBlock *block = &waiter->Blocks[i];
+        WaitBlock *&head = waiter->Objects[i]->Waiters;
+        block->Owner = waiter;
+        block->Index = i;
+        block->Next = nullptr;
+        if (waiter->Parked) waiter->Objects[i]->Parked.fetch_add(1, std::memory_order_seq_cst);
+        if (head == nullptr) {
+            block->Prev = block;
+            head = block;
+        } else {
+            block->Prev = head->Prev;
+            head->Prev->Next = block;
+            head->Prev = block;
+        }
+    }
+}
+
+void UnlinkLocked(Waiter *waiter) {
+    for (uint32_t i = 0; i < waiter->Count; i++) {
+        WaitBlock *block = &waiter->Blocks[i];
+        WaitBlock *&head = waiter->Objects[i]->Waiters;
+        if (waiter->Parked) waiter->Objects[i]->Parked.fetch_sub(1, std::memory_order_relaxed);
+        if (block == head) {
+            head = block->Next;
+            if (head != nullptr) head->Prev = block->Prev;
+        } else {
+            block->Prev->Next = block->Next;
+            (block->Next != nullptr ? block->Next : head)->Prev = block->Prev;
+        }
+    }
+}
+
+bool HasSlot(const Object *object) {
+    return SlotOf(object) != nullptr;
+}
+
+bool RefObjects(uint32_t count, const HANDLE *handles, bool all, Object **objects) {
+    uint32_t held = 0;
+    while (held < count && (objects[held] = RefHandle(handles[held])) != nullptr) held++;
+    if (held == count) {
+        bool twice = false;
+        for (uint32_t i = 1; all && i < count; i++)
+            for (uint32_t j = 0; j < i; j++) twice = twice || objects[i] == objects[j];
+        if (!twice) return true;
+        SetLastError(ERROR_INVALID_PARAMETER);
+    }
+    while (held != 0) UnrefObject(objects[--held]);
+    return false;
+}
 
 uint64_t CallerIdentity() {
     ThreadBlock *block = CurrentThreadBlock();
@@ -305,17 +321,17 @@ void OfferLocked(Object *object, WakeList *wakes) {
 }
 
 void WakeAll(WakeList *wakes) {
-    for (int i = 0; i < wakes->Count; i++) FutexWake(wakes->Words[i], 1);
-    wakes->Count = 0;
+    WakeSleepers(wakes);
+    while (WaitSink *sink = wakes->Sinks) {
+        // Once it has been told it may be chained anew, by anyone.
+        wakes->Sinks = sink->NextToAnnounce;
+        sink->Announce(sink);
+    }
 }
 
 void SignalObject(Object *object) {
-    WakeList wakes;
-    {
-        InnerGuard guard(&gDispatcherLock);
-        SignalLocked(object, &wakes);
-    }
-    WakeAll(&wakes);
+    DispatchGuard guard;
+    SignalLocked(object, &guard.Wakes);
 }
 
 void UnsignalObject(Object *object) {

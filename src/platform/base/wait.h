@@ -12,6 +12,9 @@
 //   - A waiter that gives up (time-out, a routine, a request to stop) unlinks its blocks itself under the
 //     lock, unless it was granted meanwhile, which then counts.
 //
+// A parked wait (parked_wait.cpp) is a waiter without a thread: it is granted in its turn like the others, and instead
+// of a sleeper its sink is told.
+//
 // Waits for objects that other processes share (named_object.h) are the same, with two differences. Testing and
 // taking happens under the table's lock too, so that a wait for all takes its objects in one step everywhere. And a
 // sleeper sleeps on the objects' slots besides its own word, because another process cannot grant it anything: it
@@ -50,6 +53,7 @@ struct Waiter {
     uint32_t Count = 0;
     bool All = false;
     bool Shared = false;  // init: one of the objects has a slot
+    bool Parked = false;  // init: the base of a ParkedWaiter
 };
 
 struct WaitBlock {
@@ -60,18 +64,48 @@ struct WaitBlock {
     uint32_t Seen;    // owner: Seq of the object's slot before the latest test
 };
 
-// Sleepers to be woken once the dispatcher lock has been released. Only the address is used: the word may
-// be gone by then, and a stranger who sleeps on its successor takes a needless turn of its loop.
+// Sleepers to be woken and sinks to be told once the dispatcher lock has been released. Of a sleeper only the address is
+// used: the word may be gone by then, and a stranger who sleeps on its successor takes a needless turn of its loop.
 struct WakeList {
     std::atomic<uint32_t> *Words[16];
     int Count = 0;
+    WaitSink *Sinks = nullptr;  // chain through NextToAnnounce
+};
+void WakeAll(WakeList *wakes);  // without the dispatcher lock
+
+// Holds the dispatcher lock, and wakes what was granted meanwhile after it is free again. One region is around both: a
+// thread that was ended between the two would leave a waiter granted and asleep.
+struct DispatchGuard {
+    DispatchGuard() {
+        EnterInnerRegion();
+        AcquireInner(&gDispatcherLock);
+    }
+    ~DispatchGuard() {
+        ReleaseInner(&gDispatcherLock);
+        WakeAll(&Wakes);
+        LeaveInnerRegion();
+    }
+    DispatchGuard(const DispatchGuard &) = delete;
+    DispatchGuard &operator=(const DispatchGuard &) = delete;
+    WakeList Wakes;
 };
 
 // [dispatcher lock] The object becomes signalled and is given to whoever waits for it.
 void SignalLocked(Object *object, WakeList *wakes);
 // [dispatcher lock] The object may be had now: it is given to whoever of this process waits for it.
 void OfferLocked(Object *object, WakeList *wakes);
-void WakeAll(WakeList *wakes);
+// [dispatcher lock] Takes what the wait is for, if that can be had in this instant; sets Result.
+bool TryTakeLocked(Waiter *waiter);
+// [dispatcher lock] Into the lists of its objects as the newest, and out of them.
+void LinkLocked(Waiter *waiter);
+void UnlinkLocked(Waiter *waiter);
+// References to the objects behind the handles; false, with the last error set and none held, when a handle is closed
+// or a wait for all names an object twice.
+bool RefObjects(uint32_t count, const HANDLE *handles, bool all, Object **objects);
+// Whether the object's state is other processes' too.
+bool HasSlot(const Object *object);
+// [dispatcher lock] parked_wait.cpp: the waiter's sink is to be told, unless it knows already.
+void WakeParkedLocked(Waiter *waiter, WakeList *wakes);
 
 // Who takes a mutex: the fiber where there is one, else the thread (with the top bit set).
 uint64_t CallerIdentity();
