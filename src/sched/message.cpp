@@ -47,7 +47,7 @@ static bool WakeIfBlocked(Scheduler *target, bool mayWake) {
 
 bool SendMessage(Scheduler *target, FIBER_MESSAGE *msg) {
     // The receiver may free the message the moment it is pushed.
-    const bool mayWake = msg->Kind == MSG_POST || msg->Kind == MSG_OBJECTS || gPortWaitMs > 1;
+    const bool mayWake = msg->Kind == MSG_OBJECTS || msg->Kind == MSG_POST || gPortWaitMs > 1;
     PushMessage(target, msg);
     return WakeIfBlocked(target, mayWake);
 }
