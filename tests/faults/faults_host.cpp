@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "alloc/alloc.h"
@@ -465,6 +466,12 @@ DWORD MainRoutine(void *) {
     const bool session = gScenario == "session";
     const auto round = [&] {
         if (gScenario == "startup") {
+            // The thread that writes the ring log opens its file when it first runs.
+            Await([] {
+                for (const auto &entry : std::filesystem::directory_iterator(gFolder))
+                    if (entry.path().string().ends_with("fiber_stats.txt")) return true;
+                return false;
+            });
             const HANDLE threads[] = {Start(Returns), Start(Exits), Start(Moves)};
             for (DWORD i = 0; i < 3; ++i) Join(threads[i], i == 2 ? 24 : 21 + i);
         } else if (session) {
