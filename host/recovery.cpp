@@ -28,6 +28,7 @@ struct Job {
     HANDLE File = nullptr;
     CheckpointHeader Checkpoint{};
     uint64_t CheckpointId = 0;
+    uint64_t FilePages = 0;  // whole pages that the file has
     uint64_t NextPage = 1;
     uint64_t Keys = 0;
     const char *Records = nullptr;  // a segment's bytes, of which [Begin, End) is checked
@@ -79,6 +80,8 @@ bool TakeRun(std::vector<char> *pages, uint64_t *first) {
         if (wrong == nullptr && (header.RunIndex != 0 || *first + header.RunPages > gJob.Checkpoint.Pages)) {
             wrong = "no first page of a run";
         }
+        // No memory for what cannot be there.
+        if (wrong == nullptr && *first + header.RunPages > gJob.FilePages) wrong = "the file ends here";
         if (wrong != nullptr) Damaged(name, *first * kPage, wrong);
         gJob.NextPage += header.RunPages;
         pages->resize(header.RunPages * kPage);
@@ -138,6 +141,21 @@ void VisitRecords(const char *batch, Visit visit) {
         visit(head, record + sizeof head);
         record += head.Length;
     }
+}
+
+// Whether the record is of a known type and its items fill it: a checksum says only that it is what was written.
+bool IsSound(const RecordHeader &record, const char *item) {
+    uint64_t left = record.Length - sizeof record;
+    for (uint32_t i = 0; i < record.Items; i++) {
+        ItemHeader head;
+        if (left < sizeof head) return false;
+        std::memcpy(&head, item, sizeof head);
+        const uint64_t size = sizeof head + uint64_t{head.KeyLength} + head.ValueLength;
+        if (left < size) return false;
+        item += size;
+        left -= size;
+    }
+    return left == 0 && record.Type >= RecordType::kSet && record.Type <= RecordType::kFlush;
 }
 
 void ApplyRecords(uint32_t slave) {
@@ -279,6 +297,9 @@ void ReplayLog(const std::vector<SegmentFile> &files, Recovered *result) {
                    static_cast<unsigned long long>(log.End.Segment));
         ReadSegment(*current, &data);
         size_t at = log.End.Offset;
+        if (at < kLogBlock || at > data.size() || at % kLogAlign != 0) {
+            Damaged(CheckpointName(), 0, "it begins where no batch can");
+        }
         gJob.Records = data.data();
         gJob.Begin = at;
         for (;;) {
@@ -286,6 +307,11 @@ void ReplayLog(const std::vector<SegmentFile> &files, Recovered *result) {
             if (size == 0) break;
             BatchHeader header;
             std::memcpy(&header, data.data() + at, sizeof header);
+            bool sound = true;
+            VisitRecords(data.data() + at, [&](const RecordHeader &record, const char *item) {
+                sound = sound && IsSound(record, item);
+            });
+            if (!sound) Damaged(current->Name, at, "a record that its items do not fill");
             log.End.Previous = header.Crc;
             if (header.Count != 0) log.End.Seq = header.First + header.Count - 1;
             result->Records += header.Count;
@@ -330,6 +356,9 @@ bool OpenCheckpoint() {
         if (GetLastError() == ERROR_FILE_NOT_FOUND) return false;
         Refuse("%s: %s", PathOf(name).c_str(), ReasonOf(GetLastError()).c_str());
     }
+    LARGE_INTEGER size{};
+    if (!GetFileSizeEx(gJob.File, &size)) Damaged(name, 0, ReasonOf(GetLastError()).c_str());
+    gJob.FilePages = static_cast<uint64_t>(size.QuadPart) / kPage;
     std::vector<char> page(kPage);
     size_t got = 0;
     const DWORD error = ReadBlocks(gJob.File, 0, page.data(), kPage, &got);
