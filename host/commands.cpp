@@ -357,7 +357,7 @@ void ExpireIn(Session &s, const Arguments &a, int64_t unit, std::string_view com
         } else if (a.Is(i, "LT")) {
             ifLess = true;
         } else {
-            return s.PutError("Unsupported option " + std::string(a[i]));
+            return s.PutError("Unsupported option " + Quoted(a[i]));
         }
     }
     if (ifNone && (ifSome || ifGreater || ifLess)) {

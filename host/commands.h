@@ -2,6 +2,7 @@
 #ifndef HOST_COMMANDS_H
 #define HOST_COMMANDS_H
 
+#include <string>
 #include <string_view>
 
 #include "session.h"
@@ -28,6 +29,9 @@ struct Command {
     int32_t FirstKey, LastKey, KeyStep;
     void (*Run)(Session &session, const Arguments &arguments);
 };
+
+// What a client sent, as it may stand in the one line of an error: cut, and '?' for what cannot be printed.
+std::string Quoted(std::string_view text);
 
 extern const Command kKeyCommands[];
 extern const size_t kKeyCommandCount;

@@ -10,12 +10,6 @@ namespace host {
 
 namespace {
 
-std::string Quoted(std::string_view text) {
-    std::string out;
-    for (const char c : text.substr(0, 128)) out += c < ' ' || c > '~' ? '?' : c;
-    return out;
-}
-
 void Ping(Session &s, const Arguments &a) {
     if (a.Count > 2) return s.PutError("wrong number of arguments for 'ping' command");
     if (a.Count == 2) {
@@ -197,6 +191,12 @@ void AboutCommands(Session &s, const Arguments &a) {
 }
 
 }  // namespace
+
+std::string Quoted(std::string_view text) {
+    std::string out;
+    for (const char c : text.substr(0, 128)) out += c < ' ' || c > '~' ? '?' : c;
+    return out;
+}
 
 bool Arguments::Is(uint32_t i, std::string_view word) const {
     const std::string_view is = (*this)[i];
