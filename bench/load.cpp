@@ -6,15 +6,15 @@
 // answer at the end is counted with the time that it has waited. Without --rate it is a closed loop, which finds the
 // highest rate: every connection asks as soon as it was answered.
 //
-// One thread, epoll, nothing of the library. Prints one JSON line: asked and reached rate (requests a second), p50, p99,
-// p99.9 and max (microseconds; the upper ends of buckets 3 % wide, max is exact), errors, unanswered, how late the client
-// itself was (late_p99), and with --pid the processor time of that process a request (cpu_us).
+// One thread, epoll, nothing of the library. Prints one JSON line: asked and reached rate (requests a second), p50,
+// p99, p99.9 and max (microseconds; the upper ends of buckets 3 % wide, max is exact), errors, unanswered, how late the
+// client itself was (late_p99), and with --pid the processor time of that process a request (cpu_us).
 //
 //   load --port N [--rate R] [--connections N] [--seconds S] [--warm-up S] [--kind get|set|ping] [--value-bytes N]
 //        [--keys N] [--fill 1] [--pipeline N] [--idle N] [--pid N]
 //
-// --fill writes every key first; --idle holds so many more connections, each of which was answered once; --pipeline sends
-// so many requests together (closed loop only).
+// --fill writes every key first; --idle holds so many more connections, each of which was answered once; --pipeline
+// sends so many requests together (closed loop only).
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -69,9 +69,9 @@ struct Histogram {
 
 struct Connection {
     int Fd = -1;
-    uint64_t Sent = 0;      // requests, those of --pipeline counted each
+    uint64_t Sent = 0;  // requests, those of --pipeline counted each
     uint64_t Answered = 0;
-    double AskedAt = 0;     // closed loop: when the latest were sent
+    double AskedAt = 0;  // closed loop: when the latest were sent
     std::string In;
 };
 
@@ -292,9 +292,13 @@ void OpenLoop(Result *result) {
 }
 
 bool Parse(int argc, char **argv) {
-    const std::map<std::string, uint32_t *> counts{
-        {"--port", &gLoad.Port}, {"--connections", &gLoad.Connections}, {"--value-bytes", &gLoad.ValueBytes},
-        {"--keys", &gLoad.Keys}, {"--fill", &gLoad.Fill}, {"--pipeline", &gLoad.Pipeline}, {"--idle", &gLoad.Idle}};
+    const std::map<std::string, uint32_t *> counts{{"--port", &gLoad.Port},
+                                                   {"--connections", &gLoad.Connections},
+                                                   {"--value-bytes", &gLoad.ValueBytes},
+                                                   {"--keys", &gLoad.Keys},
+                                                   {"--fill", &gLoad.Fill},
+                                                   {"--pipeline", &gLoad.Pipeline},
+                                                   {"--idle", &gLoad.Idle}};
     const std::map<std::string, double *> times{
         {"--rate", &gLoad.Rate}, {"--seconds", &gLoad.Seconds}, {"--warm-up", &gLoad.WarmUp}};
     for (int i = 1; i < argc; i += 2) {
@@ -320,8 +324,10 @@ bool Parse(int argc, char **argv) {
 
 int main(int argc, char **argv) {
     if (!Parse(argc, argv)) {
-        std::fprintf(stderr, "usage: %s --port N [--rate R] [--connections N] [--seconds S] [--warm-up S]\n"
-                     "       [--kind get|set|ping] [--value-bytes N] [--keys N] [--fill 1] [--pipeline N] [--idle N] [--pid N]\n",
+        std::fprintf(stderr,
+                     "usage: %s --port N [--rate R] [--connections N] [--seconds S] [--warm-up S]\n"
+                     "       [--kind get|set|ping] [--value-bytes N] [--keys N] [--fill 1] [--pipeline N] [--idle N] "
+                     "[--pid N]\n",
                      argv[0]);
         return 2;
     }
@@ -352,12 +358,13 @@ int main(int argc, char **argv) {
         OpenLoop(&result);
     else
         ClosedLoop(&result);
-    std::printf("{\"asked\":%.6g,\"reached\":%.6g,\"p50\":%.4g,\"p99\":%.4g,\"p99.9\":%.4g,\"max\":%.6g,\"requests\":%llu,"
-                "\"errors\":%llu,\"unanswered\":%llu,\"late_p99\":%.4g,\"cpu_us\":%.4g}\n",
-                gLoad.Rate, static_cast<double>(result.Answers) * 1e9 / result.Took, result.Latency.Us(50),
-                result.Latency.Us(99), result.Latency.Us(99.9), result.Latency.Max / 1000,
-                static_cast<unsigned long long>(result.Answers), static_cast<unsigned long long>(gErrors),
-                static_cast<unsigned long long>(result.Unanswered), result.Late.Us(99),
-                result.Answers != 0 ? result.CpuNs / 1000 / static_cast<double>(result.Answers) : 0);
+    std::printf(
+        "{\"asked\":%.6g,\"reached\":%.6g,\"p50\":%.4g,\"p99\":%.4g,\"p99.9\":%.4g,\"max\":%.6g,\"requests\":%llu,"
+        "\"errors\":%llu,\"unanswered\":%llu,\"late_p99\":%.4g,\"cpu_us\":%.4g}\n",
+        gLoad.Rate, static_cast<double>(result.Answers) * 1e9 / result.Took, result.Latency.Us(50),
+        result.Latency.Us(99), result.Latency.Us(99.9), result.Latency.Max / 1000,
+        static_cast<unsigned long long>(result.Answers), static_cast<unsigned long long>(gErrors),
+        static_cast<unsigned long long>(result.Unanswered), result.Late.Us(99),
+        result.Answers != 0 ? result.CpuNs / 1000 / static_cast<double>(result.Answers) : 0);
     return gErrors == 0 ? 0 : 1;
 }

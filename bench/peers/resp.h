@@ -1,7 +1,7 @@
 // bench/peers/resp.h - requests and answers of the peers' key-value servers: GET, SET and PING of RESP, in memory only.
 //
-// Neither checks nor limits: a peer exists to be measured. A server with one kernel thread uses a Store as it is; one with
-// several puts a lock around Answer.
+// Neither checks nor limits: a peer exists to be measured. A server with one kernel thread uses a Store as it is; one
+// with several puts a lock around Answer.
 #ifndef ZVX_BENCH_PEERS_RESP_H
 #define ZVX_BENCH_PEERS_RESP_H
 
@@ -86,7 +86,8 @@ inline int ListenOn(unsigned port) {
     name.sin_family = AF_INET;
     name.sin_port = htons(static_cast<uint16_t>(port));
     name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(listener, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0 && listen(listener, 4096) == 0) return listener;
+    if (bind(listener, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0 && listen(listener, 4096) == 0)
+        return listener;
     std::perror("listen");
     std::_Exit(1);
 }
