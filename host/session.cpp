@@ -68,7 +68,14 @@ bool Receive(Session *session) {
         session->Closing = true;
         return true;
     }
-    session->Enter(session->InUsed == 0 ? SessionState::kIdle : SessionState::kReceiving);
+    // The time of an incomplete request runs from its first bytes: more of them now and then must not begin it anew.
+    const bool receiving = session->InUsed != 0;
+    if (receiving && session->Unfinished) {
+        session->Slot->State.store(SessionState::kReceiving, std::memory_order_relaxed);
+    } else {
+        session->Enter(receiving ? SessionState::kReceiving : SessionState::kIdle);
+    }
+    session->Unfinished = receiving;
     const size_t room = session->InCapacity - session->InUsed;
     const int got = recv(session->Socket, session->In + session->InUsed, static_cast<int>(room), 0);
     session->Slot->State.store(SessionState::kRunning, std::memory_order_relaxed);
@@ -104,6 +111,7 @@ void RunRequests(Session *session) {
             session->EndAnswer();
         }
         session->InBegin += request.At;
+        session->Unfinished = false;
         request.Reset();
         if (session->OutUsed >= kSpillBytes || session->Marks.size() >= kMostMarks) session->Flush();
         GiveWay();

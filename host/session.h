@@ -38,6 +38,7 @@ struct Session {
     std::string Name;
     bool Closing = false;  // nothing more is read; what is in the output is sent
     bool Broken = false;   // the connection is gone
+    bool Unfinished = false;  // the time of a request that is not complete runs already
 
     // Input: the bytes in [Begin, Used) are not dealt with, and Request begins at Begin.
     char *In = SmallIn;
