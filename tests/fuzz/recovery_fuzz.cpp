@@ -1,0 +1,385 @@
+// tests/fuzz/recovery_fuzz.cpp - the server's recovery, on a log and a checkpoint that are not as they were written.
+//
+// The input first says what a history of batches is, from which a log of a few small segments is made, and perhaps a
+// checkpoint in the middle of it. Then the files are changed. Either as a medium changes them: single bytes, a block
+// that was never written, a file that is gone; then recovery must refuse, or show the state after a whole number of
+// batches, with every record that anything intact in the files says was durable. Or as an enemy changes them: words
+// and bytes anywhere, checksums put right afterwards; then it must end, whatever it says.
+//
+// Recovery's own file is compiled here, so that its refusal ends the run of an input and not the process.
+#include "host/recovery.h"
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <new>
+#include <set>
+#include <vector>
+
+#include "fuzz/started.h"
+#include "host/fileio.h"
+
+namespace host {
+namespace {
+
+struct Refused {};
+bool gRefused;
+uint32_t gAlive;
+std::set<HANDLE> gFiles;
+
+[[noreturn]] __attribute__((format(printf, 1, 2))) void RefuseHere(const char *format, ...) {
+    fuzz::Require(*format != 0, "a refusal without a reason");
+    gRefused = true;
+    throw Refused{};
+}
+
+struct Work {
+    LPTHREAD_START_ROUTINE Routine;
+    LPVOID Argument;
+};
+void WakeMain();
+DWORD WINAPI SlaveHere(LPVOID argument) {
+    const std::unique_ptr<Work> work(static_cast<Work *>(argument));
+    try {
+        work->Routine(work->Argument);
+    } catch (const Refused &) {
+        UnidentifyUserThread(0);
+        WakeMain();
+    }
+    gAlive--;
+    return 0;
+}
+HANDLE StartSlave(LPTHREAD_START_ROUTINE routine, LPVOID argument) {
+    gAlive++;
+    return CreateThread(nullptr, 0, SlaveHere, new Work{routine, argument}, 0, nullptr);
+}
+
+// Who waits when somebody has refused goes the same way.
+void WaitHere(HANDLE event, DWORD ms) {
+    if (!gRefused) WaitForUserThreadPost(event, ms);
+    if (gRefused) throw Refused{};
+}
+
+HANDLE OpenHere(const std::string &name, DWORD disposition, bool writeThrough) {
+    const HANDLE file = OpenForBlocks(name, disposition, writeThrough);
+    if (file != INVALID_HANDLE_VALUE) gFiles.insert(file);
+    return file;
+}
+void CloseHere(HANDLE handle) {
+    gFiles.erase(handle);
+    CloseHandle(handle);
+}
+
+}  // namespace
+}  // namespace host
+
+#define Refuse RefuseHere
+#define WaitForUserThreadPost WaitHere
+#define OpenForBlocks OpenHere
+#define CloseHandle CloseHere
+#define CreateThread(security, stack, routine, argument, flags, id) StartSlave(routine, argument)
+#include "host/recovery.cpp"
+#undef CloseHandle
+
+namespace host {
+namespace {
+
+void WakeMain() { PostUserThread(gJob.Main); }
+
+using State = std::map<std::string, std::string>;
+constexpr uint64_t kLogId = 0x1122334455667789;
+constexpr uint64_t kCheckpointId = 77;
+constexpr size_t kSegment = 2 * kLogBlock;
+
+template <typename Pod>
+std::string_view Raw(const Pod &pod) {
+    return {reinterpret_cast<const char *>(&pod), sizeof pod};
+}
+template <typename Pod>
+Pod At(const std::string &bytes, size_t at) {
+    Pod pod;
+    std::memcpy(&pod, bytes.data() + at, sizeof pod);
+    return pod;
+}
+template <typename Pod>
+void PutAt(std::string *bytes, size_t at, const Pod &pod) {
+    std::memcpy(bytes->data() + at, &pod, sizeof pod);
+}
+
+uint32_t RecordCrc(const char *record, uint32_t length) {
+    RecordHeader header;
+    std::memcpy(&header, record, sizeof header);
+    uint32_t crc = Crc32c(0, record + sizeof header, length - sizeof header);
+    crc = Crc32c(crc, &header.Seq, 16);
+    return Crc32c(crc, &header.Length, 4);
+}
+
+struct History {
+    std::map<std::string, std::string> Files;  // by name
+    std::vector<std::string> Segments;         // names, in order
+    std::map<uint64_t, State> States;          // after each batch, by its last record
+    uint64_t Seq = 0;
+    uint32_t Previous = 0;
+    State Now;
+};
+
+void NewSegment(History *h, uint64_t durable) {
+    const std::string name = SegmentName(static_cast<uint32_t>(h->Segments.size()));
+    SegmentHeader header{kSegmentMagic, 0, kLogId, h->Segments.size() + 1, durable, h->Previous, 0};
+    header.Crc = HeaderCrc(header);
+    std::string bytes(Raw(header));
+    bytes.resize(kLogBlock);
+    h->Files[name] = bytes;
+    h->Segments.push_back(name);
+}
+
+// A batch of up to four records of small keys; some values are large enough to fill segments.
+void AddBatch(History *h, fuzz::Input *input, uint64_t durable) {
+    std::string body;
+    BatchHeader header{};
+    header.Magic = kBatchMagic;
+    header.LogId = kLogId;
+    header.First = h->Seq + 1;
+    header.Durable = durable;
+    header.Count = 1 + input->Byte() % 4u;
+    for (uint32_t i = 0; i < header.Count; i++) {
+        const uint8_t what = input->Byte();
+        RecordHeader record{sizeof record, 0, ++h->Seq, RecordType::kSet, 0};
+        std::string items;
+        if (what % 16 == 15) {
+            record.Type = RecordType::kFlush;
+            h->Now.clear();
+        } else {
+            record.Type = what % 4 == 3 ? RecordType::kDelete : RecordType::kSet;
+            record.Items = 1 + what / 64u;
+            for (uint32_t k = 0; k < record.Items; k++) {
+                const std::string key(1 + (what + k) % 3u, static_cast<char>('a' + (what / 16u + k) % 4u));
+                const bool set = record.Type == RecordType::kSet;
+                const std::string value(set ? (what % 8 == 4 ? 900 : what % 32u) : 0, static_cast<char>('0' + h->Seq % 10));
+                const ItemHeader item{static_cast<uint32_t>(key.size()), static_cast<uint32_t>(value.size()), kNever};
+                items.append(Raw(item)).append(key).append(value);
+                if (set) {
+                    h->Now[key] = value;
+                } else {
+                    h->Now.erase(key);
+                }
+            }
+        }
+        record.Length += static_cast<uint32_t>(items.size());
+        std::string whole = std::string(Raw(record)) + items;
+        record.Crc = RecordCrc(whole.data(), record.Length);
+        PutAt(&whole, 0, record);
+        header.RecordsCrc = Crc32c(header.RecordsCrc, &record.Crc, 4);
+        body += whole;
+    }
+    header.Bytes = static_cast<uint32_t>(body.size());
+    const size_t size = RoundUp(sizeof header + body.size(), kLogAlign);
+    if (h->Segments.empty() || h->Files[h->Segments.back()].size() + size > kSegment) NewSegment(h, durable);
+    header.Previous = h->Previous;
+    header.Crc = HeaderCrc(header);
+    h->Previous = header.Crc;
+    std::string &file = h->Files[h->Segments.back()];
+    file.append(Raw(header)).append(body);
+    file.resize(RoundUp(file.size(), kLogAlign));
+    h->States[h->Seq] = h->Now;
+}
+
+void AddCheckpoint(History *h) {
+    std::string items;
+    for (const auto &[key, value] : h->Now) {
+        const ItemHeader item{static_cast<uint32_t>(key.size()), static_cast<uint32_t>(value.size()), kNever};
+        items.append(Raw(item)).append(key).append(value);
+    }
+    const auto pages = static_cast<uint32_t>((items.size() + kPagePayload - 1) / kPagePayload);
+    const CheckpointHeader header{kLogId, pages + 1, h->Now.size(),
+                                  {h->Segments.size(), h->Files[h->Segments.back()].size(), h->Seq, h->Previous}};
+    std::string file((pages + 1) * kPage, 0);
+    PutAt(&file, sizeof(PageHeader), header);
+    SealPage(file.data(), kCheckpointId, 0, 1, 0, sizeof header);
+    for (uint32_t i = 0; i < pages; i++) {
+        const std::string part = items.substr(i * kPagePayload, kPagePayload);
+        part.copy(file.data() + (i + 1) * kPage + sizeof(PageHeader), part.size());
+        SealPage(file.data() + (i + 1) * kPage, kCheckpointId, i + 1, pages, i, static_cast<uint32_t>(part.size()));
+    }
+    h->Files[CheckpointName()] = file;
+}
+
+// Every checksum, and the chain of the batches, as if whoever changed the files had known them.
+void Forge(std::string *file, bool checkpoint) {
+    if (checkpoint) {
+        for (size_t at = 0; at + kPage <= file->size(); at += kPage) {
+            PutAt(file, at + 4, Crc32c(0, file->data() + at + 8, kPage - 8));
+        }
+        return;
+    }
+    SegmentHeader segment = At<SegmentHeader>(*file, 0);
+    PutAt(file, 4, HeaderCrc(segment));
+    uint32_t previous = segment.Previous;
+    for (size_t at = kLogBlock; at + sizeof(BatchHeader) <= file->size();) {
+        BatchHeader batch = At<BatchHeader>(*file, at);
+        if (batch.Magic != kBatchMagic) break;
+        size_t record = at + sizeof batch;
+        batch.RecordsCrc = 0;
+        for (uint32_t i = 0; i < batch.Count && record + sizeof(RecordHeader) <= file->size(); i++) {
+            const uint32_t length = At<RecordHeader>(*file, record).Length;
+            if (length < sizeof(RecordHeader) || length > file->size() - record) break;
+            const uint32_t crc = RecordCrc(file->data() + record, length);
+            PutAt(file, record + offsetof(RecordHeader, Crc), crc);
+            batch.RecordsCrc = Crc32c(batch.RecordsCrc, &crc, 4);
+            record += length;
+        }
+        batch.Previous = previous;
+        previous = batch.Crc = HeaderCrc(batch);
+        PutAt(file, at, batch);
+        at += RoundUp(sizeof batch + batch.Bytes, kLogAlign);
+    }
+}
+
+// What the headers that are still whole say to have been durable.
+uint64_t DurableBy(const History &h) {
+    uint64_t durable = 0;
+    for (const auto &[name, file] : h.Files) {
+        if (name == CheckpointName()) continue;
+        durable = std::max(durable, At<SegmentHeader>(file, 0).Durable);
+        for (size_t at = kLogBlock; at + sizeof(BatchHeader) <= file.size(); at += kLogAlign) {
+            if (CheckBatchHeader(file.data() + at, kLogId)) durable = std::max(durable, At<BatchHeader>(file, at).Durable);
+        }
+    }
+    return durable;
+}
+
+bool Recover(Recovered *result) {
+    gRefused = false;
+    gJob.NextPage = 1;
+    gJob.Keys = 0;
+    gJob.Checkpoint = {};
+    bool good = true;
+    try {
+        *result = RecoverDatabase();
+    } catch (const Refused &) {
+        good = false;
+        for (const HANDLE slave : gJob.Slaves) {
+            if (slave != nullptr) PostUserThread(slave);
+        }
+        UnidentifyUserThread(0);
+    }
+    for (uint32_t i = 0; gAlive != 0; i++) {
+        fuzz::Require(i < 10000, "a slave that does not end", gAlive);
+        Sleep(i < 100 ? 0 : 1);
+    }
+    for (HANDLE &event : gJob.Slaves) {
+        if (event != nullptr) CloseHandle(event);
+        event = nullptr;
+    }
+    CloseHandle(gJob.Main);
+    DeleteCriticalSection(&gJob.Section);
+    for (const HANDLE file : gFiles) CloseHandle(file);
+    gFiles.clear();
+    return good;
+}
+
+State Contained() {
+    State state;
+    for (Shard &shard : gShards) {
+        Contents all = TakeContents(&shard, 0);
+        for (uint64_t i = 0; all.Buckets != nullptr && i < uint64_t{1} << all.Bits; i++) {
+            for (const Entry *e = all.Buckets[i]; e != nullptr; e = e->Next) state[std::string(e->Key())] = e->Val->View();
+        }
+        FreeContents(&all);
+    }
+    return state;
+}
+
+void RunInput(fuzz::Input input) {
+    // The sections belong to user threads, so they are made by one.
+    if (gShards[0].Buckets == nullptr) InitKeyspace();
+    const uint8_t how = input.Byte();
+    const bool forged = (how & 1) != 0;
+    History h;
+    uint64_t durable = 0;
+    const uint32_t batches = input.Byte() % 12u;
+    const uint32_t checkpoint = (how & 2) != 0 ? 1 + input.Byte() % 12u : 0;
+    h.States[0] = {};
+    for (uint32_t i = 1; i <= batches; i++) {
+        // The writer names what its last write made durable; without one write a batch, older ones.
+        const uint64_t before = h.Seq;
+        AddBatch(&h, &input, durable);
+        if ((how & 4) == 0) {
+            durable = h.Seq;
+        } else if (i % 3 == 0) {
+            durable = before;
+        }
+        if (i == checkpoint) AddCheckpoint(&h);
+    }
+    for (const std::string &name : h.Segments) h.Files[name].resize(kSegment);
+    // What a checkpoint covers may be gone.
+    if ((how & 8) != 0 && h.Files.count(CheckpointName()) != 0) {
+        const uint64_t begin = At<CheckpointHeader>(h.Files[CheckpointName()], sizeof(PageHeader)).Begin.Segment;
+        for (uint64_t i = 1; i < begin; i++) h.Files.erase(h.Segments[i - 1]);
+    }
+    const uint64_t checkpointSeq =
+        h.Files.count(CheckpointName()) != 0
+            ? At<CheckpointHeader>(h.Files[CheckpointName()], sizeof(PageHeader)).Begin.Seq
+            : 0;
+    bool gone = false;
+    for (uint32_t changes = 0; !input.Empty() && !h.Files.empty() && changes < (forged ? 8 : 3); changes++) {
+        const uint8_t what = input.Byte();
+        auto victim = std::next(h.Files.begin(), what % static_cast<int>(h.Files.size()));
+        std::string &file = victim->second;
+        const size_t at = input.Number(2) % file.size();
+        if (!forged && what >= 0xF0) {
+            gone = true;
+            h.Files.erase(victim);
+        } else if (!forged && what >= 0xD0) {
+            std::memset(file.data() + at / 512 * 512, 0, 512);
+        } else if (!forged) {
+            file[at] = static_cast<char>(file[at] ^ (1 << (input.Byte() % 8)));
+        } else if (what >= 0xE0) {
+            file.resize(RoundUp(at, what >= 0xF0 ? 1 : kLogBlock));
+            file.resize(std::max<size_t>(file.size(), kLogBlock));
+        } else if (what >= 0x80) {
+            const std::string_view bytes = input.Bytes(std::min<size_t>(file.size() - at, what - 0x7Fu));
+            bytes.copy(file.data() + at, bytes.size());
+        } else {
+            const uint64_t word = input.Number(what % 2 == 0 ? 4 : 8);
+            std::memcpy(file.data() + at / 4 * 4, &word, std::min<size_t>(file.size() - at / 4 * 4, what % 2 == 0 ? 4 : 8));
+        }
+    }
+    for (auto &[name, file] : h.Files) {
+        if (forged && file.size() >= kLogBlock) Forge(&file, name == CheckpointName());
+    }
+    std::filesystem::remove_all(gOptions.Dir);
+    std::filesystem::create_directories(gOptions.Dir);
+    for (const auto &[name, file] : h.Files) std::ofstream(PathOf(name), std::ios::binary) << file;
+
+    Recovered result;
+    const bool good = Recover(&result);
+    const State state = Contained();
+    if (!good || forged) return;
+    const uint64_t end = result.Log.End.Seq;
+    // A checkpoint that is gone takes what says so with it, when the log from its beginning is there.
+    fuzz::Require(end >= DurableBy(h), "a durable record is lost", end, DurableBy(h));
+    if (!gone) fuzz::Require(end >= checkpointSeq, "a checkpoint is lost", end, checkpointSeq);
+    fuzz::Require(h.States.count(end) != 0, "half a batch", end);
+    fuzz::Require(state == h.States[end], "another state", end, state.size());
+}
+
+}  // namespace
+}  // namespace host
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    using namespace host;
+    if (gOptions.Dir == ".") {
+        const char *const shared = "/dev/shm";
+        gOptions.Dir = std::filesystem::exists(shared) ? shared : std::filesystem::temp_directory_path().string();
+        gOptions.Dir += "/recovery_fuzz_" + std::to_string(GetCurrentProcessId());
+        gOptions.Sync = Durability::kNo;
+        std::atexit([] {
+            std::error_code ignored;
+            std::filesystem::remove_all(gOptions.Dir, ignored);
+        });
+    }
+    fuzz::RunStarted(RunInput, data, size);
+    return 0;
+}
