@@ -1,0 +1,257 @@
+// tests/stress/starvation.cpp - keeps all six run queues of a scheduler busy and measures how long a runnable user
+// thread waits in each.
+//
+// The workers of a queue come in pairs that wake each other without end, so that a queue of higher rank is hardly ever
+// empty and a scheduler that only went by rank would never serve the lower ones. The pairs of the two highest rest now
+// and then, so that every queue is the highest busy one for a while.
+//
+// A wait is counted in selection passes of the scheduler, which the load of the machine does not change. When a thread
+// became runnable is seen by the worker that runs next: every worker looks at all others of its scheduler after each of
+// its waits.
+#include <arpa/inet.h>
+
+#include <atomic>
+#include <chrono>
+
+#include "kernel/file.h"
+#include "kernel/handles.h"
+#include "kernel/thread.h"
+#include "net/net.h"
+#include "postwait/postwait.h"
+#include "sched/internal.h"
+#include "stress.h"
+
+namespace {
+
+using namespace zvx;
+using namespace stress;
+
+constexpr uint32_t kQueues = 6, kMostPairs = 8, kMostWorkers = kQueues * kMostPairs * 2;
+constexpr const char *kNames[kQueues] = {"high", "post", "file", "socket", "writers", "others"};
+constexpr const char *kTags[kQueues] = {"LGWR", "SHAD", nullptr, nullptr, "DBW0", nullptr};
+constexpr DWORD kBlockBytes = 4096, kBlocks = 256;
+
+double NowUs() {
+    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+struct Worker {
+    uint32_t Queue;
+    Worker *Partner;
+    struct Group *Of;
+    Fiber *Self;  // set by itself before it waits for the first time
+    HANDLE Event;
+    SOCKET Socket;
+    bool Runnable;  // seen by another worker, and since when
+    uint32_t SincePass;
+    double SinceUs;
+};
+
+// The workers of one scheduler; touched by its thread alone once they run.
+struct Group {
+    Scheduler *S;
+    Worker Workers[kMostWorkers];
+    uint32_t Count;
+    uint64_t Waits[kQueues];
+    uint32_t LongestPasses[kQueues];
+    double LongestUs[kQueues];
+};
+Group gGroups[16];
+std::atomic<bool> gStop{false};
+std::atomic<uint32_t> gRunning{0};
+char gFileName[256];
+
+bool IsRunnable(const Fiber *F) {
+    return F->State == FSTATE_READY || F->State == FSTATE_YIELDED || F->State == FSTATE_POSTING;
+}
+
+// The wait of a worker in its queue has ended: at pass `ran` it had its turn.
+void EndWait(Worker *w, uint32_t ran) {
+    Group *group = w->Of;
+    w->Runnable = false;
+    group->Waits[w->Queue]++;
+    const uint32_t passes = ran - w->SincePass;
+    if (passes > group->LongestPasses[w->Queue]) group->LongestPasses[w->Queue] = passes;
+    const double us = NowUs() - w->SinceUs;
+    if (us > group->LongestUs[w->Queue]) group->LongestUs[w->Queue] = us;
+}
+
+// After each wait of a worker: its own wait in the queue has ended, those of others may have begun. A call may park its
+// thread more than once; the turn between two waits is seen by whoever looks next.
+void Look(Worker *self) {
+    Group *group = self->Of;
+    const uint32_t pass = group->S->SwitchCount.load(std::memory_order_relaxed);
+    if (self->Runnable) EndWait(self, pass);
+    for (uint32_t i = 0; i < group->Count; ++i) {
+        Worker *other = &group->Workers[i];
+        if (other == self || other->Self == nullptr) continue;
+        const uint32_t ran = other->Self->LastRunStamp;
+        if (other->Runnable && static_cast<int32_t>(ran - other->SincePass) > 0) EndWait(other, ran);
+        if (other->Runnable || !IsRunnable(other->Self)) continue;
+        other->Runnable = true;
+        other->SincePass = pass - 1;  // it was not yet when the pass before began
+        other->SinceUs = NowUs();
+    }
+}
+
+void Rest(Worker *self) {
+    WaitForUserThreadPost(self->Event, 3);
+    Look(self);
+}
+
+void PostEachOther(Worker *self) {
+    for (uint32_t turns = 1; !gStop.load(std::memory_order_relaxed); ++turns) {
+        PostUserThread(self->Partner->Event);
+        WaitForUserThreadPost(self->Event, 20);
+        Look(self);
+        if (turns % 4000 == 0 && (self->Queue == gHPRQ || self->Queue == gLPRQ)) Rest(self);
+    }
+}
+
+void ReadAgainAndAgain(Worker *self) {
+    const HANDLE file =
+        CreateFileA(gFileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_FLAG_NO_BUFFERING, nullptr);
+    if (file == INVALID_HANDLE_VALUE) Fail("CreateFileA", os::GetLastError());
+    char *buffer = static_cast<char *>(std::aligned_alloc(kBlockBytes, kBlockBytes));
+    for (uint32_t i = 0; !gStop.load(std::memory_order_relaxed); ++i) {
+        OVERLAPPED where{};
+        where.Offset = i % kBlocks * kBlockBytes;
+        DWORD got = 0;
+        if (!ReadFile(file, buffer, kBlockBytes, &got, &where) || got != kBlockBytes)
+            Fail("ReadFile", os::GetLastError(), got);
+        Look(self);
+    }
+    std::free(buffer);
+    CloseHandle(file);
+}
+
+void SendEachOther(Worker *self) {
+    char byte = 'b';
+    if (self < self->Partner && zvx::send(self->Socket, &byte, 1, 0) != 1) Fail("send", os::GetLastError());
+    while (zvx::recv(self->Socket, &byte, 1, 0) == 1) {
+        Look(self);
+        if (gStop.load(std::memory_order_relaxed)) break;
+        if (zvx::send(self->Socket, &byte, 1, 0) != 1) break;  // the partner has ended
+    }
+    zvx::closesocket(self->Socket);
+}
+
+DWORD Work(void *param) {
+    auto *self = static_cast<Worker *>(param);
+    if (kTags[self->Queue] != nullptr) IdentifyUserThread(kTags[self->Queue], self->Event);
+    self->Self = CallingFiber();
+    if (SchedOf(self->Self) != self->Of->S) Fail("on another scheduler than it was made for");
+    if (self->Queue == gFRQ)
+        ReadAgainAndAgain(self);
+    else if (self->Queue == gSRQ)
+        SendEachOther(self);
+    else if (self->Queue == gORQ)
+        for (; !gStop.load(std::memory_order_relaxed); Look(self)) Sleep(0);
+    else
+        PostEachOther(self);
+    self->Self = nullptr;
+    if (kTags[self->Queue] != nullptr) UnidentifyUserThread(0);
+    gRunning.fetch_sub(1);
+    return 0;
+}
+
+void ConnectPair(SOCKET listener, const sockaddr_in &name, Worker *a, Worker *b) {
+    a->Socket = zvx::socket(AF_INET, SOCK_STREAM, 0);
+    if (os::connect(a->Socket, reinterpret_cast<const sockaddr *>(&name), sizeof name) != 0)
+        Fail("connect", os::GetLastError());
+    b->Socket = zvx::accept(listener, nullptr, nullptr);
+    if (b->Socket == INVALID_SOCKET) Fail("accept", os::GetLastError());
+    const int one = 1;
+    for (const Worker *w : {a, b})
+        os::setsockopt(w->Socket, IPPROTO_TCP, ZVX_TCP_NODELAY, reinterpret_cast<const char *>(&one), sizeof one);
+}
+
+void MakeGroup(Group *group, Scheduler *S, SOCKET listener, const sockaddr_in &name) {
+    group->S = S;
+    for (uint32_t queue = 0; queue < kQueues; ++queue) {
+        for (uint32_t i = 0; i < gOptions.Load * 2; ++i) {
+            Worker *w = &group->Workers[group->Count++];
+            w->Queue = queue;
+            w->Of = group;
+            w->Partner = i % 2 == 0 ? w + 1 : w - 1;
+            w->Event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+            if (queue == gSRQ && i % 2 == 1) ConnectPair(listener, name, w->Partner, w);
+        }
+    }
+    for (uint32_t i = 0; i < group->Count; ++i) {
+        const HANDLE thread =
+            ZCreateThreadWithAffinity(nullptr, 0, Work, &group->Workers[i], 0, nullptr, S->AffinityMask);
+        if (thread == nullptr) Fail("CreateThread", os::GetLastError());
+        gRunning.fetch_add(1);
+        CloseHandle(thread);
+    }
+}
+
+// The most passes between a thread's becoming runnable and its turn:
+//   - at most kFullSweepPasses + 1 until a full sweep, because that is what they are counted up to. An idle pass, which
+//     starts the count again, comes only when nobody waits;
+//   - the sweep puts everything runnable on the ready list, which is served to its end before any queue, one thread a
+//     pass. Whoever is on it stands behind at most all other threads of the scheduler and its init fiber;
+//   - 2 for what is seen late: a thread that becomes runnable within a pass counts from that pass's begin.
+// The list is empty again before the next sweep, because there are fewer threads than passes between two.
+uint32_t Bound(const Group &group) {
+    const uint32_t threads = group.S->FiberCount.load() + 1;
+    if (threads >= kFullSweepPasses) Fail("the bound holds for fewer threads", threads);
+    return kFullSweepPasses + 1 + threads + 2;
+}
+
+bool Judge(const Group &group, uint32_t bound) {
+    bool good = true;
+    for (uint32_t queue = 0; queue < kQueues; ++queue) {
+        const uint32_t longest = group.LongestPasses[queue];
+        const bool late = longest > bound, unused = group.Waits[queue] < 100;
+        std::printf("starvation: scheduler %u, %-8s %9llu waits, longest %5u passes of at most %u, %8.0f us%s\n",
+                    group.S->Index, kNames[queue], static_cast<unsigned long long>(group.Waits[queue]), longest, bound,
+                    group.LongestUs[queue],
+                    late     ? "  TOO LONG"
+                    : unused ? "  NOT BUSY"
+                             : "");
+        good &= !late && !unused;
+    }
+    return good;
+}
+
+DWORD MainRoutine(void *) {
+    std::snprintf(gFileName, sizeof gFileName, "starvation_%u.dat", os::GetCurrentProcessId());
+    std::FILE *file = std::fopen(gFileName, "wb");
+    const std::vector<char> block(kBlockBytes, 'r');
+    if (file == nullptr) Fail("cannot make the data file");
+    for (DWORD i = 0; i < kBlocks; ++i) std::fwrite(block.data(), 1, block.size(), file);
+    std::fclose(file);
+
+    const SOCKET listener = zvx::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in name{};
+    int length = sizeof name;
+    name.sin_family = AF_INET;
+    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto *address = reinterpret_cast<sockaddr *>(&name);
+    if (os::bind(listener, address, length) != 0 || os::listen(listener, 200) != 0 ||
+        os::getsockname(listener, address, &length) != 0)
+        Fail("no listener", os::GetLastError());
+    for (uint32_t i = 0; i < gNumSchedulers; ++i) MakeGroup(&gGroups[i], gSchedulers[i], listener, name);
+
+    Sleep(gOptions.Seconds * 1000);
+    uint32_t bounds[16];
+    for (uint32_t i = 0; i < gNumSchedulers; ++i) bounds[i] = Bound(gGroups[i]);
+    gStop = true;
+    for (int i = 0; i < 3000 && gRunning.load() != 0; ++i) Sleep(20);
+    if (gRunning.load() != 0) Fail("workers do not end", gRunning.load());
+    std::remove(gFileName);
+    bool good = true;
+    for (uint32_t i = 0; i < gNumSchedulers; ++i) good &= Judge(gGroups[i], bounds[i]);
+    std::fflush(stdout);
+    if (!good) Fail("a runnable thread waited too long, or a queue was not busy");
+    os::ExitProcess(0);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    gOptions.Load = 3;
+    return Main(argc, argv, "--pairs", kMostPairs, MainRoutine);
+}
