@@ -65,6 +65,8 @@ DWORD BindLocked(NamedObject *object, char *name, NameUse use, const SharedInit 
         SharedSlot *slot = OpenSlotLocked(name, object->Type, &init, use == NameUse::kCreate, fresh, &error);
         object->Slot.store(slot, std::memory_order_release);
         if (slot != nullptr) object->Signalled.store(0, std::memory_order_relaxed);
+    } else if (SharedNamesTaken()) {
+        error = ERROR_ACCESS_DENIED;
     } else {
         *fresh = true;
         if (use == NameUse::kOpen) error = ERROR_FILE_NOT_FOUND;

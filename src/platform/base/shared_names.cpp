@@ -43,21 +43,23 @@ static_assert(std::atomic<uint32_t>::is_always_lock_free);
 pthread_once_t gMapOnce = PTHREAD_ONCE_INIT;
 SharedTable *gTable;                          // init: null where there is none
 int gTableFd = -1;                            // init
+bool gTaken;                                  // init: a file that is not to be trusted bears the table's name
 std::atomic<uint32_t> gOwnNumber{kNoNumber};  // [table lock] for writing; none before the first name and after a fork
 std::atomic<bool> gNoMultipleWait{false};     // the kernel refused to sleep on several words
 
 // ---- The file ----------------------------------------------------------------------------------------
 
-// A file of ours and nobody else's, or -1.
-int OpenTableFile() {
+// A file of ours and nobody else's, or -1, with *taken when we could have made one and there is another thing instead.
+int OpenTableFile(bool *taken) {
     char path[64];
     snprintf(path, sizeof path, "/dev/shm/zvxkvt-names-%u-%u", kLayout, static_cast<unsigned>(geteuid()));
     const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     struct stat info;
-    if (fd < 0) return -1;
-    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() && (info.st_mode & 077) == 0)
+    if (fd >= 0 && fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() &&
+        (info.st_mode & 077) == 0)
         return fd;
-    close(fd);
+    *taken = fd >= 0 || access("/dev/shm", W_OK | X_OK) == 0;
+    if (fd >= 0) close(fd);
     return -1;
 }
 
@@ -92,7 +94,7 @@ bool MakeTable(int fd, SharedTable **table) {
 
 void MapTable() {
     const int savedErrno = errno;
-    const int fd = ShouldFail("SharedNames") ? -1 : OpenTableFile();
+    const int fd = ShouldFail("SharedNames") ? -1 : OpenTableFile(&gTaken);
     SharedTable *table = nullptr;
     if (fd >= 0) {
         int result;
@@ -208,6 +210,10 @@ SharedSlot *FreeSlot() {
 bool SharedNamesReady() {
     pthread_once(&gMapOnce, MapTable);
     return gTable != nullptr;
+}
+
+bool SharedNamesTaken() {
+    return gTaken;
 }
 
 void LockShared() {

@@ -48,9 +48,12 @@ struct SharedInit {
     bool Owned;  // mutex: Value becomes the calling process
 };
 
-// Maps the table at the first call; false where there is none to be had (no shared memory, or somebody else's file
-// under the name). The answer never changes afterwards.
+// Maps the table at the first call; false where there is none to be had: no shared memory, or somebody else's file
+// under the name. The answer never changes afterwards.
 bool SharedNamesReady();
+// Of a process without a table: whether somebody else has taken its place. Then names are refused, for a name that only
+// this process knows would exclude nobody; where there is no shared memory at all, that is all that there can be.
+bool SharedNamesTaken();
 
 // Takes the table's lock; never yields, holds for a few dozen instructions. After the dispatcher lock and the lock of
 // names, before nothing.
