@@ -76,7 +76,6 @@ PipeObject *NewPipe(bool overlapped, bool canRead, bool canWrite, bool messages)
     pipe->Connecting = false;
     pipe->Channel = nullptr;
     pipe->Lease = PipeLease{};
-    pipe->Lease.Fd = -1;
     return pipe;
 }
 

@@ -55,8 +55,10 @@ struct Region {
 struct Owned {
     int Fd = -1;
     Owned() = default;
-    ~Owned() {
+    ~Owned() { Close(); }
+    void Close() {
         if (Fd >= 0) close(Fd);
+        Fd = -1;
     }
     int Release() {
         const int fd = Fd;
@@ -130,24 +132,74 @@ bool LockRecord(int fd) {
     return true;
 }
 
+bool IsRemoved(int fd) {
+    struct stat info;
+    return fstat(fd, &info) != 0 || info.st_nlink == 0;
+}
+
+void GuardName(const char *key, char (&name)[40]) {
+    snprintf(name, sizeof name, "%s.all", key);
+}
+
+// The guard of a record that everybody may read, in its maker's own folder: there are the record's lock and the leases
+// that exclude each other, because who may read a file may hold a lock on it for ever.
+DWORD OpenGuard(const char *key, bool make, Owned *guard) {
+    Owned folder;
+    const DWORD error = OpenFolder(false, make, &folder);
+    if (error != ERROR_SUCCESS) return error;
+    char name[40];
+    GuardName(key, name);
+    guard->Fd = openat(folder.Fd, name, O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | (make ? O_CREAT : 0), 0600);
+    if (guard->Fd >= 0) return ERROR_SUCCESS;
+    return errno == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED;
+}
+
+// A record as its user has it open. What is locked is the guard, where there is one; that of a pipe of somebody else's
+// is out of reach, and its record is read as it is.
+struct OpenedRecord {
+    Owned File, Guard;
+    struct stat Info;  // of the file
+    int Keeper() const { return Guard.Fd >= 0 ? Guard.Fd : File.Fd; }
+};
+
+// One attempt; *again when the last instance took the file with it just when it was opened.
+DWORD TryOpenRecord(int folder, const char *key, bool everybody, bool make, bool lock, OpenedRecord *record,
+                    bool *again) {
+    const auto guard = [&] {
+        const DWORD error = OpenGuard(key, make, &record->Guard);
+        if (error == ERROR_SUCCESS && lock && !LockRecord(record->Guard.Fd)) return ERROR_BUSY;
+        *again = error == ERROR_SUCCESS && lock && IsRemoved(record->Guard.Fd);
+        return error;
+    };
+    // A record is only made by who has its guard.
+    DWORD error = everybody && make ? guard() : ERROR_SUCCESS;
+    if (error != ERROR_SUCCESS || *again) return error;
+    const int flags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+    int fd = openat(folder, key, O_RDWR | flags | (make ? O_CREAT : 0), everybody ? 0644 : 0600);
+    if (fd < 0 && errno == EACCES && everybody && !make) fd = openat(folder, key, O_RDONLY | flags);
+    if (fd < 0) return errno == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED;
+    record->File.Fd = fd;
+    struct stat &info = record->Info;
+    if (fstat(fd, &info) != 0) return ErrorOfErrno(errno);
+    const bool own = info.st_uid == geteuid();
+    if (!S_ISREG(info.st_mode) || (make && !own) || (!everybody && (!own || (info.st_mode & 077) != 0)))
+        return ERROR_ACCESS_DENIED;
+    if (everybody && own && !make) error = guard();
+    if (error != ERROR_SUCCESS || *again) return error;
+    if (!everybody && lock && !LockRecord(fd)) return ERROR_BUSY;
+    *again = lock && (own || make) && IsRemoved(fd);
+    if (make && everybody) fchmod(fd, 0644);
+    return ERROR_SUCCESS;
+}
+
 // Opens the record of a pipe, making it if that is asked for, and says whose it is. With `lock` under its lock.
-DWORD OpenRecord(int folder, const char *key, bool everybody, bool make, bool lock, Owned *record, struct stat *info) {
+DWORD OpenRecord(int folder, const char *key, bool everybody, bool make, bool lock, OpenedRecord *record) {
     for (int tries = 0; tries < 100; tries++) {
-        Owned file;
-        const int flags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
-        file.Fd = openat(folder, key, O_RDWR | flags | (make ? O_CREAT : 0), everybody ? 0644 : 0600);
-        if (file.Fd < 0 && errno == EACCES && everybody && !make) file.Fd = openat(folder, key, O_RDONLY | flags);
-        if (file.Fd < 0) return errno == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED;
-        if (fstat(file.Fd, info) != 0) return ErrorOfErrno(errno);
-        const bool own = info->st_uid == geteuid();
-        if (!S_ISREG(info->st_mode) || (make && !own) || (!everybody && (!own || (info->st_mode & 077) != 0)))
-            return ERROR_ACCESS_DENIED;
-        if (lock && !LockRecord(file.Fd)) return ERROR_BUSY;
-        // The last instance takes the record with it; somebody may just have opened that one.
-        if (lock && (fstat(file.Fd, info) != 0 || info->st_nlink == 0)) continue;
-        if (make && everybody) fchmod(file.Fd, 0644);
-        record->Fd = file.Release();
-        return ERROR_SUCCESS;
+        record->File.Close();
+        record->Guard.Close();
+        bool again = false;
+        const DWORD error = TryOpenRecord(folder, key, everybody, make, lock, record, &again);
+        if (!again) return error;
     }
     return ERROR_BUSY;
 }
@@ -169,12 +221,13 @@ void WriteState(int fd, uint32_t slot, char state) {
 }
 
 // The pipe's record in one of the folders, when an instance lives.
-DWORD FindPipe(const PipeName &name, bool everybody, bool lock, Owned *folder, Owned *file, NameRecord *record,
-               struct stat *info) {
+DWORD FindPipe(const PipeName &name, bool everybody, bool lock, Owned *folder, OpenedRecord *opened,
+               NameRecord *record) {
     DWORD error = OpenFolder(everybody, false, folder);
-    if (error == ERROR_SUCCESS) error = OpenRecord(folder->Fd, name.Key, everybody, false, lock, file, info);
+    if (error == ERROR_SUCCESS) error = OpenRecord(folder->Fd, name.Key, everybody, false, lock, opened);
     if (error != ERROR_SUCCESS) return error;
-    if (!ReadRecord(file->Fd, record) || strcmp(record->Name, name.Text) != 0 || !AnyLease(file->Fd, 0, kMaxSlots))
+    if (!ReadRecord(opened->File.Fd, record) || strcmp(record->Name, name.Text) != 0 ||
+        !AnyLease(opened->Keeper(), 0, kMaxSlots))
         return ERROR_FILE_NOT_FOUND;
     return ERROR_SUCCESS;
 }
@@ -251,10 +304,12 @@ int ConnectToSlot(bool everybody, const char *key, uint32_t slot, uid_t owner, D
     return made.Release();
 }
 
-// [record] Makes the calling descriptor an instance of the pipe; 0 or the reason.
-DWORD TakeSlot(int fd, const PipeName &name, const PipeTraits &traits, bool mustBeFirst, uint32_t *slot) {
+// [record] Makes the record's descriptors an instance of the pipe; 0 or the reason.
+DWORD TakeSlot(const OpenedRecord &opened, const PipeName &name, const PipeTraits &traits, bool mustBeFirst,
+               uint32_t *slot) {
     NameRecord record{};
-    if (!AnyLease(fd, 0, kMaxSlots)) {
+    const int fd = opened.File.Fd;
+    if (!AnyLease(opened.Keeper(), 0, kMaxSlots)) {
         // Nobody's, or a dead one's: what the file holds means nothing.
         record.Magic = kMagic;
         record.Traits = traits;
@@ -270,19 +325,24 @@ DWORD TakeSlot(int fd, const PipeName &name, const PipeTraits &traits, bool must
     const uint32_t limit = traits.MaxInstances == PIPE_UNLIMITED_INSTANCES ? kMaxSlots : traits.MaxInstances;
     for (*slot = 0; *slot < limit; (*slot)++) {
         struct flock range = RangeOf(*slot, 1, F_WRLCK);
-        if (fcntl(fd, F_OFD_SETLK, &range) == 0) break;
+        if (fcntl(opened.Keeper(), F_OFD_SETLK, &range) == 0) break;
         if (errno != EAGAIN && errno != EACCES) return ErrorOfErrno(errno);
     }
     if (*slot == limit) return ERROR_PIPE_BUSY;
+    if (opened.Guard.Fd >= 0) {
+        // For the others to see, who can hold one like it, and none that would stand in its way.
+        struct flock seen = RangeOf(*slot, 1, F_RDLCK);
+        if (fcntl(fd, F_OFD_SETLK, &seen) != 0) return ErrorOfErrno(errno);
+    }
     if (record.High <= *slot) record.High = *slot + 1;
     return WriteRecord(fd, record) ? ERROR_SUCCESS : ERROR_DISK_FULL;
 }
 
-// [record] Nobody's any more: removes what lies in its slots, and then the record itself.
-void RemoveRecord(int folder, int fd, const char *key) {
-    struct stat named, own;
-    if (fstatat(folder, key, &named, AT_SYMLINK_NOFOLLOW) != 0 || fstat(fd, &own) != 0 || named.st_ino != own.st_ino ||
-        named.st_dev != own.st_dev)
+// [record] Nobody's any more: removes what lies in its slots, the record itself, and then its guard.
+void RemoveRecord(int folder, int fd, const char *key, bool everybody) {
+    struct stat named, mine;
+    if (fstatat(folder, key, &named, AT_SYMLINK_NOFOLLOW) != 0 || fstat(fd, &mine) != 0 || named.st_ino != mine.st_ino ||
+        named.st_dev != mine.st_dev)
         return;
     NameRecord record;
     if (ReadRecord(fd, &record)) {
@@ -293,20 +353,35 @@ void RemoveRecord(int folder, int fd, const char *key) {
         }
     }
     unlinkat(folder, key, 0);
+    Owned own;
+    if (!everybody || OpenFolder(false, false, &own) != ERROR_SUCCESS) return;
+    char guard[40];
+    GuardName(key, guard);
+    unlinkat(own.Fd, guard, 0);
 }
 
-// Lets go of the slot, and of the record with the last one. The lease's descriptor is closed.
+int KeeperOf(const PipeLease &lease) {
+    return lease.Guard >= 0 ? lease.Guard : lease.Fd;
+}
+
+void CloseLease(PipeLease *lease) {
+    for (int *fd : {&lease->Fd, &lease->Guard}) {
+        if (*fd >= 0) close(*fd);
+        *fd = -1;
+    }
+}
+
+// [record] Lets go of the slot, and of the record with the last one.
 void LeaveSlot(int folder, PipeLease *lease) {
     struct flock range = RangeOf(lease->Slot, 1, F_UNLCK);
-    fcntl(lease->Fd, F_OFD_SETLK, &range);
-    if (!AnyLease(lease->Fd, 0, kMaxSlots)) RemoveRecord(folder, lease->Fd, lease->Key);
-    close(lease->Fd);
-    lease->Fd = -1;
+    fcntl(KeeperOf(*lease), F_OFD_SETLK, &range);
+    if (!AnyLease(KeeperOf(*lease), 0, kMaxSlots)) RemoveRecord(folder, lease->Fd, lease->Key, lease->Everybody);
+    CloseLease(lease);
 }
 
 // Processes that end without closing their pipes leave records, and a name that nobody takes again would lie there for
 // ever: whoever makes a new one removes some of them.
-void RemoveAbandoned(int folder) {
+void RemoveAbandoned(int folder, bool everybody) {
     const int listed = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     DIR *entries = listed < 0 ? nullptr : fdopendir(listed);
     if (entries == nullptr) {
@@ -317,13 +392,16 @@ void RemoveAbandoned(int folder) {
     while (const dirent *entry = readdir(entries)) {
         if (strlen(entry->d_name) != sizeof PipeName::Key - 1 || strchr(entry->d_name, '.') != nullptr) continue;
         if (budget-- == 0) break;
-        Owned file;
+        Owned file, guard;
         file.Fd = openat(folder, entry->d_name, O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
         struct stat info;
         if (file.Fd < 0 || fstat(file.Fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != geteuid()) continue;
+        if (everybody && OpenGuard(entry->d_name, true, &guard) != ERROR_SUCCESS) continue;
+        const int keeper = everybody ? guard.Fd : file.Fd;
         // One that somebody is about to fill in is locked.
-        if (AnyLease(file.Fd, 0, kMaxSlots) || flock(file.Fd, LOCK_EX | LOCK_NB) != 0) continue;
-        if (!AnyLease(file.Fd, 0, kMaxSlots)) RemoveRecord(folder, file.Fd, entry->d_name);
+        if (AnyLease(keeper, 0, kMaxSlots) || flock(keeper, LOCK_EX | LOCK_NB) != 0) continue;
+        if (!IsRemoved(keeper) && !AnyLease(keeper, 0, kMaxSlots))
+            RemoveRecord(folder, file.Fd, entry->d_name, everybody);
     }
     closedir(entries);
 }
@@ -354,40 +432,46 @@ DWORD ClaimInstance(const PipeName &name, const PipeTraits &traits, bool mustBeF
     bool exists = false;
     // Where the pipe exists its first instance has decided who may open it.
     for (const bool other : {false, true}) {
-        Owned folder, file;
+        Owned folder;
+        OpenedRecord opened;
         NameRecord record;
-        struct stat info;
-        const DWORD error = FindPipe(name, other, false, &folder, &file, &record, &info);
-        if (error == ERROR_SUCCESS) everybody = other;
-        if (error == ERROR_SUCCESS && info.st_uid != geteuid()) return ERROR_ACCESS_DENIED;
-        exists = error == ERROR_SUCCESS;
-        if (exists) break;
+        const DWORD error = FindPipe(name, other, false, &folder, &opened, &record);
+        if (error != ERROR_SUCCESS) continue;
+        // Somebody else's, for everybody: no hindrance to one that is for its user alone.
+        if (opened.Info.st_uid != geteuid()) {
+            if (everybody) return ERROR_ACCESS_DENIED;
+            continue;
+        }
+        everybody = other;
+        exists = true;
+        break;
     }
-    Owned folder, file;
-    struct stat info;
+    Owned folder;
+    OpenedRecord opened;
     DWORD error = OpenFolder(everybody, true, &folder);
-    if (error == ERROR_SUCCESS && !exists) RemoveAbandoned(folder.Fd);
-    if (error == ERROR_SUCCESS) error = OpenRecord(folder.Fd, name.Key, everybody, true, true, &file, &info);
+    if (error == ERROR_SUCCESS && !exists) RemoveAbandoned(folder.Fd, everybody);
+    if (error == ERROR_SUCCESS) error = OpenRecord(folder.Fd, name.Key, everybody, true, true, &opened);
     if (error != ERROR_SUCCESS) return error;
     lease->Everybody = everybody;
     strcpy(lease->Key, name.Key);
-    error = TakeSlot(file.Fd, name, traits, mustBeFirst, &lease->Slot);
+    error = TakeSlot(opened, name, traits, mustBeFirst, &lease->Slot);
     if (error != ERROR_SUCCESS) return error;
-    lease->Fd = file.Release();
+    lease->Fd = opened.File.Release();
+    lease->Guard = opened.Guard.Release();
     error = Listen(*lease, listener);
     if (error != ERROR_SUCCESS) {
         LeaveSlot(folder.Fd, lease);
     } else {
-        flock(lease->Fd, LOCK_UN);
+        flock(KeeperOf(*lease), LOCK_UN);
     }
     return error;
 }
 
 DWORD ListenAgain(const PipeLease &lease, int *listener) {
     Region region;
-    if (!LockRecord(lease.Fd)) return ERROR_BUSY;
+    if (!LockRecord(KeeperOf(lease))) return ERROR_BUSY;
     const DWORD error = Listen(lease, listener);
-    flock(lease.Fd, LOCK_UN);
+    flock(KeeperOf(lease), LOCK_UN);
     return error;
 }
 
@@ -406,21 +490,20 @@ void ReleaseInstance(PipeLease *lease) {
     Owned folder;
     OpenFolder(lease->Everybody, false, &folder);
     // Without the lock, should somebody stand on it, a record may stay behind; the next instance takes it over.
-    if (LockRecord(lease->Fd) && folder.Fd >= 0) {
+    if (LockRecord(KeeperOf(*lease)) && folder.Fd >= 0) {
         LeaveSlot(folder.Fd, lease);
     } else {
-        close(lease->Fd);
-        lease->Fd = -1;
+        CloseLease(lease);
     }
 }
 
 DWORD ConnectToInstance(const PipeName &name, bool read, bool write, int *fd, PipeTraits *traits) {
     Region region;
     for (const bool everybody : {false, true}) {
-        Owned folder, file;
+        Owned folder;
+        OpenedRecord opened;
         NameRecord record;
-        struct stat info;
-        DWORD error = FindPipe(name, everybody, true, &folder, &file, &record, &info);
+        DWORD error = FindPipe(name, everybody, true, &folder, &opened, &record);
         if (error == ERROR_FILE_NOT_FOUND) continue;
         if (error != ERROR_SUCCESS) return error;
         *traits = record.Traits;
@@ -428,13 +511,14 @@ DWORD ConnectToInstance(const PipeName &name, bool read, bool write, int *fd, Pi
             (write && (record.Traits.Access & PIPE_ACCESS_INBOUND) == 0))
             return ERROR_ACCESS_DENIED;
         error = ERROR_PIPE_BUSY;
-        const bool found = VisitListening(file.Fd, record, [&](uint32_t slot) {
-            if (!IsTrusted(folder.Fd, name.Key, slot, everybody, info.st_uid)) {
+        const uid_t owner = opened.Info.st_uid;
+        const bool found = VisitListening(opened.File.Fd, record, [&](uint32_t slot) {
+            if (!IsTrusted(folder.Fd, name.Key, slot, everybody, owner)) {
                 error = ERROR_ACCESS_DENIED;
                 return false;
             }
-            *fd = ConnectToSlot(everybody, name.Key, slot, info.st_uid, &error);
-            if (*fd >= 0) WriteState(file.Fd, slot, kTaken);
+            *fd = ConnectToSlot(everybody, name.Key, slot, owner, &error);
+            if (*fd >= 0) WriteState(opened.File.Fd, slot, kTaken);
             return *fd >= 0;
         });
         return found ? ERROR_SUCCESS : error;
@@ -445,15 +529,15 @@ DWORD ConnectToInstance(const PipeName &name, bool read, bool write, int *fd, Pi
 DWORD LookForInstance(const PipeName &name, PipeTraits *traits) {
     Region region;
     for (const bool everybody : {false, true}) {
-        Owned folder, file;
+        Owned folder;
+        OpenedRecord opened;
         NameRecord record;
-        struct stat info;
-        const DWORD error = FindPipe(name, everybody, false, &folder, &file, &record, &info);
+        const DWORD error = FindPipe(name, everybody, false, &folder, &opened, &record);
         if (error == ERROR_FILE_NOT_FOUND) continue;
         if (error != ERROR_SUCCESS) return error;
         *traits = record.Traits;
-        const auto lives = [&](uint32_t slot) { return AnyLease(file.Fd, slot, 1); };
-        return VisitListening(file.Fd, record, lives) ? ERROR_SUCCESS : ERROR_PIPE_BUSY;
+        const auto lives = [&](uint32_t slot) { return AnyLease(opened.Keeper(), slot, 1); };
+        return VisitListening(opened.File.Fd, record, lives) ? ERROR_SUCCESS : ERROR_PIPE_BUSY;
     }
     return ERROR_FILE_NOT_FOUND;
 }

@@ -11,6 +11,10 @@
 // holds a lock on the slot's byte far behind the record's end. The kernel drops that lock with the process, so nothing
 // has to be cleaned up by the dying: a slot whose byte can be locked is free, whatever files lie there.
 //
+// Who may read a file may hold a lock on it. So a record in the second folder has a guard, an empty file <key>.all in
+// the folder of its maker's own: there are the advisory lock and the locks on bytes that exclude each other. The record
+// itself has shared ones on the same bytes, which tell the others that an instance lives.
+//
 // Everything that must be seen as one step (creating, listening, connecting, closing) happens under the record's
 // advisory lock, which is held for a few system calls and never waited for longer than two seconds. Taking a client
 // needs no lock: a listening socket has room for one connection, so whoever connected first has the instance.
@@ -42,7 +46,8 @@ struct PipeTraits {
 
 // The place of one instance.
 struct PipeLease {
-    int Fd;  // of the record, with the lock on the slot's byte; -1: none
+    int Fd = -1;     // of the record; -1: none
+    int Guard = -1;  // of its guard; -1 for a pipe of the user's own, whose record is its own guard
     uint32_t Slot;
     bool Everybody;  // in the second folder
     char Key[17];
