@@ -68,7 +68,7 @@ HANDLE CreateDumpFile(char *path, size_t used, size_t room, const char *name, co
         DropPartialChar(path, kLongestPath);
     }
     return os::CreateFileA(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
-                           FILE_ATTRIBUTE_NORMAL, nullptr);
+                           FILE_ATTRIBUTE_NORMAL | os::kFileFlagPrivate, nullptr);
 }
 
 WriteDumpFunc FindWriteDump() {

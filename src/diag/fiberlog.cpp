@@ -78,7 +78,8 @@ DWORD FiberLogger(void *) {
     FormatPath(path, sizeof path);
     gRingFile =
         CreateFileA(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_ALWAYS,
-                    FILE_FLAG_OVERLAPPED | FILE_FLAG_SEQUENTIAL_SCAN | FILE_ATTRIBUTE_NORMAL, nullptr);
+                    FILE_FLAG_OVERLAPPED | FILE_FLAG_SEQUENTIAL_SCAN | FILE_ATTRIBUTE_NORMAL | os::kFileFlagPrivate,
+                    nullptr);
     if (gRingFile == nullptr || gRingFile == INVALID_HANDLE_VALUE)
         FatalExit("Unable to create log file the fiber logger\n");
     static char batch[kBatchBytes];

@@ -117,8 +117,8 @@ void OpenTraceFileLocked() {
         path[kLongestPath] = 0;
         DropPartialChar(path, kLongestPath);
     }
-    gTraceFile = std::fopen(path, "at");
-    if (gTraceFile == nullptr) gTraceFile = std::fopen(gTraceFileName, "at");
+    gTraceFile = os::OpenPrivateLog(path);
+    if (gTraceFile == nullptr) gTraceFile = os::OpenPrivateLog(gTraceFileName);
 }
 
 bool IsDyingThread() {

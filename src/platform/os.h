@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "zvxkvt/ostypes.h"
 
@@ -357,6 +358,12 @@ inline void StoreStatus(OVERLAPPED *overlapped, DWORD status) {
 
 HANDLE CreateFileA(const char *name, DWORD access, DWORD share, SECURITY_ATTRIBUTES *security, DWORD disposition,
                    DWORD flags, HANDLE templateFile);  // INVALID_HANDLE_VALUE on failure
+// A flag of ours, with CREATE_ALWAYS: a file that only its owner may read. What bears the name is replaced, not opened:
+// in a folder that others write to it may be a link to something else.
+constexpr DWORD kFileFlagPrivate = 0x00040000u;
+// A stream that appends to a file that only its owner may read; null with errno when what bears the name is somebody
+// else's, has another name too, or is no regular file. Allocates.
+FILE *OpenPrivateLog(const char *name);
 HANDLE CreateFileW(const WCHAR *name, DWORD access, DWORD share, SECURITY_ATTRIBUTES *security, DWORD disposition,
                    DWORD flags, HANDLE templateFile);
 // May be answered as pending (997) for an overlapped handle whose range is locked by somebody else.

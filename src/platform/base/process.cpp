@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/os.h"
@@ -30,6 +31,19 @@ void FlushIfFree(FILE *stream) {
 }
 
 }  // namespace
+
+FILE *OpenPrivateLog(const char *name) {
+    // Without O_NONBLOCK a FIFO under the name would hold the process up until somebody reads it.
+    const int fd = open(name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+    if (fd < 0) return nullptr;
+    struct stat info;
+    FILE *stream = nullptr;
+    errno = EACCES;
+    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() && info.st_nlink == 1)
+        stream = fdopen(fd, "a");
+    if (stream == nullptr) close(fd);
+    return stream;
+}
 
 DWORD GetEnvironmentVariableA(const char *name, char *buffer, DWORD size) {
     if (ShouldFail("GetEnvironmentVariableA")) return 0;

@@ -88,6 +88,17 @@ int OpenOnce(const char *name, int flags, mode_t mode) {
     return fd;
 }
 
+// A new file in place of whatever bears the name. -1 with errno.
+int ReplaceByPrivate(const char *name, const OpenPlan &plan, bool *existed) {
+    *existed = false;
+    for (int tries = 0;; tries++) {
+        const int fd = OpenOnce(name, plan.Flags | O_CREAT | O_EXCL, 0600);
+        if (fd >= 0 || errno != EEXIST || tries == 100) return fd;
+        *existed = true;
+        if (unlink(name) != 0 && errno != ENOENT) return -1;
+    }
+}
+
 // Opens by disposition; *existed tells whether the name was there. -1 with errno.
 int OpenByDisposition(const char *name, const OpenPlan &plan, DWORD disposition, mode_t mode, bool *existed) {
     *existed = true;
@@ -152,7 +163,9 @@ HANDLE OpenFile(const char *name, DWORD access, DWORD disposition, DWORD flags) 
     file->Position.store(0, std::memory_order_relaxed);
     bool existed = false;
     const mode_t mode = (flags & FILE_ATTRIBUTE_READONLY) != 0 ? 0444 : 0666;
-    file->Fd = OpenByDisposition(name, plan, disposition, mode, &existed);
+    const bool isPrivate = disposition == CREATE_ALWAYS && (flags & kFileFlagPrivate) != 0;
+    file->Fd = isPrivate ? ReplaceByPrivate(name, plan, &existed)
+                         : OpenByDisposition(name, plan, disposition, mode, &existed);
     DWORD error = file->Fd < 0 ? ErrorOfErrno(errno) : Describe(file, plan.Flags);
     if (error == ERROR_SUCCESS && (flags & FILE_FLAG_DELETE_ON_CLOSE) != 0) {
         file->DeletePath = realpath(name, nullptr);
