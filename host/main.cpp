@@ -159,10 +159,16 @@ void Start(LPTHREAD_START_ROUTINE routine, LPVOID argument, const char *name) {
     CloseHandle(thread);
 }
 
+// A folder that the server makes itself is its user's alone; one that was there keeps its rights.
+void MakeFolder(const std::string &path) {
+    std::error_code ignored;
+    if (std::filesystem::create_directories(path, ignored))
+        std::filesystem::permissions(path, std::filesystem::perms::owner_all, ignored);
+}
+
 // The file that keeps a second server out of the folder.
 void LockFolder() {
-    std::error_code error;
-    std::filesystem::create_directories(gOptions.Dir, error);
+    MakeFolder(gOptions.Dir);
     const std::string name = gOptions.Dir + "/lock";
     const HANDLE file = CreateFileA(name.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                     nullptr, OPEN_ALWAYS, 0, nullptr);
@@ -245,10 +251,10 @@ int main(int argc, char **argv) {
     params.QuantumIndicator = &host::gQuantumIndicator;
     params.LookupValue = host::LookupValue;
     // A slash at its end says that the name is a folder's, whatever characters it has.
-    const std::string traceDir = (host::gOptions.TraceDir.empty() ? host::gOptions.Dir : host::gOptions.TraceDir) + "/";
+    const std::string traces = host::gOptions.TraceDir.empty() ? host::gOptions.Dir : host::gOptions.TraceDir;
+    const std::string traceDir = traces + "/";
     params.TraceDirectory = traceDir.c_str();
-    std::error_code ignored;
-    std::filesystem::create_directories(traceDir, ignored);  // the library writes there before the server does
+    host::MakeFolder(traces);  // the library writes there before the server does
     InitUserThreadScheduler(host::MainRoutine, nullptr, &params);
     return 0;
 }
