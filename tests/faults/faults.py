@@ -57,7 +57,7 @@ FATAL = {
     "CreateBackingThread": NO_FIBER,
     "CreateEventA": ["COULD NOT CREATE AVOID COMPLETION EVENT"],
     "CreateFileA": [NO_FILE],
-    "CreateIoCompletionPort": [NO_PORT, NO_FILE],
+    "CreateIoCompletionPort": [NO_PORT],
     "CreateThread": NO_THREAD,
     "DuplicateHandle": ["Unable to allocate FMAIN fiber"],
     "GetModuleHandleA": ["Unable to get a module handle for kernel32.dll"],
@@ -86,8 +86,9 @@ FATAL = {
     "pthread_create": NO_THREAD,
     "handle_value": [*NO_THREAD, *NO_FIBER, NO_PORT.format(e=4), NO_FILE, "COULD NOT CREATE AVOID COMPLETION EVENT"],
 }
-# Where a user thread needs memory when its node has none: not in every start-up.
-MORE = {"SetThreadPriority": ["KVTAlloc: Unable to set priority {e}", "KVTAlloc: Unable to restore priority {e}"]}
+# Not in every start-up: which call is the ring log's, and a user thread that needs memory when its node has none.
+MORE = {"CreateIoCompletionPort": [NO_FILE],
+        "SetThreadPriority": ["KVTAlloc: Unable to set priority {e}", "KVTAlloc: Unable to restore priority {e}"]}
 # The priority and affinity of a thread that asks for its own handle for the first time need an object.
 FATAL["object"] = [*NO_THREAD, *NO_FIBER, NO_PORT.format(e=8), NO_FILE, "COULD NOT CREATE AVOID COMPLETION EVENT",
                    *(text.format(e=8) for name in ("SetThreadAffinityMask", "SetThreadPriority") for text in FATAL[name])]
