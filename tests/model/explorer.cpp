@@ -29,6 +29,8 @@ namespace script = os::script;
 
 namespace {
 
+void AdoptScheduler(Scheduler *S);
+
 constexpr uint32_t kMaxChoices = 4096;
 constexpr uint32_t kMaxWords = 4096;
 constexpr uint32_t kMaxActors = 4;
@@ -133,7 +135,7 @@ struct RunState {
 
 Bounds gBounds;
 bool gSearching;    // a run; false while the scenario is set up
-uint64_t gRandom;  // option "random": the state of the generator, else 0
+uint64_t gRandom;   // option "random": the state of the generator, else 0
 int gTraceTo = -1;  // a file descriptor, while a run is told
 const Scenario *gScenario;
 os::FiberContext *gExplorer;
@@ -315,7 +317,7 @@ bool Left(const Scheduler *S, const char **what) {
     if (PostsWaiting(S)) return true;
     for (const FIBER_MESSAGE *msg = S->Messages.load(std::memory_order_relaxed); msg != nullptr; msg = msg->Next) {
         *what = "a message";
-        if (msg->Kind == MSG_POST || gPortWaitMs > 1) return true;
+        if (msg->Kind == MSG_POST || msg->Kind == MSG_OBJECTS || gPortWaitMs > 1) return true;
     }
     return false;
 }
@@ -485,6 +487,22 @@ double Seconds() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
+// Kernel threads that the library has made are schedulers, which run from now on. Their start uses a lock, which
+// somebody may hold who was stopped.
+void StartThreads() {
+    static size_t started = 0;
+    if (script::gScript.Threads.size() == started || gFreeShells[0].Lock.Word.load() != 0) return;
+    started++;
+    gInScheduler = false;
+    os::ThreadBlock *block = os::CurrentThreadBlock();
+    os::IoThread *io = block->Io;
+    Scheduler *S = gSchedulers[gSchedulersMade.load() - 1];
+    test::StartScheduler(S);
+    block->Io = io;
+    AdoptScheduler(S);
+    gInScheduler = true;
+}
+
 void BuildScenario() {
     test::InitLibrary();
     script::gScript.OnPortWait = OnPortWait;
@@ -493,7 +511,10 @@ void BuildScenario() {
         if (!Decide(true, true)) Leave();
         gInScheduler = true;
     };
-    script::gScript.OnSleep = [](DWORD) { WhileSpinning(); };
+    script::gScript.OnSleep = [](DWORD) {
+        WhileSpinning();
+        StartThreads();
+    };
     gExplorer = os::CurrentThreadBlock()->Current;
     // The handle table is made now, and its empty pages are forgotten again: they would be copied for every run.
     PSEHAND entry{};
@@ -548,8 +569,9 @@ Outcome Search(double limit) {
 
 // ---- For scenarios -----------------------------------------------------------------------------------
 
-Scheduler *AddScheduler() {
-    Scheduler *S = test::NewScheduler();
+namespace {
+void AdoptScheduler(Scheduler *S) {
+    if (gNumActors == kMaxActors) Violation("too many schedulers");
     Actor &actor = gActors[gNumActors];
     actor.S = S;
     actor.Context = S->InitFiber->OsFiber;
@@ -575,6 +597,12 @@ Scheduler *AddScheduler() {
     Ignore(&S->QuantumStartTick);
     Ignore(&S->FiberCount);
     Ignore(&S->DebugRequest);
+}
+}  // namespace
+
+Scheduler *AddScheduler() {
+    Scheduler *S = test::NewScheduler();
+    AdoptScheduler(S);
     return S;
 }
 

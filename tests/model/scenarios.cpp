@@ -649,6 +649,39 @@ void MoveAgainstRoutine() {
     Move(2, [](HANDLE) { UserThreadExecRoutine(gEvent, CountRun); });
 }
 
+// Two threads move to schedulers of their own, which are made for them, and a third one when they have ended.
+void MoveToOwn() {
+    AddSchedulers(2, 100);
+    SetOption(su_DynamicSchedulersEnabled);
+    static Shared<Fiber *> users[4];
+    static Shared<int> gone;
+    Fiber *movers[3];
+    for (int i = 0; i < 3; ++i) {
+        const HANDLE mover = AddThread(i % 2,
+                                       i == 0   ? "first"
+                                       : i == 1 ? "second"
+                                                : "third",
+                                       [i](Fiber *F) {
+                                           Gate(F);
+                                           while (i == 2 && gone < 2) Sleep(1);
+                                           MigrateUserThread("LGWR");
+                                           const uint32_t index = SchedOf(F)->Index;
+                                           MUST(IsDynamic(SchedOf(F)) && users[index].exchange(F) == nullptr);
+                                           SchedYield(F, Yield_USER);
+                                           MUST(users[index].exchange(nullptr) == F && SchedOf(F)->Index == index);
+                                           gone++;
+                                           gEnded++;
+                                       });
+        gToEnd++;
+        movers[i] = ThreadOf(mover);
+    }
+    for (Fiber *mover : movers) Open(mover);
+}
+void AllSlotsFree() {
+    MUST(gNumDynamicSchedulers.load() == 0);
+    NothingMore();
+}
+
 // ---- 6. Counts of suspensions ------------------------------------------------------------------------
 
 // Two senders stop a thread and let it go on again, each for itself.
@@ -747,6 +780,7 @@ const Scenario gScenarios[] = {
     {"move-suspend-third", MoveAgainstSuspendFromThird, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"move-terminate", MoveAgainstTerminate, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"move-routine", MoveAgainstRoutine, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
+    {"move-own", MoveToOwn, AllEnded, AllSlotsFree, {1, 1, 0}, {2, 1, 1}},
     {"suspenders", TwoSuspenders, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"suspenders-third", TwoSuspendersFromThird, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"suspend-routine", SuspendAndRoutine, AllEnded, RoutineRanOnce, {1, 1, 0}, {2, 1, 1}},

@@ -82,6 +82,11 @@ Scheduler *NewScheduler() {
     InitScheduler(S, gRig.Schedulers++);
     gNumSchedulers = gRig.Schedulers;
     InitDynamicSchedulers();
+    StartScheduler(S);
+    return S;
+}
+
+void StartScheduler(Scheduler *S) {
     S->Os = os::CurrentThreadBlock();
     S->Port = os::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0);
     S->Io = os::script::IoThreadOf(S->Port);
@@ -94,7 +99,6 @@ Scheduler *NewScheduler() {
     S->InitFiberLink = &F->RunLink;
     S->Running.store(1);
     gRig.Continue[S] = F->OsFiber;
-    return S;
 }
 
 Fiber *NewUnplacedFiber(Scheduler *S, std::function<void(Fiber *)> body) {
