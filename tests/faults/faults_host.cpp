@@ -489,6 +489,7 @@ DWORD MainRoutine(void *) {
     } else {
         round();
         Sleep(20);
+        TracePrintf("a stall may be reported at any time, and opens this file\n");
         // Twice: what is made once and kept is made by now.
         round();
         Sleep(20);
