@@ -29,6 +29,7 @@ using namespace stress;
 constexpr uint32_t kQueues = 6, kMostPairs = 8, kMostWorkers = kQueues * kMostPairs * 2;
 constexpr const char *kNames[kQueues] = {"high", "post", "file", "socket", "writers", "others"};
 constexpr const char *kTags[kQueues] = {"LGWR", "SHAD", nullptr, nullptr, "DBW0", nullptr};
+constexpr uint32_t kNeverServed = 100 * kFullSweepPasses;
 constexpr DWORD kBlockBytes = 4096, kBlocks = 256;
 
 double NowUs() {
@@ -87,6 +88,8 @@ void Look(Worker *self) {
         if (other == self || other->Self == nullptr) continue;
         const uint32_t ran = other->Self->LastRunStamp;
         if (other->Runnable && static_cast<int32_t>(ran - other->SincePass) > 0) EndWait(other, ran);
+        if (other->Runnable && pass - other->SincePass > kNeverServed)
+            Fail(kNames[other->Queue], pass - other->SincePass);  // not to be judged later, for that needs a turn too
         if (other->Runnable || !IsRunnable(other->Self)) continue;
         other->Runnable = true;
         other->SincePass = pass - 1;  // it was not yet when the pass before began
