@@ -4,7 +4,7 @@ ROWS is the one table definition: what a row is called, the name that our case h
 the peers' cases have, and the floor. JOBS is what is run to fill it; a job is run when a row that it serves is wanted.
 Every value is a dictionary: name, impl, unit, better ("lower" or "higher"), median.
 """
-import json, os, re, shutil, signal, socket, subprocess, tempfile, time
+import json, os, random, re, shutil, signal, socket, subprocess, tempfile, time
 from collections import namedtuple
 
 OURS = "zvxkvt"
@@ -170,13 +170,23 @@ DURABLE = {
 }
 
 
+def free_port():
+    """Below those that the kernel gives to the clients' ends of connections."""
+    for port in random.sample(range(20000, 32000), 100):
+        with socket.socket() as s:
+            try:
+                s.bind(("127.0.0.1", port))
+                return port
+            except OSError:
+                continue
+    raise RuntimeError("no free port")
+
+
 class Server:
     """A running server with a folder of its own; `processor` null lets it run anywhere. Use in a with statement."""
 
     def __init__(self, context, command, processor):
-        with socket.socket() as s:
-            s.bind(("127.0.0.1", 0))
-            self.port = s.getsockname()[1]
+        self.port = free_port()
         self.context = context
         self.dir = tempfile.mkdtemp(prefix="bench-", dir=context.folder)
         words = [w.format(build=context.build, port=self.port, dir=self.dir) for w in command]
