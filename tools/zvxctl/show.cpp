@@ -220,17 +220,17 @@ int ShowUsage(pid_t pid) {
     print("schedulers", static_cast<int64_t>(schedulers.size()));
     print("user_threads", threads);
     print("operations", operations);
-    print("handles", static_cast<int64_t>(Global(library, "gNextFreshHandle") - 1 - Global(library, "gFreeHandleCount")));
+    print("handles",
+          static_cast<int64_t>(Global(library, "gNextFreshHandle") - 1 - Global(library, "gFreeHandleCount")));
     print("library_handles", static_cast<int64_t>(Global(library, "gHandleCount")));
     print("sections", static_cast<int64_t>(Global(library, "gOsCritSecCount")));
     print("memory_bytes", static_cast<int64_t>(Global(library, "gTotalVirtualAlloc")));
     // A record may be made by one scheduler and freed by another: only the sum says how many there are.
     const uint64_t counts = Number(library, "Scheduler.ChunkTypeCount");
-    for (const auto &[type, name] : {std::pair("ALLOC_PSEHAND", "records_handle"),
-                                     std::pair("ALLOC_FIBEROVERLAPPED", "records_operation"),
-                                     std::pair("ALLOC_FIBER_MESSAGE", "records_message"),
-                                     std::pair("ALLOC_FIBER_CRITICAL_SECTION", "records_section"),
-                                     std::pair("ALLOC_STRING", "records_string")}) {
+    for (const auto &[type, name] :
+         {std::pair("ALLOC_PSEHAND", "records_handle"), std::pair("ALLOC_FIBEROVERLAPPED", "records_operation"),
+          std::pair("ALLOC_FIBER_MESSAGE", "records_message"),
+          std::pair("ALLOC_FIBER_CRITICAL_SECTION", "records_section"), std::pair("ALLOC_STRING", "records_string")}) {
         int64_t sum = 0;
         for (const SchedulerState &s : schedulers) {
             int32_t count = 0;

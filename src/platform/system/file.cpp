@@ -164,8 +164,8 @@ HANDLE OpenFile(const char *name, DWORD access, DWORD disposition, DWORD flags) 
     bool existed = false;
     const mode_t mode = (flags & FILE_ATTRIBUTE_READONLY) != 0 ? 0444 : 0666;
     const bool isPrivate = disposition == CREATE_ALWAYS && (flags & kFileFlagPrivate) != 0;
-    file->Fd = isPrivate ? ReplaceByPrivate(name, plan, &existed)
-                         : OpenByDisposition(name, plan, disposition, mode, &existed);
+    file->Fd =
+        isPrivate ? ReplaceByPrivate(name, plan, &existed) : OpenByDisposition(name, plan, disposition, mode, &existed);
     DWORD error = file->Fd < 0 ? ErrorOfErrno(errno) : Describe(file, plan.Flags);
     if (error == ERROR_SUCCESS && (flags & FILE_FLAG_DELETE_ON_CLOSE) != 0) {
         file->DeletePath = realpath(name, nullptr);

@@ -341,8 +341,8 @@ DWORD TakeSlot(const OpenedRecord &opened, const PipeName &name, const PipeTrait
 // [record] Nobody's any more: removes what lies in its slots, the record itself, and then its guard.
 void RemoveRecord(int folder, int fd, const char *key, bool everybody) {
     struct stat named, mine;
-    if (fstatat(folder, key, &named, AT_SYMLINK_NOFOLLOW) != 0 || fstat(fd, &mine) != 0 || named.st_ino != mine.st_ino ||
-        named.st_dev != mine.st_dev)
+    if (fstatat(folder, key, &named, AT_SYMLINK_NOFOLLOW) != 0 || fstat(fd, &mine) != 0 ||
+        named.st_ino != mine.st_ino || named.st_dev != mine.st_dev)
         return;
     NameRecord record;
     if (ReadRecord(fd, &record)) {
