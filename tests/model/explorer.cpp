@@ -674,7 +674,8 @@ void BeforeAccess(const volatile void *address, bool write, const void *pc) {
             if (!again && !Decide(true, mustGive)) {
                 Trace(pc, "S%u stopped before it %s %s", gRun.Current, write ? "writes" : "reads",
                       NameOf(address).c_str());
-                actor.Useful = mustGive;
+                // What it has stored and nobody sees yet will be seen after this access: later is not the same.
+                actor.Useful = mustGive || gBuffered != 0;
                 actor.Pending = address;
                 actor.PendingWrite = write;
                 Leave();
