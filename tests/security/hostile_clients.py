@@ -219,7 +219,9 @@ def main():
     folder = tempfile.mkdtemp(prefix="zvx_hostile_")
     server = None
     try:
-        server = Server(sys.argv[1], folder)
+        os.umask(0)
+        server = Server(sys.argv[1], os.path.join(folder, "data"))
+        check(os.stat(os.path.join(folder, "data")).st_mode & 0o777 == 0o700, "a data folder of the server's making is its user's alone")
         for case in (announced_but_never_sent, half_requests, pipelines_that_nobody_reads, a_byte_now_and_then,
                      more_than_there_is_room_for, nonsense):
             before = server.resident()
