@@ -168,6 +168,21 @@ void TwoSendersLong() {
     TwoSenders(100);
 }
 
+// A thread waits for an object of the operating system while another one signals it.
+void SignalObject() {
+    AddSchedulers(2, 100);
+    gEvent = NewEvent();
+    Fiber *waiter = AddFiber(1, "waiter", [](Fiber *F) {
+        Gate(F);
+        while (WaitForSingleObject(gEvent, 2) != WAIT_OBJECT_0) {
+        }
+        MUST(WaitForSingleObject(gEvent, 0) == WAIT_TIMEOUT);
+    });
+    RunToRest();
+    Open(waiter);
+    AddFiber(0, "signaller", [](Fiber *) { MUST(os::SetEvent(gEvent)); });
+}
+
 // ---- 2. Posts ----------------------------------------------------------------------------------------
 
 Shared<uint32_t> gPosts, gTaken, gNeeded;
@@ -757,6 +772,7 @@ const Scenario gScenarios[] = {
     {"wake-long", WakeLong, AllEnded, NothingMore, {2, 1, 1}, {4, 2, 2}},
     {"senders-short", TwoSendersShort, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"senders-long", TwoSendersLong, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
+    {"object", SignalObject, AllEnded, NothingMore, {1, 1, 1}, {3, 2, 2}},
     {"post-timeout", PostAgainstTimeout, AllEnded, NothingMore, {1, 1, 1}, {2, 2, 2}},
     {"posts-many", ManyPosts, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
     {"post-routine", PostAndRoutine, AllEnded, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
