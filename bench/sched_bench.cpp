@@ -211,9 +211,21 @@ void ParkAll() {
     zvx::Sleep(20);
 }
 
-// The second of the two active threads is on the first one's scheduler.
+// The second of the two active threads is on the first one's scheduler. Where schedulers share a processor one may come to
+// another; it stays there, so that the next one finds less load here.
+const zvx::Scheduler *gLeaderScheduler;
+LPTHREAD_START_ROUTINE gPartnerRoutine;
+
+DWORD Partner(void *) {
+    if (zvx::SchedOf(zvx::CallingFiber()) == gLeaderScheduler) return gPartnerRoutine(nullptr);
+    CreateAndForget(Partner, nullptr, gLeaderScheduler->AffinityMask);
+    for (;;) zvx::Sleep(INFINITE);
+}
+
 void CreatePartner(LPTHREAD_START_ROUTINE routine) {
-    CreateAndForget(routine, nullptr, zvx::SchedOf(zvx::CallingFiber())->AffinityMask);
+    gLeaderScheduler = zvx::SchedOf(zvx::CallingFiber());
+    gPartnerRoutine = routine;
+    CreateAndForget(Partner, nullptr, gLeaderScheduler->AffinityMask);
 }
 
 void YieldParkedCase() {

@@ -142,11 +142,26 @@ void SendEachOther(Worker *self) {
     zvx::closesocket(self->Socket);
 }
 
+DWORD Work(void *param);
+
+void Start(Worker *w) {
+    const HANDLE thread = ZCreateThreadWithAffinity(nullptr, 0, Work, w, 0, nullptr, w->Of->S->AffinityMask);
+    if (thread == nullptr) Fail("CreateThread", os::GetLastError());
+    gRunning.fetch_add(1);
+    CloseHandle(thread);
+}
+
 DWORD Work(void *param) {
     auto *self = static_cast<Worker *>(param);
+    if (SchedOf(CallingFiber()) != self->Of->S) {
+        // Schedulers share a processor. While this thread stays, the other one has less load and gets the next.
+        Start(self);
+        while (!gStop.load()) Sleep(50);
+        gRunning.fetch_sub(1);
+        return 0;
+    }
     if (kTags[self->Queue] != nullptr) IdentifyUserThread(kTags[self->Queue], self->Event);
     self->Self = CallingFiber();
-    if (SchedOf(self->Self) != self->Of->S) Fail("on another scheduler than it was made for");
     if (self->Queue == gFRQ)
         ReadAgainAndAgain(self);
     else if (self->Queue == gSRQ)
@@ -184,13 +199,7 @@ void MakeGroup(Group *group, Scheduler *S, SOCKET listener, const sockaddr_in &n
             if (queue == gSRQ && i % 2 == 1) ConnectPair(listener, name, w->Partner, w);
         }
     }
-    for (uint32_t i = 0; i < group->Count; ++i) {
-        const HANDLE thread =
-            ZCreateThreadWithAffinity(nullptr, 0, Work, &group->Workers[i], 0, nullptr, S->AffinityMask);
-        if (thread == nullptr) Fail("CreateThread", os::GetLastError());
-        gRunning.fetch_add(1);
-        CloseHandle(thread);
-    }
+    for (uint32_t i = 0; i < group->Count; ++i) Start(&group->Workers[i]);
 }
 
 // The most passes between a thread's becoming runnable and its turn:
