@@ -23,6 +23,8 @@
 #include "sched/internal.h"
 #include "sched_fixture.h"
 
+extern "C" const char __executable_start[];  // the linker's: places in the source are told from here
+
 namespace zvx::model {
 
 namespace script = os::script;
@@ -142,9 +144,9 @@ os::FiberContext *gExplorer;
 
 void TraceLine(const void *pc, const char *format, ...) __attribute__((format(printf, 2, 3)));
 void TraceLine(const void *pc, const char *format, ...) {
-    extern char Start[] __asm__("__executable_start");
     char line[512];
-    int n = std::snprintf(line, sizeof line, "%zx\t", pc == nullptr ? 0 : static_cast<const char *>(pc) - Start - 1);
+    int n = std::snprintf(line, sizeof line, "%zx\t",
+                          pc == nullptr ? 0 : static_cast<const char *>(pc) - __executable_start - 1);
     va_list values;
     va_start(values, format);
     n += std::vsnprintf(line + n, sizeof line - static_cast<size_t>(n) - 1, format, values);
