@@ -348,10 +348,7 @@ void RunInput(fuzz::Input input) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (gPath.empty()) {
-        gPath = std::string(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") + "/exports_fuzz_" + std::to_string(getpid());
-        std::atexit([] { unlink(gPath.c_str()); });
-    }
+    if (gPath.empty()) gPath = fuzz::Scratch("exports");
     fuzz::RunStarted(RunInput, data, size);
     return 0;
 }

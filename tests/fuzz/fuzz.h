@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <random>
 #include <string>
 #include <string_view>
 
@@ -18,6 +20,22 @@ inline void Require(bool holds, const char *what, uint64_t a = 0, uint64_t b = 0
     std::fprintf(stderr, "fuzz: %s (%llu, %llu)\n", what, static_cast<unsigned long long>(a),
                  static_cast<unsigned long long>(b));
     std::abort();
+}
+
+// A path of this process's own, in memory where there is a place for that; what is there is removed at the end.
+inline std::string Scratch(const std::string &name) {
+    static std::string path;
+    const char *const shared = "/dev/shm";
+    path = std::filesystem::exists(shared) ? shared : std::filesystem::temp_directory_path().string();
+    std::random_device random;
+    path += "/fuzz_" + name + "_" + std::to_string(random());
+    const auto remove = [] {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    };
+    std::atexit(remove);
+    std::at_quick_exit(remove);
+    return path;
 }
 
 // The input as a script: numbers of any width from its front, zeros once it is used up.

@@ -371,14 +371,8 @@ void RunInput(fuzz::Input input) {
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     using namespace host;
     if (gOptions.Dir == ".") {
-        const char *const shared = "/dev/shm";
-        gOptions.Dir = std::filesystem::exists(shared) ? shared : std::filesystem::temp_directory_path().string();
-        gOptions.Dir += "/recovery_fuzz_" + std::to_string(GetCurrentProcessId());
+        gOptions.Dir = fuzz::Scratch("recovery");
         gOptions.Sync = Durability::kNo;
-        std::atexit([] {
-            std::error_code ignored;
-            std::filesystem::remove_all(gOptions.Dir, ignored);
-        });
     }
     fuzz::RunStarted(RunInput, data, size);
     return 0;
