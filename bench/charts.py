@@ -16,6 +16,8 @@ COLORS = {"zvxkvt": "#c0392b", "zvxkvt, 2": "#e08a3c", "zvxkvt, 4": "#d4b106", "
 
 
 def tick_text(value):
+    if value >= 1e6:
+        return f"{value / 1e6:g} M"
     return f"{value:,.0f}" if value >= 10 or value == int(value) else f"{value:g}"
 
 
