@@ -168,21 +168,6 @@ void TwoSendersLong() {
     TwoSenders(100);
 }
 
-// A thread waits for an object of the operating system while another one signals it.
-void SignalObject() {
-    AddSchedulers(2, 100);
-    gEvent = NewEvent();
-    Fiber *waiter = AddFiber(1, "waiter", [](Fiber *F) {
-        Gate(F);
-        while (WaitForSingleObject(gEvent, 2) != WAIT_OBJECT_0) {
-        }
-        MUST(WaitForSingleObject(gEvent, 0) == WAIT_TIMEOUT);
-    });
-    RunToRest();
-    Open(waiter);
-    AddFiber(0, "signaller", [](Fiber *) { MUST(os::SetEvent(gEvent)); });
-}
-
 // ---- 2. Posts ----------------------------------------------------------------------------------------
 
 Shared<uint32_t> gPosts, gTaken, gNeeded;
@@ -760,6 +745,105 @@ void SuspendAndTerminate() {
         MUST(GetExitCodeThread(thread, &code) && code == 7);
     });
 }
+// ---- 7. Waits for objects ----------------------------------------------------------------------------
+
+HANDLE gUnits;
+Shared<uint32_t> gNextGot;
+
+void Give() {
+    MUST(os::ReleaseSemaphore(gUnits, 1, nullptr));
+}
+void AwaitUnit(DWORD ms) {
+    DWORD result;
+    while ((result = WaitForSingleObject(gUnits, ms)) != WAIT_OBJECT_0) MUST(result == WAIT_TIMEOUT && ms != INFINITE);
+}
+
+// Units come while waits for them run out of time, on both sides.
+void ObjectAndTimeout() {
+    AddSchedulers(2, 100);
+    gUnits = os::CreateSemaphoreA(nullptr, 0, 9, nullptr);
+    Fiber *waiters[2];
+    for (int i = 0; i < 2; ++i)
+        waiters[i] = AddFiber(i, i == 0 ? "near" : "far", [](Fiber *F) {
+            Gate(F);
+            AwaitUnit(2);
+        });
+    RunToRest();
+    for (Fiber *waiter : waiters) Open(waiter);
+    AddFiber(0, "giver", [](Fiber *) {
+        Give();
+        Sleep(1);
+        Give();
+    });
+}
+
+// The first in the line and a next one wait already, and something is done to the first while a unit comes.
+void ObjectAnd(const std::function<void(HANDLE first)> &ask, bool ends, const std::function<void()> &after = [] {}) {
+    AddSchedulers(3, 100);
+    gUnits = os::CreateSemaphoreA(nullptr, 0, 9, nullptr);
+    gEvent = NewEvent();
+    static const HANDLE first = AddThread(1, "first", [=](Fiber *F) {
+        IdentifyUserThread("TEST", gEvent);
+        Gate(F);
+        AwaitUnit(INFINITE);
+        after();
+        if (!ends) gEnded++;
+    });
+    gTarget = ThreadOf(first);
+    Fiber *next = AddFiber(1, "next", [](Fiber *F) {
+        Gate(F);
+        AwaitUnit(INFINITE);
+        gNextGot = 1;
+    });
+    RunToRest();
+    if (!ends) gToEnd++;
+    Open(gTarget);
+    RunToRest();
+    Open(next);
+    RunToRest();
+    AddFiber(0, "sender", [ask](Fiber *) { ask(first); });
+}
+void AddGiver() {
+    AddFiber(2, "giver", [](Fiber *) { Give(); });
+}
+// What comes while the first one is stopped is the next one's.
+void ObjectAndSuspend() {
+    ObjectAnd(
+        [](HANDLE first) {
+            MUST(SuspendThread(first) == 0);
+            Give();
+            while (!gNextGot) Sleep(1);
+            MUST(ResumeThread(first) == 1);
+            Give();
+        },
+        false);
+}
+void ObjectAndTerminate() {
+    ObjectAnd(
+        [](HANDLE first) {
+            TerminateThread(first, 7);
+            Give();
+        },
+        true);
+    AddGiver();
+}
+void ObjectAndRoutine() {
+    ObjectAnd(
+        [](HANDLE) {
+            MUST(UserThreadExecRoutine(gEvent, CountRun));
+            Give();
+        },
+        false,
+        [] {
+            while (gRoutineRuns == 0) Sleep(1);
+        });
+    AddGiver();
+}
+void NoUnitIsLeft() {
+    MUST(os::WaitForSingleObject(gUnits, 0) == WAIT_TIMEOUT);
+    NothingMore();
+}
+
 void RoutineRanOnce() {
     MUST(gRoutineRuns == 1);
     NothingMore();
@@ -772,7 +856,6 @@ const Scenario gScenarios[] = {
     {"wake-long", WakeLong, AllEnded, NothingMore, {2, 1, 1}, {4, 2, 2}},
     {"senders-short", TwoSendersShort, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"senders-long", TwoSendersLong, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"object", SignalObject, AllEnded, NothingMore, {1, 1, 1}, {3, 2, 2}},
     {"post-timeout", PostAgainstTimeout, AllEnded, NothingMore, {1, 1, 1}, {2, 2, 2}},
     {"posts-many", ManyPosts, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
     {"post-routine", PostAndRoutine, AllEnded, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
@@ -802,6 +885,10 @@ const Scenario gScenarios[] = {
     {"suspend-routine", SuspendAndRoutine, AllEnded, RoutineRanOnce, {1, 1, 0}, {2, 1, 1}},
     {"suspend-terminate", SuspendAndTerminate, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
     {"suspend-routine-third", SuspendAndRoutineFromThird, AllEnded, RoutineRanOnce, {1, 1, 0}, {2, 1, 1}},
+    {"object-timeout", ObjectAndTimeout, AllEnded, NoUnitIsLeft, {1, 1, 1}, {3, 2, 2}},
+    {"object-suspend", ObjectAndSuspend, AllEnded, NoUnitIsLeft, {1, 1, 0}, {2, 1, 1}},
+    {"object-terminate", ObjectAndTerminate, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
+    {"object-routine", ObjectAndRoutine, AllEnded, NoUnitIsLeft, {1, 1, 0}, {2, 1, 1}},
 };
 const uint32_t gNumScenarios = sizeof gScenarios / sizeof gScenarios[0];
 
