@@ -189,11 +189,12 @@ TEST_F(CompletionTest, AnExitWaitsForTheOperationsOnItsStack) {
     script::gScript.HoldCancels = true;
     OVERLAPPED *onStack = nullptr;
     Fiber *F = NewFiber(S, [&](Fiber *) {
-        OVERLAPPED ov{};
-        ov.hEvent = reinterpret_cast<HANDLE>(uintptr_t{1});  // no packet
-        onStack = &ov;
+        // Deeper than the frames of the exit: it is dead then, but looked at until its operation ends.
+        alignas(OVERLAPPED) char room[16384];
+        onStack = new (room) OVERLAPPED{};
+        onStack->hEvent = reinterpret_cast<HANDLE>(uintptr_t{1});  // no packet
         DWORD got;
-        EXPECT_FALSE(os::ReadFile(HandleValue(File), nullptr, 1, &got, &ov));
+        EXPECT_FALSE(os::ReadFile(HandleValue(File), nullptr, 1, &got, onStack));
     });
     const uint32_t generation = Generation(F);
     RunUntilIdle(S);
