@@ -179,6 +179,7 @@ TEST(Wait, ParkedWaitsAreGrantedInTheirTurn) {
     EXPECT_EQ(os::GetLastError(), ERROR_INVALID_PARAMETER);
     const HANDLE named = os::CreateEventA(nullptr, FALSE, TRUE, "parked");
     EXPECT_EQ(first.Park(1, &named, FALSE), os::kNotParkable);
+    EXPECT_TRUE(os::CloseHandle(named));
     ExpectOnlyTheHandle(event);
 }
 
