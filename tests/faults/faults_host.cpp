@@ -200,21 +200,28 @@ void ServeSocket(SOCKET s) {
     if (routine.Bytes < 7) Receive(s, text, static_cast<int>(7 - routine.Bytes));
 }
 
-void Sockets() {
-    SOCKET listener = INVALID_SOCKET, s = INVALID_SOCKET;
+// On a free port of this machine, which *name gets.
+SOCKET Listen(sockaddr_in *name) {
+    SOCKET listener = INVALID_SOCKET;
     Try("WSASocketA", [&] {
         return (listener = WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED)) != INVALID_SOCKET;
     });
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_addr.s_addr = __builtin_bswap32(0x7F000001);
-    int length = sizeof name;
-    Try("bind", [&] { return os::bind(listener, reinterpret_cast<sockaddr *>(&name), length) == 0; });
+    name->sin_family = AF_INET;
+    name->sin_addr.s_addr = __builtin_bswap32(0x7F000001);
+    int length = sizeof *name;
+    Try("bind", [&] { return os::bind(listener, reinterpret_cast<sockaddr *>(name), length) == 0; });
     Try("listen", [&] { return os::listen(listener, 10) == 0; });
-    Try("getsockname", [&] { return os::getsockname(listener, reinterpret_cast<sockaddr *>(&name), &length) == 0; });
+    Try("getsockname", [&] { return os::getsockname(listener, reinterpret_cast<sockaddr *>(name), &length) == 0; });
+    return listener;
+}
+
+void Sockets() {
+    sockaddr_in name{};
+    const SOCKET listener = Listen(&name);
+    SOCKET s = INVALID_SOCKET;
     gPort = __builtin_bswap16(name.sin_port);
     const HANDLE client = Start(Client);
-    length = sizeof name;
+    int length = sizeof name;
     Try("accept",
         [&] { return (s = zvx::accept(listener, reinterpret_cast<sockaddr *>(&name), &length)) != INVALID_SOCKET; });
     ServeSocket(s);
@@ -359,17 +366,8 @@ void Ends() {
     Sleep(1);
     Try("SuspendThread", [&] { return SuspendThread(asleep) == 0; });
     Terminate(asleep, 31);
-    SOCKET listener = INVALID_SOCKET;
-    Try("WSASocketA", [&] {
-        return (listener = WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED)) != INVALID_SOCKET;
-    });
     sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_addr.s_addr = __builtin_bswap32(0x7F000001);
-    int length = sizeof name;
-    Try("bind", [&] { return os::bind(listener, reinterpret_cast<sockaddr *>(&name), length) == 0; });
-    Try("listen", [&] { return os::listen(listener, 10) == 0; });
-    Try("getsockname", [&] { return os::getsockname(listener, reinterpret_cast<sockaddr *>(&name), &length) == 0; });
+    const SOCKET listener = Listen(&name);
     int peer = -1;
     SOCKET s = INVALID_SOCKET;
     Try("accept", [&] {
