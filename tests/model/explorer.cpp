@@ -31,8 +31,6 @@ namespace script = os::script;
 
 namespace {
 
-void AdoptScheduler(Scheduler *S);
-
 constexpr uint32_t kMaxChoices = 4096;
 constexpr uint32_t kMaxWords = 4096;
 constexpr uint32_t kMaxActors = 4;
@@ -42,7 +40,7 @@ constexpr uint32_t kFairSteps = 100;     // accesses after which the others get 
 constexpr uint32_t kRandomRarity = 12;   // one choice in so many is made at random
 constexpr uint64_t kNever = UINT64_MAX;
 
-enum Outcome : int { kPassed = 0, kCutOff = 10, kViolated = 11, kDiffers = 12 };
+enum Outcome : int { kPassed = 0, kCutOff = 10, kViolated = 11 };
 
 // ---- Shared by parent and runs -----------------------------------------------------------------------
 
@@ -57,7 +55,7 @@ struct SharedState {
     uint32_t Length;  // choices made
     const volatile void *Contended[kMaxWords];
     uint32_t NumContended;
-    uint64_t Steps;
+    unsigned long long Steps;
     char Text[2048];
 };
 SharedState *gShared;
@@ -93,6 +91,11 @@ std::string NameOf(const volatile void *address) {
     char text[32];
     std::snprintf(text, sizeof text, "word %zx", value);
     return text;
+}
+
+// How words are called in the list of a failing schedule.
+void NameWords(const std::string &name, std::initializer_list<std::pair<const char *, const volatile void *>> words) {
+    for (const auto &[field, word] : words) gNames[reinterpret_cast<uintptr_t>(word)] = name + field;
 }
 
 // ---- Actors ------------------------------------------------------------------------------------------
@@ -184,7 +187,7 @@ uint32_t Choose(uint32_t options) {
     Choice *choice = &gShared->Path[gShared->Length];
     if (gShared->Length < gShared->Prefix) {
         // The option that was taken last was one of as many options then.
-        if (choice->Options != options || choice->Taken >= options) EndRun(kDiffers);
+        if (choice->Options != options || choice->Taken >= options) Violation("two runs of one schedule differ");
     } else {
         *choice = {static_cast<uint8_t>(options), 0};
         if (gRandom != 0 && Random(kRandomRarity) == 0) choice->Taken = static_cast<uint8_t>(Random(options));
@@ -200,6 +203,34 @@ void SaveBlock(os::ThreadBlock *to, const os::ThreadBlock *from) {
     to->InlineBudget = from->InlineBudget;
     to->SpinLocksHeld = from->SpinLocksHeld;
     to->Io = from->Io;
+}
+
+void AdoptScheduler(Scheduler *S) {
+    if (gNumActors == kMaxActors) Violation("too many schedulers");
+    Actor &actor = gActors[gNumActors];
+    actor.S = S;
+    actor.Context = S->InitFiber->OsFiber;
+    SaveBlock(&actor.Block, os::CurrentThreadBlock());
+    actor.Block.Io = S->Io;
+    const std::string name = "S" + std::to_string(gNumActors++);
+    NameWords(name, {{".Messages", &S->Messages},
+                     {".BlockedInPort", &S->BlockedInPort},
+                     {".BlockedOutside", &S->BlockedOutside},
+                     {".LaneMask", &S->LaneMask},
+                     {".SwitchCount", &S->SwitchCount},
+                     {".InTransit", &S->InTransit},
+                     {".Io.Tail", S->Io->Tail}});
+    for (uint32_t from = 0; from < kMaxActors; ++from) {
+        PostLane *lane = &gPostLanes[S->Index][from];
+        const std::string laneName = name + ".Lane" + std::to_string(from);
+        for (uint32_t i = 0; i < kLaneSlots; ++i)
+            NameWords(laneName, {{(".Slots" + std::to_string(i)).c_str(), &lane->Slots[i].Seq}});
+        NameWords(laneName, {{".Taken", &lane->Taken}});
+    }
+    // No part of a protocol: a hint to a running user thread, and the count for placing new ones.
+    for (const volatile void *word :
+         std::initializer_list<const volatile void *>{&S->QuantumStartTick, &S->FiberCount, &S->DebugRequest})
+        WordAt(word)->Ignored = true;
 }
 
 bool HasNews(const Actor &actor) {
@@ -330,7 +361,7 @@ bool PassTime(uint64_t started) {
         const char *what;
         if (Left(gActors[i].S, &what)) Violation("S%u sleeps in its port, and %s waits for it", i, what);
     }
-    if (gScenario->Finished()) return false;
+    if (AllEnded()) return false;
     uint64_t next = kNever;
     for (uint32_t i = 0; i < gNumActors; ++i) next = std::min(next, gActors[i].WakeAt);
     const uint64_t now = os::GetTickCount64();
@@ -370,14 +401,19 @@ void Run() {
     do {
         RunAll();
     } while (PassTime(started));
-    gScenario->Check();
-    for (uint32_t i = 0; i < gNumActors; ++i) CheckScheduler(gActors[i].S);
+    if (gScenario->Check != nullptr) gScenario->Check();
+    int32_t messages = 0;
+    for (uint32_t i = 0; i < gNumActors; ++i) {
+        CheckScheduler(gActors[i].S);
+        messages += gActors[i].S->ChunkTypeCount[ALLOC_FIBER_MESSAGE].load();
+    }
+    MUST(messages == 0);
     EndRun(kPassed);
 }
 
 // ---- The search --------------------------------------------------------------------------------------
 
-uint64_t gExecutions, gCutOff, gDeepest;
+unsigned long long gExecutions, gCutOff, gDeepest;
 
 // One run in a child. Returns its outcome; a child that ended by itself is a violation.
 Outcome RunChild() {
@@ -395,18 +431,10 @@ Outcome RunChild() {
     int status = 0;
     waitpid(child, &status, 0);
     gExecutions++;
-    gDeepest = std::max<uint64_t>(gDeepest, gShared->Length);
-    if (WIFEXITED(status)) {
-        switch (WEXITSTATUS(status)) {
-            case kPassed: return kPassed;
-            case kCutOff: gCutOff++; return kCutOff;
-            case kViolated: return kViolated;
-            case kDiffers:
-                std::snprintf(gShared->Text, sizeof gShared->Text, "two runs of one schedule differ");
-                return kDiffers;
-            default: break;
-        }
-    }
+    gDeepest = std::max<unsigned long long>(gDeepest, gShared->Length);
+    const int outcome = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    gCutOff += outcome == kCutOff;
+    if (outcome == kPassed || outcome == kCutOff || outcome == kViolated) return static_cast<Outcome>(outcome);
     std::snprintf(gShared->Text, sizeof gShared->Text, "the process ended: status %x", status);
     return kViolated;
 }
@@ -425,28 +453,23 @@ bool NextPath() {
     return true;
 }
 
-// The lines of the source for places in the program, where the tool that knows them is installed. An inlined operation
-// of the standard library is told by the line that uses it.
-std::map<std::string, std::string> SourceLines(const std::vector<std::string> &places) {
-    std::map<std::string, std::string> lines;
-    std::string command = "addr2line -a -i -e /proc/" + std::to_string(getpid()) + "/exe";
-    for (const std::string &place : places) command += " 0x" + place;
-    FILE *tool = popen((command + " 2>/dev/null").c_str(), "r");
-    if (tool == nullptr) return lines;
+// The line of the source for a place in the program, where the tool that knows it is installed. An inlined operation of
+// the standard library is told by the line that uses it.
+std::string SourceLine(const std::string &place) {
+    static std::map<std::string, std::string> known{{"0", ""}};
+    const auto [it, fresh] = known.emplace(place, "");
+    const std::string command =
+        "addr2line -i -e /proc/" + std::to_string(getpid()) + "/exe 0x" + place + " 2>/dev/null";
+    FILE *tool = fresh ? popen(command.c_str(), "r") : nullptr;
+    if (tool == nullptr) return it->second;
     char line[1024];
-    std::string *at = nullptr;
-    size_t next = 0;
     while (std::fgets(line, sizeof line, tool) != nullptr) {
         line[std::strcspn(line, " \n")] = 0;
-        if (std::strncmp(line, "0x", 2) == 0 && next < places.size()) {
-            at = &lines[places[next++]];
-        } else if (at != nullptr && at->empty() &&
-                   (std::strstr(line, "/src/") != nullptr || std::strstr(line, "/tests/") != nullptr)) {
-            *at = std::strrchr(line, '/') + 1;
-        }
+        if (it->second.empty() && (std::strstr(line, "/src/") != nullptr || std::strstr(line, "/tests/") != nullptr))
+            it->second = std::strrchr(line, '/') + 1;
     }
     pclose(tool);
-    return lines;
+    return it->second;
 }
 
 // Runs the path again and prints what happened.
@@ -458,28 +481,19 @@ void PrintRun() {
     RunChild();
     gTraceTo = -1;
     std::rewind(file);
-    std::vector<std::pair<std::string, std::string>> all;
-    std::vector<std::string> places;
-    char line[1024];
-    while (std::fgets(line, sizeof line, file) != nullptr) {
-        char *tab = std::strchr(line, '\t');
-        if (tab == nullptr) continue;
-        *tab = 0;
-        all.emplace_back(line, tab + 1);
-        if (all.back().first != "0" && std::find(places.begin(), places.end(), line) == places.end())
-            places.emplace_back(line);
-    }
+    std::vector<std::string> all;
+    char text[1024];
+    while (std::fgets(text, sizeof text, file) != nullptr) all.emplace_back(text);
     std::fclose(file);
-    std::map<std::string, std::string> lines = SourceLines(places);
     constexpr size_t kMostLines = 600;
     for (size_t i = 0; i < all.size(); ++i) {
         if (i == kMostLines / 2 && all.size() > kMostLines) {
             i = all.size() - kMostLines / 2;
             std::printf("  ...\n");
         }
-        auto &[place, what] = all[i];
-        what.pop_back();
-        std::printf("  %-60s %s\n", what.c_str(), lines[place].c_str());
+        const size_t tab = all[i].find('\t');
+        const std::string what = all[i].substr(tab + 1, all[i].size() - tab - 2);
+        std::printf("  %-60s %s\n", what.c_str(), SourceLine(all[i].substr(0, tab)).c_str());
     }
 }
 
@@ -527,6 +541,13 @@ void BuildScenario() {
     constexpr size_t kPage = 4096;
     const auto table = (reinterpret_cast<uintptr_t>(gHandleTable.load()) + kPage - 1) & ~(kPage - 1);
     madvise(reinterpret_cast<void *>(table), kFirstHandleSlots * sizeof(HandleSlot) - kPage, MADV_DONTNEED);
+    gPortWaitMs = gScenario->PortWaitMs;
+    for (uint32_t i = 0; i < gScenario->Schedulers; ++i) {
+        Scheduler *S = test::NewScheduler();
+        AdoptScheduler(S);
+        S->AffinityMask = 1u << i;
+    }
+    BeginScenario();
     gScenario->Setup();
 }
 
@@ -557,10 +578,8 @@ Outcome Search(double limit) {
     std::printf(
         "%s: %llu runs (%llu cut off), %llu accesses, %llu choices at most in a run, %u shared words, %u rounds, "
         "%.1f s; preemptions %u, turns %u, ticks %u%s: %s\n",
-        gScenario->Name, static_cast<unsigned long long>(gExecutions), static_cast<unsigned long long>(gCutOff),
-        static_cast<unsigned long long>(gShared->Steps), static_cast<unsigned long long>(gDeepest),
-        gShared->NumContended, rounds, Seconds() - start, gBounds.Preemptions, gBounds.Turns, gBounds.Ticks,
-        gBuffering ? ", buffers" : "",
+        gScenario->Name, gExecutions, gCutOff, gShared->Steps, gDeepest, gShared->NumContended, rounds,
+        Seconds() - start, gBounds.Preemptions, gBounds.Turns, gBounds.Ticks, gBuffering ? ", buffers" : "",
         outcome >= kViolated ? "VIOLATED"
         : whole              ? "holds"
                              : "holds as far as it went");
@@ -570,43 +589,6 @@ Outcome Search(double limit) {
 }  // namespace
 
 // ---- For scenarios -----------------------------------------------------------------------------------
-
-namespace {
-void AdoptScheduler(Scheduler *S) {
-    if (gNumActors == kMaxActors) Violation("too many schedulers");
-    Actor &actor = gActors[gNumActors];
-    actor.S = S;
-    actor.Context = S->InitFiber->OsFiber;
-    SaveBlock(&actor.Block, os::CurrentThreadBlock());
-    actor.Block.Io = S->Io;
-    const std::string name = "S" + std::to_string(gNumActors++);
-    NameWord(&S->Messages, name + ".Messages");
-    NameWord(&S->BlockedInPort, name + ".BlockedInPort");
-    NameWord(&S->BlockedOutside, name + ".BlockedOutside");
-    NameWord(&S->LaneMask, name + ".LaneMask");
-    NameWord(&S->SwitchCount, name + ".SwitchCount");
-    NameWord(&S->InTransit, name + ".InTransit");
-    NameWord(&S->FiberCount, name + ".FiberCount");
-    NameWord(S->Io->Tail, name + ".Io.Tail");
-    for (uint32_t from = 0; from < kMaxActors; ++from) {
-        PostLane *lane = &gPostLanes[S->Index][from];
-        const std::string laneName = name + ".Lane" + std::to_string(from);
-        for (uint32_t i = 0; i < kLaneSlots; ++i)
-            NameWord(&lane->Slots[i].Seq, laneName + ".Slots[" + std::to_string(i) + "].Seq");
-        NameWord(&lane->Taken, laneName + ".Taken");
-    }
-    // A hint to a running user thread, and the count for placing new ones.
-    Ignore(&S->QuantumStartTick);
-    Ignore(&S->FiberCount);
-    Ignore(&S->DebugRequest);
-}
-}  // namespace
-
-Scheduler *AddScheduler() {
-    Scheduler *S = test::NewScheduler();
-    AdoptScheduler(S);
-    return S;
-}
 
 void RunToRest() {
     for (Actor &actor : gActors) actor.State = kReady;
@@ -628,23 +610,15 @@ void AddEvent(const char *name, std::function<bool()> enabled, std::function<voi
     LearnWords();
 }
 
-void Ignore(const void *word) {
-    WordAt(word)->Ignored = true;
-}
-
-void NameWord(const void *word, const std::string &name) {
-    gNames[reinterpret_cast<uintptr_t>(word)] = name;
-}
-
 void NameFiber(const Fiber *F, const std::string &name) {
-    NameWord(&F->Sched, name + ".Sched");
-    NameWord(&F->Generation, name + ".Generation");
-    NameWord(&F->SuspendCount, name + ".SuspendCount");
-    NameWord(&F->SuspendAnswer, name + ".SuspendAnswer");
-    NameWord(&F->SuspendRequests, name + ".SuspendRequests");
-    NameWord(&F->RoutineEpoch, name + ".RoutineEpoch");
-    NameWord(&F->OsThreadId, name + ".OsThreadId");
-    NameWord(&F->Tag, name + ".Tag");
+    NameWords(name, {{".Sched", &F->Sched},
+                     {".Generation", &F->Generation},
+                     {".SuspendCount", &F->SuspendCount},
+                     {".SuspendAnswer", &F->SuspendAnswer},
+                     {".SuspendRequests", &F->SuspendRequests},
+                     {".RoutineEpoch", &F->RoutineEpoch},
+                     {".OsThreadId", &F->OsThreadId},
+                     {".Tag", &F->Tag}});
 }
 
 void Violation(const char *format, ...) {
@@ -728,36 +702,21 @@ void NoteDelayedStore(const volatile void *address) {
 using namespace zvx::model;
 
 int main(int argc, char **argv) {
-    bool wide = false;
-    bool expectViolation = false;
+    std::map<std::string, bool> flags{{"--wide", false}, {"--buffers", false}, {"--expect-violation", false}};
+    std::map<std::string, double> numbers{
+        {"--preemptions", -1}, {"--turns", -1}, {"--ticks", -1}, {"--random", 0}, {"--seconds", 0}};
     const char *name = nullptr;
-    double limit = 0;
-    long preemptions = -1;
-    long turns = -1;
-    long ticks = -1;
     for (int i = 1; i < argc; ++i) {
-        const std::string option = argv[i];
-        const bool more = i + 1 < argc;
-        if (option == "--wide") {
-            wide = true;
-        } else if (option == "--buffers") {
-            gBuffering = true;
-        } else if (option == "--expect-violation") {
-            expectViolation = true;
-        } else if (option == "--preemptions" && more) {
-            preemptions = std::atol(argv[++i]);
-        } else if (option == "--turns" && more) {
-            turns = std::atol(argv[++i]);
-        } else if (option == "--ticks" && more) {
-            ticks = std::atol(argv[++i]);
-        } else if (option == "--random" && more) {
-            gRandom = std::strtoull(argv[++i], nullptr, 10);
-        } else if (option == "--seconds" && more) {
-            limit = std::atof(argv[++i]);
-        } else {
+        if (const auto flag = flags.find(argv[i]); flag != flags.end())
+            flag->second = true;
+        else if (const auto number = numbers.find(argv[i]); number != numbers.end() && i + 1 < argc)
+            number->second = std::atof(argv[++i]);
+        else
             name = argv[i];
-        }
     }
+    gBuffering = flags["--buffers"];
+    gRandom = static_cast<uint64_t>(numbers["--random"]);
+    const bool expectViolation = flags["--expect-violation"];
     for (uint32_t i = 0; name != nullptr && i < gNumScenarios; ++i)
         if (std::strcmp(gScenarios[i].Name, name) == 0) gScenario = &gScenarios[i];
     if (gScenario == nullptr) {
@@ -772,13 +731,16 @@ int main(int argc, char **argv) {
     void *memory = mmap(nullptr, sizeof(SharedState), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) return 1;
     gShared = static_cast<SharedState *>(memory);
-    gBounds = wide ? gScenario->Wide : gScenario->Quick;
-    if (preemptions >= 0) gBounds.Preemptions = static_cast<uint32_t>(preemptions);
-    if (turns >= 0) gBounds.Turns = static_cast<uint32_t>(turns);
-    if (ticks >= 0) gBounds.Ticks = static_cast<uint32_t>(ticks);
+    gBounds = flags["--wide"] ? gScenario->Wide : gScenario->Quick;
+    const auto bound = [&](const char *option, uint32_t *value) {
+        if (numbers[option] >= 0) *value = static_cast<uint32_t>(numbers[option]);
+    };
+    bound("--preemptions", &gBounds.Preemptions);
+    bound("--turns", &gBounds.Turns);
+    bound("--ticks", &gBounds.Ticks);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     BuildScenario();
-    const Outcome outcome = Search(limit);
+    const Outcome outcome = Search(numbers["--seconds"]);
     if (outcome >= kViolated) {
         std::printf("%s: %s\n", expectViolation ? "as expected" : "violated", gShared->Text);
         if (!expectViolation) PrintRun();

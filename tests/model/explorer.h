@@ -41,32 +41,32 @@ struct Bounds {
     uint32_t Ticks;  // waits in a port that may end early because time passes while others run
 };
 
-// Setup runs once, in the parent, with an initialised library. Finished is asked when every scheduler is blocked in its
-// port and nothing will end the wait but the time; until it says true time passes, which is bounded. Check then looks
-// at the outcome. None of them may be preempted.
+// Setup runs once, in the parent, with an initialised library and its schedulers, at most four. Check (may be null)
+// looks at the outcome of a run. Neither may be preempted.
 struct Scenario {
     const char *Name;
+    uint32_t Schedulers;
+    uint32_t PortWaitMs;
     void (*Setup)();
-    bool (*Finished)();
     void (*Check)();
     Bounds Quick;
     Bounds Wide;
 };
 extern const Scenario gScenarios[];
 extern const uint32_t gNumScenarios;
+// Before every Setup.
+void BeginScenario();
+// Asked when every scheduler is blocked in its port and nothing will end the wait but the time; until it says true time
+// passes, which is bounded.
+bool AllEnded();
 
 // ---- For Setup ---------------------------------------------------------------------------------------
 
-// A scheduler of the fixture that takes part; the first has index 0. At most four.
-Scheduler *AddScheduler();
 // Something that happens by itself, once, when `enabled` says that it can; seen by schedulers through `word`.
 void AddEvent(const char *name, std::function<bool()> enabled, std::function<void()> fire, const void *word);
 // Lets everybody run until all are blocked, without any choice. The search starts afterwards, with nobody blocked.
 void RunToRest();
-// `word` is no part of a protocol: no choices there.
-void Ignore(const void *word);
-// How `word` is called in the list of a failing schedule.
-void NameWord(const void *word, const std::string &name);
+// How the words of `F` are called in the list of a failing schedule.
 void NameFiber(const Fiber *F, const std::string &name);
 
 // ---- Anywhere ----------------------------------------------------------------------------------------

@@ -7,6 +7,8 @@
 
 #include <pthread.h>
 
+#include <cstring>
+
 #include "platform/os.h"
 
 namespace zvx::model {
@@ -66,12 +68,7 @@ void FlushStores() {
             continue;
         }
         NoteDelayedStore(store.Address);
-        switch (store.Bytes) {
-            case 1: *static_cast<volatile uint8_t *>(store.Address) = static_cast<uint8_t>(store.Value); break;
-            case 2: *static_cast<volatile uint16_t *>(store.Address) = static_cast<uint16_t>(store.Value); break;
-            case 4: *static_cast<volatile uint32_t *>(store.Address) = static_cast<uint32_t>(store.Value); break;
-            default: *static_cast<volatile uint64_t *>(store.Address) = store.Value; break;
-        }
+        std::memcpy(const_cast<void *>(store.Address), &store.Value, store.Bytes);  // the lowest bytes come first
     }
     gBuffered = kept;
     gInScheduler = running;
@@ -96,56 +93,48 @@ inline void BeforeLocked(const volatile void *address, const void *pc) {
     BeforeAccess(address, true, pc);
     zvx::model::FlushStores();
 }
+inline void BeforePlain(const void *at, size_t bytes) {
+    if (gBuffered != 0 && gInScheduler) zvx::model::BeforePlainStore(at, bytes);
+}
 }  // namespace
 
+#define CHANGE(bits, Int, operation, builtin)                                        \
+    HOOK Int __tsan_atomic##bits##_##operation(volatile Int *word, Int value, int) { \
+        BeforeLocked(word, PC);                                                      \
+        return __atomic_##builtin(word, value, __ATOMIC_SEQ_CST);                    \
+    }
+#define COMPARE(bits, Int, kind)                                                                                  \
+    HOOK bool __tsan_atomic##bits##_compare_exchange_##kind(volatile Int *word, Int *seen, Int value, int, int) { \
+        BeforeLocked(word, PC);                                                                                   \
+        return __atomic_compare_exchange_n(word, seen, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);         \
+    }
 // The memory orders are the compiler's: 5 is sequentially consistent.
-#define FOR_SIZE(bits, Int)                                                                                       \
-    HOOK Int __tsan_atomic##bits##_load(const volatile Int *word, int) {                                          \
-        Before(word, false, PC);                                                                                  \
-        uint64_t own;                                                                                             \
-        if (gBuffered != 0 && gInScheduler && zvx::model::ReadDelayed(word, &own)) return static_cast<Int>(own);  \
-        return __atomic_load_n(word, __ATOMIC_SEQ_CST);                                                           \
-    }                                                                                                             \
-    HOOK void __tsan_atomic##bits##_store(volatile Int *word, Int value, int order) {                             \
-        if (gBuffering && gInScheduler && order != __ATOMIC_SEQ_CST) {                                            \
-            zvx::model::DelayStore(word, value, sizeof(Int));                                                     \
-            return;                                                                                               \
-        }                                                                                                         \
-        BeforeLocked(word, PC);                                                                                   \
-        __atomic_store_n(word, value, __ATOMIC_SEQ_CST);                                                          \
-    }                                                                                                             \
-    HOOK Int __tsan_atomic##bits##_exchange(volatile Int *word, Int value, int) {                                 \
-        BeforeLocked(word, PC);                                                                                   \
-        return __atomic_exchange_n(word, value, __ATOMIC_SEQ_CST);                                                \
-    }                                                                                                             \
-    HOOK Int __tsan_atomic##bits##_fetch_add(volatile Int *word, Int value, int) {                                \
-        BeforeLocked(word, PC);                                                                                   \
-        return __atomic_fetch_add(word, value, __ATOMIC_SEQ_CST);                                                 \
-    }                                                                                                             \
-    HOOK Int __tsan_atomic##bits##_fetch_sub(volatile Int *word, Int value, int) {                                \
-        BeforeLocked(word, PC);                                                                                   \
-        return __atomic_fetch_sub(word, value, __ATOMIC_SEQ_CST);                                                 \
-    }                                                                                                             \
-    HOOK Int __tsan_atomic##bits##_fetch_and(volatile Int *word, Int value, int) {                                \
-        BeforeLocked(word, PC);                                                                                   \
-        return __atomic_fetch_and(word, value, __ATOMIC_SEQ_CST);                                                 \
-    }                                                                                                             \
-    HOOK Int __tsan_atomic##bits##_fetch_or(volatile Int *word, Int value, int) {                                 \
-        BeforeLocked(word, PC);                                                                                   \
-        return __atomic_fetch_or(word, value, __ATOMIC_SEQ_CST);                                                  \
-    }                                                                                                             \
-    HOOK bool __tsan_atomic##bits##_compare_exchange_strong(volatile Int *word, Int *seen, Int value, int, int) { \
-        BeforeLocked(word, PC);                                                                                   \
-        return __atomic_compare_exchange_n(word, seen, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);         \
-    }                                                                                                             \
-    HOOK bool __tsan_atomic##bits##_compare_exchange_weak(volatile Int *word, Int *seen, Int value, int, int) {   \
-        BeforeLocked(word, PC);                                                                                   \
-        return __atomic_compare_exchange_n(word, seen, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);         \
-    }                                                                                                             \
-    HOOK Int __tsan_atomic##bits##_compare_exchange_val(volatile Int *word, Int seen, Int value, int, int) {      \
-        BeforeLocked(word, PC);                                                                                   \
-        __atomic_compare_exchange_n(word, &seen, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);               \
-        return seen;                                                                                              \
+#define FOR_SIZE(bits, Int)                                                                                      \
+    HOOK Int __tsan_atomic##bits##_load(const volatile Int *word, int) {                                         \
+        Before(word, false, PC);                                                                                 \
+        uint64_t own;                                                                                            \
+        if (gBuffered != 0 && gInScheduler && zvx::model::ReadDelayed(word, &own)) return static_cast<Int>(own); \
+        return __atomic_load_n(word, __ATOMIC_SEQ_CST);                                                          \
+    }                                                                                                            \
+    HOOK void __tsan_atomic##bits##_store(volatile Int *word, Int value, int order) {                            \
+        if (gBuffering && gInScheduler && order != __ATOMIC_SEQ_CST) {                                           \
+            zvx::model::DelayStore(word, value, sizeof(Int));                                                    \
+            return;                                                                                              \
+        }                                                                                                        \
+        BeforeLocked(word, PC);                                                                                  \
+        __atomic_store_n(word, value, __ATOMIC_SEQ_CST);                                                         \
+    }                                                                                                            \
+    CHANGE(bits, Int, exchange, exchange_n)                                                                      \
+    CHANGE(bits, Int, fetch_add, fetch_add)                                                                      \
+    CHANGE(bits, Int, fetch_sub, fetch_sub)                                                                      \
+    CHANGE(bits, Int, fetch_and, fetch_and)                                                                      \
+    CHANGE(bits, Int, fetch_or, fetch_or)                                                                        \
+    COMPARE(bits, Int, strong)                                                                                   \
+    COMPARE(bits, Int, weak)                                                                                     \
+    HOOK Int __tsan_atomic##bits##_compare_exchange_val(volatile Int *word, Int seen, Int value, int, int) {     \
+        BeforeLocked(word, PC);                                                                                  \
+        __atomic_compare_exchange_n(word, &seen, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);              \
+        return seen;                                                                                             \
     }
 FOR_SIZE(8, uint8_t)
 FOR_SIZE(16, uint16_t)
@@ -157,21 +146,14 @@ HOOK void __tsan_atomic_thread_fence(int order) {
 }
 HOOK void __tsan_atomic_signal_fence(int) {}
 
-#define FOR_PLAIN(bytes)                                                             \
-    HOOK void __tsan_read##bytes(void *) {}                                          \
-    HOOK void __tsan_unaligned_read##bytes(void *) {}                                \
-    HOOK void __tsan_write##bytes(void *at) {                                        \
-        if (gBuffered != 0 && gInScheduler) zvx::model::BeforePlainStore(at, bytes); \
-    }                                                                                \
-    HOOK void __tsan_unaligned_write##bytes(void *at) {                              \
-        if (gBuffered != 0 && gInScheduler) zvx::model::BeforePlainStore(at, bytes); \
-    }                                                                                \
-    HOOK void __tsan_read_write##bytes(void *at) {                                   \
-        __tsan_write##bytes(at);                                                     \
-    }                                                                                \
-    HOOK void __tsan_unaligned_read_write##bytes(void *at) {                         \
-        __tsan_write##bytes(at);                                                     \
+#define WRITE(kind, bytes)                     \
+    HOOK void __tsan_##kind##bytes(void *at) { \
+        BeforePlain(at, bytes);                \
     }
+#define FOR_PLAIN(bytes)                              \
+    HOOK void __tsan_read##bytes(void *) {}           \
+    HOOK void __tsan_unaligned_read##bytes(void *) {} \
+    WRITE(write, bytes) WRITE(unaligned_write, bytes) WRITE(read_write, bytes) WRITE(unaligned_read_write, bytes)
 FOR_PLAIN(1)
 FOR_PLAIN(2)
 FOR_PLAIN(4)
@@ -179,7 +161,7 @@ FOR_PLAIN(8)
 FOR_PLAIN(16)
 HOOK void __tsan_read_range(void *, size_t) {}
 HOOK void __tsan_write_range(void *at, size_t bytes) {
-    if (gBuffered != 0 && gInScheduler) zvx::model::BeforePlainStore(at, bytes);
+    BeforePlain(at, bytes);
 }
 HOOK void __tsan_vptr_update(void **, void *) {}
 HOOK void __tsan_vptr_read(void **) {}

@@ -1,11 +1,8 @@
 // tests/model/scenarios.cpp - the hand-overs between schedulers, each as a small program with its property.
 //
 // A scenario is set up by running everybody to rest without choices. Its threads then wait at their gates; those that
-// are let through race with each other from the same moment. That nothing is left behind in a port is checked in every
-// scenario by the explorer, and that each comes to its end.
-#include <memory>
-#include <vector>
-
+// are let through race with each other from the same moment. That nothing is left behind in a port or a list, and that
+// everybody comes to his end, is checked in every scenario by the explorer.
 #include "alloc/alloc.h"
 #include "dedicated/dedicated.h"
 #include "explorer.h"
@@ -24,25 +21,22 @@ namespace {
 
 namespace script = os::script;
 using Body = std::function<void(Fiber *)>;
+using Ask = std::function<void()>;  // what somebody does to gThread
 // What threads of several schedulers use: the explorer must see it.
 template <typename T>
 using Shared = std::atomic<T>;
 
-Scheduler *gS[4];
 Shared<uint32_t> gEnded;
 uint32_t gToEnd;
 
-void AddSchedulers(int n, uint32_t portWait) {
-    gPortWaitMs = portWait;
-    for (int i = 0; i < n; ++i) {
-        gS[i] = AddScheduler();
-        gS[i]->AffinityMask = 1u << i;
-    }
-}
+HANDLE gEvent, gThread;  // the thread that is asked for something; its post event
+Fiber *gTarget;          // the same thread
+Shared<bool> gTargetGone;
+Shared<uint32_t> gRoutineRuns;
 
 Fiber *AddFiber(int on, const char *name, Body body) {
     gToEnd++;
-    Fiber *F = test::NewFiber(gS[on], [body = std::move(body)](Fiber *self) {
+    Fiber *F = test::NewFiber(gSchedulers[on], [body = std::move(body)](Fiber *self) {
         body(self);
         gEnded++;
     });
@@ -51,32 +45,31 @@ Fiber *AddFiber(int on, const char *name, Body body) {
     return F;
 }
 
-DWORD RunBody(void *param) {
-    const auto *body = static_cast<Body *>(param);
-    (*body)(static_cast<Fiber *>(os::GetFiberData()));
-    return 5;
+// From a user thread: one by the library's own creation. `ends`: one of those that must come to their end.
+HANDLE CreateOn(int on, Body body, bool ends = true) {
+    auto *kept = new Body([=](Fiber *F) {
+        body(F);
+        if (ends) gEnded++;
+    });
+    const auto run = [](void *param) -> DWORD {
+        (*static_cast<Body *>(param))(static_cast<Fiber *>(os::GetFiberData()));
+        return 5;
+    };
+    return ZCreateThreadWithAffinity(nullptr, 0, run, kept, 0, nullptr, 1u << on);
 }
-
-// A thread by the library's own creation, at rest. Not one of those that must end.
-HANDLE CreateOn(int on, Body *body) {
-    return ZCreateThreadWithAffinity(nullptr, 0, RunBody, body, 0, nullptr, 1u << on);
-}
-HANDLE AddThread(int on, const char *name, Body body) {
-    static std::vector<std::unique_ptr<Body>> bodies;
-    bodies.push_back(std::make_unique<Body>(std::move(body)));
-    HANDLE thread = nullptr;
-    AddFiber(0, "maker", [&](Fiber *) { thread = CreateOn(on, bodies.back().get()); });
+// gThread, at rest.
+Fiber *AddThread(int on, const char *name, Body body, bool ends = false) {
+    gToEnd += ends;
+    AddFiber(0, "maker", [=](Fiber *) { gThread = CreateOn(on, body, ends); });
     RunToRest();
-    NameFiber(LookUpHandle(thread)->OwnerFiber, name);
-    return thread;
-}
-Fiber *ThreadOf(HANDLE thread) {
-    return LookUpHandle(thread)->OwnerFiber;
+    gTarget = LookUpHandle(gThread)->OwnerFiber;
+    NameFiber(gTarget, name);
+    return gTarget;
 }
 
 // The next record that is handed out is the next one that comes back.
 void DrainShells() {
-    while (!IsEmpty(&gFreeShells[0].Shells)) AllocFiberShell(gS[0], 0);
+    while (!IsEmpty(&gFreeShells[0].Shells)) AllocFiberShell(gSchedulers[0], 0);
 }
 
 // A fiber waits at its gate until the set-up is complete.
@@ -84,88 +77,81 @@ void Gate(Fiber *F) {
     F->WaitTimeoutMs = INFINITE;
     SchedYield(F, Yield_TIMER_WAIT);
 }
+void IdentifyAtGate(Fiber *F) {
+    IdentifyUserThread("TEST", gEvent);
+    Gate(F);
+}
 void Open(Fiber *F) {
     UnlinkTimedWaiter(SchedOf(F), F);
     MakeRunnable(SchedOf(F), F, gORQ);
 }
-
-HANDLE NewEvent() {
-    return os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+void OpenAtRest(std::initializer_list<Fiber *> fibers) {
+    RunToRest();
+    for (Fiber *F : fibers) Open(F);
 }
 
-Fiber *gTarget;
-Shared<bool> gTargetGone;
-Shared<uint32_t> gRoutineRuns;
-void CountRun() {
-    MUST(os::GetFiberData() == gTarget && !gTargetGone);
-    Sleep(4);
-    gRoutineRuns++;
+void AwaitPost() {
+    MUST(WaitForUserThreadPost(gEvent, INFINITE) == WAIT_OBJECT_0);
 }
-
-bool AllEnded() {
-    return gEnded == gToEnd;
+void NoPost() {
+    MUST(WaitForUserThreadPost(gEvent, 0) == WAIT_TIMEOUT);
 }
-
-void NothingMore() {
-    int32_t messages = 0;
-    for (Scheduler *S : gSchedulers)
-        if (S != nullptr) messages += S->ChunkTypeCount[ALLOC_FIBER_MESSAGE].load();
-    MUST(messages == 0);
+BOOL Inject() {
+    return UserThreadExecRoutine(gEvent, [] {
+        MUST(os::GetFiberData() == gTarget && !gTargetGone);
+        Sleep(4);
+        gRoutineRuns++;
+    });
+}
+void AwaitRoutine() {
+    while (gRoutineRuns == 0) Sleep(1);
+}
+void Terminate() {
+    TerminateThread(gThread, 7);
+}
+DWORD AwaitEnd() {
+    DWORD code = 0;
+    while (GetExitCodeThread(gThread, &code) && code == STILL_ACTIVE) Sleep(1);
+    CloseHandle(gThread);
+    return code;
 }
 
 // ---- 1. A message to a scheduler that goes to sleep --------------------------------------------------
 
-HANDLE gEvent;
+Shared<bool> gLast{true};
 
-// The waiter goes to sleep while the post comes.
-void SetUpWake(uint32_t portWait) {
-    AddSchedulers(2, portWait);
-    gEvent = NewEvent();
+// Posts come while their receiver goes to sleep.
+void Wake(Body post) {
     Fiber *waiter = AddFiber(1, "waiter", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        Gate(F);
-        MUST(WaitForUserThreadPost(gEvent, INFINITE) == WAIT_OBJECT_0);
+        IdentifyAtGate(F);
+        do AwaitPost();
+        while (!gLast);
     });
-    RunToRest();
-    Open(waiter);
-    AddFiber(0, "poster", [](Fiber *) { MUST(PostUserThread(gEvent)); });
+    OpenAtRest({waiter});
+    AddFiber(0, "poster", std::move(post));
 }
-void WakeShort() {
-    SetUpWake(1);
+void WakeByOne() {
+    Wake([](Fiber *) { MUST(PostUserThread(gEvent)); });
 }
-void WakeLong() {
-    SetUpWake(100);
-}
-
-// Two senders, of a list of posts and of a new thread, and a receiver that goes to sleep.
-void TwoSenders(uint32_t portWait) {
-    AddSchedulers(3, portWait);
-    gEvent = NewEvent();
-    Fiber *waiter = AddFiber(1, "waiter", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        Gate(F);
-        MUST(WaitForUserThreadPost(gEvent, INFINITE) == WAIT_OBJECT_0);
-    });
-    RunToRest();
-    Open(waiter);
-    AddFiber(0, "poster", [](Fiber *) {
+// Two senders, of a list of posts and of a new thread.
+void WakeByTwo() {
+    Wake([](Fiber *) {
         const HANDLE events[] = {gEvent, nullptr};
         MUST(PostMultipleUserThreads(events) == -1);
     });
     gToEnd++;
-    AddFiber(2, "creator", [](Fiber *) {
-        static Body body = [](Fiber *F) {
-            MUST(SchedOf(F) == gS[1]);
-            gEnded++;
-        };
-        MUST(CreateOn(1, &body) != nullptr);
+    AddFiber(2, "creator",
+             [](Fiber *) { MUST(CreateOn(1, [](Fiber *F) { MUST(SchedOf(F) == gSchedulers[1]); }) != nullptr); });
+}
+// More posts than a lane holds: some go as messages. The last one is not lost.
+void WakeByMany() {
+    gLast = false;
+    Wake([](Fiber *) {
+        for (uint32_t i = 0; i <= kLaneSlots; ++i) {
+            gLast = i == kLaneSlots;
+            MUST(PostUserThread(gEvent));
+        }
     });
-}
-void TwoSendersShort() {
-    TwoSenders(1);
-}
-void TwoSendersLong() {
-    TwoSenders(100);
 }
 
 // ---- 2. Posts ----------------------------------------------------------------------------------------
@@ -174,18 +160,14 @@ Shared<uint32_t> gPosts, gTaken, gNeeded;
 
 // A post against the end of the wait. Posts that no wait has consumed yet count once, others count each.
 void PostAgainstTimeout() {
-    AddSchedulers(2, 100);
-    gEvent = NewEvent();
     Fiber *waiter = AddFiber(1, "waiter", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        Gate(F);
+        IdentifyAtGate(F);
         while (gTaken < gNeeded || gPosts < 2)
             if (WaitForUserThreadPost(gEvent, 2) == WAIT_OBJECT_0) MUST(++gTaken <= gPosts);
-        MUST(WaitForUserThreadPost(gEvent, 0) == WAIT_TIMEOUT);
+        NoPost();
     });
-    RunToRest();
     gNeeded = 1;
-    Open(waiter);
+    OpenAtRest({waiter});
     AddFiber(0, "poster", [](Fiber *) {
         for (uint32_t i = 0; i < 2; ++i) {
             if (gTaken == gPosts)
@@ -197,83 +179,28 @@ void PostAgainstTimeout() {
     });
 }
 
-// More posts than a lane holds: some go as messages. The last one is not lost.
-void ManyPosts() {
-    AddSchedulers(2, 100);
-    gEvent = NewEvent();
-    static Shared<bool> last;
-    Fiber *waiter = AddFiber(1, "waiter", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        Gate(F);
-        while (!last) MUST(WaitForUserThreadPost(gEvent, INFINITE) == WAIT_OBJECT_0);
-    });
-    RunToRest();
-    Open(waiter);
-    AddFiber(0, "poster", [](Fiber *) {
-        for (uint32_t i = 0; i <= kLaneSlots; ++i) {
-            last = i == kLaneSlots;
-            MUST(PostUserThread(gEvent));
-        }
-    });
-}
-
 // A thread that waits for a post runs a routine meanwhile: the post is there afterwards.
 void PostAndRoutine() {
-    AddSchedulers(2, 100);
-    gEvent = NewEvent();
-    Fiber *waiter = gTarget = AddFiber(1, "waiter", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        Gate(F);
-        MUST(WaitForUserThreadPost(gEvent, INFINITE) == WAIT_OBJECT_0);
-        MUST(WaitForUserThreadPost(gEvent, 0) == WAIT_TIMEOUT);
-        while (gRoutineRuns == 0) Sleep(1);
+    gTarget = AddFiber(1, "waiter", [](Fiber *F) {
+        IdentifyAtGate(F);
+        AwaitPost();
+        NoPost();
+        AwaitRoutine();
     });
-    RunToRest();
-    Open(waiter);
+    OpenAtRest({gTarget});
     AddFiber(0, "sender", [](Fiber *) {
-        MUST(UserThreadExecRoutine(gEvent, CountRun));
+        MUST(Inject());
         MUST(PostUserThread(gEvent));
     });
-}
-
-// A thread ends while it is posted, and its record becomes another thread's, which was never posted.
-void PostAndReuse(int secondOn) {
-    AddSchedulers(2, 100);
-    gEvent = NewEvent();
-    static const HANDLE other = NewEvent();
-    const HANDLE first = AddThread(1, "first", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        Gate(F);
-    });
-    Fiber *F = ThreadOf(first);
-    Fiber *again = AddFiber(1, "again", [=](Fiber *self) {
-        Gate(self);
-        static Body body = [](Fiber *second) {
-            IdentifyUserThread("TEST", other);
-            MUST(WaitForUserThreadPost(other, 0) == WAIT_TIMEOUT);
-            Sleep(2);
-            MUST(second->PostPending == 0);
-            gEnded++;
-        };
-        CreateOn(secondOn, &body);
-    });
-    RunToRest();
-    gToEnd++;
-    Open(F);
-    Open(again);
-    AddFiber(0, "poster", [](Fiber *) { PostUserThread(gEvent); });
-    DrainShells();
-}
-void PostAndReuseFar() {
-    PostAndReuse(1);
-}
-void PostAndReuseNear() {
-    PostAndReuse(0);
 }
 
 CRITICAL_SECTION gSection;
 Shared<uint32_t> gInside;
 
+void MakeSection() {
+    AddFiber(0, "init", [](Fiber *) { InitializeCriticalSection(&gSection); });
+    RunToRest();
+}
 void UseSection() {
     EnterCriticalSection(&gSection);
     MUST(++gInside == 1);
@@ -284,19 +211,15 @@ void UseSection() {
 
 // Two threads want a section, and one of them is posted by the other meanwhile: the post is for its next wait.
 void SectionAndPost() {
-    AddSchedulers(2, 100);
-    gEvent = NewEvent();
+    MakeSection();
     Fiber *near = AddFiber(0, "near", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        InitializeCriticalSection(&gSection);
-        Gate(F);
+        IdentifyAtGate(F);
         UseSection();
         UseSection();
-        MUST(WaitForUserThreadPost(gEvent, INFINITE) == WAIT_OBJECT_0);
-        MUST(WaitForUserThreadPost(gEvent, 0) == WAIT_TIMEOUT);
+        AwaitPost();
+        NoPost();
     });
-    RunToRest();
-    Open(near);
+    OpenAtRest({near});
     AddFiber(1, "far", [](Fiber *) {
         UseSection();
         PostUserThread(gEvent);
@@ -306,114 +229,88 @@ void SectionAndPost() {
 
 // One leaves a section while another comes.
 void SectionAndSection() {
-    AddSchedulers(2, 100);
-    AddFiber(0, "init", [](Fiber *) { InitializeCriticalSection(&gSection); });
-    RunToRest();
+    MakeSection();
     for (int i = 0; i < 2; ++i) AddFiber(i, i == 0 ? "near" : "far", [](Fiber *) { UseSection(); });
 }
 
-// A waiter of a section is ended while it may have been posted: the next one must get the section.
-void SectionAndEnd() {
-    AddSchedulers(2, 100);
-    AddFiber(0, "init", [](Fiber *) { InitializeCriticalSection(&gSection); });
-    RunToRest();
-    static const HANDLE victim = AddThread(1, "victim", [](Fiber *F) {
-        Gate(F);
-        UseSection();
-    });
-    Fiber *holder = AddFiber(0, "holder", [](Fiber *F) {
-        EnterCriticalSection(&gSection);
-        Gate(F);
-        LeaveCriticalSection(&gSection);
-    });
-    Fiber *next = AddFiber(1, "next", [](Fiber *F) {
-        Gate(F);
-        UseSection();
-    });
-    RunToRest();
-    Open(ThreadOf(victim));
-    RunToRest();
-    Open(next);
-    RunToRest();
-    Open(holder);
-    AddFiber(0, "terminator", [](Fiber *) {
-        TerminateThread(victim, 7);
-        CloseHandle(victim);
-    });
-}
+Shared<uint32_t> gNextGot;
 
-// A waiter of a section runs a routine while it may have been posted: both waiters get the section.
-void SectionAndRoutine() {
-    AddSchedulers(2, 100);
-    gEvent = NewEvent();
-    AddFiber(0, "init", [](Fiber *) { InitializeCriticalSection(&gSection); });
+// The first in a line and a next one wait already, and something is done to the first while what they wait for comes.
+// `ends`: the first one does not.
+void TwoInLine(void (*use)(), bool ends, bool routine, Ask ask) {
+    Fiber *first = AddThread(
+        1, "first",
+        [=](Fiber *F) {
+            IdentifyAtGate(F);
+            use();
+            if (routine) AwaitRoutine();
+        },
+        !ends);
+    Fiber *next = AddFiber(1, "next", [=](Fiber *F) {
+        Gate(F);
+        use();
+        gNextGot = 1;
+    });
+    OpenAtRest({first});
+    OpenAtRest({next});
     RunToRest();
+    AddFiber(0, "sender", [=](Fiber *) { ask(); });
+}
+// It may have been posted that it is its turn: the next one gets the section all the same, and, if it can, the first.
+void SectionAnd(bool ends, Ask ask) {
+    MakeSection();
     Fiber *holder = AddFiber(0, "holder", [](Fiber *F) {
         EnterCriticalSection(&gSection);
         Gate(F);
         LeaveCriticalSection(&gSection);
     });
-    gTarget = AddFiber(1, "first", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        Gate(F);
-        UseSection();
-        while (gRoutineRuns == 0) Sleep(1);
-    });
-    Fiber *next = AddFiber(1, "next", [](Fiber *F) {
-        Gate(F);
-        UseSection();
-    });
-    RunToRest();
-    Open(gTarget);
-    RunToRest();
-    Open(next);
-    RunToRest();
-    AddFiber(0, "sender", [](Fiber *) { MUST(UserThreadExecRoutine(gEvent, CountRun)); });
+    TwoInLine(UseSection, ends, !ends, std::move(ask));
     Open(holder);
 }
 
 // ---- 3. Cancel against completion --------------------------------------------------------------------
 
+void EndOfRead(const char *name, OVERLAPPED *ov) {
+    AddEvent(
+        name, [=] { return script::RunningOn(ov) != nullptr; }, [=] { script::EndOperation(ov, STATUS_SUCCESS, 1); },
+        gSchedulers[1]->Io->Tail);
+}
+
 Fiber *gAgain;
 
 // A thread in a read is terminated while the read ends; the thread that gets its record reads as well.
 void CancelAgainstEnd(bool foreign, bool hold) {
-    AddSchedulers(2, 100);
     static PSEHAND *entries[2];
-    for (PSEHAND *&entry : entries) entry = test::NewEntry(gS[foreign ? 0 : 1], PHAND_HTYPE_CreateFileA);
+    for (PSEHAND *&entry : entries) entry = test::NewEntry(gSchedulers[foreign ? 0 : 1], PHAND_HTYPE_CreateFileA);
     script::gScript.HoldCancels = hold;
-    static const HANDLE victim = AddThread(1, "victim", [](Fiber *F) {
-        Gate(F);
+    static Fiber *F = AddThread(1, "victim", [](Fiber *self) {
+        Gate(self);
         // The other one runs as soon as this one ends.
-        TermCleanupFuncSet(F, [](Fiber *, Scheduler *, uintptr_t *, uint32_t) { Open(gAgain); });
-        test::ReadOn(F, entries[0]);
+        TermCleanupFuncSet(self, [](Fiber *, Scheduler *, uintptr_t *, uint32_t) { Open(gAgain); });
+        test::ReadOn(self, entries[0]);
     });
-    static Fiber *F = gTarget = ThreadOf(victim);
     static uint32_t generation = Generation(F);
     static Fiber *second;
     static bool secondEnded;
     gAgain = AddFiber(1, "again", [](Fiber *self) {
         Gate(self);
         while (F->State != FSTATE_EXITED && Generation(F) == generation) SchedYield(self, Yield_SCHED);
-        static Body body = [](Fiber *reader) {
+        CreateOn(1, [](Fiber *reader) {
             second = reader;
             MUST(test::ReadOn(reader, entries[1]) == STATUS_SUCCESS);
             MUST(secondEnded && reader->OwnOvs[0].Ov.InternalHigh == 2);
-            gEnded++;
-        };
-        CreateOn(1, &body);
+        });
     });
-    RunToRest();
     gToEnd++;
-    Open(F);
+    OpenAtRest({F});
     RunToRest();
     AddFiber(0, "terminator", [](Fiber *) {
-        TerminateThread(victim, 7);
-        CloseHandle(victim);
+        Terminate();
+        CloseHandle(gThread);
     });
     AddEvent(
         "the first read ends", [] { return script::RunningOn(&F->OwnOvs[0].Ov) == HandleValue(entries[0]); },
-        [] { script::EndOperation(&F->OwnOvs[0].Ov, STATUS_SUCCESS, 1); }, gS[1]->Io->Tail);
+        [] { script::EndOperation(&F->OwnOvs[0].Ov, STATUS_SUCCESS, 1); }, gSchedulers[1]->Io->Tail);
     AddEvent(
         "the second read ends",
         [] { return second != nullptr && script::RunningOn(&second->OwnOvs[0].Ov) == HandleValue(entries[1]); },
@@ -424,139 +321,92 @@ void CancelAgainstEnd(bool foreign, bool hold) {
         nullptr);
     DrainShells();
 }
+// No packet is taken for a record that has been given to somebody else since.
+void NoPacketOwed() {
+    for (const FIBEROVERLAPPED &rec : gTarget->OwnOvs) MUST(rec.Io.PacketsQueued == 0 && rec.SkipPackets == 0);
+}
 
-// A thread in a read runs a routine, which reads as well, while either read ends.
+// A thread in a read runs a routine while the read ends.
 void ReadAndRoutine() {
-    AddSchedulers(2, 100);
-    gEvent = NewEvent();
-    static PSEHAND *entries[2];
-    for (PSEHAND *&entry : entries) entry = test::NewEntry(gS[1], PHAND_HTYPE_CreateFileA);
+    static PSEHAND *entry = test::NewEntry(gSchedulers[1], PHAND_HTYPE_CreateFileA);
     gTarget = AddFiber(1, "reader", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        Gate(F);
-        MUST(test::ReadOn(F, entries[0]) == STATUS_SUCCESS && F->OwnOvs[0].Ov.InternalHigh == 1);
-        while (gRoutineRuns == 0) Sleep(1);
+        IdentifyAtGate(F);
+        MUST(test::ReadOn(F, entry) == STATUS_SUCCESS && F->OwnOvs[0].Ov.InternalHigh == 1);
+        AwaitRoutine();
     });
+    OpenAtRest({gTarget});
     RunToRest();
-    Open(gTarget);
-    RunToRest();
-    AddFiber(0, "sender", [](Fiber *) { MUST(UserThreadExecRoutine(gEvent, CountRun)); });
-    AddEvent(
-        "the read ends", [] { return script::RunningOn(&gTarget->OwnOvs[0].Ov) != nullptr; },
-        [] { script::EndOperation(&gTarget->OwnOvs[0].Ov, STATUS_SUCCESS, 1); }, gS[1]->Io->Tail);
+    AddFiber(0, "sender", [](Fiber *) { MUST(Inject()); });
+    EndOfRead("the read ends", &gTarget->OwnOvs[0].Ov);
 }
 
 // A thread waits alertably for two reads with routines, and is asked for something meanwhile. Each routine runs once,
 // or not at all when the thread is ended.
 Shared<uint32_t> gCompletions[2];
 OVERLAPPED gReads[2];
-void Alertable(const std::function<void(HANDLE thread)> &ask) {
-    AddSchedulers(2, 100);
-    gEvent = NewEvent();
-    static const HANDLE thread = AddThread(1, "reader", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
+void Alertable(Ask ask) {
+    AddThread(1, "reader", [](Fiber *F) {
         const HANDLE file = CreateFileA("name", GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
         static char buffer[2];
         for (int i = 0; i < 2; ++i)
             MUST(ReadFileEx(file, buffer + i, 1, &gReads[i],
                             [](DWORD, DWORD, OVERLAPPED *ov) { gCompletions[ov - gReads]++; }));
-        Gate(F);
+        IdentifyAtGate(F);
         while (gCompletions[0] + gCompletions[1] < 2) SleepEx(10, TRUE);
         UnidentifyUserThread(0);
         CloseHandle(file);
         gTargetGone = true;
     });
-    gTarget = ThreadOf(thread);
-    RunToRest();
-    Open(gTarget);
-    AddFiber(0, "sender", [ask](Fiber *) {
-        ask(thread);
-        DWORD code = 0;
-        while (GetExitCodeThread(thread, &code) && code == STILL_ACTIVE) Sleep(1);
+    OpenAtRest({gTarget});
+    AddFiber(0, "sender", [=](Fiber *) {
+        ask();
+        const DWORD code = AwaitEnd();
         for (Shared<uint32_t> &count : gCompletions) MUST(code == 7 ? count <= 1 : count == 1);
-        CloseHandle(thread);
     });
-    for (int i = 0; i < 2; ++i) {
-        OVERLAPPED *ov = &OvOfLink(i == 0 ? gTarget->FileOvs.Ends.Next : gTarget->FileOvs.Ends.Prev)->Ov;
-        AddEvent(
-            i == 0 ? "the first read ends" : "the second read ends", [ov] { return script::RunningOn(ov) != nullptr; },
-            [ov] { script::EndOperation(ov, STATUS_SUCCESS, 1); }, i == 0 ? gS[1]->Io->Tail : nullptr);
-    }
-}
-void AlertableAgainstRoutine() {
-    Alertable([](HANDLE) { UserThreadExecRoutine(gEvent, CountRun); });
-}
-void AlertableAgainstTerminate() {
-    Alertable([](HANDLE handle) { TerminateThread(handle, 7); });
-}
-
-void CancelHere() {
-    CancelAgainstEnd(false, false);
-}
-void CancelHeld() {
-    CancelAgainstEnd(false, true);
-}
-void CancelForeign() {
-    CancelAgainstEnd(true, true);
-}
-// No packet is taken for a record that has been given to somebody else since.
-void NoPacketOwed() {
-    for (const FIBEROVERLAPPED &rec : gTarget->OwnOvs) MUST(rec.Io.PacketsQueued == 0 && rec.SkipPackets == 0);
-    NothingMore();
+    EndOfRead("the first read ends", &OvOfLink(gTarget->FileOvs.Ends.Next)->Ov);
+    EndOfRead("the second read ends", &OvOfLink(gTarget->FileOvs.Ends.Prev)->Ov);
 }
 
 // ---- 4. Exit against message -------------------------------------------------------------------------
 
 // A thread ends while something is asked of it; its record becomes another thread's, of which nothing was asked.
-void ExitAgainst(const std::function<void(HANDLE thread)> &ask) {
-    AddSchedulers(2, 100);
-    gEvent = NewEvent();
-    static const HANDLE victim = AddThread(1, "victim", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        Gate(F);
+void ExitAgainst(Ask ask, int secondOn = 1) {
+    static const HANDLE other = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    AddThread(1, "victim", [](Fiber *F) {
+        IdentifyAtGate(F);
         UnidentifyUserThread(0);
         gTargetGone = true;
     });
-    gTarget = ThreadOf(victim);
-    Fiber *again = AddFiber(1, "again", [](Fiber *self) {
+    Fiber *again = AddFiber(1, "again", [=](Fiber *self) {
         Gate(self);
-        static Body body = [](Fiber *second) {
+        CreateOn(secondOn, [](Fiber *second) {
+            IdentifyUserThread("TEST", other);
             for (int i = 0; i < 2; ++i) {
                 MUST(second->SuspendRequests.load() == 0 && second->SuspendCount.load() == 0);
                 MUST((second->Flags & (FIBER_TERMINATE | FIBER_EXEC_PENDING)) == 0);
+                MUST(WaitForUserThreadPost(other, 0) == WAIT_TIMEOUT && second->PostPending == 0);
                 Sleep(2);
             }
-            gEnded++;
-        };
-        CreateOn(1, &body);
+        });
     });
-    RunToRest();
     gToEnd++;
-    Open(gTarget);
-    Open(again);
-    AddFiber(0, "sender", [ask](Fiber *) {
-        ask(victim);
-        CloseHandle(victim);
+    OpenAtRest({gTarget, again});
+    AddFiber(0, "sender", [=](Fiber *) {
+        ask();
+        CloseHandle(gThread);
     });
     DrainShells();
 }
 void ExitAgainstSuspend() {
-    ExitAgainst([](HANDLE thread) {
-        if (SuspendThread(thread) == 0xFFFFFFFF) return;
+    ExitAgainst([] {
+        if (SuspendThread(gThread) == 0xFFFFFFFF) return;
         MayStop();
-        ResumeThread(thread);
+        ResumeThread(gThread);
     });
-}
-void ExitAgainstTerminate() {
-    ExitAgainst([](HANDLE thread) { TerminateThread(thread, 7); });
-}
-void ExitAgainstRoutine() {
-    ExitAgainst([](HANDLE) { UserThreadExecRoutine(gEvent, CountRun); });
 }
 
 // An entry that was looked up stands until the next yield, whatever happens to its handle.
 void CloseAgainstLookUp() {
-    AddSchedulers(2, 100);
     static const HANDLE file = script::NewFile();
     Fiber *reader = AddFiber(0, "reader", [](Fiber *F) {
         Gate(F);
@@ -573,18 +423,17 @@ void CloseAgainstLookUp() {
         Gate(F);
         CloseHandle(file);
         for (int i = 0; i < 3; ++i) {
-            FreeHandleEntry(AllocHandleEntry(gS[1], 0), gS[1]);  // the same memory, as soon as it is free
-            gS[1]->SelectPasses = kFullSweepPasses + 1;
+            Scheduler *S = gSchedulers[1];
+            FreeHandleEntry(AllocHandleEntry(S, 0), S);  // the same memory, as soon as it is free
+            S->SelectPasses = kFullSweepPasses + 1;
             SchedYield(F, Yield_USER);
         }
     });
-    PSEHAND *entry = AllocHandleEntry(gS[1], 0);
+    PSEHAND *entry = AllocHandleEntry(gSchedulers[1], 0);
     entry->Type = PHAND_HTYPE_CreateFileA;
     entry->Handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(file));
     InsertHandle(entry);
-    RunToRest();
-    Open(reader);
-    Open(closer);
+    OpenAtRest({reader, closer});
 }
 
 // ---- 5. Migration ------------------------------------------------------------------------------------
@@ -593,28 +442,26 @@ Shared<uint32_t> gProgress;
 Shared<bool> gAnswered;  // what was asked of the target has been done
 
 // While it is suspended a thread makes no progress.
-void SuspendAndResume(HANDLE thread) {
-    if (SuspendThread(thread) == 0xFFFFFFFF) return;
+void SuspendAndResume() {
+    if (SuspendThread(gThread) == 0xFFFFFFFF) return;
     const uint32_t progress = gProgress;
     MayStop();
     Sleep(3);
     MUST(gProgress == progress);
-    ResumeThread(thread);
+    ResumeThread(gThread);
 }
 
 // A thread moves to another scheduler while somebody there, or on a third one, asks something of it. It ends when that
 // has been done, so that nothing may be lost.
-void Move(int schedulers, const std::function<void(HANDLE thread)> &ask) {
-    AddSchedulers(schedulers, 100);
-    gEvent = NewEvent();
-    static const HANDLE mover = AddThread(0, "mover", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        Gate(F);
-        F->MigrateTarget = gS[1];
+void Move(int sender, Ask ask) {
+    AddThread(0, "mover", [](Fiber *F) {
+        IdentifyAtGate(F);
+        F->MigrateTarget = gSchedulers[1];
         LeaveRole(F);
-        gS[0]->SelectPasses = kFullSweepPasses + 1;  // whoever leaves is still on its stack in the pass that follows
+        // Whoever leaves is still on its stack in the pass that follows.
+        gSchedulers[0]->SelectPasses = kFullSweepPasses + 1;
         SchedYield(F, Yield_MIGRATE);
-        MUST(SchedOf(F) == gS[1]);
+        MUST(SchedOf(F) == gSchedulers[1]);
         while (!gAnswered && gRoutineRuns == 0) {
             gProgress++;
             Sleep(1);
@@ -622,154 +469,110 @@ void Move(int schedulers, const std::function<void(HANDLE thread)> &ask) {
         UnidentifyUserThread(0);
         gTargetGone = true;
     });
-    gTarget = ThreadOf(mover);
-    RunToRest();
-    Open(gTarget);
-    AddFiber(schedulers - 1, "sender", [ask](Fiber *) {
-        ask(mover);
-        DWORD code = 0;
-        while (GetExitCodeThread(mover, &code) && code == STILL_ACTIVE) Sleep(1);
-        CloseHandle(mover);
+    OpenAtRest({gTarget});
+    AddFiber(sender, "sender", [=](Fiber *) {
+        ask();
+        AwaitEnd();
     });
 }
-void SuspendOnTheWay(HANDLE thread) {
-    SuspendAndResume(thread);
+void SuspendOnTheWay() {
+    SuspendAndResume();
     gAnswered = true;
-}
-void MoveAgainstSuspend() {
-    Move(2, SuspendOnTheWay);
-}
-void MoveAgainstSuspendFromThird() {
-    Move(3, SuspendOnTheWay);
-}
-void MoveAgainstTerminate() {
-    Move(2, [](HANDLE thread) { TerminateThread(thread, 7); });
-}
-void MoveAgainstRoutine() {
-    Move(2, [](HANDLE) { UserThreadExecRoutine(gEvent, CountRun); });
 }
 
 // Two threads move to schedulers of their own, which are made for them, and a third one when they have ended.
 void MoveToOwn() {
-    AddSchedulers(2, 100);
     SetOption(su_DynamicSchedulersEnabled);
     static Shared<Fiber *> users[4];
     static Shared<int> gone;
     Fiber *movers[3];
     for (int i = 0; i < 3; ++i) {
-        const HANDLE mover = AddThread(i % 2,
-                                       i == 0   ? "first"
-                                       : i == 1 ? "second"
-                                                : "third",
-                                       [i](Fiber *F) {
-                                           Gate(F);
-                                           while (i == 2 && gone < 2) Sleep(1);
-                                           MigrateUserThread("LGWR");
-                                           const uint32_t index = SchedOf(F)->Index;
-                                           MUST(IsDynamic(SchedOf(F)) && users[index].exchange(F) == nullptr);
-                                           SchedYield(F, Yield_USER);
-                                           MUST(users[index].exchange(nullptr) == F && SchedOf(F)->Index == index);
-                                           gone++;
-                                           gEnded++;
-                                       });
-        gToEnd++;
-        movers[i] = ThreadOf(mover);
+        const auto move = [i](Fiber *F) {
+            Gate(F);
+            while (i == 2 && gone < 2) Sleep(1);
+            MigrateUserThread("LGWR");
+            const uint32_t index = SchedOf(F)->Index;
+            MUST(IsDynamic(SchedOf(F)) && users[index].exchange(F) == nullptr);
+            SchedYield(F, Yield_USER);
+            MUST(users[index].exchange(nullptr) == F && SchedOf(F)->Index == index);
+            gone++;
+        };
+        movers[i] = AddThread(i % 2, ("mover " + std::to_string(i)).c_str(), move, true);
     }
     for (Fiber *mover : movers) Open(mover);
 }
 void AllSlotsFree() {
     MUST(gNumDynamicSchedulers.load() == 0);
-    NothingMore();
 }
 
 // ---- 6. Counts of suspensions ------------------------------------------------------------------------
 
 // Two senders stop a thread and let it go on again, each for itself.
-void Suspenders(int schedulers, const std::function<void(HANDLE thread)> &second) {
-    AddSchedulers(schedulers, 100);
+void Suspenders(int sender, Ask second) {
     static Shared<int> sent;
-    gEvent = NewEvent();
-    static const HANDLE thread = AddThread(1, "target", [](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        Gate(F);
-        while (sent < 2) {
-            gProgress++;
-            SchedYield(F, Yield_USER);
-            gProgress++;
-            Sleep(1);
-        }
-        MUST(WaitForUserThreadPost(gEvent, INFINITE) == WAIT_OBJECT_0);
-        MUST(F->SuspendCount.load() == 0);
-        gEnded++;
-    });
-    gTarget = ThreadOf(thread);
-    RunToRest();
-    gToEnd++;
-    Open(gTarget);
-    const auto sender = [](const std::function<void(HANDLE)> &ask) {
-        return [ask](Fiber *) {
-            ask(thread);
+    AddThread(
+        1, "target",
+        [](Fiber *F) {
+            IdentifyAtGate(F);
+            while (sent < 2) {
+                gProgress++;
+                SchedYield(F, Yield_USER);
+                gProgress++;
+                Sleep(1);
+            }
+            AwaitPost();
+            MUST(F->SuspendCount.load() == 0);
+        },
+        true);
+    OpenAtRest({gTarget});
+    const auto send = [](int on, const char *name, Ask ask) {
+        AddFiber(on, name, [=](Fiber *) {
+            ask();
             if (++sent == 2) PostUserThread(gEvent);
-        };
+        });
     };
-    AddFiber(0, "first", sender(SuspendAndResume));
-    AddFiber(schedulers - 1, "second", sender(second));
-}
-void TwoSuspenders() {
-    Suspenders(2, SuspendAndResume);
-}
-void TwoSuspendersFromThird() {
-    Suspenders(3, SuspendAndResume);
-}
-void SuspendAndRoutine() {
-    Suspenders(2, [](HANDLE) { MUST(UserThreadExecRoutine(gEvent, CountRun)); });
-}
-void SuspendAndRoutineFromThird() {
-    Suspenders(3, [](HANDLE) { MUST(UserThreadExecRoutine(gEvent, CountRun)); });
+    send(0, "first", SuspendAndResume);
+    send(sender, "second", std::move(second));
 }
 // One suspends it, the other ends it.
 void SuspendAndTerminate() {
-    AddSchedulers(3, 100);
-    static const HANDLE thread = AddThread(1, "target", [](Fiber *F) {
+    AddThread(1, "target", [](Fiber *F) {
         Gate(F);
         for (;;) Sleep(1);
     });
-    RunToRest();
-    Open(ThreadOf(thread));
+    OpenAtRest({gTarget});
     AddFiber(0, "suspender", [](Fiber *) {
-        if (SuspendThread(thread) != 0xFFFFFFFF) ResumeThread(thread);
+        if (SuspendThread(gThread) != 0xFFFFFFFF) ResumeThread(gThread);
     });
     AddFiber(2, "terminator", [](Fiber *) {
-        TerminateThread(thread, 7);
+        Terminate();
         DWORD code = 0;
-        MUST(GetExitCodeThread(thread, &code) && code == 7);
+        MUST(GetExitCodeThread(gThread, &code) && code == 7);
     });
 }
+
 // ---- 7. Waits for objects ----------------------------------------------------------------------------
 
 HANDLE gUnits;
-Shared<uint32_t> gNextGot;
 
+void MakeUnits() {
+    gUnits = os::CreateSemaphoreA(nullptr, 0, 9, nullptr);
+}
 void Give() {
     MUST(os::ReleaseSemaphore(gUnits, 1, nullptr));
-}
-void AwaitUnit(DWORD ms) {
-    DWORD result;
-    while ((result = WaitForSingleObject(gUnits, ms)) != WAIT_OBJECT_0) MUST(result == WAIT_TIMEOUT && ms != INFINITE);
 }
 
 // Units come while waits for them run out of time, on both sides.
 void ObjectAndTimeout() {
-    AddSchedulers(2, 100);
-    gUnits = os::CreateSemaphoreA(nullptr, 0, 9, nullptr);
+    MakeUnits();
     Fiber *waiters[2];
     for (int i = 0; i < 2; ++i)
         waiters[i] = AddFiber(i, i == 0 ? "near" : "far", [](Fiber *F) {
             Gate(F);
-            AwaitUnit(2);
+            DWORD result;
+            while ((result = WaitForSingleObject(gUnits, 2)) != WAIT_OBJECT_0) MUST(result == WAIT_TIMEOUT);
         });
-    RunToRest();
-    for (Fiber *waiter : waiters) Open(waiter);
+    OpenAtRest({waiters[0], waiters[1]});
     AddFiber(0, "giver", [](Fiber *) {
         Give();
         Sleep(1);
@@ -777,118 +580,95 @@ void ObjectAndTimeout() {
     });
 }
 
-// The first in the line and a next one wait already, and something is done to the first while a unit comes.
-void ObjectAnd(const std::function<void(HANDLE first)> &ask, bool ends, const std::function<void()> &after = [] {}) {
-    AddSchedulers(3, 100);
-    gUnits = os::CreateSemaphoreA(nullptr, 0, 9, nullptr);
-    gEvent = NewEvent();
-    static const HANDLE first = AddThread(1, "first", [=](Fiber *F) {
-        IdentifyUserThread("TEST", gEvent);
-        Gate(F);
-        AwaitUnit(INFINITE);
-        after();
-        if (!ends) gEnded++;
-    });
-    gTarget = ThreadOf(first);
-    Fiber *next = AddFiber(1, "next", [](Fiber *F) {
-        Gate(F);
-        AwaitUnit(INFINITE);
-        gNextGot = 1;
-    });
-    RunToRest();
-    if (!ends) gToEnd++;
-    Open(gTarget);
-    RunToRest();
-    Open(next);
-    RunToRest();
-    AddFiber(0, "sender", [ask](Fiber *) { ask(first); });
-}
-void AddGiver() {
-    AddFiber(2, "giver", [](Fiber *) { Give(); });
+void ObjectAnd(bool ends, bool routine, Ask ask) {
+    MakeUnits();
+    TwoInLine([] { MUST(WaitForSingleObject(gUnits, INFINITE) == WAIT_OBJECT_0); }, ends, routine, std::move(ask));
 }
 // What comes while the first one is stopped is the next one's.
 void ObjectAndSuspend() {
-    ObjectAnd(
-        [](HANDLE first) {
-            MUST(SuspendThread(first) == 0);
-            Give();
-            while (!gNextGot) Sleep(1);
-            MUST(ResumeThread(first) == 1);
-            Give();
-        },
-        false);
+    ObjectAnd(false, false, [] {
+        MUST(SuspendThread(gThread) == 0);
+        Give();
+        while (!gNextGot) Sleep(1);
+        MUST(ResumeThread(gThread) == 1);
+        Give();
+    });
 }
-void ObjectAndTerminate() {
-    ObjectAnd(
-        [](HANDLE first) {
-            TerminateThread(first, 7);
-            Give();
-        },
-        true);
-    AddGiver();
-}
-void ObjectAndRoutine() {
-    ObjectAnd(
-        [](HANDLE) {
-            MUST(UserThreadExecRoutine(gEvent, CountRun));
-            Give();
-        },
-        false,
-        [] {
-            while (gRoutineRuns == 0) Sleep(1);
-        });
-    AddGiver();
+// Of two units the first may take one before it ends.
+void ObjectAndTwoUnits(bool ends, void (*ask)()) {
+    ObjectAnd(ends, !ends, [=] {
+        ask();
+        Give();
+    });
+    AddFiber(2, "giver", [](Fiber *) { Give(); });
 }
 void NoUnitIsLeft() {
     MUST(os::WaitForSingleObject(gUnits, 0) == WAIT_TIMEOUT);
-    NothingMore();
 }
 
 void RoutineRanOnce() {
     MUST(gRoutineRuns == 1);
-    NothingMore();
+}
+void InjectSurely() {
+    MUST(Inject());
 }
 
 }  // namespace
 
+void BeginScenario() {
+    gEvent = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+}
+bool AllEnded() {
+    return gEnded == gToEnd;
+}
+
+// Short looks of a scheduler that sleeps, in place of waits that others end.
+constexpr uint32_t kShort = 1, kLong = 100;
+
 const Scenario gScenarios[] = {
-    {"wake-short", WakeShort, AllEnded, NothingMore, {2, 1, 1}, {4, 2, 2}},
-    {"wake-long", WakeLong, AllEnded, NothingMore, {2, 1, 1}, {4, 2, 2}},
-    {"senders-short", TwoSendersShort, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"senders-long", TwoSendersLong, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"post-timeout", PostAgainstTimeout, AllEnded, NothingMore, {1, 1, 1}, {2, 2, 2}},
-    {"posts-many", ManyPosts, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
-    {"post-routine", PostAndRoutine, AllEnded, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
-    {"post-reuse-far", PostAndReuseFar, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
-    {"post-reuse-near", PostAndReuseNear, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
-    {"section", SectionAndSection, AllEnded, NothingMore, {2, 1, 0}, {4, 2, 1}},
-    {"section-post", SectionAndPost, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
-    {"section-end", SectionAndEnd, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
-    {"section-routine", SectionAndRoutine, AllEnded, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
-    {"read-routine", ReadAndRoutine, AllEnded, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
-    {"alertable-routine", AlertableAgainstRoutine, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
-    {"alertable-terminate", AlertableAgainstTerminate, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
-    {"cancel", CancelHere, AllEnded, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
-    {"cancel-held", CancelHeld, AllEnded, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
-    {"cancel-foreign", CancelForeign, AllEnded, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
-    {"exit-suspend", ExitAgainstSuspend, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"exit-terminate", ExitAgainstTerminate, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"exit-routine", ExitAgainstRoutine, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"close-lookup", CloseAgainstLookUp, AllEnded, NothingMore, {1, 1, 0}, {3, 1, 1}},
-    {"move-suspend", MoveAgainstSuspend, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"move-suspend-third", MoveAgainstSuspendFromThird, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"move-terminate", MoveAgainstTerminate, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"move-routine", MoveAgainstRoutine, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"move-own", MoveToOwn, AllEnded, AllSlotsFree, {1, 1, 0}, {2, 1, 1}},
-    {"suspenders", TwoSuspenders, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"suspenders-third", TwoSuspendersFromThird, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"suspend-routine", SuspendAndRoutine, AllEnded, RoutineRanOnce, {1, 1, 0}, {2, 1, 1}},
-    {"suspend-terminate", SuspendAndTerminate, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"suspend-routine-third", SuspendAndRoutineFromThird, AllEnded, RoutineRanOnce, {1, 1, 0}, {2, 1, 1}},
-    {"object-timeout", ObjectAndTimeout, AllEnded, NoUnitIsLeft, {1, 1, 1}, {3, 2, 2}},
-    {"object-suspend", ObjectAndSuspend, AllEnded, NoUnitIsLeft, {1, 1, 0}, {2, 1, 1}},
-    {"object-terminate", ObjectAndTerminate, AllEnded, NothingMore, {1, 1, 0}, {2, 1, 1}},
-    {"object-routine", ObjectAndRoutine, AllEnded, NoUnitIsLeft, {1, 1, 0}, {2, 1, 1}},
+    {"wake-short", 2, kShort, WakeByOne, nullptr, {2, 1, 1}, {4, 2, 2}},
+    {"wake-long", 2, kLong, WakeByOne, nullptr, {2, 1, 1}, {4, 2, 2}},
+    {"senders-short", 3, kShort, WakeByTwo, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"senders-long", 3, kLong, WakeByTwo, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"post-timeout", 2, kLong, PostAgainstTimeout, nullptr, {1, 1, 1}, {2, 2, 2}},
+    {"posts-many", 2, kLong, WakeByMany, nullptr, {1, 1, 0}, {3, 1, 1}},
+    {"post-routine", 2, kLong, PostAndRoutine, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
+    {"post-reuse-far", 2, kLong, [] { ExitAgainst([] { PostUserThread(gEvent); }); }, nullptr, {1, 1, 0}, {3, 1, 1}},
+    {"post-reuse-near",
+     2,
+     kLong,
+     [] { ExitAgainst([] { PostUserThread(gEvent); }, 0); },
+     nullptr,
+     {1, 1, 0},
+     {3, 1, 1}},
+    {"section", 2, kLong, SectionAndSection, nullptr, {2, 1, 0}, {4, 2, 1}},
+    {"section-post", 2, kLong, SectionAndPost, nullptr, {1, 1, 0}, {3, 1, 1}},
+    {"section-end", 2, kLong, [] { SectionAnd(true, Terminate); }, nullptr, {1, 1, 0}, {3, 1, 1}},
+    {"section-routine", 2, kLong, [] { SectionAnd(false, InjectSurely); }, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
+    {"read-routine", 2, kLong, ReadAndRoutine, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
+    {"alertable-routine", 2, kLong, [] { Alertable(Inject); }, nullptr, {1, 1, 0}, {3, 1, 1}},
+    {"alertable-terminate", 2, kLong, [] { Alertable(Terminate); }, nullptr, {1, 1, 0}, {3, 1, 1}},
+    {"cancel", 2, kLong, [] { CancelAgainstEnd(false, false); }, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
+    {"cancel-held", 2, kLong, [] { CancelAgainstEnd(false, true); }, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
+    {"cancel-foreign", 2, kLong, [] { CancelAgainstEnd(true, true); }, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
+    {"exit-suspend", 2, kLong, ExitAgainstSuspend, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"exit-terminate", 2, kLong, [] { ExitAgainst(Terminate); }, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"exit-routine", 2, kLong, [] { ExitAgainst(Inject); }, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"close-lookup", 2, kLong, CloseAgainstLookUp, nullptr, {1, 1, 0}, {3, 1, 1}},
+    {"move-suspend", 2, kLong, [] { Move(1, SuspendOnTheWay); }, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"move-suspend-third", 3, kLong, [] { Move(2, SuspendOnTheWay); }, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"move-terminate", 2, kLong, [] { Move(1, Terminate); }, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"move-routine", 2, kLong, [] { Move(1, Inject); }, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"move-own", 2, kLong, MoveToOwn, AllSlotsFree, {1, 1, 0}, {2, 1, 1}},
+    {"suspenders", 2, kLong, [] { Suspenders(1, SuspendAndResume); }, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"suspenders-third", 3, kLong, [] { Suspenders(2, SuspendAndResume); }, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"suspend-routine", 2, kLong, [] { Suspenders(1, InjectSurely); }, RoutineRanOnce, {1, 1, 0}, {2, 1, 1}},
+    {"suspend-terminate", 3, kLong, SuspendAndTerminate, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"suspend-routine-third", 3, kLong, [] { Suspenders(2, InjectSurely); }, RoutineRanOnce, {1, 1, 0}, {2, 1, 1}},
+    {"object-timeout", 2, kLong, ObjectAndTimeout, NoUnitIsLeft, {1, 1, 1}, {3, 2, 2}},
+    {"object-suspend", 3, kLong, ObjectAndSuspend, NoUnitIsLeft, {1, 1, 0}, {2, 1, 1}},
+    {"object-terminate", 3, kLong, [] { ObjectAndTwoUnits(true, Terminate); }, nullptr, {1, 1, 0}, {2, 1, 1}},
+    {"object-routine", 3, kLong, [] { ObjectAndTwoUnits(false, InjectSurely); }, NoUnitIsLeft, {1, 1, 0}, {2, 1, 1}},
 };
 const uint32_t gNumScenarios = sizeof gScenarios / sizeof gScenarios[0];
 
