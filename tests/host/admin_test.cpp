@@ -1,16 +1,12 @@
 // tests/host/admin_test.cpp - the administrator's pipe, asked from a process that never starts the library.
-#include <gtest/gtest.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include "server.h"
+#include "support/net_peer.h"
 #include "zvxkvt/zvxkvt.h"
 
 namespace keyhost_test {
 namespace {
 
-struct Admin : testing::TestWithParam<Mode> {
-    Server Host{GetParam()};
+struct Admin : OnEachBackEnd {
     const std::string Short = "keyhost-test-" + std::to_string(getpid());
     const std::string Name = "\\\\.\\pipe\\" + Short;
 
@@ -28,19 +24,12 @@ struct Admin : testing::TestWithParam<Mode> {
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(On, Admin, testing::ValuesIn(kModes),
-                         [](const testing::TestParamInfo<Mode> &mode) { return std::string(mode.param.Name); });
+ON_EACH_BACK_END(Admin);
 
 TEST_P(Admin, CommandsClientsThatGoAndClientsThatStay) {
     ASSERT_TRUE(Host.Start({"--admin-pipe", Short})) << Host.Text();
     EXPECT_NE(Host.Text().find(Name), std::string::npos) << Host.Text();
-    // By the kernel's calls: in this program the plain names are the library's.
-    const long session = syscall(SYS_socket, AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(Host.Port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(0, syscall(SYS_connect, session, &address, sizeof address));
+    ASSERT_GE(netpeer::Connect(Host.Port), 0);
     EXPECT_TRUE(Await([&] { return Ask("sessions").find("sessions:1\r\nid=1 state=idle") == 0; })) << Ask("sessions");
     EXPECT_NE(Ask("info\n").find("process_id:" + std::to_string(Host.Child)), std::string::npos);
     EXPECT_EQ("!234", Ask("info", 10)) << "the answer does not fit";
@@ -48,6 +37,10 @@ TEST_P(Admin, CommandsClientsThatGoAndClientsThatStay) {
     EXPECT_EQ("unknown command", Ask(""));
     EXPECT_EQ("request too long", Ask(std::string(100000, 'x')));
     EXPECT_EQ("not available", Ask("migrate-lgwr"));
+    if (GetParam().Io != nullptr) {
+        EXPECT_EQ("asked:1 answered:1", Ask("probe"));
+        EXPECT_EQ("paused:1", Ask("pause"));
+    }
     EXPECT_EQ("started", Ask("checkpoint"));
     EXPECT_TRUE(Await([&] { return Ask("info").find("\ncheckpoints:1\r") != std::string::npos; }));
     // Clients that leave at every possible point, and then two that sit on both instances and say nothing.

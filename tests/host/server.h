@@ -6,6 +6,7 @@
 #define ZVX_TESTS_HOST_SERVER_H
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -23,6 +24,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -44,6 +46,15 @@ inline std::string ReadWhole(const std::string &path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
+template <typename Condition>
+bool Await(Condition condition) {
+    for (int i = 0; i < 2400; i++) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return condition();
+}
+
 struct Server {
     explicit Server(const Mode &mode) : Is(mode) {
         std::filesystem::remove_all(Folder);
@@ -57,7 +68,7 @@ struct Server {
     Server &operator=(const Server &) = delete;
 
     // False when the process ended before it was ready; Text() says why.
-    bool Start(std::vector<std::string> arguments = {}, std::vector<std::string> environment = {},
+    bool Start(const std::vector<std::string> &arguments = {}, const char *failPoint = nullptr,
                rlim_t fileLimit = RLIM_INFINITY) {
         const std::string data = Folder + "/data", out = OutFile();
         // Small log files, so that a start does not fill large ones.
@@ -75,7 +86,7 @@ struct Server {
             dup2(file, 1);
             dup2(file, 2);
             if (Is.Io != nullptr) setenv("ZVXKVT_IO", Is.Io, 1);
-            for (const std::string &text : environment) putenv(strdup(text.c_str()));
+            if (failPoint != nullptr) setenv("ZVXKVT_FAIL", failPoint, 1);
             rlimit files{};
             getrlimit(RLIMIT_NOFILE, &files);
             files.rlim_cur = files.rlim_max;
@@ -87,35 +98,29 @@ struct Server {
             execv(argv[0], argv.data());
             _exit(127);
         }
-        for (int i = 0; i < 6000; i++) {
+        Port = 0;
+        Await([&] {
             const std::string text = Text();
             const size_t at = text.find("ready on ");
-            if (at != text.npos && text.find('\n', at) != text.npos) {
+            if (at != text.npos && text.find('\n', at) != text.npos)
                 Port = static_cast<uint16_t>(std::atoi(text.c_str() + text.find(':', at) + 1));
-                return true;
-            }
-            if (Ended(WNOHANG)) return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        return false;
+            return Port != 0 || Ended(WNOHANG);
+        });
+        return Port != 0;
     }
     void Kill() {
         if (Child <= 0) return;
         kill(Child, SIGKILL);
         Ended(0);
     }
-    // The exit code after SIGTERM; -1 when it does not end within ten seconds, or ends by a signal.
+    // The exit code after SIGTERM; -1 when it does not end in time, or ends by a signal.
     int Terminate() {
         if (Child <= 0) return -1;
         kill(Child, SIGTERM);
         return AwaitEnd();
     }
     int AwaitEnd() {
-        for (int i = 0; i < 2000; i++) {
-            if (Ended(WNOHANG)) return ExitCode;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return -1;
+        return Await([&] { return Ended(WNOHANG); }) ? ExitCode : -1;
     }
     bool Ended(int flags) {
         int status = 0;
@@ -136,53 +141,42 @@ struct Server {
     uint16_t Port = 0;
 };
 
+struct OnEachBackEnd : testing::TestWithParam<Mode> {
+    Server Host{GetParam()};
+};
+#define ON_EACH_BACK_END(Suite)                               \
+    INSTANTIATE_TEST_SUITE_P(On, Suite, testing::ValuesIn(kModes), \
+                             [](const auto &mode) { return std::string(mode.param.Name); })
+
 inline std::string Request(const std::vector<std::string> &words) {
     std::string text = "*" + std::to_string(words.size()) + "\r\n";
     for (const std::string &word : words) text += "$" + std::to_string(word.size()) + "\r\n" + word + "\r\n";
     return text;
 }
 
-inline std::vector<std::string> Split(std::string_view line) {
-    std::vector<std::string> words;
-    while (!line.empty()) {
-        const size_t space = std::min(line.find(' '), line.size());
-        if (space != 0) words.emplace_back(line.substr(0, space));
-        line.remove_prefix(std::min(space + 1, line.size()));
-    }
-    return words;
-}
-
 struct Client {
-    explicit Client(const Server &server, int receiveBuffer = 0) {
+    explicit Client(const Server &server) {
         Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const timeval limit{10, 0};
         setsockopt(Fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         setsockopt(Fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
         const int on = 1;
         setsockopt(Fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        if (receiveBuffer != 0) setsockopt(Fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(server.Port);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         Connected = connect(Fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
     }
-    ~Client() { Close(); }
+    ~Client() {
+        if (Fd >= 0) close(Fd);
+    }
     Client(const Client &) = delete;
     Client &operator=(const Client &) = delete;
     Client(Client &&other) noexcept : Fd(other.Fd), Connected(other.Connected), In(std::move(other.In)) {
         other.Fd = -1;
     }
 
-    void Close() {
-        if (Fd >= 0) close(Fd);
-        Fd = -1;
-    }
-    void Reset() {
-        const linger now{1, 0};
-        setsockopt(Fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
-        Close();
-    }
     bool Send(std::string_view bytes) {
         while (!bytes.empty()) {
             const ssize_t moved = send(Fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -234,7 +228,10 @@ struct Client {
         return all + "]";
     }
     std::string Ask(const std::vector<std::string> &words) { return Send(Request(words)) ? Answer() : "closed"; }
-    std::string Ask(const std::string &line) { return Ask(Split(line)); }
+    std::string Ask(const std::string &line) {
+        std::istringstream in(line);
+        return Ask(std::vector<std::string>{std::istream_iterator<std::string>(in), {}});
+    }
     // Whether the server has closed the connection, reading what comes before.
     bool AwaitClose() {
         while (More()) {
@@ -253,15 +250,6 @@ inline long Figure(Client &client, const std::string &name) {
     const std::string info = client.Ask("INFO");
     const size_t at = info.find("\n" + name + ":");
     return at == info.npos ? -1 : std::atol(info.c_str() + at + name.size() + 2);
-}
-
-template <typename Condition>
-bool Await(Condition condition, int milliseconds = 10000) {
-    for (int i = 0; i < milliseconds / 5; i++) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return condition();
 }
 
 }  // namespace keyhost_test
