@@ -10,41 +10,24 @@
 // the first call of the process; those of the others are armed after the first round.
 #include <fcntl.h>
 
-#include <atomic>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <string>
 
-#include "alloc/alloc.h"
 #include "dedicated/dedicated.h"
 #include "diag/trace.h"
 #include "kernel/critsec.h"
 #include "kernel/file.h"
-#include "kernel/handles.h"
-#include "kernel/thread.h"
-#include "kernel/wait.h"
-#include "net/net.h"
 #include "platform/base/minidump.h"
 #include "postwait/postwait.h"
-#include "sched/sched.h"
-#include "sched/startup.h"
+#include "stress/stress.h"
 #include "support/net_peer.h"
 
 namespace {
 
 using namespace zvx;
+using stress::ChunksInUse, stress::Fail, stress::Loopback, stress::OnRoutine, stress::Routine;
 
 std::string gScenario, gFolder, gPoints;
 constexpr DWORD kLong = 30000;
-
-[[noreturn]] void Fail(const char *what, uint64_t a = 0, uint64_t b = 0) {
-    std::printf("FAILED: %s (%llu, %llu)\n", what, static_cast<unsigned long long>(a),
-                static_cast<unsigned long long>(b));
-    std::fflush(stdout);
-    std::_Exit(9);
-}
 
 // Makes a call until it succeeds. One fault makes one call fail.
 template <typename Call>
@@ -117,10 +100,7 @@ void Fill(char *block) {
 SOCKET Connect() {
     SOCKET s = INVALID_SOCKET;
     Try("socket", [&] { return (s = zvx::socket(AF_INET, SOCK_STREAM, 0)) != INVALID_SOCKET; });
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_addr.s_addr = __builtin_bswap32(0x7F000001);
-    name.sin_port = __builtin_bswap16(gPort);
+    sockaddr_in name = Loopback(gPort);
     Try("connect", [&] { return os::connect(s, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0; });
     return s;
 }
@@ -157,18 +137,12 @@ DWORD Client(void *) {
     return 11;
 }
 
-struct Routine {
-    OVERLAPPED Ov;
-    DWORD Error, Bytes, Done;
-};
-void OnReceived(DWORD error, DWORD bytes, OVERLAPPED *ov, DWORD) {
-    auto *routine = reinterpret_cast<Routine *>(ov);
-    routine->Error = error;
-    routine->Bytes = bytes;
-    routine->Done = 1;
-}
-void OnRead(DWORD error, DWORD bytes, OVERLAPPED *ov) {
-    OnReceived(error, bytes, ov, 0);
+// The bytes of an operation whose start has succeeded; 0 when its routine tells an error.
+DWORD AwaitRoutine(const char *name, const Routine &routine) {
+    for (int i = 0; i < 300 && routine.Done == 0; ++i) SleepEx(100, TRUE);
+    if (routine.Done != 1) Fail("a completion routine was lost");
+    if (routine.Error != 0) std::printf("refused %s %u\n", name, routine.Error);
+    return routine.Error == 0 ? routine.Bytes : 0;
 }
 
 void ServeSocket(SOCKET s) {
@@ -189,41 +163,48 @@ void ServeSocket(SOCKET s) {
     WSABUF one{sizeof text, text};
     DWORD flags = 0;
     Try("WSARecv", [&] {
-        return WSARecv(s, &one, 1, nullptr, &flags, &routine.Ov, OnReceived) == 0 ||
+        return WSARecv(s, &one, 1, nullptr, &flags, &routine.Ov, OnRoutine<DWORD>) == 0 ||
                os::GetLastError() == WSA_IO_PENDING;
     });
     Send(s, "x", 1);
-    for (int i = 0; i < 300 && routine.Done == 0; ++i) SleepEx(100, TRUE);
-    if (routine.Done == 0) Fail("a completion routine was lost");
-    if (routine.Error != 0) std::printf("refused WSARecv %u\n", routine.Error);
-    if (routine.Error == 0 && (routine.Bytes == 0 || text[0] != 'r')) Fail("a routine's bytes", routine.Bytes);
-    if (routine.Bytes < 7) Receive(s, text, static_cast<int>(7 - routine.Bytes));
+    const DWORD got = AwaitRoutine("WSARecv", routine);
+    if (routine.Error == 0 && (got == 0 || text[0] != 'r')) Fail("a routine's bytes", got);
+    if (got < 7) Receive(s, text, static_cast<int>(7 - got));
 }
 
-// On a free port of this machine, which *name gets.
-SOCKET Listen(sockaddr_in *name) {
+// On a free port of this machine.
+SOCKET Listen(uint16_t *port) {
     SOCKET listener = INVALID_SOCKET;
     Try("WSASocketA", [&] {
         return (listener = WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED)) != INVALID_SOCKET;
     });
-    name->sin_family = AF_INET;
-    name->sin_addr.s_addr = __builtin_bswap32(0x7F000001);
-    int length = sizeof *name;
-    Try("bind", [&] { return os::bind(listener, reinterpret_cast<sockaddr *>(name), length) == 0; });
+    sockaddr_in name = Loopback(0);
+    auto *address = reinterpret_cast<sockaddr *>(&name);
+    int length = sizeof name;
+    Try("bind", [&] { return os::bind(listener, address, length) == 0; });
     Try("listen", [&] { return os::listen(listener, 10) == 0; });
-    Try("getsockname", [&] { return os::getsockname(listener, reinterpret_cast<sockaddr *>(name), &length) == 0; });
+    Try("getsockname", [&] { return os::getsockname(listener, address, &length) == 0; });
+    *port = __builtin_bswap16(name.sin_port);
     return listener;
 }
 
-void Sockets() {
-    sockaddr_in name{};
-    const SOCKET listener = Listen(&name);
+// `before`: what comes before every try.
+template <typename Before>
+SOCKET Accept(SOCKET listener, Before before) {
     SOCKET s = INVALID_SOCKET;
-    gPort = __builtin_bswap16(name.sin_port);
-    const HANDLE client = Start(Client);
+    sockaddr_in name{};
     int length = sizeof name;
-    Try("accept",
-        [&] { return (s = zvx::accept(listener, reinterpret_cast<sockaddr *>(&name), &length)) != INVALID_SOCKET; });
+    Try("accept", [&] {
+        before();
+        return (s = zvx::accept(listener, reinterpret_cast<sockaddr *>(&name), &length)) != INVALID_SOCKET;
+    });
+    return s;
+}
+
+void Sockets() {
+    const SOCKET listener = Listen(&gPort);
+    const HANDLE client = Start(Client);
+    const SOCKET s = Accept(listener, [] {});
     ServeSocket(s);
     CloseSocket(s);
     CloseSocket(listener);
@@ -287,10 +268,13 @@ void Objects() {
 void Files() {
     const std::string path = gFolder + "/file";
     HANDLE file = INVALID_HANDLE_VALUE;
-    Try("CreateFileA", [&] {
-        file = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-        return file != INVALID_HANDLE_VALUE;
-    });
+    const auto open = [&](DWORD access, DWORD disposition, DWORD flags) {
+        Try("CreateFileA", [&] {
+            file = CreateFileA(path.c_str(), access, 0, nullptr, disposition, flags, nullptr);
+            return file != INVALID_HANDLE_VALUE;
+        });
+    };
+    open(GENERIC_READ | GENERIC_WRITE, CREATE_ALWAYS, 0);
     static char out[20000], in[20000];
     std::memset(out, 'o', sizeof out);
     std::memset(in, 0, sizeof in);
@@ -300,16 +284,11 @@ void Files() {
     Try("ReadFile", [&] { return ReadFile(file, in, sizeof in, &moved, nullptr) && moved == sizeof in; });
     if (std::memcmp(in, out, sizeof in) != 0) Fail("the file differs");
     Close(file);
-    Try("CreateFileA", [&] {
-        file = CreateFileA(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
-        return file != INVALID_HANDLE_VALUE;
-    });
+    open(GENERIC_READ, OPEN_EXISTING, FILE_FLAG_OVERLAPPED);
     Routine routine{};
-    Try("ReadFileEx", [&] { return ReadFileEx(file, in, 5000, &routine.Ov, OnRead); });
-    for (int i = 0; i < 300 && routine.Done == 0; ++i) SleepEx(100, TRUE);
-    if (routine.Done == 0) Fail("a completion routine was lost");
-    if (routine.Error != 0) std::printf("refused ReadFileEx %u\n", routine.Error);
-    if (routine.Error == 0 && routine.Bytes != 5000) Fail("a routine's bytes", routine.Bytes);
+    Try("ReadFileEx", [&] { return ReadFileEx(file, in, 5000, &routine.Ov, OnRoutine<>); });
+    const DWORD got = AwaitRoutine("ReadFileEx", routine);
+    if (routine.Error == 0 && got != 5000) Fail("a routine's bytes", got);
     Close(file);
 }
 
@@ -366,14 +345,12 @@ void Ends() {
     Sleep(1);
     Try("SuspendThread", [&] { return SuspendThread(asleep) == 0; });
     Terminate(asleep, 31);
-    sockaddr_in name{};
-    const SOCKET listener = Listen(&name);
+    uint16_t port;
+    const SOCKET listener = Listen(&port);
     int peer = -1;
-    SOCKET s = INVALID_SOCKET;
-    Try("accept", [&] {
+    SOCKET s = Accept(listener, [&] {
         close(peer);
-        peer = netpeer::Connect(__builtin_bswap16(name.sin_port));
-        return (s = zvx::accept(listener, nullptr, nullptr)) != INVALID_SOCKET;
+        peer = netpeer::Connect(port);
     });
     const HANDLE receiving = Start(Receives, &s);
     Sleep(2);
@@ -404,12 +381,6 @@ bool AllBack(const Counts &now, const Counts &before) {
     return now.Handles == before.Handles && now.OsHandles <= before.OsHandles + most &&
            now.UserThreads == before.UserThreads && now.Descriptors <= before.Descriptors + most &&
            now.Operations <= before.Operations;
-}
-
-int64_t ChunksInUse(uint32_t type) {
-    int64_t sum = 0;
-    for (uint32_t i = 0; i < gSchedulersMade.load(); ++i) sum += gSchedulers[i]->ChunkTypeCount[type];
-    return sum;
 }
 
 uint32_t CountDescriptors() {
@@ -461,7 +432,6 @@ void CheckAll(const Counts &before) {
 }
 
 DWORD MainRoutine(void *) {
-    const bool session = gScenario == "session";
     const auto round = [&] {
         if (gScenario == "startup") {
             // The thread that writes the ring log opens its file when it first runs.
@@ -472,7 +442,7 @@ DWORD MainRoutine(void *) {
             });
             const HANDLE threads[] = {Start(Returns), Start(Exits), Start(Moves)};
             for (DWORD i = 0; i < 3; ++i) Join(threads[i], i == 2 ? 24 : 21 + i);
-        } else if (session) {
+        } else if (gScenario == "session") {
             Sockets();
             Objects();
             Files();
@@ -482,10 +452,8 @@ DWORD MainRoutine(void *) {
             Ends();
         }
     };
-    if (gScenario == "startup") {
-        round();
-    } else {
-        round();
+    round();
+    if (gScenario != "startup") {
         Sleep(20);
         TracePrintf("a stall may be reported at any time, and opens this file\n");
         // Twice: what is made once and kept is made by now.
@@ -501,19 +469,6 @@ DWORD MainRoutine(void *) {
     os::ExitProcess(0);
 }
 
-int Lookup(const char *name, char *buffer, int capacity) {
-    static const struct {
-        const char *Name, *Value;
-    } kSettings[] = {{"Schedulers", "2"},        {"StackPages", "16"},     {"DynamicSchedulersEnabled", "1"},
-                     {"LogToFile", "1"},         {"PrintToConsole", "0"},  {"StallReportMs", "100"},
-                     {"SetThreadPriority", "1"}, {"EnableLargePages", "1"}};
-    for (const auto &setting : kSettings) {
-        if (std::string("ZVX_FIBERS_") + setting.Name != name) continue;
-        return std::snprintf(buffer, static_cast<size_t>(capacity), "%s", setting.Value);
-    }
-    return LookupEnvironment(name, buffer, capacity);
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -521,9 +476,13 @@ int main(int argc, char **argv) {
     gScenario = argv[1];
     gFolder = argv[2];
     if (argc > 3) gPoints = argv[3];
+    stress::gOptions.Settings = {
+        {"Schedulers", "2"},        {"StackPages", "16"},     {"DynamicSchedulersEnabled", "1"},
+        {"LogToFile", "1"},         {"PrintToConsole", "0"},  {"StallReportMs", "100"},
+        {"SetThreadPriority", "1"}, {"EnableLargePages", "1"}};
     static uint32_t indicator;
     const std::string traces = gFolder + "/";
-    InitParams params{&indicator, nullptr, traces.c_str(), 0, Lookup};
+    InitParams params{&indicator, nullptr, traces.c_str(), 0, stress::Lookup};
     InitUserThreadScheduler(MainRoutine, nullptr, &params);
     return 1;
 }

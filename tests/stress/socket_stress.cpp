@@ -9,11 +9,6 @@
 #include <thread>
 #include <vector>
 
-#include "alloc/alloc.h"
-#include "kernel/handles.h"
-#include "kernel/thread.h"
-#include "kernel/wait.h"
-#include "net/net.h"
 #include "stress.h"
 #include "support/net_peer.h"
 
@@ -22,8 +17,7 @@ namespace {
 using namespace zvx;
 using namespace stress;
 
-enum Kind : char { kEcho = 'e', kReset = 'r', kShared = 's', kRoutines = 'x', kTerminated = 't', kKinds = 5 };
-constexpr char kAllKinds[] = {kEcho, kReset, kShared, kRoutines, kTerminated};
+enum Kind : char { kEcho, kReset, kShared, kRoutines, kTerminated, kKinds };
 
 SOCKET gListener = INVALID_SOCKET, gRough = INVALID_SOCKET;  // on gRough whoever accepts may be terminated
 uint16_t gPort = 0, gRoughPort = 0;
@@ -58,7 +52,7 @@ void Client(uint32_t self) {
         const int fd = netpeer::Connect(rough ? gRoughPort : gPort);
         if (fd < 0) Fail("no connection", static_cast<uint64_t>(errno));
         gConnections.fetch_add(1, std::memory_order_relaxed);
-        const char kind = kAllKinds[rng() % kKinds];
+        const char kind = static_cast<char>(rng() % kKinds);
         if (rough) {
             if (!netpeer::SeesTheEnd(fd, 60000)) Fail("a rough connection stays");
         } else if (!netpeer::WriteAll(fd, &kind, 1)) {
@@ -95,19 +89,6 @@ int EchoAll(SOCKET s) {
     }
 }
 
-HANDLE Start(LPTHREAD_START_ROUTINE routine, uintptr_t param) {
-    const HANDLE thread = CreateThread(nullptr, 0, routine, reinterpret_cast<void *>(param), 0, nullptr);
-    if (thread == nullptr) Fail("CreateThread", os::GetLastError());
-    return thread;
-}
-
-void Join(HANDLE thread, DWORD wanted) {
-    DWORD code = 0;
-    if (WaitForSingleObject(thread, 60000) != WAIT_OBJECT_0) Fail("a thread does not end", wanted);
-    if (!GetExitCodeThread(thread, &code) || code != wanted) Fail("exit code", code, wanted);
-    CloseHandle(thread);
-}
-
 DWORD Forward(void *param) {
     return EchoAll(reinterpret_cast<SOCKET>(param)) == 0 ? 11 : 12;
 }
@@ -125,24 +106,14 @@ DWORD Parked(void *param) {
     }
 }
 
-struct RoutineState {
-    OVERLAPPED Ov;
-    DWORD Error, Bytes, Done;
-};
-void OnReceived(DWORD error, DWORD bytes, OVERLAPPED *ov, DWORD) {
-    auto *state = reinterpret_cast<RoutineState *>(ov);
-    state->Error = error;
-    state->Bytes = bytes;
-    state->Done = 1;
-}
-
 int EchoByRoutines(SOCKET s) {
     char buffer[2000];
     for (;;) {
-        RoutineState state{};
+        Routine state{};
         WSABUF one{sizeof buffer, buffer};
         DWORD flags = 0;
-        if (WSARecv(s, &one, 1, nullptr, &flags, &state.Ov, OnReceived) == 0 || os::GetLastError() != WSA_IO_PENDING)
+        if (WSARecv(s, &one, 1, nullptr, &flags, &state.Ov, OnRoutine<DWORD>) == 0 ||
+            os::GetLastError() != WSA_IO_PENDING)
             return SOCKET_ERROR;
         while (state.Done == 0) SleepEx(1000, TRUE);
         if (state.Error != 0) return SOCKET_ERROR;
@@ -196,37 +167,15 @@ DWORD RoughAcceptor(void *) {
     for (;;) closesocket(zvx::accept(gRough, nullptr, nullptr));
 }
 
-// Accepted sockets are of the same kind: those of the one kind wait for operations with a routine too.
-SOCKET Listen(uint16_t *port, DWORD flags) {
-    const SOCKET s = WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, flags);
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_addr.s_addr = __builtin_bswap32(0x7F000001);
-    int length = sizeof name;
-    if (os::bind(s, reinterpret_cast<sockaddr *>(&name), length) != 0 || os::listen(s, 200) != 0 ||
-        os::getsockname(s, reinterpret_cast<sockaddr *>(&name), &length) != 0)
-        Fail("no listening socket", os::GetLastError());
-    *port = __builtin_bswap16(name.sin_port);
-    return s;
-}
-
 // ---- The course of a run -----------------------------------------------------------------------------
-
-template <typename Condition>
-void Await(const char *what, Condition condition) {
-    for (int i = 0; i < 4000; ++i) {
-        if (condition()) return;
-        Sleep(5);
-    }
-    Fail(what);
-}
 
 void Serve() {
     constexpr uint32_t kAcceptors = 3;
+    // Accepted sockets are of the same kind: those of the one kind wait for operations with a routine too.
     gListener = Listen(&gPort, WSA_FLAG_OVERLAPPED);
     gRough = Listen(&gRoughPort, 0);
     HANDLE acceptors[kAcceptors];
-    for (HANDLE &acceptor : acceptors) acceptor = Start(Acceptor, 0);
+    for (HANDLE &acceptor : acceptors) acceptor = Start(Acceptor);
     std::vector<std::thread> clients;
     for (uint32_t i = 0; i < gOptions.Load; ++i) clients.emplace_back(Client, i);
     std::atomic<bool> clientsDone{false};
@@ -238,7 +187,7 @@ void Serve() {
     const uint64_t end = os::GetTickCount64() + gOptions.Seconds * 1000ull;
     while (!clientsDone.load()) {
         if (os::GetTickCount64() >= end) gStop = true;
-        const HANDLE rough = Start(RoughAcceptor, 0);
+        const HANDLE rough = Start(RoughAcceptor);
         Sleep(static_cast<DWORD>(rng() % 4));
         if (!TerminateThread(rough, 41)) Fail("TerminateThread", os::GetLastError());
         Join(rough, 41);
@@ -256,12 +205,8 @@ DWORD MainRoutine(void *) {
     const uint32_t handles = gHandleCount;
     const int sockets = netpeer::OpenSockets();
     Serve();
-    Await("handles left behind", [&] { return gHandleCount == handles; });
+    CheckAllBack(handles);
     Await("sockets left behind", [&] { return netpeer::OpenSockets() == sockets; });
-    Await("handle entries left behind",
-          [] { return ChunksInUse(ALLOC_PSEHAND) == static_cast<int64_t>(gHandleCount); });
-    CheckHandleTable();
-    CheckOwnScheduler();
     std::printf(
         "socket stress: %u schedulers, %s, seed %llu: %llu connections, %llu bytes, %llu resets, %llu terminated\n",
         gNumSchedulers, os::IoBackendName(), static_cast<unsigned long long>(gOptions.Seed),

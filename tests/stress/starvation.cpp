@@ -8,15 +8,7 @@
 // A wait is counted in selection passes of the scheduler, which the load of the machine does not change. When a thread
 // became runnable is seen by the worker that runs next: every worker looks at all others of its scheduler after each of
 // its waits.
-#include <arpa/inet.h>
-
-#include <atomic>
-#include <chrono>
-
 #include "kernel/file.h"
-#include "kernel/handles.h"
-#include "kernel/thread.h"
-#include "net/net.h"
 #include "postwait/postwait.h"
 #include "sched/internal.h"
 #include "stress.h"
@@ -31,11 +23,7 @@ constexpr const char *kNames[kQueues] = {"high", "post", "file", "socket", "writ
 constexpr const char *kTags[kQueues] = {"LGWR", "SHAD", "SHAD",
                                         "SHAD", "DBW0", nullptr};  // without a class all go to the last
 constexpr uint32_t kNeverServed = 100 * kFullSweepPasses;
-constexpr DWORD kBlockBytes = 4096, kBlocks = 256;
-
-double NowUs() {
-    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
+constexpr DWORD kBlockBytes = 4096;
 
 struct Worker {
     uint32_t Queue;
@@ -46,7 +34,6 @@ struct Worker {
     SOCKET Socket;
     bool Runnable;  // seen by another worker, and since when
     uint32_t SincePass;
-    double SinceUs;
 };
 
 // The workers of one scheduler; touched by its thread alone once they run.
@@ -55,28 +42,19 @@ struct Group {
     Worker Workers[kMostWorkers];
     uint32_t Count;
     uint64_t Waits[kQueues];
-    uint64_t Busy[kQueues];  // looks that found the queue not empty
-    uint32_t LongestPasses[kQueues];
-    double LongestUs[kQueues];
+    uint64_t Busy[kQueues];     // looks that found the queue not empty
+    uint32_t Longest[kQueues];  // in passes
 };
 Group gGroups[16];
 std::atomic<bool> gStop{false};
 std::atomic<uint32_t> gRunning{0};
-char gFileName[256];
-
-bool IsRunnable(const Fiber *F) {
-    return F->State == FSTATE_READY || F->State == FSTATE_YIELDED || F->State == FSTATE_POSTING;
-}
 
 // The wait of a worker in its queue has ended: at pass `ran` it had its turn.
 void EndWait(Worker *w, uint32_t ran) {
-    Group *group = w->Of;
     w->Runnable = false;
-    group->Waits[w->Queue]++;
-    const uint32_t passes = ran - w->SincePass;
-    if (passes > group->LongestPasses[w->Queue]) group->LongestPasses[w->Queue] = passes;
-    const double us = NowUs() - w->SinceUs;
-    if (us > group->LongestUs[w->Queue]) group->LongestUs[w->Queue] = us;
+    w->Of->Waits[w->Queue]++;
+    uint32_t *longest = &w->Of->Longest[w->Queue];
+    *longest = std::max(*longest, ran - w->SincePass);
 }
 
 // After each wait of a worker: its own wait in the queue has ended, those of others may have begun. A call may park its
@@ -93,16 +71,11 @@ void Look(Worker *self) {
         if (other->Runnable && static_cast<int32_t>(ran - other->SincePass) > 0) EndWait(other, ran);
         if (other->Runnable && pass - other->SincePass > kNeverServed)
             Fail(kNames[other->Queue], pass - other->SincePass);  // not to be judged later, for that needs a turn too
-        if (other->Runnable || !IsRunnable(other->Self)) continue;
+        const uint32_t state = other->Self->State;
+        if (other->Runnable || (state != FSTATE_READY && state != FSTATE_YIELDED && state != FSTATE_POSTING)) continue;
         other->Runnable = true;
         other->SincePass = pass - 1;  // it was not yet when the pass before began
-        other->SinceUs = NowUs();
     }
-}
-
-void Rest(Worker *self) {
-    WaitForUserThreadPost(self->Event, 3);
-    Look(self);
 }
 
 void PostEachOther(Worker *self) {
@@ -110,18 +83,20 @@ void PostEachOther(Worker *self) {
         PostUserThread(self->Partner->Event);
         WaitForUserThreadPost(self->Event, 20);
         Look(self);
-        if (turns % 4000 == 0 && (self->Queue == gHPRQ || self->Queue == gLPRQ)) Rest(self);
+        if (turns % 4000 != 0 || (self->Queue != gHPRQ && self->Queue != gLPRQ)) continue;
+        WaitForUserThreadPost(self->Event, 3);
+        Look(self);
     }
 }
 
 void ReadAgainAndAgain(Worker *self) {
-    const HANDLE file =
-        CreateFileA(gFileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_FLAG_NO_BUFFERING, nullptr);
+    const HANDLE file = CreateFileA(gFileName.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                    FILE_FLAG_NO_BUFFERING, nullptr);
     if (file == INVALID_HANDLE_VALUE) Fail("CreateFileA", os::GetLastError());
     char *buffer = static_cast<char *>(std::aligned_alloc(kBlockBytes, kBlockBytes));
     for (uint32_t i = 0; !gStop.load(std::memory_order_relaxed); ++i) {
         OVERLAPPED where{};
-        where.Offset = i % kBlocks * kBlockBytes;
+        where.Offset = i * kBlockBytes % kFileBytes;
         DWORD got = 0;
         if (!ReadFile(file, buffer, kBlockBytes, &got, &where) || got != kBlockBytes)
             Fail("ReadFile", os::GetLastError(), got);
@@ -144,7 +119,7 @@ void SendEachOther(Worker *self) {
 
 DWORD Work(void *param);
 
-void Start(Worker *w) {
+void StartWorker(Worker *w) {
     const HANDLE thread = ZCreateThreadWithAffinity(nullptr, 0, Work, w, 0, nullptr, w->Of->S->AffinityMask);
     if (thread == nullptr) Fail("CreateThread", os::GetLastError());
     gRunning.fetch_add(1);
@@ -155,7 +130,7 @@ DWORD Work(void *param) {
     auto *self = static_cast<Worker *>(param);
     if (SchedOf(CallingFiber()) != self->Of->S) {
         // Schedulers share a processor. While this thread stays, the other one has less load and gets the next.
-        Start(self);
+        StartWorker(self);
         while (!gStop.load()) Sleep(50);
         gRunning.fetch_sub(1);
         return 0;
@@ -176,8 +151,9 @@ DWORD Work(void *param) {
     return 0;
 }
 
-void ConnectPair(SOCKET listener, const sockaddr_in &name, Worker *a, Worker *b) {
+void ConnectPair(SOCKET listener, uint16_t port, Worker *a, Worker *b) {
     a->Socket = zvx::socket(AF_INET, SOCK_STREAM, 0);
+    const sockaddr_in name = Loopback(port);
     if (os::connect(a->Socket, reinterpret_cast<const sockaddr *>(&name), sizeof name) != 0)
         Fail("connect", os::GetLastError());
     b->Socket = zvx::accept(listener, nullptr, nullptr);
@@ -187,7 +163,7 @@ void ConnectPair(SOCKET listener, const sockaddr_in &name, Worker *a, Worker *b)
         os::setsockopt(w->Socket, IPPROTO_TCP, ZVX_TCP_NODELAY, reinterpret_cast<const char *>(&one), sizeof one);
 }
 
-void MakeGroup(Group *group, Scheduler *S, SOCKET listener, const sockaddr_in &name) {
+void MakeGroup(Group *group, Scheduler *S, SOCKET listener, uint16_t port) {
     group->S = S;
     for (uint32_t queue = 0; queue < kQueues; ++queue) {
         for (uint32_t i = 0; i < gOptions.Load * 2; ++i) {
@@ -196,10 +172,10 @@ void MakeGroup(Group *group, Scheduler *S, SOCKET listener, const sockaddr_in &n
             w->Of = group;
             w->Partner = i % 2 == 0 ? w + 1 : w - 1;
             w->Event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
-            if (queue == gSRQ && i % 2 == 1) ConnectPair(listener, name, w->Partner, w);
+            if (queue == gSRQ && i % 2 == 1) ConnectPair(listener, port, w->Partner, w);
         }
     }
-    for (uint32_t i = 0; i < group->Count; ++i) Start(&group->Workers[i]);
+    for (uint32_t i = 0; i < group->Count; ++i) StartWorker(&group->Workers[i]);
 }
 
 // The most passes between a thread's becoming runnable and its turn:
@@ -218,37 +194,20 @@ uint32_t Bound(const Group &group) {
 bool Judge(const Group &group, uint32_t bound) {
     bool good = true;
     for (uint32_t queue = 0; queue < kQueues; ++queue) {
-        const uint32_t longest = group.LongestPasses[queue];
-        const bool late = longest > bound, unused = group.Waits[queue] < 100 || group.Busy[queue] < 100;
-        std::printf("starvation: scheduler %u, %-8s %9llu waits, longest %5u passes of at most %u, %8.0f us%s\n",
-                    group.S->Index, kNames[queue], static_cast<unsigned long long>(group.Waits[queue]), longest, bound,
-                    group.LongestUs[queue],
-                    late     ? "  TOO LONG"
-                    : unused ? "  NOT BUSY"
-                             : "");
+        const bool late = group.Longest[queue] > bound, unused = group.Waits[queue] < 100 || group.Busy[queue] < 100;
+        std::printf("starvation: scheduler %u, %-8s %9llu waits, longest %5u passes of at most %u%s%s\n",
+                    group.S->Index, kNames[queue], static_cast<unsigned long long>(group.Waits[queue]),
+                    group.Longest[queue], bound, late ? "  TOO LONG" : "", unused ? "  NOT BUSY" : "");
         good &= !late && !unused;
     }
     return good;
 }
 
 DWORD MainRoutine(void *) {
-    std::snprintf(gFileName, sizeof gFileName, "starvation_%u.dat", os::GetCurrentProcessId());
-    std::FILE *file = std::fopen(gFileName, "wb");
-    const std::vector<char> block(kBlockBytes, 'r');
-    if (file == nullptr) Fail("cannot make the data file");
-    for (DWORD i = 0; i < kBlocks; ++i) std::fwrite(block.data(), 1, block.size(), file);
-    std::fclose(file);
-
-    const SOCKET listener = zvx::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in name{};
-    int length = sizeof name;
-    name.sin_family = AF_INET;
-    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto *address = reinterpret_cast<sockaddr *>(&name);
-    if (os::bind(listener, address, length) != 0 || os::listen(listener, 200) != 0 ||
-        os::getsockname(listener, address, &length) != 0)
-        Fail("no listener", os::GetLastError());
-    for (uint32_t i = 0; i < gNumSchedulers; ++i) MakeGroup(&gGroups[i], gSchedulers[i], listener, name);
+    MakeFile();
+    uint16_t port;
+    const SOCKET listener = Listen(&port, WSA_FLAG_OVERLAPPED);
+    for (uint32_t i = 0; i < gNumSchedulers; ++i) MakeGroup(&gGroups[i], gSchedulers[i], listener, port);
 
     Sleep(gOptions.Seconds * 1000);
     uint32_t bounds[16];
@@ -256,7 +215,7 @@ DWORD MainRoutine(void *) {
     gStop = true;
     for (int i = 0; i < 3000 && gRunning.load() != 0; ++i) Sleep(20);
     if (gRunning.load() != 0) Fail("workers do not end", gRunning.load());
-    std::remove(gFileName);
+    std::remove(gFileName.c_str());
     bool good = true;
     for (uint32_t i = 0; i < gNumSchedulers; ++i) good &= Judge(gGroups[i], bounds[i]);
     std::fflush(stdout);
