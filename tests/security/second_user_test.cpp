@@ -5,9 +5,10 @@
 #include <grp.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
 
 #include "../platform/support.h"
 #include "platform/base/shared_names.h"
@@ -25,9 +26,9 @@ void Become(uid_t user) {
     umask(0);
 }
 
-// Does something as a user, to its end: 0 when everything that it expected was so.
+// Does something as a user, to its end: everything that it expected must be so.
 template <typename Body>
-int As(uid_t user, Body body) {
+void As(uid_t user, Body body) {
     const pid_t child = fork();
     if (child == 0) {
         Become(user);
@@ -36,12 +37,11 @@ int As(uid_t user, Body body) {
     }
     int status = 0;
     waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    EXPECT_EQ(0, status) << "what user " << user << " expected";
 }
 
 // A user who does something and then holds on to what he has until he is told to end.
-class Holder {
-  public:
+struct Holder {
     template <typename Body>
     Holder(uid_t user, Body body) {
         int ready[2];
@@ -56,18 +56,13 @@ class Holder {
         }
         close(ready[1]);
         char failed = 1;
-        EXPECT_EQ(1, read(ready[0], &failed, 1));
-        EXPECT_EQ(0, failed) << "what user " << user << " expected";
+        EXPECT_TRUE(read(ready[0], &failed, 1) == 1 && failed == 0) << "what user " << user << " expected";
         close(ready[0]);
     }
     ~Holder() {
         kill(Pid, SIGKILL);
         waitpid(Pid, nullptr, 0);
     }
-    Holder(const Holder &) = delete;
-    Holder &operator=(const Holder &) = delete;
-
-  private:
     pid_t Pid;
 };
 
@@ -83,31 +78,22 @@ struct SecondUser : testing::Test {
         Clean();
     }
     void TearDown() override {
-        if (geteuid() != 0) return;
-        Clean();
-        const int removed = std::system(("rm -rf " + std::string(Folder)).c_str());
-        EXPECT_EQ(0, removed);
+        if (geteuid() == 0) Clean(Folder);
     }
-    void Clean() const {
+    void Clean(const std::string &more = "") const {
         const std::string enemys = "/dev/shm/zvxkvt-names-1-" + std::to_string(kEnemy);
-        const int removed = std::system(("rm -rf " + Table + " " + enemys).c_str());
-        EXPECT_EQ(0, removed);
+        EXPECT_EQ(0, std::system(("rm -rf " + Table + " " + enemys + " " + more).c_str()));
     }
     std::string In(const std::string &name) const { return std::string(Folder) + "/" + name; }
     std::string PipesOf(uid_t user) const { return In("zvxkvt-pipes-1-" + std::to_string(user)); }
 };
 
 std::string Contents(const std::string &path) {
-    char text[256];
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    const ssize_t got = fd < 0 ? -1 : read(fd, text, sizeof text);
-    if (fd >= 0) close(fd);
-    return got < 0 ? "!" : std::string(text, static_cast<size_t>(got));
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 void WriteFileOf(const std::string &path, const char *text) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
-    EXPECT_EQ(static_cast<ssize_t>(strlen(text)), write(fd, text, strlen(text))) << path;
-    close(fd);
+    EXPECT_TRUE(std::ofstream(path) << text << std::flush) << path;
 }
 mode_t ModeOf(const std::string &path) {
     struct stat info {};
@@ -139,27 +125,23 @@ SECURITY_ATTRIBUTES *Everybody() {
 // of one's own behind his link, is opened.
 TEST_F(SecondUser, ATableOfNamesThatSomebodyElsePutThere) {
     const std::string own = In("own");
-    ASSERT_EQ(0, As(kVictim, [&] { WriteFileOf(own, "mine"); }));
+    As(kVictim, [&] { WriteFileOf(own, "mine"); });
     chmod(own.c_str(), 0600);
     const auto lay = [&](const std::string &kind) {
-        if (kind == "file") WriteFileOf(Table, "his");
-        const int made = kind == "link"     ? symlink(own.c_str(), Table.c_str())
-                         : kind == "folder" ? mkdir(Table.c_str(), 0777)
-                         : kind == "fifo"   ? mkfifo(Table.c_str(), 0666)
-                                            : 0;
-        EXPECT_EQ(0, made);
+        if (kind == "file") return WriteFileOf(Table, "his");
+        EXPECT_EQ(0, kind == "link"     ? symlink(own.c_str(), Table.c_str())
+                     : kind == "folder" ? mkdir(Table.c_str(), 0777)
+                                        : mkfifo(Table.c_str(), 0666));
     };
     for (const std::string kind : {"file", "link", "folder", "fifo"}) {
         SCOPED_TRACE(kind);
-        ASSERT_EQ(0, As(kEnemy, [&] { lay(kind); }));
-        EXPECT_EQ(0, As(kVictim, [] {
-                      EXPECT_EQ(ERROR_ACCESS_DENIED, FailureOf(os::CreateMutexA(nullptr, TRUE, "once")));
-                      EXPECT_EQ(ERROR_ACCESS_DENIED, FailureOf(os::OpenMutexA(0, FALSE, "once")));
-                      EXPECT_EQ(0u, FailureOf(os::CreateMutexA(nullptr, TRUE, nullptr))) << "one without a name";
-                  }));
-        if (kind == "file") {
-            EXPECT_EQ("his", Contents(Table));
-        }
+        As(kEnemy, [&] { lay(kind); });
+        As(kVictim, [] {
+            EXPECT_EQ(ERROR_ACCESS_DENIED, FailureOf(os::CreateMutexA(nullptr, TRUE, "once")));
+            EXPECT_EQ(ERROR_ACCESS_DENIED, FailureOf(os::OpenMutexA(0, FALSE, "once")));
+            EXPECT_EQ(0u, FailureOf(os::CreateMutexA(nullptr, TRUE, nullptr))) << "one without a name";
+        });
+        EXPECT_TRUE(kind != "file" || Contents(Table) == "his");
         EXPECT_EQ("mine", Contents(own));
         Clean();
     }
@@ -174,38 +156,38 @@ TEST_F(SecondUser, AUsersTableIsOutOfReach) {
         ASSERT_TRUE(os::SharedNamesReady());
     });
     EXPECT_EQ(S_IFREG | 0600u, ModeOf(Table)) << "whatever the umask";
-    EXPECT_EQ(0, As(kEnemy, [&] {
-                  for (const int flags : {O_RDONLY, O_WRONLY, O_RDWR | O_CREAT}) {
-                      EXPECT_EQ(-1, open(Table.c_str(), flags | O_CLOEXEC, 0600));
-                      EXPECT_EQ(EACCES, errno);
-                  }
-                  EXPECT_EQ(-1, truncate(Table.c_str(), 0));
-                  EXPECT_EQ(-1, unlink(Table.c_str()));
-                  EXPECT_EQ(-1, rename(Table.c_str(), "/dev/shm/zvx-moved"));
-                  EXPECT_EQ(ERROR_FILE_NOT_FOUND, FailureOf(os::OpenEventA(0, FALSE, "Global\\signal")));
-                  const HANDLE own = os::CreateEventA(nullptr, TRUE, FALSE, "signal");
-                  EXPECT_EQ(ERROR_SUCCESS, os::GetLastError()) << "a name of his own";
-                  EXPECT_TRUE(os::SetEvent(own));
-              }));
-    EXPECT_EQ(0, As(kVictim, [] {
-                  const HANDLE event = os::OpenEventA(0, FALSE, "signal");
-                  ASSERT_EQ(0u, FailureOf(event));
-                  EXPECT_EQ(WAIT_TIMEOUT, os::WaitForSingleObject(event, 0));
-              }));
+    As(kEnemy, [&] {
+        for (const int flags : {O_RDONLY, O_WRONLY, O_RDWR | O_CREAT}) {
+            EXPECT_EQ(-1, open(Table.c_str(), flags | O_CLOEXEC, 0600));
+            EXPECT_EQ(EACCES, errno);
+        }
+        EXPECT_EQ(-1, truncate(Table.c_str(), 0));
+        EXPECT_EQ(-1, unlink(Table.c_str()));
+        EXPECT_EQ(-1, rename(Table.c_str(), "/dev/shm/zvx-moved"));
+        EXPECT_EQ(ERROR_FILE_NOT_FOUND, FailureOf(os::OpenEventA(0, FALSE, "Global\\signal")));
+        const HANDLE own = os::CreateEventA(nullptr, TRUE, FALSE, "signal");
+        EXPECT_EQ(ERROR_SUCCESS, os::GetLastError()) << "a name of his own";
+        EXPECT_TRUE(os::SetEvent(own));
+    });
+    As(kVictim, [] {
+        const HANDLE event = os::OpenEventA(0, FALSE, "signal");
+        ASSERT_EQ(0u, FailureOf(event));
+        EXPECT_EQ(WAIT_TIMEOUT, os::WaitForSingleObject(event, 0));
+    });
 }
 
 TEST_F(SecondUser, AFolderOfPipesThatSomebodyElseMade) {
     const std::string own = In("own");
-    ASSERT_EQ(0, As(kVictim, [&] { ASSERT_EQ(0, mkdir(own.c_str(), 0700)); }));
+    As(kVictim, [&] { ASSERT_EQ(0, mkdir(own.c_str(), 0700)); });
     for (const bool link : {false, true}) {
-        ASSERT_EQ(0, As(kEnemy, [&] {
-                      const std::string path = PipesOf(kVictim);
-                      ASSERT_EQ(0, link ? symlink(own.c_str(), path.c_str()) : mkdir(path.c_str(), 0777));
-                  }));
-        EXPECT_EQ(0, As(kVictim, [] {
-                      EXPECT_EQ(ERROR_ACCESS_DENIED, ErrorOf(Serve(0, 1, nullptr)));
-                      EXPECT_EQ(ERROR_ACCESS_DENIED, ErrorOf(Connect()));
-                  }));
+        As(kEnemy, [&] {
+            const std::string path = PipesOf(kVictim);
+            ASSERT_EQ(0, link ? symlink(own.c_str(), path.c_str()) : mkdir(path.c_str(), 0777));
+        });
+        As(kVictim, [] {
+            EXPECT_EQ(ERROR_ACCESS_DENIED, ErrorOf(Serve(0, 1, nullptr)));
+            EXPECT_EQ(ERROR_ACCESS_DENIED, ErrorOf(Connect()));
+        });
         const std::string path = PipesOf(kVictim);
         EXPECT_EQ(0, link ? unlink(path.c_str()) : rmdir(path.c_str())) << "nothing was put into it";
     }
@@ -220,15 +202,15 @@ TEST_F(SecondUser, APipeOfTheUsersOwn) {
         EXPECT_EQ(0u, ErrorOf(Serve(0, 2, nullptr)));
     });
     EXPECT_EQ(S_IFDIR | 0700u, ModeOf(PipesOf(kVictim))) << "whatever the umask";
-    EXPECT_EQ(0, As(kEnemy, [&] {
-                  EXPECT_EQ(-1, open(PipesOf(kVictim).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-                  EXPECT_EQ(-1, rename(PipesOf(kVictim).c_str(), In("away").c_str()));
-                  EXPECT_EQ(0u, ErrorOf(Connect())) << "to his own";
-                  EXPECT_EQ(ERROR_PIPE_BUSY, ErrorOf(Connect())) << "and to no other";
-              }));
-    EXPECT_EQ(0, As(kVictim, [] {
-                  for (int i = 0; i < 2; i++) EXPECT_EQ(0u, ErrorOf(Connect())) << "both instances are still free";
-              }));
+    As(kEnemy, [&] {
+        EXPECT_EQ(-1, open(PipesOf(kVictim).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        EXPECT_EQ(-1, rename(PipesOf(kVictim).c_str(), In("away").c_str()));
+        EXPECT_EQ(0u, ErrorOf(Connect())) << "to his own";
+        EXPECT_EQ(ERROR_PIPE_BUSY, ErrorOf(Connect())) << "and to no other";
+    });
+    As(kVictim, [] {
+        for (int i = 0; i < 2; i++) EXPECT_EQ(0u, ErrorOf(Connect())) << "both instances are still free";
+    });
 }
 
 // Who may read a record may lock it, too: that once kept its maker from making, listening and ending for ever.
@@ -236,11 +218,8 @@ TEST_F(SecondUser, LocksOnAPipeThatIsEverybodys) {
     const std::string all = In("zvxkvt-pipes-1-all");
     const Holder first(kVictim, [] { EXPECT_EQ(0u, ErrorOf(Serve(0, 3, Everybody()))); });
     std::string record;
-    ASSERT_EQ(0, As(kEnemy, [&] {
-                  const std::string list = "ls " + all + " | grep -v '[.]' > " + In("record");
-                  EXPECT_EQ(0, std::system(list.c_str()));
-              }));
-    record = all + "/" + Contents(In("record")).substr(0, 16);
+    for (const auto &entry : std::filesystem::directory_iterator(all))
+        if (!entry.path().has_extension()) record = entry.path();
     const Holder enemy(kEnemy, [&] {
         EXPECT_EQ(-1, open(record.c_str(), O_RDWR | O_CLOEXEC));
         EXPECT_EQ(-1, unlink(record.c_str()));
@@ -252,28 +231,25 @@ TEST_F(SecondUser, LocksOnAPipeThatIsEverybodys) {
         every.l_whence = SEEK_SET;
         EXPECT_EQ(0, fcntl(fd, F_OFD_SETLK, &every));
     });
-    EXPECT_EQ(0, As(kEnemy, [] { EXPECT_EQ(0u, ErrorOf(Connect())) << "it is for everybody"; }));
-    EXPECT_EQ(0, As(kVictim, [] {
-                  const HANDLE another = Serve(0, 3, Everybody());
-                  ASSERT_EQ(0u, ErrorOf(another));
-                  for (int i = 0; i < 3; i++) {
-                      std::thread listener([&] {
-                          const DWORD error = FailureOf(os::ConnectNamedPipe(another, nullptr));
-                          EXPECT_TRUE(error == 0 || error == ERROR_PIPE_CONNECTED) << error;
-                      });
-                      HANDLE client = INVALID_HANDLE_VALUE;
-                      for (int tries = 0; tries < 1000 && client == INVALID_HANDLE_VALUE; tries++, Pause(5))
-                          client = Connect();
-                      EXPECT_EQ(0u, ErrorOf(client)) << i;
-                      if (client == INVALID_HANDLE_VALUE) _exit(1);
-                      listener.join();
-                      EXPECT_TRUE(os::DisconnectNamedPipe(another));
-                      os::CloseHandle(client);
-                  }
-                  const HANDLE third = Serve(0, 3, Everybody());
-                  EXPECT_EQ(0u, ErrorOf(third)) << "no instance was used up";
-                  EXPECT_EQ(ERROR_PIPE_BUSY, ErrorOf(Serve(0, 3, Everybody())));
-              }));
+    As(kEnemy, [] { EXPECT_EQ(0u, ErrorOf(Connect())) << "it is for everybody"; });
+    As(kVictim, [] {
+        const HANDLE another = Serve(0, 3, Everybody());
+        ASSERT_EQ(0u, ErrorOf(another));
+        for (int i = 0; i < 3; i++) {
+            std::thread listener([&] {
+                const DWORD error = FailureOf(os::ConnectNamedPipe(another, nullptr));
+                EXPECT_TRUE(error == 0 || error == ERROR_PIPE_CONNECTED) << error;
+            });
+            HANDLE client = INVALID_HANDLE_VALUE;
+            for (int tries = 0; tries < 1000 && client == INVALID_HANDLE_VALUE; tries++, Pause(5)) client = Connect();
+            if (client == INVALID_HANDLE_VALUE) _exit(8);
+            listener.join();
+            EXPECT_TRUE(os::DisconnectNamedPipe(another));
+            os::CloseHandle(client);
+        }
+        EXPECT_EQ(0u, ErrorOf(Serve(0, 3, Everybody()))) << "no instance was used up";
+        EXPECT_EQ(ERROR_PIPE_BUSY, ErrorOf(Serve(0, 3, Everybody())));
+    });
 }
 
 // Dumps and logs tell what is in memory, and their names can be foreseen.
@@ -293,31 +269,31 @@ TEST_F(SecondUser, DumpsAndLogsInAFolderThatOthersWriteTo) {
         fclose(stream);
         return true;
     };
-    ASSERT_EQ(0, As(kVictim, [&] {
-                  WriteFileOf(own, "mine");
-                  EXPECT_EQ(0u, dump(mine + ".dmp"));
-                  EXPECT_TRUE(log(mine + ".log"));
-                  EXPECT_TRUE(log(mine + ".log")) << "a second process adds to it";
-                  EXPECT_EQ(0, symlink(own.c_str(), (mine + ".old").c_str()));
-                  EXPECT_EQ(0u, dump(mine + ".old")) << "a link that may be removed is";
-              }));
+    As(kVictim, [&] {
+        WriteFileOf(own, "mine");
+        EXPECT_EQ(0u, dump(mine + ".dmp"));
+        EXPECT_TRUE(log(mine + ".log"));
+        EXPECT_TRUE(log(mine + ".log")) << "a second process adds to it";
+        EXPECT_EQ(0, symlink(own.c_str(), (mine + ".old").c_str()));
+        EXPECT_EQ(0u, dump(mine + ".old")) << "a link that may be removed is";
+    });
     for (const char *name : {".dmp", ".log", ".old"}) EXPECT_EQ(S_IFREG | 0600u, ModeOf(mine + name)) << name;
     EXPECT_EQ("lineline", Contents(mine + ".log"));
-    ASSERT_EQ(0, As(kEnemy, [&] {
-                  EXPECT_EQ(0, symlink(own.c_str(), (laid + ".link").c_str()));
-                  EXPECT_EQ(0, mkfifo((laid + ".fifo").c_str(), 0666));
-                  WriteFileOf(laid + ".file", "");
-                  chmod((laid + ".file").c_str(), 0666);
-              }));
+    As(kEnemy, [&] {
+        EXPECT_EQ(0, symlink(own.c_str(), (laid + ".link").c_str()));
+        EXPECT_EQ(0, mkfifo((laid + ".fifo").c_str(), 0666));
+        WriteFileOf(laid + ".file", "");
+        chmod((laid + ".file").c_str(), 0666);
+    });
     ASSERT_EQ(0, ::link(own.c_str(), (laid + ".hard").c_str())) << "by the superuser, as kernels allow it anybody";
-    EXPECT_EQ(0, As(kVictim, [&] {
-                  for (const char *what : {".link", ".fifo", ".file"}) {
-                      EXPECT_NE(0u, dump(laid + what)) << what;
-                      EXPECT_FALSE(log(laid + what)) << what;
-                  }
-                  EXPECT_FALSE(log(laid + ".hard"));
-                  EXPECT_EQ(0u, dump(laid + ".hard")) << "another name of one's own file goes, the file does not";
-              }));
+    As(kVictim, [&] {
+        for (const char *what : {".link", ".fifo", ".file"}) {
+            EXPECT_NE(0u, dump(laid + what)) << what;
+            EXPECT_FALSE(log(laid + what)) << what;
+        }
+        EXPECT_FALSE(log(laid + ".hard"));
+        EXPECT_EQ(0u, dump(laid + ".hard")) << "another name of one's own file goes, the file does not";
+    });
     EXPECT_EQ("mine", Contents(own));
     EXPECT_EQ("", Contents(laid + ".file"));
 }

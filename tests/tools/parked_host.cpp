@@ -31,42 +31,14 @@ CRITICAL_SECTION gSection;
 HANDLE gObject;
 HANDLE gPing, gPong;
 
-#define PLACE extern "C" __attribute__((noinline, visibility("default")))
-
-HANDLE Identify(const char *tag) {
-    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    IdentifyUserThread(tag, event);
-    gWaiting++;
-    return event;
-}
-
-// The calls are not the last thing that these do: a tail call would leave no frame of theirs behind.
-PLACE DWORD SleepsForLong() {
-    Sleep(3600000);
-    return gWaiting++;
-}
-PLACE DWORD AwaitsAPost(HANDLE event) {
-    WaitForUserThreadPost(event, INFINITE);
-    return gWaiting++;
-}
-PLACE DWORD AwaitsAPostInTime(HANDLE event) {
-    WaitForUserThreadPost(event, 3600000);
-    return gWaiting++;
-}
-PLACE DWORD AwaitsTheSection() {
-    EnterCriticalSection(&gSection);
-    return gWaiting++;
-}
-PLACE DWORD OwnsTheSection() {
-    EnterCriticalSection(&gSection);
-    Sleep(3600000);
-    return gWaiting++;
-}
-PLACE DWORD AwaitsAnObject() {
-    WaitForSingleObject(gObject, INFINITE);
-    return gWaiting++;
-}
-PLACE DWORD AwaitsAClient() {
+// Where threads are parked, each in a function of its own. The call is not the last thing that it does: a tail call
+// would leave no frame of it behind.
+#define PLACE(name, call)                                                                                   \
+    extern "C" __attribute__((noinline, visibility("default"))) DWORD name([[maybe_unused]] HANDLE event) { \
+        call;                                                                                               \
+        return gWaiting++;                                                                                  \
+    }
+SOCKET Listen() {
     WSADATA data;
     WSAStartup(0x202, &data);
     const SOCKET listener = socket(AF_INET, SOCK_STREAM, 0);
@@ -75,39 +47,34 @@ PLACE DWORD AwaitsAClient() {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address);
     listen(listener, 5);
-    accept(listener, nullptr, nullptr);
-    return gWaiting++;
+    return listener;
 }
-PLACE DWORD NeverYields() {
-    for (;;) gWaiting.load(std::memory_order_relaxed);
-}
+PLACE(SleepsForLong, Sleep(3600000))
+PLACE(AwaitsAPost, WaitForUserThreadPost(event, INFINITE))
+PLACE(AwaitsAPostInTime, WaitForUserThreadPost(event, 3600000))
+PLACE(OwnsTheSection, EnterCriticalSection(&gSection); Sleep(3600000))
+PLACE(AwaitsTheSection, EnterCriticalSection(&gSection))
+PLACE(AwaitsAnObject, WaitForSingleObject(gObject, INFINITE))
+PLACE(AwaitsAClient, accept(Listen(), nullptr, nullptr))
+PLACE(NeverYields, for (;;) gWaiting.load(std::memory_order_relaxed))
 
-DWORD Sleeper(LPVOID) {
-    return Identify("ZZZ"), SleepsForLong();
+struct Kind {
+    const char *Tag;
+    DWORD (*Place)(HANDLE event);
+};
+const Kind kParked[] = {{"ZZZ", SleepsForLong},  {"PMON", AwaitsAPost},   {"SHAD", AwaitsAPostInTime},
+                        {"OWN", OwnsTheSection}, {"OBJ", AwaitsAnObject}, {"NET", AwaitsAClient}};
+const Kind kContender{"CRIT", AwaitsTheSection}, kSpinner{"SPIN", NeverYields}, kWaiter{"MANY", AwaitsAPost};
+
+HANDLE Identify(const char *tag) {
+    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    IdentifyUserThread(tag, event);
+    gWaiting++;
+    return event;
 }
-DWORD Poster(LPVOID) {
-    return AwaitsAPost(Identify("PMON"));
-}
-DWORD Session(LPVOID) {
-    return AwaitsAPostInTime(Identify("SHAD"));
-}
-DWORD Owner(LPVOID) {
-    return Identify("OWN"), OwnsTheSection();
-}
-DWORD Contender(LPVOID) {
-    return Identify("CRIT"), AwaitsTheSection();
-}
-DWORD Watcher(LPVOID) {
-    return Identify("OBJ"), AwaitsAnObject();
-}
-DWORD Listener(LPVOID) {
-    return Identify("NET"), AwaitsAClient();
-}
-DWORD Spinner(LPVOID) {
-    return Identify("SPIN"), NeverYields();
-}
-DWORD Waiter(LPVOID) {
-    return AwaitsAPost(Identify("MANY"));
+DWORD Park(LPVOID argument) {
+    const auto *kind = static_cast<const Kind *>(argument);
+    return kind->Place(Identify(kind->Tag));
 }
 
 DWORD Ping(LPVOID) {
@@ -125,8 +92,8 @@ DWORD Pong(LPVOID) {
     }
 }
 
-void Start(LPTHREAD_START_ROUTINE routine) {
-    const HANDLE thread = CreateThread(nullptr, 0, routine, nullptr, 0, nullptr);
+void Start(LPTHREAD_START_ROUTINE routine, const Kind *kind = nullptr) {
+    const HANDLE thread = CreateThread(nullptr, 0, routine, const_cast<Kind *>(kind), 0, nullptr);
     if (thread == nullptr) std::abort();
     CloseHandle(thread);
 }
@@ -140,13 +107,13 @@ DWORD MainRoutine(LPVOID) {
     InitializeCriticalSection(&gSection);
     gObject = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     if (gMode == "many") {
-        for (uint32_t i = 0; i < gMany; i++) Start(Waiter);
+        for (uint32_t i = 0; i < gMany; i++) Start(Park, &kWaiter);
         while (gWaiting < gMany) Sleep(10);
     } else {
-        for (const auto routine : {Sleeper, Poster, Session, Owner, Watcher, Listener}) Start(routine);
+        for (const Kind &kind : kParked) Start(Park, &kind);
         while (gWaiting < 6) Sleep(1);
         Sleep(50);
-        Start(Contender);
+        Start(Park, &kContender);
         while (gWaiting < 7) Sleep(1);
         Sleep(50);
     }
@@ -155,7 +122,7 @@ DWORD MainRoutine(LPVOID) {
         Start(Pong);
     }
     if (gMode == "hang" || gMode == "abort") {
-        Start(Spinner);
+        Start(Park, &kSpinner);
         while (gWaiting < 8) {
             // With one scheduler this does not come back: the process hangs, and says so before.
             Announce();
@@ -164,7 +131,7 @@ DWORD MainRoutine(LPVOID) {
         }
     }
     Announce();
-    return SleepsForLong();
+    return SleepsForLong(nullptr);
 }
 
 }  // namespace
