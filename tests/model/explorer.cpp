@@ -70,7 +70,6 @@ struct Word {
 };
 Word gWords[kMaxWords];
 uint32_t gNumWords;
-std::map<uintptr_t, std::string> gNames;
 
 Word *WordAt(const volatile void *address) {
     uint64_t at = (reinterpret_cast<uintptr_t>(address) >> 2) * 0x9E3779B97F4A7C15ull >> 52;
@@ -83,19 +82,6 @@ Word *WordAt(const volatile void *address) {
         at = (at + 1) % kMaxWords;
     }
     return &gWords[at];
-}
-
-std::string NameOf(const volatile void *address) {
-    const auto value = reinterpret_cast<uintptr_t>(address);
-    if (const auto it = gNames.find(value); it != gNames.end()) return it->second;
-    char text[32];
-    std::snprintf(text, sizeof text, "word %zx", value);
-    return text;
-}
-
-// How words are called in the list of a failing schedule.
-void NameWords(const std::string &name, std::initializer_list<std::pair<const char *, const volatile void *>> words) {
-    for (const auto &[field, word] : words) gNames[reinterpret_cast<uintptr_t>(word)] = name + field;
 }
 
 // ---- Actors ------------------------------------------------------------------------------------------
@@ -212,25 +198,22 @@ void AdoptScheduler(Scheduler *S) {
     actor.Context = S->InitFiber->OsFiber;
     SaveBlock(&actor.Block, os::CurrentThreadBlock());
     actor.Block.Io = S->Io;
-    const std::string name = "S" + std::to_string(gNumActors++);
-    NameWords(name, {{".Messages", &S->Messages},
-                     {".BlockedInPort", &S->BlockedInPort},
-                     {".BlockedOutside", &S->BlockedOutside},
-                     {".LaneMask", &S->LaneMask},
-                     {".SwitchCount", &S->SwitchCount},
-                     {".InTransit", &S->InTransit},
-                     {".Io.Tail", S->Io->Tail}});
-    for (uint32_t from = 0; from < kMaxActors; ++from) {
-        PostLane *lane = &gPostLanes[S->Index][from];
-        const std::string laneName = name + ".Lane" + std::to_string(from);
-        for (uint32_t i = 0; i < kLaneSlots; ++i)
-            NameWords(laneName, {{(".Slots" + std::to_string(i)).c_str(), &lane->Slots[i].Seq}});
-        NameWords(laneName, {{".Taken", &lane->Taken}});
-    }
+    gNumActors++;
     // No part of a protocol: a hint to a running user thread, and the count for placing new ones.
     for (const volatile void *word :
          std::initializer_list<const volatile void *>{&S->QuantumStartTick, &S->FiberCount, &S->DebugRequest})
         WordAt(word)->Ignored = true;
+}
+
+// A word of a scheduler by its place in it, another by its address.
+std::string NameOf(const volatile void *word) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%p", const_cast<const void *>(word));
+    for (uint32_t i = 0; i < gNumActors; ++i) {
+        const size_t at = reinterpret_cast<uintptr_t>(word) - reinterpret_cast<uintptr_t>(gActors[i].S);
+        if (at < sizeof(Scheduler)) std::snprintf(text, sizeof text, "S%u+%zu", i, at);
+    }
+    return text;
 }
 
 bool HasNews(const Actor &actor) {
@@ -610,17 +593,6 @@ void AddEvent(const char *name, std::function<bool()> enabled, std::function<voi
     LearnWords();
 }
 
-void NameFiber(const Fiber *F, const std::string &name) {
-    NameWords(name, {{".Sched", &F->Sched},
-                     {".Generation", &F->Generation},
-                     {".SuspendCount", &F->SuspendCount},
-                     {".SuspendAnswer", &F->SuspendAnswer},
-                     {".SuspendRequests", &F->SuspendRequests},
-                     {".RoutineEpoch", &F->RoutineEpoch},
-                     {".OsThreadId", &F->OsThreadId},
-                     {".Tag", &F->Tag}});
-}
-
 void Violation(const char *format, ...) {
     gInScheduler = false;
     va_list values;
@@ -640,6 +612,7 @@ void BeforeAccess(const volatile void *address, bool write, const void *pc) {
     if (!word->Ignored) {
         Actor &actor = gActors[gRun.Current];
         if (word->Contended) {
+            const char *verb = write ? "writes" : "reads";
             if (write) {
                 actor.Spins = false;
                 gRun.Writes++;
@@ -648,15 +621,14 @@ void BeforeAccess(const volatile void *address, bool write, const void *pc) {
             const bool mustGive = ++gRun.StepsInARow > kFairSteps;
             if (mustGive) gRun.StepsInARow = 0;
             if (!again && !Decide(true, mustGive)) {
-                Trace(pc, "S%u stopped before it %s %s", gRun.Current, write ? "writes" : "reads",
-                      NameOf(address).c_str());
+                Trace(pc, "S%u stopped before it %s %s", gRun.Current, verb, NameOf(address).c_str());
                 // What it has stored and nobody sees yet will be seen after this access: later is not the same.
                 actor.Useful = mustGive || gBuffered != 0;
                 actor.Pending = address;
                 actor.PendingWrite = write;
                 Leave();
             }
-            if (!again) Trace(pc, "S%u %s %s", gRun.Current, write ? "writes" : "reads", NameOf(address).c_str());
+            if (!again) Trace(pc, "S%u %s %s", gRun.Current, verb, NameOf(address).c_str());
         }
         for (Actor &other : gActors)
             if (other.Pending == address && (write || other.PendingWrite)) other.Useful = true;

@@ -29,7 +29,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <string>
 
 #include "sched/records.h"
 
@@ -66,9 +65,6 @@ bool AllEnded();
 void AddEvent(const char *name, std::function<bool()> enabled, std::function<void()> fire, const void *word);
 // Lets everybody run until all are blocked, without any choice. The search starts afterwards, with nobody blocked.
 void RunToRest();
-// How the words of `F` are called in the list of a failing schedule.
-void NameFiber(const Fiber *F, const std::string &name);
-
 // ---- Anywhere ----------------------------------------------------------------------------------------
 
 // From a user thread: another scheduler may come in here.

@@ -34,14 +34,13 @@ Fiber *gTarget;          // the same thread
 Shared<bool> gTargetGone;
 Shared<uint32_t> gRoutineRuns;
 
-Fiber *AddFiber(int on, const char *name, Body body) {
+Fiber *AddFiber(int on, Body body) {
     gToEnd++;
     Fiber *F = test::NewFiber(gSchedulers[on], [body = std::move(body)](Fiber *self) {
         body(self);
         gEnded++;
     });
     F->Role = ROLE_OTHER;
-    NameFiber(F, name);
     return F;
 }
 
@@ -58,13 +57,11 @@ HANDLE CreateOn(int on, Body body, bool ends = true) {
     return ZCreateThreadWithAffinity(nullptr, 0, run, kept, 0, nullptr, 1u << on);
 }
 // gThread, at rest.
-Fiber *AddThread(int on, const char *name, Body body, bool ends = false) {
+Fiber *AddThread(int on, Body body, bool ends = false) {
     gToEnd += ends;
-    AddFiber(0, "maker", [=](Fiber *) { gThread = CreateOn(on, body, ends); });
+    AddFiber(0, [=](Fiber *) { gThread = CreateOn(on, body, ends); });
     RunToRest();
-    gTarget = LookUpHandle(gThread)->OwnerFiber;
-    NameFiber(gTarget, name);
-    return gTarget;
+    return gTarget = LookUpHandle(gThread)->OwnerFiber;
 }
 
 // The next record that is handed out is the next one that comes back.
@@ -122,13 +119,13 @@ Shared<bool> gLast{true};
 
 // Posts come while their receiver goes to sleep.
 void Wake(Body post) {
-    Fiber *waiter = AddFiber(1, "waiter", [](Fiber *F) {
+    Fiber *waiter = AddFiber(1, [](Fiber *F) {
         IdentifyAtGate(F);
         do AwaitPost();
         while (!gLast);
     });
     OpenAtRest({waiter});
-    AddFiber(0, "poster", std::move(post));
+    AddFiber(0, std::move(post));
 }
 void WakeByOne() {
     Wake([](Fiber *) { MUST(PostUserThread(gEvent)); });
@@ -140,8 +137,7 @@ void WakeByTwo() {
         MUST(PostMultipleUserThreads(events) == -1);
     });
     gToEnd++;
-    AddFiber(2, "creator",
-             [](Fiber *) { MUST(CreateOn(1, [](Fiber *F) { MUST(SchedOf(F) == gSchedulers[1]); }) != nullptr); });
+    AddFiber(2, [](Fiber *) { MUST(CreateOn(1, [](Fiber *F) { MUST(SchedOf(F) == gSchedulers[1]); }) != nullptr); });
 }
 // More posts than a lane holds: some go as messages. The last one is not lost.
 void WakeByMany() {
@@ -160,7 +156,7 @@ Shared<uint32_t> gPosts, gTaken, gNeeded;
 
 // A post against the end of the wait. Posts that no wait has consumed yet count once, others count each.
 void PostAgainstTimeout() {
-    Fiber *waiter = AddFiber(1, "waiter", [](Fiber *F) {
+    Fiber *waiter = AddFiber(1, [](Fiber *F) {
         IdentifyAtGate(F);
         while (gTaken < gNeeded || gPosts < 2)
             if (WaitForUserThreadPost(gEvent, 2) == WAIT_OBJECT_0) MUST(++gTaken <= gPosts);
@@ -168,7 +164,7 @@ void PostAgainstTimeout() {
     });
     gNeeded = 1;
     OpenAtRest({waiter});
-    AddFiber(0, "poster", [](Fiber *) {
+    AddFiber(0, [](Fiber *) {
         for (uint32_t i = 0; i < 2; ++i) {
             if (gTaken == gPosts)
                 gNeeded = gPosts.load() + 1;  // all of before are consumed, so this one counts by itself
@@ -181,14 +177,14 @@ void PostAgainstTimeout() {
 
 // A thread that waits for a post runs a routine meanwhile: the post is there afterwards.
 void PostAndRoutine() {
-    gTarget = AddFiber(1, "waiter", [](Fiber *F) {
+    gTarget = AddFiber(1, [](Fiber *F) {
         IdentifyAtGate(F);
         AwaitPost();
         NoPost();
         AwaitRoutine();
     });
     OpenAtRest({gTarget});
-    AddFiber(0, "sender", [](Fiber *) {
+    AddFiber(0, [](Fiber *) {
         MUST(Inject());
         MUST(PostUserThread(gEvent));
     });
@@ -198,7 +194,7 @@ CRITICAL_SECTION gSection;
 Shared<uint32_t> gInside;
 
 void MakeSection() {
-    AddFiber(0, "init", [](Fiber *) { InitializeCriticalSection(&gSection); });
+    AddFiber(0, [](Fiber *) { InitializeCriticalSection(&gSection); });
     RunToRest();
 }
 void UseSection() {
@@ -212,7 +208,7 @@ void UseSection() {
 // Two threads want a section, and one of them is posted by the other meanwhile: the post is for its next wait.
 void SectionAndPost() {
     MakeSection();
-    Fiber *near = AddFiber(0, "near", [](Fiber *F) {
+    Fiber *near = AddFiber(0, [](Fiber *F) {
         IdentifyAtGate(F);
         UseSection();
         UseSection();
@@ -220,17 +216,17 @@ void SectionAndPost() {
         NoPost();
     });
     OpenAtRest({near});
-    AddFiber(1, "far", [](Fiber *) {
+    AddFiber(1, [](Fiber *) {
         UseSection();
         PostUserThread(gEvent);
     });
-    AddFiber(1, "far 2", [](Fiber *) { UseSection(); });
+    AddFiber(1, [](Fiber *) { UseSection(); });
 }
 
 // One leaves a section while another comes.
 void SectionAndSection() {
     MakeSection();
-    for (int i = 0; i < 2; ++i) AddFiber(i, i == 0 ? "near" : "far", [](Fiber *) { UseSection(); });
+    for (int i = 0; i < 2; ++i) AddFiber(i, [](Fiber *) { UseSection(); });
 }
 
 Shared<uint32_t> gNextGot;
@@ -239,14 +235,14 @@ Shared<uint32_t> gNextGot;
 // `ends`: the first one does not.
 void TwoInLine(void (*use)(), bool ends, bool routine, Ask ask) {
     Fiber *first = AddThread(
-        1, "first",
+        1,
         [=](Fiber *F) {
             IdentifyAtGate(F);
             use();
             if (routine) AwaitRoutine();
         },
         !ends);
-    Fiber *next = AddFiber(1, "next", [=](Fiber *F) {
+    Fiber *next = AddFiber(1, [=](Fiber *F) {
         Gate(F);
         use();
         gNextGot = 1;
@@ -254,12 +250,12 @@ void TwoInLine(void (*use)(), bool ends, bool routine, Ask ask) {
     OpenAtRest({first});
     OpenAtRest({next});
     RunToRest();
-    AddFiber(0, "sender", [=](Fiber *) { ask(); });
+    AddFiber(0, [=](Fiber *) { ask(); });
 }
 // It may have been posted that it is its turn: the next one gets the section all the same, and, if it can, the first.
 void SectionAnd(bool ends, Ask ask) {
     MakeSection();
-    Fiber *holder = AddFiber(0, "holder", [](Fiber *F) {
+    Fiber *holder = AddFiber(0, [](Fiber *F) {
         EnterCriticalSection(&gSection);
         Gate(F);
         LeaveCriticalSection(&gSection);
@@ -283,7 +279,7 @@ void CancelAgainstEnd(bool foreign, bool hold) {
     static PSEHAND *entries[2];
     for (PSEHAND *&entry : entries) entry = test::NewEntry(gSchedulers[foreign ? 0 : 1], PHAND_HTYPE_CreateFileA);
     script::gScript.HoldCancels = hold;
-    static Fiber *F = AddThread(1, "victim", [](Fiber *self) {
+    static Fiber *F = AddThread(1, [](Fiber *self) {
         Gate(self);
         // The other one runs as soon as this one ends.
         TermCleanupFuncSet(self, [](Fiber *, Scheduler *, uintptr_t *, uint32_t) { Open(gAgain); });
@@ -292,7 +288,7 @@ void CancelAgainstEnd(bool foreign, bool hold) {
     static uint32_t generation = Generation(F);
     static Fiber *second;
     static bool secondEnded;
-    gAgain = AddFiber(1, "again", [](Fiber *self) {
+    gAgain = AddFiber(1, [](Fiber *self) {
         Gate(self);
         while (F->State != FSTATE_EXITED && Generation(F) == generation) SchedYield(self, Yield_SCHED);
         CreateOn(1, [](Fiber *reader) {
@@ -304,7 +300,7 @@ void CancelAgainstEnd(bool foreign, bool hold) {
     gToEnd++;
     OpenAtRest({F});
     RunToRest();
-    AddFiber(0, "terminator", [](Fiber *) {
+    AddFiber(0, [](Fiber *) {
         Terminate();
         CloseHandle(gThread);
     });
@@ -329,14 +325,14 @@ void NoPacketOwed() {
 // A thread in a read runs a routine while the read ends.
 void ReadAndRoutine() {
     static PSEHAND *entry = test::NewEntry(gSchedulers[1], PHAND_HTYPE_CreateFileA);
-    gTarget = AddFiber(1, "reader", [](Fiber *F) {
+    gTarget = AddFiber(1, [](Fiber *F) {
         IdentifyAtGate(F);
         MUST(test::ReadOn(F, entry) == STATUS_SUCCESS && F->OwnOvs[0].Ov.InternalHigh == 1);
         AwaitRoutine();
     });
     OpenAtRest({gTarget});
     RunToRest();
-    AddFiber(0, "sender", [](Fiber *) { MUST(Inject()); });
+    AddFiber(0, [](Fiber *) { MUST(Inject()); });
     EndOfRead("the read ends", &gTarget->OwnOvs[0].Ov);
 }
 
@@ -345,7 +341,7 @@ void ReadAndRoutine() {
 Shared<uint32_t> gCompletions[2];
 OVERLAPPED gReads[2];
 void Alertable(Ask ask) {
-    AddThread(1, "reader", [](Fiber *F) {
+    AddThread(1, [](Fiber *F) {
         const HANDLE file = CreateFileA("name", GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
         static char buffer[2];
         for (int i = 0; i < 2; ++i)
@@ -358,7 +354,7 @@ void Alertable(Ask ask) {
         gTargetGone = true;
     });
     OpenAtRest({gTarget});
-    AddFiber(0, "sender", [=](Fiber *) {
+    AddFiber(0, [=](Fiber *) {
         ask();
         const DWORD code = AwaitEnd();
         for (Shared<uint32_t> &count : gCompletions) MUST(code == 7 ? count <= 1 : count == 1);
@@ -372,12 +368,12 @@ void Alertable(Ask ask) {
 // A thread ends while something is asked of it; its record becomes another thread's, of which nothing was asked.
 void ExitAgainst(Ask ask, int secondOn = 1) {
     static const HANDLE other = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    AddThread(1, "victim", [](Fiber *F) {
+    AddThread(1, [](Fiber *F) {
         IdentifyAtGate(F);
         UnidentifyUserThread(0);
         gTargetGone = true;
     });
-    Fiber *again = AddFiber(1, "again", [=](Fiber *self) {
+    Fiber *again = AddFiber(1, [=](Fiber *self) {
         Gate(self);
         CreateOn(secondOn, [](Fiber *second) {
             IdentifyUserThread("TEST", other);
@@ -391,7 +387,7 @@ void ExitAgainst(Ask ask, int secondOn = 1) {
     });
     gToEnd++;
     OpenAtRest({gTarget, again});
-    AddFiber(0, "sender", [=](Fiber *) {
+    AddFiber(0, [=](Fiber *) {
         ask();
         CloseHandle(gThread);
     });
@@ -408,7 +404,7 @@ void ExitAgainstSuspend() {
 // An entry that was looked up stands until the next yield, whatever happens to its handle.
 void CloseAgainstLookUp() {
     static const HANDLE file = script::NewFile();
-    Fiber *reader = AddFiber(0, "reader", [](Fiber *F) {
+    Fiber *reader = AddFiber(0, [](Fiber *F) {
         Gate(F);
         for (int i = 0; i < 3; ++i) {
             if (const PSEHAND *entry = LookUpHandle(file); entry != nullptr) {
@@ -419,7 +415,7 @@ void CloseAgainstLookUp() {
             SchedYield(F, Yield_USER);
         }
     });
-    Fiber *closer = AddFiber(1, "closer", [](Fiber *F) {
+    Fiber *closer = AddFiber(1, [](Fiber *F) {
         Gate(F);
         CloseHandle(file);
         for (int i = 0; i < 3; ++i) {
@@ -454,7 +450,7 @@ void SuspendAndResume() {
 // A thread moves to another scheduler while somebody there, or on a third one, asks something of it. It ends when that
 // has been done, so that nothing may be lost.
 void Move(int sender, Ask ask) {
-    AddThread(0, "mover", [](Fiber *F) {
+    AddThread(0, [](Fiber *F) {
         IdentifyAtGate(F);
         F->MigrateTarget = gSchedulers[1];
         LeaveRole(F);
@@ -470,7 +466,7 @@ void Move(int sender, Ask ask) {
         gTargetGone = true;
     });
     OpenAtRest({gTarget});
-    AddFiber(sender, "sender", [=](Fiber *) {
+    AddFiber(sender, [=](Fiber *) {
         ask();
         AwaitEnd();
     });
@@ -497,7 +493,7 @@ void MoveToOwn() {
             MUST(users[index].exchange(nullptr) == F && SchedOf(F)->Index == index);
             gone++;
         };
-        movers[i] = AddThread(i % 2, ("mover " + std::to_string(i)).c_str(), move, true);
+        movers[i] = AddThread(i % 2, move, true);
     }
     for (Fiber *mover : movers) Open(mover);
 }
@@ -511,7 +507,7 @@ void AllSlotsFree() {
 void Suspenders(int sender, Ask second) {
     static Shared<int> sent;
     AddThread(
-        1, "target",
+        1,
         [](Fiber *F) {
             IdentifyAtGate(F);
             while (sent < 2) {
@@ -525,26 +521,26 @@ void Suspenders(int sender, Ask second) {
         },
         true);
     OpenAtRest({gTarget});
-    const auto send = [](int on, const char *name, Ask ask) {
-        AddFiber(on, name, [=](Fiber *) {
+    const auto send = [](int on, Ask ask) {
+        AddFiber(on, [=](Fiber *) {
             ask();
             if (++sent == 2) PostUserThread(gEvent);
         });
     };
-    send(0, "first", SuspendAndResume);
-    send(sender, "second", std::move(second));
+    send(0, SuspendAndResume);
+    send(sender, std::move(second));
 }
 // One suspends it, the other ends it.
 void SuspendAndTerminate() {
-    AddThread(1, "target", [](Fiber *F) {
+    AddThread(1, [](Fiber *F) {
         Gate(F);
         for (;;) Sleep(1);
     });
     OpenAtRest({gTarget});
-    AddFiber(0, "suspender", [](Fiber *) {
+    AddFiber(0, [](Fiber *) {
         if (SuspendThread(gThread) != 0xFFFFFFFF) ResumeThread(gThread);
     });
-    AddFiber(2, "terminator", [](Fiber *) {
+    AddFiber(2, [](Fiber *) {
         Terminate();
         DWORD code = 0;
         MUST(GetExitCodeThread(gThread, &code) && code == 7);
@@ -567,13 +563,13 @@ void ObjectAndTimeout() {
     MakeUnits();
     Fiber *waiters[2];
     for (int i = 0; i < 2; ++i)
-        waiters[i] = AddFiber(i, i == 0 ? "near" : "far", [](Fiber *F) {
+        waiters[i] = AddFiber(i, [](Fiber *F) {
             Gate(F);
             DWORD result;
             while ((result = WaitForSingleObject(gUnits, 2)) != WAIT_OBJECT_0) MUST(result == WAIT_TIMEOUT);
         });
     OpenAtRest({waiters[0], waiters[1]});
-    AddFiber(0, "giver", [](Fiber *) {
+    AddFiber(0, [](Fiber *) {
         Give();
         Sleep(1);
         Give();
@@ -600,7 +596,7 @@ void ObjectAndTwoUnits(bool ends, void (*ask)()) {
         ask();
         Give();
     });
-    AddFiber(2, "giver", [](Fiber *) { Give(); });
+    AddFiber(2, [](Fiber *) { Give(); });
 }
 void NoUnitIsLeft() {
     MUST(os::WaitForSingleObject(gUnits, 0) == WAIT_TIMEOUT);
