@@ -50,22 +50,17 @@ HANDLE Value(uint64_t value) { return reinterpret_cast<HANDLE>(static_cast<uintp
 
 Kind gKind;  // of the last live handle picked
 
-// A handle to hand over; *live when it is one that is open.
+// A handle to hand over; *live when it is one that is open, perhaps with low bits, which may be looked past.
 HANDLE Pick(fuzz::Input *in, bool *live) {
     static const uint64_t odd[] = {0, 1, 3, 0x7FFFFFFC, 0xFFFFFFFC, 0xFFFFFFFFFFFFFFFF, 0x123456789ABCDEF0, 0xFFFFFFF0};
     const uint8_t which = in->Byte();
-    *live = false;
-    if (which < 0xC0 && !gHeld.empty()) {
-        *live = true;
-        gKind = gHeld[which % gHeld.size()].Is;
-        return gHeld[which % gHeld.size()].Value;
+    *live = which < 0xE0 && !gHeld.empty() && (which < 0xC0 || which >= 0xD0 || gStale == nullptr);
+    if (*live) {
+        const Held &held = gHeld[which % gHeld.size()];
+        gKind = held.Is;
+        return which < 0xC0 ? held.Value : Value(reinterpret_cast<uintptr_t>(held.Value) | (which % 4));
     }
     if (which < 0xD0 && gStale != nullptr) return gStale;
-    if (which < 0xE0 && !gHeld.empty()) {
-        *live = true;  // low bits may be looked past
-        gKind = gHeld[which % gHeld.size()].Is;
-        return Value(reinterpret_cast<uintptr_t>(gHeld[which % gHeld.size()].Value) | (which % 4));
-    }
     return Value(odd[which % 8]);
 }
 
@@ -120,9 +115,10 @@ void MoveBytes(fuzz::Input *in, HANDLE handle) {
     const DWORD size = kSizes[in->Byte() % std::size(kSizes)];
     SetLastError(0);
     BOOL result;
+    DWORD *const moved = ov == nullptr || (how & 4) != 0 ? &done : nullptr;
     switch (how % 4) {
-        case 0: result = ReadFile(handle, gMemory, size, ov == nullptr || (how & 4) != 0 ? &done : nullptr, ov); break;
-        case 1: result = WriteFile(handle, gMemory, size, ov == nullptr || (how & 4) != 0 ? &done : nullptr, ov); break;
+        case 0: result = ReadFile(handle, gMemory, size, moved, ov); break;
+        case 1: result = WriteFile(handle, gMemory, size, moved, ov); break;
         case 2: result = ReadFileEx(handle, gMemory, size, ov, Ended); break;
         default: result = WriteFileEx(handle, gMemory, size, ov, Ended); break;
     }

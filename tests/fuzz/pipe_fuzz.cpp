@@ -55,6 +55,7 @@ struct Stream {
     bool Inside = false;    // of a message, of which Left bytes are to come
     uint32_t Left = 0;
 
+    void Send(int peer, const std::string &bytes) { Sent += bytes.substr(0, host::Send(peer, bytes)); }
     // The next read of a message pipe may bring so many bytes of one message.
     bool Open() {
         if (Inside) return true;
@@ -79,21 +80,23 @@ struct Stream {
 char gBuffer[8192];
 const DWORD kSizes[] = {0, 1, 3, 16, 100, 4096, 8192};
 
+template <typename Meanwhile>
+void AwaitEnd(OVERLAPPED &ov, const char *what, Meanwhile meanwhile) {
+    for (int i = 0; !HasOverlappedIoCompleted(&ov); i++) {
+        fuzz::Require(i < 20000, what);
+        meanwhile(i);
+        SleepEx(i < 4 ? 0 : 1, FALSE);
+    }
+}
+
 // A read that is given up when nothing comes. False at the end of the connection.
 bool Read(HANDLE pipe, Stream *stream, DWORD room) {
     OVERLAPPED ov{};
     DWORD size = 0;
-    BOOL result = ReadFile(pipe, gBuffer, room, &size, &ov);
-    DWORD error = result ? DWORD{ERROR_SUCCESS} : GetLastError();
+    DWORD error = ReadFile(pipe, gBuffer, room, &size, &ov) ? DWORD{ERROR_SUCCESS} : GetLastError();
     if (error == ERROR_IO_PENDING) {
-        for (int i = 0; i < 3 && !HasOverlappedIoCompleted(&ov); i++) SleepEx(0, FALSE);
-        if (!HasOverlappedIoCompleted(&ov)) CancelIo(pipe);
-        for (int i = 0; !HasOverlappedIoCompleted(&ov); i++) {
-            fuzz::Require(i < 20000, "a read that is not cancelled");
-            SleepEx(1, FALSE);
-        }
-        result = GetOverlappedResult(pipe, &ov, &size, FALSE);
-        error = result ? DWORD{ERROR_SUCCESS} : GetLastError();
+        AwaitEnd(ov, "a read that is not cancelled", [pipe](int tries) { tries == 3 && CancelIo(pipe); });
+        error = GetOverlappedResult(pipe, &ov, &size, FALSE) ? DWORD{ERROR_SUCCESS} : GetLastError();
     }
     if (error == ERROR_OPERATION_ABORTED) return true;
     if (error == ERROR_BROKEN_PIPE) return false;
@@ -118,29 +121,19 @@ void RunPipe(fuzz::Input input, const std::string &name) {
         switch (what % 8) {
             case 0:
             case 1:
-            case 2: {
-                const std::string_view bytes = input.Bytes(what / 8u);
-                stream.Sent += bytes.substr(0, Send(peer, bytes));
-                break;
-            }
+            case 2: stream.Send(peer, std::string(input.Bytes(what / 8u))); break;
             case 3: {  // a message as it should be, or only its beginning
                 const std::string body(input.Byte(), static_cast<char>(what));
                 const uint32_t length = static_cast<uint32_t>(body.size()) + (what >= 0xF0 ? 1u << 30 : 0);
-                const std::string whole = std::string(reinterpret_cast<const char *>(&length), 4) + body;
-                stream.Sent += whole.substr(0, Send(peer, whole));
+                stream.Send(peer, std::string(reinterpret_cast<const char *>(&length), 4) + body);
                 break;
             }
             case 4:
                 PeekNamedPipe(pipe, gBuffer, kSizes[what / 8 % 7], &counts[0], &counts[1], &counts[2]);
                 break;
             case 5:
-                if (WriteFile(pipe, gBuffer, kSizes[what / 8 % 6], nullptr, &ov) || GetLastError() == ERROR_IO_PENDING) {
-                    for (int i = 0; !HasOverlappedIoCompleted(&ov); i++) {
-                        fuzz::Require(i < 20000, "a write that does not end");
-                        Received(peer);
-                        SleepEx(i < 3 ? 0 : 1, FALSE);
-                    }
-                }
+                if (WriteFile(pipe, gBuffer, kSizes[what / 8 % 6], nullptr, &ov) || GetLastError() == ERROR_IO_PENDING)
+                    AwaitEnd(ov, "a write that does not end", [peer](int) { Received(peer); });
                 Received(peer);
                 break;
             default: open = Read(pipe, &stream, kSizes[what / 8 % 7]);
@@ -196,11 +189,7 @@ void RunInput(fuzz::Input input) {
     }();
     static_cast<void>(once);
     const std::string name = "\\\\.\\pipe\\fuzz." + std::to_string(GetCurrentProcessId());
-    if (input.Byte() % 4 == 0) {
-        RunAdmin(input, name);
-    } else {
-        RunPipe(input, name);
-    }
+    (input.Byte() % 4 == 0 ? RunAdmin : RunPipe)(input, name);
 }
 
 }  // namespace

@@ -107,18 +107,16 @@ void PutAt(std::string *bytes, size_t at, const Pod &pod) {
     std::memcpy(bytes->data() + at, &pod, sizeof pod);
 }
 
-uint32_t RecordCrc(const char *record, uint32_t length) {
-    RecordHeader header;
-    std::memcpy(&header, record, sizeof header);
-    uint32_t crc = Crc32c(0, record + sizeof header, length - sizeof header);
-    crc = Crc32c(crc, &header.Seq, 16);
+uint32_t RecordCrc(const std::string &bytes, size_t at, uint32_t length) {
+    const auto header = At<RecordHeader>(bytes, at);
+    const uint32_t crc = Crc32c(Crc32c(0, bytes.data() + at + sizeof header, length - sizeof header), &header.Seq, 16);
     return Crc32c(crc, &header.Length, 4);
 }
 
 struct History {
-    std::map<std::string, std::string> Files;  // by name
-    std::vector<std::string> Segments;         // names, in order
-    std::map<uint64_t, State> States;          // after each batch, by its last record
+    State Files;                        // by name
+    std::vector<std::string> Segments;  // names, in order
+    std::map<uint64_t, State> States;   // after each batch, by its last record
     uint64_t Seq = 0;
     uint32_t Previous = 0;
     State Now;
@@ -132,6 +130,11 @@ void NewSegment(History *h, uint64_t durable) {
     bytes.resize(kLogBlock);
     h->Files[name] = bytes;
     h->Segments.push_back(name);
+}
+
+std::string ItemOf(const std::string &key, const std::string &value) {
+    const ItemHeader item{static_cast<uint32_t>(key.size()), static_cast<uint32_t>(value.size()), kNever};
+    return std::string(Raw(item)) + key + value;
 }
 
 // A batch of up to four records of small keys; some values are large enough to fill segments.
@@ -157,18 +160,14 @@ void AddBatch(History *h, fuzz::Input *input, uint64_t durable) {
                 const std::string key(1 + (what + k) % 3u, static_cast<char>('a' + (what / 16u + k) % 4u));
                 const bool set = record.Type == RecordType::kSet;
                 const std::string value(set ? (what % 8 == 4 ? 900 : what % 32u) : 0, static_cast<char>('0' + h->Seq % 10));
-                const ItemHeader item{static_cast<uint32_t>(key.size()), static_cast<uint32_t>(value.size()), kNever};
-                items.append(Raw(item)).append(key).append(value);
-                if (set) {
-                    h->Now[key] = value;
-                } else {
-                    h->Now.erase(key);
-                }
+                items += ItemOf(key, value);
+                h->Now.erase(key);
+                if (set) h->Now[key] = value;
             }
         }
         record.Length += static_cast<uint32_t>(items.size());
         std::string whole = std::string(Raw(record)) + items;
-        record.Crc = RecordCrc(whole.data(), record.Length);
+        record.Crc = RecordCrc(whole, 0, record.Length);
         PutAt(&whole, 0, record);
         header.RecordsCrc = Crc32c(header.RecordsCrc, &record.Crc, 4);
         body += whole;
@@ -187,10 +186,7 @@ void AddBatch(History *h, fuzz::Input *input, uint64_t durable) {
 
 void AddCheckpoint(History *h) {
     std::string items;
-    for (const auto &[key, value] : h->Now) {
-        const ItemHeader item{static_cast<uint32_t>(key.size()), static_cast<uint32_t>(value.size()), kNever};
-        items.append(Raw(item)).append(key).append(value);
-    }
+    for (const auto &[key, value] : h->Now) items += ItemOf(key, value);
     const auto pages = static_cast<uint32_t>((items.size() + kPagePayload - 1) / kPagePayload);
     const CheckpointHeader header{kLogId, pages + 1, h->Now.size(),
                                   {h->Segments.size(), h->Files[h->Segments.back()].size(), h->Seq, h->Previous}};
@@ -224,7 +220,7 @@ void Forge(std::string *file, bool checkpoint) {
         for (uint32_t i = 0; i < batch.Count && record + sizeof(RecordHeader) <= file->size(); i++) {
             const uint32_t length = At<RecordHeader>(*file, record).Length;
             if (length < sizeof(RecordHeader) || length > file->size() - record) break;
-            const uint32_t crc = RecordCrc(file->data() + record, length);
+            const uint32_t crc = RecordCrc(*file, record, length);
             PutAt(file, record + offsetof(RecordHeader, Crc), crc);
             batch.RecordsCrc = Crc32c(batch.RecordsCrc, &crc, 4);
             record += length;
@@ -297,31 +293,24 @@ void RunInput(fuzz::Input input) {
     const uint8_t how = input.Byte();
     const bool forged = (how & 1) != 0;
     History h;
-    uint64_t durable = 0;
+    h.States[0] = {};
+    uint64_t durable = 0, checkpointSeq = 0;
     const uint32_t batches = input.Byte() % 12u;
     const uint32_t checkpoint = (how & 2) != 0 ? 1 + input.Byte() % 12u : 0;
-    h.States[0] = {};
     for (uint32_t i = 1; i <= batches; i++) {
         // The writer names what its last write made durable; without one write a batch, older ones.
         const uint64_t before = h.Seq;
         AddBatch(&h, &input, durable);
-        if ((how & 4) == 0) {
-            durable = h.Seq;
-        } else if (i % 3 == 0) {
-            durable = before;
-        }
+        durable = (how & 4) == 0 ? h.Seq : i % 3 == 0 ? before : durable;
         if (i == checkpoint) AddCheckpoint(&h);
     }
     for (const std::string &name : h.Segments) h.Files[name].resize(kSegment);
-    // What a checkpoint covers may be gone.
-    if ((how & 8) != 0 && h.Files.count(CheckpointName()) != 0) {
-        const uint64_t begin = At<CheckpointHeader>(h.Files[CheckpointName()], sizeof(PageHeader)).Begin.Segment;
-        for (uint64_t i = 1; i < begin; i++) h.Files.erase(h.Segments[i - 1]);
+    if (h.Files.count(CheckpointName()) != 0) {
+        const LogPosition begin = At<CheckpointHeader>(h.Files[CheckpointName()], sizeof(PageHeader)).Begin;
+        checkpointSeq = begin.Seq;
+        // What a checkpoint covers may be gone.
+        for (uint64_t i = 1; (how & 8) != 0 && i < begin.Segment; i++) h.Files.erase(h.Segments[i - 1]);
     }
-    const uint64_t checkpointSeq =
-        h.Files.count(CheckpointName()) != 0
-            ? At<CheckpointHeader>(h.Files[CheckpointName()], sizeof(PageHeader)).Begin.Seq
-            : 0;
     bool gone = false;
     for (uint32_t changes = 0; !input.Empty() && !h.Files.empty() && changes < (forged ? 8 : 3); changes++) {
         const uint8_t what = input.Byte();
@@ -342,16 +331,17 @@ void RunInput(fuzz::Input input) {
             const std::string_view bytes = input.Bytes(std::min<size_t>(file.size() - at, what - 0x7Fu));
             bytes.copy(file.data() + at, bytes.size());
         } else {
-            const uint64_t word = input.Number(what % 2 == 0 ? 4 : 8);
-            std::memcpy(file.data() + at / 4 * 4, &word, std::min<size_t>(file.size() - at / 4 * 4, what % 2 == 0 ? 4 : 8));
+            const uint32_t width = what % 2 == 0 ? 4 : 8;
+            const uint64_t word = input.Number(width);
+            std::memcpy(file.data() + at / 4 * 4, &word, std::min<size_t>(file.size() - at / 4 * 4, width));
         }
-    }
-    for (auto &[name, file] : h.Files) {
-        if (forged && file.size() >= kLogBlock) Forge(&file, name == CheckpointName());
     }
     std::filesystem::remove_all(gOptions.Dir);
     std::filesystem::create_directories(gOptions.Dir);
-    for (const auto &[name, file] : h.Files) std::ofstream(PathOf(name), std::ios::binary) << file;
+    for (auto &[name, file] : h.Files) {
+        if (forged && file.size() >= kLogBlock) Forge(&file, name == CheckpointName());
+        std::ofstream(PathOf(name), std::ios::binary) << file;
+    }
 
     Recovered result;
     const bool good = Recover(&result);
