@@ -46,6 +46,14 @@ inline std::string ReadWhole(const std::string &path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
+// To as many as this user may have; the number of them.
+inline rlim_t RaiseDescriptorLimit() {
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = files.rlim_max;
+    return setrlimit(RLIMIT_NOFILE, &files) == 0 ? files.rlim_max : 0;
+}
+
 template <typename Condition>
 bool Await(Condition condition) {
     for (int i = 0; i < 2400; i++) {
@@ -87,10 +95,7 @@ struct Server {
             dup2(file, 2);
             if (Is.Io != nullptr) setenv("ZVXKVT_IO", Is.Io, 1);
             if (failPoint != nullptr) setenv("ZVXKVT_FAIL", failPoint, 1);
-            rlimit files{};
-            getrlimit(RLIMIT_NOFILE, &files);
-            files.rlim_cur = files.rlim_max;
-            setrlimit(RLIMIT_NOFILE, &files);
+            RaiseDescriptorLimit();
             if (fileLimit != RLIM_INFINITY) {
                 const rlimit size{fileLimit, fileLimit};
                 setrlimit(RLIMIT_FSIZE, &size);
