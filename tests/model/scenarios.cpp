@@ -266,9 +266,13 @@ void SectionAnd(bool ends, Ask ask) {
 
 // ---- 3. Cancel against completion --------------------------------------------------------------------
 
-void EndOfRead(const char *name, OVERLAPPED *ov) {
+// A read of `*reader` (null until it is known) ends, when it runs on `entry`.
+void EndOfRead(const char *name, Fiber *const *reader, const PSEHAND *entry, uint32_t bytes) {
+    const auto runs = [=] {
+        return *reader != nullptr && script::RunningOn(&(*reader)->OwnOvs[0].Ov) == HandleValue(entry);
+    };
     AddEvent(
-        name, [=] { return script::RunningOn(ov) != nullptr; }, [=] { script::EndOperation(ov, STATUS_SUCCESS, 1); },
+        name, runs, [=] { script::EndOperation(&(*reader)->OwnOvs[0].Ov, STATUS_SUCCESS, bytes); },
         gSchedulers[1]->Io->Tail);
 }
 
@@ -287,14 +291,13 @@ void CancelAgainstEnd(bool foreign, bool hold) {
     });
     static uint32_t generation = Generation(F);
     static Fiber *second;
-    static bool secondEnded;
     gAgain = AddFiber(1, [](Fiber *self) {
         Gate(self);
         while (F->State != FSTATE_EXITED && Generation(F) == generation) SchedYield(self, Yield_SCHED);
         CreateOn(1, [](Fiber *reader) {
             second = reader;
             MUST(test::ReadOn(reader, entries[1]) == STATUS_SUCCESS);
-            MUST(secondEnded && reader->OwnOvs[0].Ov.InternalHigh == 2);
+            MUST(reader->OwnOvs[0].Ov.InternalHigh == 2);
         });
     });
     gToEnd++;
@@ -304,17 +307,8 @@ void CancelAgainstEnd(bool foreign, bool hold) {
         Terminate();
         CloseHandle(gThread);
     });
-    AddEvent(
-        "the first read ends", [] { return script::RunningOn(&F->OwnOvs[0].Ov) == HandleValue(entries[0]); },
-        [] { script::EndOperation(&F->OwnOvs[0].Ov, STATUS_SUCCESS, 1); }, gSchedulers[1]->Io->Tail);
-    AddEvent(
-        "the second read ends",
-        [] { return second != nullptr && script::RunningOn(&second->OwnOvs[0].Ov) == HandleValue(entries[1]); },
-        [] {
-            secondEnded = true;
-            script::EndOperation(&second->OwnOvs[0].Ov, STATUS_SUCCESS, 2);
-        },
-        nullptr);
+    EndOfRead("the first read ends", &F, entries[0], 1);
+    EndOfRead("the second read ends", &second, entries[1], 2);
     DrainShells();
 }
 // No packet is taken for a record that has been given to somebody else since.
@@ -333,7 +327,7 @@ void ReadAndRoutine() {
     OpenAtRest({gTarget});
     RunToRest();
     AddFiber(0, [](Fiber *) { MUST(Inject()); });
-    EndOfRead("the read ends", &gTarget->OwnOvs[0].Ov);
+    EndOfRead("the read ends", &gTarget, entry, 1);
 }
 
 // A thread waits alertably for two reads with routines, and is asked for something meanwhile. Each routine runs once,
@@ -359,8 +353,12 @@ void Alertable(Ask ask) {
         const DWORD code = AwaitEnd();
         for (Shared<uint32_t> &count : gCompletions) MUST(code == 7 ? count <= 1 : count == 1);
     });
-    EndOfRead("the first read ends", &OvOfLink(gTarget->FileOvs.Ends.Next)->Ov);
-    EndOfRead("the second read ends", &OvOfLink(gTarget->FileOvs.Ends.Prev)->Ov);
+    for (ListLink *link : {gTarget->FileOvs.Ends.Next, gTarget->FileOvs.Ends.Prev}) {
+        OVERLAPPED *ov = &OvOfLink(link)->Ov;
+        AddEvent(
+            "a read ends", [=] { return script::RunningOn(ov) != nullptr; },
+            [=] { script::EndOperation(ov, STATUS_SUCCESS, 1); }, gSchedulers[1]->Io->Tail);
+    }
 }
 
 // ---- 4. Exit against message -------------------------------------------------------------------------
