@@ -94,7 +94,7 @@ void CloseSocket(SOCKET s) {
 }
 
 void Fill(char *block) {
-    for (int i = 0; i < kBlock; ++i) block[i] = static_cast<char>(i * 2654435761u >> 13);
+    for (int i = 0; i < kBlock; ++i) block[i] = static_cast<char>(static_cast<uint32_t>(i) * 2654435761u >> 13);
 }
 
 SOCKET Connect() {

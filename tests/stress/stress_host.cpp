@@ -102,7 +102,7 @@ void FinishReads(HANDLE file, Read *reads, int count) {
     while (reads[0].End.Done + reads[1].End.Done < 2) SleepEx(100, TRUE);
     for (int i = 0; i < count; ++i) {
         Read &read = reads[i];
-        if (i >= 2) read.End.Done = GetOverlappedResult(file, &read.End.Ov, &read.End.Bytes, TRUE);
+        if (i >= 2) read.End.Done = GetOverlappedResult(file, &read.End.Ov, &read.End.Bytes, TRUE) ? 1 : 0;
         if (read.End.Done != 1 || read.End.Error != 0 || read.End.Bytes != 2048)
             Fail("an overlapped read", read.End.Error, read.End.Done);
         CheckBytes(read.Buffer, read.End.Ov.Offset, 2048);
