@@ -2,10 +2,8 @@
 #ifndef ZVX_TESTS_PLATFORM_SOCKET_SUPPORT_H
 #define ZVX_TESTS_PLATFORM_SOCKET_SUPPORT_H
 
-#include <netinet/in.h>
-#include <sys/resource.h>
-
 #include <dirent.h>
+#include <netinet/in.h>
 
 #include "platform/os_socket.h"
 #include "support.h"
@@ -67,10 +65,6 @@ struct Pair {
     }
 };
 
-inline bool Shows(DWORD error) {
-    return os::GetLastError() == error || (ADD_FAILURE() << os::GetLastError() << " instead of " << error, false);
-}
-
 // The error of a call that gives SOCKET_ERROR or INVALID_SOCKET when it fails; 0 when it does not.
 template <typename Result>
 DWORD SocketError(Result result) {
@@ -81,24 +75,24 @@ struct SocketOperation : Operation {
     char Areas[64];
     DWORD Receive(SOCKET s, void *buffer, size_t bytes, DWORD flags = 0) {
         WSABUF one{static_cast<ULONG>(bytes), static_cast<CHAR *>(buffer)};
-        return os::WSARecv(s, &one, 1, &Got, &flags, &Ov, nullptr, &Op) == 0 ? 0 : os::GetLastError();
+        return SocketError(os::WSARecv(s, &one, 1, &Got, &flags, &Ov, nullptr, &Op));
     }
-    DWORD Send(SOCKET s, const void *buffer, size_t bytes) {
-        WSABUF one{static_cast<ULONG>(bytes), const_cast<CHAR *>(static_cast<const CHAR *>(buffer))};
-        return os::WSASend(s, &one, 1, &Got, 0, &Ov, nullptr, &Op) == 0 ? 0 : os::GetLastError();
+    DWORD Send(SOCKET s, WSABUF *buffers, size_t count) {
+        return SocketError(os::WSASend(s, buffers, static_cast<DWORD>(count), &Got, 0, &Ov, nullptr, &Op));
+    }
+    DWORD Send(SOCKET s, const char *buffer, size_t bytes) {
+        WSABUF one{static_cast<ULONG>(bytes), const_cast<CHAR *>(buffer)};
+        return Send(s, &one, 1);
     }
     DWORD Accept(SOCKET listener, SOCKET fresh) {
-        return os::AcceptEx(listener, fresh, Areas, 0, 32, 32, &Got, &Ov, &Op) ? 0 : os::GetLastError();
+        return FailureOf(os::AcceptEx(listener, fresh, Areas, 0, 32, 32, &Got, &Ov, &Op));
     }
     // The error with which it ends, which is waited for when the answer was pending.
     DWORD End(HANDLE port, DWORD answer) {
-        DWORD bytes = 0, flags = 0;
+        DWORD flags = 0;
         if (answer == ERROR_IO_PENDING) Await(port, &Ov);
         os::TakeEndedOps(Io());
-        if (answer != ERROR_IO_PENDING) return answer;
-        const BOOL ended = os::WSAGetOverlappedResult(0, &Ov, &bytes, FALSE, &flags);
-        Got = bytes;
-        return ended ? 0 : os::GetLastError();
+        return answer != ERROR_IO_PENDING ? answer : FailureOf(os::WSAGetOverlappedResult(0, &Ov, &Got, FALSE, &flags));
     }
 };
 
@@ -107,12 +101,6 @@ inline void CloseHard(SOCKET s) {
     const zvx_linger hard{1, 0};
     EXPECT_EQ(0, os::setsockopt(s, ZVX_SOL_SOCKET, ZVX_SO_LINGER, reinterpret_cast<const char *>(&hard), sizeof hard));
     EXPECT_EQ(0, os::closesocket(s));
-}
-
-inline std::string Pattern(size_t bytes) {
-    std::string text(bytes, 0);
-    for (size_t i = 0; i < bytes; i++) text[i] = PatternByte(i);
-    return text;
 }
 
 inline std::string ReceiveAll(SOCKET s) {

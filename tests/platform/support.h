@@ -18,9 +18,9 @@
 #include <thread>
 #include <vector>
 
+#include "../support/run_child.h"
 #include "platform/base/object.h"
 #include "platform/os.h"
-#include "../support/run_child.h"
 
 inline double MillisecondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
@@ -82,14 +82,23 @@ inline char PatternByte(uint64_t offset) {
     return static_cast<char>(offset / 4 * 2654435761u >> offset % 4 * 8);
 }
 
+inline std::string Pattern(size_t bytes, uint64_t offset = 0) {
+    std::string text(bytes, 0);
+    for (size_t i = 0; i < bytes; i++) text[i] = PatternByte(offset + i);
+    return text;
+}
+
+inline bool HasPattern(const void *buffer, uint64_t offset, size_t bytes) {
+    return memcmp(buffer, Pattern(bytes, offset).data(), bytes) == 0;
+}
+
 // A name in the working directory (a real disk, so that direct transfers work), removed at the end.
 struct Scratch {
     std::string Name;
 
     // A file of that many bytes of the pattern.
     explicit Scratch(size_t bytes) : Scratch() {
-        std::string data(bytes, 0);
-        for (size_t i = 0; i < bytes; i++) data[i] = PatternByte(i);
+        const std::string data = Pattern(bytes);
         const int fd = open(Name.c_str(), O_CREAT | O_RDWR, 0600);
         EXPECT_EQ(static_cast<ssize_t>(bytes), write(fd, data.data(), bytes));
         fsync(fd);
@@ -109,12 +118,6 @@ struct Scratch {
 struct Fifo : Scratch {
     Fifo() { EXPECT_EQ(0, mkfifo(Name.c_str(), 0600)); }
 };
-
-inline bool HasPattern(const void *buffer, uint64_t offset, size_t bytes) {
-    std::vector<char> expected(bytes);
-    for (size_t i = 0; i < bytes; i++) expected[i] = PatternByte(offset + i);
-    return bytes == 0 || memcmp(buffer, expected.data(), bytes) == 0;
-}
 
 // Memory for direct transfers.
 struct Pages {
@@ -138,10 +141,10 @@ struct Operation {
     }
     // 0 when it is done, or the error, which is ERROR_IO_PENDING when it ends later.
     DWORD Read(HANDLE file, void *buffer, DWORD bytes, uint64_t offset = 0) {
-        return os::ReadFile(file, buffer, bytes, &Got, At(offset), &Op) ? 0 : os::GetLastError();
+        return FailureOf(os::ReadFile(file, buffer, bytes, &Got, At(offset), &Op));
     }
     DWORD Write(HANDLE file, const void *buffer, DWORD bytes, uint64_t offset = 0) {
-        return os::WriteFile(file, buffer, bytes, &Got, At(offset), &Op) ? 0 : os::GetLastError();
+        return FailureOf(os::WriteFile(file, buffer, bytes, &Got, At(offset), &Op));
     }
 };
 
