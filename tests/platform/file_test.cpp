@@ -46,21 +46,14 @@ TEST(FileLock, ExcludesBetweenHandlesAndProcessesAndIsReleasedRangeByRange) {
     EXPECT_TRUE(Unlock(a, 100, 50));
     EXPECT_TRUE(FreeElsewhere(file, 100, 50));
     // Shared ones overlap; a release leaves what another of them still covers.
-    EXPECT_TRUE(TryLock(a, 500, 100, false));
-    EXPECT_TRUE(TryLock(a, 550, 100, false));
-    EXPECT_TRUE(TryLock(a, 570, 10, false));
-    EXPECT_TRUE(TryLock(b, 500, 60, false));
-    EXPECT_TRUE(Unlock(b, 500, 60));
-    EXPECT_TRUE(Unlock(a, 500, 100));
-    EXPECT_TRUE(FreeElsewhere(file, 500, 50));
-    EXPECT_FALSE(FreeElsewhere(file, 599, 1));
+    for (const DWORD begin : {500u, 550u}) EXPECT_TRUE(TryLock(a, begin, 100, false));
+    EXPECT_TRUE(TryLock(a, 570, 10, false) && TryLock(b, 500, 60, false));
+    EXPECT_TRUE(Unlock(b, 500, 60) && Unlock(a, 500, 100));
+    EXPECT_TRUE(FreeElsewhere(file, 500, 50) && !FreeElsewhere(file, 599, 1));
     EXPECT_TRUE(Unlock(a, 550, 100));
-    EXPECT_TRUE(FreeElsewhere(file, 550, 20));
-    EXPECT_FALSE(FreeElsewhere(file, 579, 1));
-    EXPECT_TRUE(FreeElsewhere(file, 580, 70));
+    EXPECT_TRUE(FreeElsewhere(file, 550, 20) && !FreeElsewhere(file, 579, 1) && FreeElsewhere(file, 580, 70));
     os::CloseHandle(a);
     EXPECT_TRUE(TryLock(b, 570, 10, true)) << "closing releases";
-    os::CloseHandle(b);
 }
 
 TEST(FileLock, IsGrantedLaterOrCancelled) {
@@ -75,12 +68,8 @@ TEST(FileLock, IsGrantedLaterOrCancelled) {
     EXPECT_EQ(nullptr, Take(port, 30).Ov);
     EXPECT_TRUE(os::CancelIoEx(waiter, &a[1].Ov));
     EXPECT_EQ(STATUS_CANCELLED, Await(port, &a[1].Ov));
-    std::thread other([&] {
-        Pause(20);
-        EXPECT_TRUE(Unlock(holder, 0, 10));
-    });
+    Together([&] { EXPECT_TRUE(Unlock(holder, 0, 10)); });
     EXPECT_EQ(STATUS_SUCCESS, Await(port, &a[0].Ov));
-    other.join();
     EXPECT_FALSE(TryLock(holder, 0, 10, true));
     EXPECT_TRUE(Unlock(waiter, 0, 10));
     EXPECT_EQ(STATUS_SUCCESS, Await(port, &a[2].Ov));
@@ -91,16 +80,15 @@ TEST(FileLock, IsGrantedLaterOrCancelled) {
     EXPECT_TRUE(FreeElsewhere(file, 0, 10)) << "a cancelled waiter took the range";
     // A synchronous handle of a thread without a port waits its way.
     ASSERT_TRUE(TryLock(holder, 0, 10, true));
-    std::atomic<bool> granted{false};
-    std::thread blocked([&] {
-        Operation ov;
-        const HANDLE own = file.Open(0);
-        EXPECT_TRUE(Lock(own, 0, 10, LOCKFILE_EXCLUSIVE_LOCK, &ov));
-        granted = true;
-        os::CloseHandle(own);
-    });
-    Pause(20);
-    EXPECT_FALSE(granted);
-    EXPECT_TRUE(Unlock(holder, 0, 10));
-    blocked.join();
+    std::atomic<bool> released{false};
+    Together(
+        [&] {
+            Operation ov;
+            EXPECT_TRUE(Lock(file.Open(0), 0, 10, LOCKFILE_EXCLUSIVE_LOCK, &ov) && released);
+        },
+        [&] {
+            Pause(20);
+            released = true;
+            EXPECT_TRUE(Unlock(holder, 0, 10));
+        });
 }

@@ -9,13 +9,12 @@ HANDLE NewEvent() {
 
 // Whether `value` is given out within the next `tries` creations, each of which is closed again.
 bool IsGivenOut(HANDLE value, int tries) {
-    bool found = false;
-    for (int i = 0; i < tries && !found; i++) {
+    for (; tries > 0; tries--) {
         HANDLE made = NewEvent();
-        found = made == value;
         os::CloseHandle(made);
+        if (made == value) return true;
     }
-    return found;
+    return false;
 }
 
 TEST(Handle, AClosedValueIsGivenOutLateAndAPinnedOneNotAtAll) {

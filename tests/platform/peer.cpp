@@ -1,12 +1,12 @@
 // tests/platform/peer.cpp - another process: does what a test tells it to, one line at a time.
 //
 // With arguments it is a program to be started: see main. Without, it reads commands from standard input and answers
-// each with one line; it works on one object at a time.
+// each with one line, a result or an error; it works on one object at a time.
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <string>
 
 #include "platform/os_process.h"
 
@@ -14,33 +14,20 @@ namespace {
 
 HANDLE gObject;
 
-// The number that answers the command.
-DWORD Obey(const char *verb, const char *name, unsigned first, unsigned second) {
-    if (strcmp(verb, "create-event") == 0) {
-        gObject = os::CreateEventA(nullptr, static_cast<BOOL>(first), static_cast<BOOL>(second), name);
-    } else if (strcmp(verb, "create-mutex") == 0) {
-        gObject = os::CreateMutexA(nullptr, static_cast<BOOL>(first), name);
-    } else if (strcmp(verb, "create-semaphore") == 0) {
-        gObject = os::CreateSemaphoreA(nullptr, static_cast<LONG>(first), static_cast<LONG>(second), name);
-    } else if (strcmp(verb, "open-event") == 0) {
-        gObject = os::OpenEventA(EVENT_ALL_ACCESS, FALSE, name);
-    } else if (strcmp(verb, "open-mutex") == 0) {
-        gObject = os::OpenMutexA(MUTEX_ALL_ACCESS, FALSE, name);
-    } else if (strcmp(verb, "open-semaphore") == 0) {
-        gObject = os::OpenSemaphoreA(SEMAPHORE_ALL_ACCESS, FALSE, name);
-    } else if (strcmp(verb, "close") == 0) {
-        return os::CloseHandle(gObject) ? 0 : os::GetLastError();
-    } else if (strcmp(verb, "set") == 0) {
-        return os::SetEvent(gObject) ? 0 : os::GetLastError();
-    } else if (strcmp(verb, "release-mutex") == 0) {
-        return os::ReleaseMutex(gObject) ? 0 : os::GetLastError();
-    } else if (strcmp(verb, "release-semaphore") == 0) {
-        return os::ReleaseSemaphore(gObject, static_cast<LONG>(first), nullptr) ? 0 : os::GetLastError();
-    } else if (strcmp(verb, "wait") == 0) {
-        return os::WaitForSingleObject(gObject, first);
-    } else {
-        return 9999;
-    }
+DWORD Obey(const std::string &verb, const char *name, unsigned first, unsigned second) {
+    const auto error = [](BOOL done) { return done ? 0 : os::GetLastError(); };
+    const BOOL initial = static_cast<BOOL>(first);
+    const LONG count = static_cast<LONG>(first);
+    if (verb == "close") return error(os::CloseHandle(gObject));
+    if (verb == "set") return error(os::SetEvent(gObject));
+    if (verb == "release-mutex") return error(os::ReleaseMutex(gObject));
+    if (verb == "release-semaphore") return error(os::ReleaseSemaphore(gObject, count, nullptr));
+    if (verb == "wait") return os::WaitForSingleObject(gObject, first);
+    if (verb == "create-event") gObject = os::CreateEventA(nullptr, initial, static_cast<BOOL>(second), name);
+    if (verb == "create-mutex") gObject = os::CreateMutexA(nullptr, initial, name);
+    if (verb == "open-event") gObject = os::OpenEventA(EVENT_ALL_ACCESS, FALSE, name);
+    if (verb == "open-mutex") gObject = os::OpenMutexA(MUTEX_ALL_ACCESS, FALSE, name);
+    if (verb == "open-semaphore") gObject = os::OpenSemaphoreA(SEMAPHORE_ALL_ACCESS, FALSE, name);
     return os::GetLastError();
 }
 
@@ -62,12 +49,12 @@ int ObeyLines() {
 // may use; "copy" copies standard input to standard output; "exit N"; "stay".
 int main(int count, char **words) {
     if (count < 2) return ObeyLines();
-    const char *what = words[1];
-    if (strcmp(what, "words") == 0) {
+    const std::string what = words[1];
+    if (what == "words") {
         for (int i = 2; i < count; i++) printf("[%s]", words[i]);
         return 7;
     }
-    if (strcmp(what, "where") == 0) {
+    if (what == "where") {
         char folder[4096];
         const char *value = getenv("ZVX_PEER");
         uint32_t process = 0, system = 0;
@@ -75,11 +62,11 @@ int main(int count, char **words) {
         printf("%s %s %d", getcwd(folder, sizeof folder), value != nullptr ? value : "-", __builtin_popcount(process));
         return 0;
     }
-    if (strcmp(what, "copy") == 0) {
+    if (what == "copy") {
         for (int c; (c = getchar()) != EOF;) putchar(c);
         return 0;
     }
-    if (strcmp(what, "exit") == 0) return atoi(words[2]);
-    if (strcmp(what, "stay") == 0) sleep(30);
+    if (what == "exit") return atoi(words[2]);
+    if (what == "stay") sleep(30);
     return 1;
 }

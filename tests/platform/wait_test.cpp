@@ -9,7 +9,7 @@ HANDLE AutoEvent() {
 
 // A thread that schedules its own waits, with no more to do than to sleep until it is told.
 struct Parker {
-    explicit Parker() : Sink{Announce, nullptr, nullptr, nullptr, false} {}
+    Parker() : Sink{Announce, nullptr, nullptr, nullptr, false} {}
     static void Announce(os::WaitSink *sink) {
         auto *self = reinterpret_cast<Parker *>(sink);
         self->Told++;
@@ -42,18 +42,6 @@ struct Parker {
     alignas(8) char Blocks[4][os::kWaitBlockBytes];
 };
 
-TEST(Wait, NoWakeUpIsLostInPingPong) {
-    HANDLE ping = AutoEvent(), pong = AutoEvent();
-    auto player = [](HANDLE mine, HANDLE theirs) {
-        for (int i = 0; i < 20000; i++) {
-            ASSERT_EQ(os::WaitForSingleObject(mine, INFINITE), WAIT_OBJECT_0);
-            os::SetEvent(theirs);
-        }
-    };
-    os::SetEvent(ping);
-    Together([&] { player(ping, pong); }, [&] { player(pong, ping); });
-}
-
 // Units are neither lost nor doubled, although some waits run out of time just as they are given one, waits for any of
 // several compete with waits for one, and parked waits with those of threads.
 TEST(Wait, UnitsAreConservedUnderContention) {
@@ -71,7 +59,7 @@ TEST(Wait, UnitsAreConservedUnderContention) {
             uint32_t count = 1 + Draw(random, kSemaphores - first);
             DWORD got = seed >= 3    ? parker.WaitFor(count, semaphores + first, FALSE, ms)
                         : count == 1 ? os::WaitForSingleObject(semaphores[first], ms)
-                                   : os::WaitForMultipleObjects(count, semaphores + first, FALSE, ms);
+                                     : os::WaitForMultipleObjects(count, semaphores + first, FALSE, ms);
             if (got == WAIT_TIMEOUT) continue;
             ASSERT_LT(got, count);
             taken[first + got]++;
@@ -101,17 +89,10 @@ TEST(Wait, AnyTakesTheLowestAndAllTakesEverythingOrNothing) {
     os::SetEvent(events[1]);
     EXPECT_EQ(os::WaitForMultipleObjects(3, events, FALSE, INFINITE), WAIT_OBJECT_0 + 1);
     EXPECT_EQ(os::WaitForMultipleObjects(3, events, FALSE, 0), WAIT_OBJECT_0 + 2);
-    // The same object twice in a sleeping wait is taken once, and leaves no wait block behind.
-    HANDLE twice[3] = {events[0], events[0], events[1]};
-    std::thread any([&] { EXPECT_EQ(os::WaitForMultipleObjects(3, twice, FALSE, INFINITE), WAIT_OBJECT_0); });
-    Pause(20);
-    os::SetEvent(events[0]);
-    any.join();
-
-    std::atomic<int> got{0};
+    std::atomic<bool> got{false};
     std::thread all([&] {
         EXPECT_EQ(os::WaitForMultipleObjects(2, events, TRUE, INFINITE), WAIT_OBJECT_0);
-        got = 1;
+        got = true;
     });
     Pause(20);
     os::SetEvent(events[0]);
@@ -119,7 +100,7 @@ TEST(Wait, AnyTakesTheLowestAndAllTakesEverythingOrNothing) {
     EXPECT_EQ(os::WaitForSingleObject(events[0], 0), WAIT_OBJECT_0) << "a waiter for both holds neither";
     os::SetEvent(events[1]);
     Pause(10);
-    EXPECT_EQ(got, 0);
+    EXPECT_FALSE(got);
     os::SetEvent(events[0]);
     all.join();
     EXPECT_EQ(os::WaitForMultipleObjects(2, events, FALSE, 0), WAIT_TIMEOUT);
@@ -151,7 +132,7 @@ TEST(Wait, ParkedWaitsAreGrantedInTheirTurn) {
     std::thread owner([&] {
         EXPECT_EQ(os::WaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
         owned = true;
-        while (all.Told == 0 && owned) Pause(1);
+        while (owned) Pause(1);
         EXPECT_EQ(all.Told, 0);
         EXPECT_TRUE(os::ReleaseMutex(mutex));
     });
@@ -188,19 +169,16 @@ TEST(Wait, OverlappingSetsNeitherDeadlockNorOverlap) {
     HANDLE locks[3] = {os::CreateMutexA(nullptr, FALSE, nullptr), os::CreateSemaphoreA(nullptr, 1, 1, nullptr),
                        os::CreateEventA(nullptr, FALSE, TRUE, nullptr)};
     auto release = [&](int which) {
-        if (which == 0) return os::ReleaseMutex(locks[0]);
-        if (which == 1) return os::ReleaseSemaphore(locks[1], 1, nullptr);
-        return os::SetEvent(locks[2]);
+        return which == 0   ? os::ReleaseMutex(locks[0])
+               : which == 1 ? os::ReleaseSemaphore(locks[1], 1, nullptr)
+                            : os::SetEvent(locks[2]);
     };
     std::atomic<int> holders[3] = {};
     auto worker = [&](std::vector<int> order) {
         HANDLE set[3];
         for (size_t i = 0; i < order.size(); i++) set[i] = locks[order[i]];
         for (int round = 0; round < 4000; round++) {
-            DWORD got = order.size() == 1
-                            ? os::WaitForSingleObject(set[0], INFINITE)
-                            : os::WaitForMultipleObjects(static_cast<DWORD>(order.size()), set, TRUE, INFINITE);
-            ASSERT_EQ(got, WAIT_OBJECT_0);
+            ASSERT_EQ(os::WaitForMultipleObjects(static_cast<DWORD>(order.size()), set, TRUE, INFINITE), WAIT_OBJECT_0);
             for (int which : order) ASSERT_EQ(holders[which].fetch_add(1), 0);
             if (round % 128 == 0) std::this_thread::yield();
             for (int which : order) holders[which]--;
