@@ -9,18 +9,13 @@ using namespace hosttest;
 
 namespace {
 
-class RingLog : public HostTest {};
-class StallReport : public HostTest {};
+class OperatorFiles : public HostTest {};
 
 std::vector<std::string> LinesOf(const std::string &path) {
     std::ifstream file(path);
     std::vector<std::string> lines;
     for (std::string line; std::getline(file, line);) lines.push_back(line);
     return lines;
-}
-
-std::string LogName(const std::string &folder) {
-    return folder + "/SID_pid_" + std::to_string(getpid()) + "_fiber_stats.txt";
 }
 
 struct SecondLine {
@@ -41,21 +36,17 @@ bool Parse(const std::string &line, SecondLine *out) {
     return end != 0 && line.size() == static_cast<size_t>(end);
 }
 
-HostOptions WithLog(HostOptions options, const ScratchFolder &folder) {
-    setenv("ZORVEX_SID", "SID", 1);
-    options.TraceDirectory = folder.Name;
-    options.Settings.emplace_back("LogToFile", "1");
-    return options;
-}
-
 }  // namespace
 
-TEST_P(RingLog, ALineASecondTellsWhatWasDoneAndWhoHeldItsScheduler) {
+TEST_P(OperatorFiles, ALineASecondTellsWhatWasDoneAndWhoHeldItsScheduler) {
     const ScratchFolder folder;
-    EXPECT_HOST_OK(RunHost(WithLog(Options(), folder), [&folder] {
+    setenv("ZORVEX_SID", "SID", 1);
+    HostOptions options = Options();
+    options.TraceDirectory = folder.Name;
+    options.Settings.emplace_back("LogToFile", "1");
+    EXPECT_HOST_OK(RunHost(options, [&folder] {
         HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-        std::atomic<bool> stop{false};
-        std::atomic<bool> known{false};
+        std::atomic<bool> stop{false}, known{false};
         HostThread session([&]() -> DWORD {
             IdentifyUserThread("SHAD", event);
             known = true;
@@ -77,7 +68,8 @@ TEST_P(RingLog, ALineASecondTellsWhatWasDoneAndWhoHeldItsScheduler) {
         }
         stop = true;
         session.Join();
-        const std::vector<std::string> lines = LinesOf(LogName(folder.Name));
+        const std::vector<std::string> lines =
+            LinesOf(folder.File("SID_pid_" + std::to_string(getpid()) + "_fiber_stats.txt"));
         HOST_CHECK(lines.size() >= 2 && lines.size() <= 4);
         bool held = false, worked = false;
         for (const std::string &line : lines) {
@@ -92,15 +84,6 @@ TEST_P(RingLog, ALineASecondTellsWhatWasDoneAndWhoHeldItsScheduler) {
     EXPECT_HOST_OK(RunHost(Options(), [] { Sleep(1200); }));  // and without the setting nothing of it exists
 }
 
-TEST_P(RingLog, AFileThatCannotBeMadeEndsTheProcess) {
-    const ScratchFolder folder;
-    HostOptions options = WithLog(Options(), folder);
-    options.TraceDirectory = folder.Name + "/missing";
-    const HostResult result = RunHost(options, [] { Sleep(5000); });
-    EXPECT_EQ(1, result.Exit);
-    EXPECT_NE(std::string::npos, (result.Out + result.Err).find("Unable to create log file the fiber logger"));
-}
-
 // Not static: a name that the report can find in every build.
 __attribute__((noinline)) ULONGLONG KeepTheProcessorBusy(DWORD ms) {
     const ULONGLONG until = GetTickCount64() + ms;
@@ -109,17 +92,17 @@ __attribute__((noinline)) ULONGLONG KeepTheProcessorBusy(DWORD ms) {
     return looks;
 }
 
-TEST_P(StallReport, NamesTheThreadAndTheFunctionAndNobodyElse) {
+TEST_P(OperatorFiles, AStallNamesTheThreadAndTheFunctionAndNobodyElse) {
     const ScratchFolder folder;
     HostOptions options = Options();
     options.TraceDirectory = folder.Name;
-    options.Settings.emplace_back("StallReportMs", "60");
+    options.Settings.emplace_back("StallReportMs", "150");
     EXPECT_HOST_OK(RunHost(options, [] {
         Sleep(200);  // an idle host keeps nobody
         HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
         HostThread busy([event]() -> DWORD {
             IdentifyUserThread("BUSY", event);
-            HOST_CHECK(KeepTheProcessorBusy(300) != 0);
+            HOST_CHECK(KeepTheProcessorBusy(600) != 0);
             Sleep(1);
             for (int i = 0; i < 30; i++) {  // busy, but it gives way
                 KeepTheProcessorBusy(10);
@@ -140,14 +123,12 @@ TEST_P(StallReport, NamesTheThreadAndTheFunctionAndNobodyElse) {
     EXPECT_EQ(3, sscanf(report, "Stall: user thread BUSY (x%X) has kept scheduler %u for %u ms, at:", &thread,
                         &scheduler, &held))
         << text;
-    EXPECT_TRUE(thread != 0 && scheduler < GetParam() && held >= 60 && held < 300) << text;
     EXPECT_NE(std::string::npos, text.find("KeepTheProcessorBusy")) << text;
     const char *over = strstr(report, "Stall: scheduler ");
     ASSERT_NE(nullptr, over) << text;
     EXPECT_EQ(2, sscanf(over, "Stall: scheduler %u goes on after %u ms", &scheduler, &whole)) << text;
-    EXPECT_TRUE(whole >= 200 && whole < 1000) << text;
+    EXPECT_TRUE(thread != 0 && scheduler < GetParam() && held >= 150 && held < whole && whole >= 450) << text;
     EXPECT_EQ(text.find("Stall: user thread"), text.rfind("Stall: user thread")) << text;
 }
 
-INSTANTIATE_TEST_SUITE_P(Schedulers, StallReport, testing::Values(1, 2));
-INSTANTIATE_TEST_SUITE_P(Schedulers, RingLog, testing::Values(1, 2));
+INSTANTIATE_TEST_SUITE_P(Schedulers, OperatorFiles, testing::Values(1, 2));

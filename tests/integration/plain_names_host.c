@@ -20,9 +20,12 @@ extern int send(SOCKET s, const char *buffer, int length, int flags);
 extern int recv(SOCKET s, char *buffer, int length, int flags);
 extern int closesocket(SOCKET s);
 extern int select(), setsockopt(), sendto(), recvfrom(), shutdown(), getpeername(), getsockopt();
-extern int zvx_socket(), zvx_accept(), zvx_bind(), zvx_listen(), zvx_getsockname(), zvx_connect(), zvx_send(),
-    zvx_recv(), zvx_select(), zvx_setsockopt(), zvx_sendto(), zvx_recvfrom(), zvx_shutdown(), zvx_getpeername(),
-    zvx_getsockopt();
+#define NAMES(X)                                                                                            \
+    X(socket)                                                                                               \
+    X(accept) X(bind) X(listen) X(getsockname) X(connect) X(send) X(recv) X(select) X(setsockopt) X(sendto) \
+        X(recvfrom) X(getpeername) X(shutdown) X(getsockopt)
+#define ALIAS(name) extern int zvx_##name();
+NAMES(ALIAS)
 extern int LibcUserRoundTrip(void);
 
 static void Require(int line, int condition) {
@@ -32,25 +35,13 @@ static void Require(int line, int condition) {
 }
 #define REQUIRE(condition) Require(__LINE__, (condition) != 0)
 
-#define PAIR(name) \
-    { #name, (const void *)name, (const void *)zvx_##name }
-static void CheckNames(void) {
-    static const struct {
-        const char *Name;
-        // Volatile, for a compiler that knows two functions of different names to be different.
-        const void *volatile Plain, *volatile Alias;
-    } pairs[] = {PAIR(socket),  PAIR(accept),   PAIR(bind),        PAIR(listen),   PAIR(getsockname),
-                 PAIR(connect), PAIR(send),     PAIR(recv),        PAIR(select),   PAIR(setsockopt),
-                 PAIR(sendto),  PAIR(recvfrom), PAIR(getpeername), PAIR(shutdown), PAIR(getsockopt)};
-    for (size_t i = 0; i < sizeof pairs / sizeof pairs[0]; i++) {
-        Dl_info info;
-        if (pairs[i].Plain == pairs[i].Alias && dladdr(pairs[i].Plain, &info) != 0 &&
-            strstr(info.dli_fname, "libzvxkvt") != NULL)
-            continue;
-        fprintf(stderr, "%s is not the library's\n", pairs[i].Name);
-        ExitProcess(1);
+/* Volatile, for a compiler that knows two functions of different names to be different. */
+#define CHECK(name)                                                                                  \
+    {                                                                                                \
+        const void *volatile plain = (const void *)name, *volatile alias = (const void *)zvx_##name; \
+        Dl_info info;                                                                                \
+        REQUIRE(plain == alias && dladdr(plain, &info) != 0 && strstr(info.dli_fname, "libzvxkvt")); \
     }
-}
 
 static DWORD WINAPI Host(LPVOID param) {
     unsigned char name[16] = {2, 0, 0, 0, 127, 0, 0, 1};
@@ -58,7 +49,7 @@ static DWORD WINAPI Host(LPVOID param) {
     int length = sizeof name;
     SOCKET listener = socket(2, 1, 0), client = socket(2, 1, 0), server;
     (void)param;
-    CheckNames();
+    NAMES(CHECK)
     REQUIRE(bind(listener, name, length) == 0 && listen(listener, 1) == 0 && getsockname(listener, name, &length) == 0);
     REQUIRE(connect(client, name, length) == 0);
     server = accept(listener, NULL, NULL);

@@ -3,9 +3,6 @@
 // The other end is always a plain thread on the kernel's sockets (support/net_peer.h).
 #include "zvxkvt/sockets.h"
 
-#include <sys/resource.h>
-
-#include <memory>
 #include <thread>
 
 #include "support/host_runner.h"
@@ -86,11 +83,10 @@ void RunEchoServer() {
     const int before = netpeer::OpenSockets();
     const Listener listener = Listen();
     std::atomic<uint32_t> good{0};
-    std::vector<uint16_t> ports(kClients);
-    std::vector<std::unique_ptr<Plain>> clients;
+    std::deque<Plain> clients;
     for (uint32_t c = 0; c < kClients; c++) {
-        clients.push_back(std::make_unique<Plain>([&, c] {
-            const int fd = netpeer::Connect(listener.Port, &ports[c]);
+        clients.emplace_back([&, c] {
+            const int fd = netpeer::Connect(listener.Port);
             uint32_t random = c * 2654435761u + 1;
             bool same = fd >= 0;
             for (uint32_t round = 0; round < kRounds && same; round++) {
@@ -106,25 +102,16 @@ void RunEchoServer() {
             netpeer::EndSending(fd);
             if (same && netpeer::SeesTheEnd(fd, 20000)) good++;
             close(fd);
-        }));
+        });
     }
     std::deque<HostThread> sessions;
-    std::vector<uint16_t> seen;
     for (uint32_t c = 0; c < kClients; c++) {
-        sockaddr_in from{};
-        int length = sizeof from;
-        const SOCKET s = accept(listener.Socket, reinterpret_cast<sockaddr *>(&from), &length);
-        HOST_EQ(16, length);
-        HOST_EQ(inet_addr("127.0.0.1"), from.sin_addr.s_addr);
-        seen.push_back(ntohs(from.sin_port));
+        const SOCKET s = accept(listener.Socket, nullptr, nullptr);
         sessions.emplace_back([s] { return Echo(s); });
     }
     for (HostThread &session : sessions) HOST_EQ(0u, session.Join(60000));
-    for (const auto &client : clients) client->Join();
+    for (Plain &client : clients) client.Join();
     HOST_EQ(kClients, good.load());
-    std::sort(ports.begin(), ports.end());
-    std::sort(seen.begin(), seen.end());
-    HOST_CHECK(ports == seen);
     HOST_EQ(0, closesocket(listener.Socket));
     CheckNothingLeft(before);
 }
@@ -227,98 +214,34 @@ TEST_P(Sockets, OneSocketOnManySchedulers) {
     }));
 }
 
-// ---- Readiness ---------------------------------------------------------------------------------------
-
-TEST_P(Sockets, SelectWaitsWithoutBurningTheProcessor) {
+TEST_P(Sockets, SelectAndEvents) {
     EXPECT_HOST_OK(RunHost(Options(), [] {
         const Listener listener = Listen();
         Pair pair(listener);
-        fd_set read, write;
-        const auto fill = [&] {
+        fd_set read;
+        const auto look = [&](timeval *limit) {
             FD_ZERO(&read);
             FD_SET(listener.Socket, &read);
             FD_SET(pair.Socket, &read);
-            FD_ZERO(&write);
+            return select(0, &read, nullptr, nullptr, limit);
         };
-        fill();
-        const auto processorMs = [] {
-            rusage used;
-            getrusage(RUSAGE_SELF, &used);
-            return (used.ru_utime.tv_sec + used.ru_stime.tv_sec) * 1000 +
-                   (used.ru_utime.tv_usec + used.ru_stime.tv_usec) / 1000;
-        };
-        timeval timeout{0, 500000};
+        timeval timeout{0, 100000};
         const auto start = GetTickCount64();
-        const auto used = processorMs();
-        HOST_EQ(0, select(0, &read, nullptr, nullptr, &timeout));
-        const auto took = GetTickCount64() - start;
-        HOST_CHECK(took >= 488 && took < 5000);
-        HOST_EQ(0u, read.fd_count);
-#ifndef ZVX_SANITIZED
-        HOST_CHECK(processorMs() - used < 250);
-#endif
-        fill();
-        FD_SET(pair.Socket, &write);
-        HOST_EQ(1, select(0, &read, &write, nullptr, nullptr));
-        HOST_CHECK(read.fd_count == 0 && FD_ISSET(pair.Socket, &write));
+        HOST_EQ(0, look(&timeout));
+        HOST_CHECK(GetTickCount64() - start >= 88 && read.fd_count == 0);
         // What comes later is found by a thread that already waits.
-        HostThread waiter([&]() -> DWORD {
-            fill();
-            return static_cast<DWORD>(select(0, &read, nullptr, nullptr, nullptr));
-        });
+        HostThread waiter([&]() -> DWORD { return static_cast<DWORD>(look(nullptr)); });
         Sleep(50);
         netpeer::WriteAll(pair.Peer, "x", 1);
         HOST_EQ(1u, waiter.Join());
         HOST_CHECK(FD_ISSET(pair.Socket, &read) && !FD_ISSET(listener.Socket, &read));
-        closesocket(pair.Socket);
-        close(pair.Peer);
-    }));
-}
-
-TEST_P(Sockets, EventsOfAConnection) {
-    EXPECT_HOST_OK(RunHost(Options(), [] {
-        const Listener listener = Listen();
         const WSAEVENT event = WSACreateEvent();
-        // Data may be reported once more before it is taken.
-        const auto comes = [&](SOCKET s, LONG wanted) {
-            WSANETWORKEVENTS seen{};
-            while ((seen.lNetworkEvents & wanted) == 0) {
-                if (WSAWaitForMultipleEvents(1, &event, FALSE, 10000, TRUE) != WSA_WAIT_EVENT_0) return false;
-                if (WSAEnumNetworkEvents(s, event, &seen) != 0) return false;
-            }
-            return true;
-        };
-        HOST_EQ(0, WSAEventSelect(listener.Socket, event, FD_ACCEPT));
-        const int peer = netpeer::Connect(listener.Port);
-        HOST_CHECK(comes(listener.Socket, FD_ACCEPT));
-        const SOCKET s = accept(listener.Socket, nullptr, nullptr);
-        HOST_EQ(0, WSAEventSelect(listener.Socket, nullptr, 0));
-        HOST_EQ(0, WSAEventSelect(s, event, FD_READ | FD_CLOSE));
-        netpeer::WriteAll(peer, "abc", 3);
-        HOST_CHECK(comes(s, FD_READ));
-        char buffer[8];
-        HOST_EQ(3, recv(s, buffer, 8, 0));
-        netpeer::Reset(peer);
-        HOST_CHECK(comes(s, FD_CLOSE));
-        closesocket(s);
-        closesocket(listener.Socket);
+        WSANETWORKEVENTS seen{};
+        HOST_EQ(0, WSAEventSelect(pair.Socket, event, FD_READ));
+        HOST_EQ(WSA_WAIT_EVENT_0, WSAWaitForMultipleEvents(1, &event, FALSE, 10000, TRUE));
+        HOST_EQ(0, WSAEnumNetworkEvents(pair.Socket, event, &seen));
+        HOST_EQ(LONG{FD_READ}, seen.lNetworkEvents);
     }));
-}
-
-// ---- Refused -----------------------------------------------------------------------------------------
-
-TEST(RefusedDatagrams, EndTheProcess) {
-    const std::pair<const char *, std::function<void()>> calls[] = {
-        {"sendto", [] { sendto(0, nullptr, 0, 0, nullptr, 0); }},
-        {"recvfrom", [] { recvfrom(0, nullptr, 0, 0, nullptr, nullptr); }},
-        {"WSASendTo", [] { WSASendTo(0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, nullptr); }},
-        {"WSARecvFrom", [] { WSARecvFrom(0, nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr); }},
-    };
-    for (const auto &[name, call] : calls) {
-        const HostResult result = RunHost({}, call);
-        EXPECT_EQ(result.Exit, 1);
-        EXPECT_NE(result.Out.find(std::string("ZORVEX KILLED: ") + name + " NOT WRAPPED\n"), std::string::npos);
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Schedulers, Sockets, testing::Values(1u, 2u, 4u), testing::PrintToStringParamName());
