@@ -177,4 +177,28 @@ TEST(KernelThread, TerminationLetsComputationRunToItsNextSystemCall) {
     EXPECT_EQ(JoinForCode(Start(self)), 12u);
 }
 
+// Threads that allocate, wait and print are ended at random moments; the process must stay usable.
+TEST(KernelThread, TerminationLeavesTheProcessUsable) {
+    std::minstd_rand random(8088);
+    HANDLE semaphore = os::CreateSemaphoreA(nullptr, 0, 1, nullptr);
+    FILE *sink = fopen("/dev/null", "w");
+    Body body = [&]() -> DWORD {
+        for (;;) {
+            for (size_t i = 1; i < 9; i++) free(malloc(i * 40000));
+            os::WaitForSingleObject(semaphore, 1);
+            fputs("line\n", sink);
+            fflush(sink);
+        }
+    };
+    for (int round = 0; round < 150; round++) {
+        HANDLE thread = Start(body);
+        Spin(random, 20000);
+        ASSERT_TRUE(os::TerminateThread(thread, 3));
+        ASSERT_EQ(JoinForCode(thread), 3u);
+        free(malloc(100000));
+        fputs("main\n", sink);
+    }
+    ExpectOnlyTheHandle(semaphore);
+}
+
 }  // namespace
