@@ -106,4 +106,34 @@ TEST_P(Migration, SixteenAtOnceThenReusedAndASeventeenthIsFatal) {
     EXPECT_NE(std::string::npos, (result.Out + result.Err).find("Can not spawn any more dynamic schedulers MAX[16]"));
 }
 
+// With the operating system's events for posts; the library's own messages are the stress host's.
+TEST_P(Migration, PostsByEventReachTheOtherSide) {
+    HostOptions options = Enabled("1");
+    options.Settings.emplace_back("DynamicSchedUseNTPostWait", "1");
+    EXPECT_HOST_OK(RunHost(options, [] {
+        HANDLE there = CreateEventA(nullptr, FALSE, FALSE, nullptr),
+               back = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+        IdentifyUserThread("OTHR", back);
+        std::atomic<bool> ready{false};
+        constexpr int kRounds = 2000;
+        HostThread mover([&]() -> DWORD {
+            MigrateUserThread("LGWR");
+            IdentifyUserThread("LGWR", there);
+            ready = true;
+            for (int i = 0; i < kRounds; i++) {
+                HOST_EQ(WAIT_OBJECT_0, WaitForUserThreadPost(there, 10000));
+                HOST_CHECK(PostUserThread(back));
+            }
+            UnidentifyUserThread(0);
+            return 0;
+        });
+        while (!ready) Sleep(1);
+        for (int i = 0; i < kRounds; i++) {
+            HOST_CHECK(PostUserThread(there));
+            HOST_EQ(WAIT_OBJECT_0, WaitForUserThreadPost(back, 10000));
+        }
+        HOST_EQ(0u, mover.Join());
+    }));
+}
+
 INSTANTIATE_TEST_SUITE_P(Schedulers, Migration, testing::Values(1));

@@ -11,6 +11,10 @@ std::string Name() {
     static const int owner = getpid();
     return "\\\\.\\pipe\\zvx-host-" + std::to_string(owner);
 }
+HANDLE Create(DWORD flags = 0) {
+    return CreateNamedPipeA(Name().c_str(), PIPE_ACCESS_DUPLEX | flags, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE,
+                            PIPE_UNLIMITED_INSTANCES, 0, 0, 0, nullptr);
+}
 std::string Call(const std::string &text, DWORD room) {
     std::string in = text, out(room, 0);
     DWORD got = 0;
@@ -44,9 +48,7 @@ TEST_P(Pipes, ServersAndClientsOnTheSameSchedulers) {
     EXPECT_HOST_OK(RunHost(Options(), [] {
         HANDLE threads[6];
         for (int i = 0; i < 2; i++) {
-            const HANDLE pipe =
-                CreateNamedPipeA(Name().c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE,
-                                 PIPE_UNLIMITED_INSTANCES, 0, 0, 0, nullptr);
+            const HANDLE pipe = Create();
             HOST_CHECK(pipe != INVALID_HANDLE_VALUE);
             threads[i] = CreateThread(nullptr, 0, Echo, pipe, 0, nullptr);
         }
@@ -55,6 +57,27 @@ TEST_P(Pipes, ServersAndClientsOnTheSameSchedulers) {
         HOST_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(4, threads + 2, TRUE, 20000));
         HOST_CHECK(Call("does not fit", 8) == "does not!234");
         HOST_CHECK(Call("-", 8) == "!109");
+    }));
+}
+
+TEST_P(Pipes, TheHostsOwnOperationAndACallerThatIsEnded) {
+    HostOptions options = Options();
+    options.Settings.emplace_back("NumContextSwitchesBeforePolling", "0");  // pipes are on the port all the same
+    EXPECT_HOST_OK(RunHost(options, [] {
+        const HANDLE pipe = Create(FILE_FLAG_OVERLAPPED);
+        OVERLAPPED ov{};
+        ov.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+        HOST_CHECK(!ConnectNamedPipe(pipe, &ov) && GetLastError() == ERROR_IO_PENDING);
+        HOST_EQ(1u, reinterpret_cast<uintptr_t>(ov.hEvent) & 1);
+        HostThread caller([]() -> DWORD { return WaitNamedPipeA(Name().c_str(), 5000) && Call("x", 8).empty(); });
+        HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(ov.hEvent, 5000));
+        DWORD moved = 0;
+        HOST_CHECK(GetOverlappedResult(pipe, &ov, &moved, TRUE));
+        // Ended inside its call, it leaves nothing that the server would wait for.
+        char text[8];
+        HOST_CHECK(ReadFile(pipe, text, 8, &moved, nullptr) && moved == 1);
+        TerminateThread(caller.Handle, 7);
+        HOST_CHECK(!ReadFile(pipe, text, 8, &moved, nullptr) && GetLastError() == ERROR_BROKEN_PIPE);
     }));
 }
 
