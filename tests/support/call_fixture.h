@@ -13,29 +13,16 @@ struct CallTest : SchedTest {
         CheckHandleTable();
         SchedTest::TearDown();
     }
-    // Runs body as a user thread until it parks or ends.
-    Fiber *Run(std::function<void(Fiber *)> body, uint32_t role = ROLE_OTHER) {
-        Fiber *F = NewFiber(S, std::move(body));
-        F->Role = role;
-        RunUntilIdle(S);
-        return F;
-    }
-    // The same for a body that must come to its end at once.
+    // Runs a body that must come to its end at once.
     void RunToEnd(const std::function<void(Fiber *)> &body) {
         bool ended = false;
         Run([&](Fiber *F) { body(F), ended = true; });
         EXPECT_TRUE(ended) << "it waits";
     }
-    // Lets time pass, a millisecond at a time.
-    void Pass(uint32_t ms) {
-        for (uint32_t i = 0; i < ms; i++) {
-            script::AdvanceClock(1);
-            RunUntilIdle(S);
-        }
-    }
-    // Ends F's oldest operation that has a routine; below, the one that F waits for.
+    // Ends F's oldest operation that has a routine, of a file or else of a socket; below, the one that F waits for.
     void EndRoutineOf(Fiber *F, DWORD status, DWORD bytes) {
-        script::EndOperation(&ZVX_RECORD_OF(FirstLink(&F->FileOvs), FIBEROVERLAPPED, Link)->Ov, status, bytes);
+        ListHead *ovs = F->FileOvs.Count != 0 ? &F->FileOvs : &F->SocketOvs;
+        script::EndOperation(&ZVX_RECORD_OF(FirstLink(ovs), FIBEROVERLAPPED, Link)->Ov, status, bytes);
         RunUntilIdle(S);
     }
     void EndWaitOf(Fiber *F, DWORD status, DWORD bytes) {

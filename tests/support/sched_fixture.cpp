@@ -20,7 +20,7 @@ struct Rig {
     os::FiberContext *TestSide = nullptr;
     std::map<HANDLE, Scheduler *> ByPort;
     std::map<Scheduler *, os::FiberContext *> Continue;  // where RunUntilIdle goes on
-    std::vector<std::string> Notes;
+    Names Notes;
     std::vector<std::unique_ptr<std::function<void(Fiber *)>>> Bodies;
     uint32_t Schedulers = 0;
 } gRig;
@@ -141,8 +141,8 @@ void Pause() { BackToTest(SchedOf(static_cast<Fiber *>(os::GetFiberData()))); }
 
 void Note(const std::string &what) { gRig.Notes.push_back(what); }
 
-std::vector<std::string> TakeNotes() {
-    std::vector<std::string> notes;
+Names TakeNotes() {
+    Names notes;
     notes.swap(gRig.Notes);
     return notes;
 }

@@ -23,6 +23,9 @@
 
 namespace zvx::test {
 
+using Names = std::vector<std::string>;
+namespace script = os::script;
+
 // Settings with their defaults, statistics, allocator, handle table and process-wide lists; fiber mode on. Once a
 // process, before the first NewScheduler. Settings variables may be changed afterwards.
 void InitLibrary();
@@ -44,10 +47,15 @@ void RunUntilIdle(Scheduler *S);
 void SendOne(Scheduler *to, uint8_t kind, Fiber *F, uint32_t generation, uint32_t code = 0);
 // From a fiber of S: back to the test, which continues the fiber with the next RunUntilIdle(S).
 void Pause();
+// A wait of F without an end.
+inline void ParkForEver(Fiber *F) {
+    F->WaitTimeoutMs = INFINITE;
+    SchedYield(F, Yield_TIMER_WAIT);
+}
 
 // The order in which things happened, as the test compares it.
 void Note(const std::string &what);
-std::vector<std::string> TakeNotes();
+Names TakeNotes();
 
 // A handle entry of the given type for a scripted file, inserted in the table; bound to S's port unless told not to.
 PSEHAND *NewEntry(Scheduler *S, uint32_t type, bool onPort = true);
@@ -62,11 +70,23 @@ struct SchedTest : testing::Test {
         S = NewScheduler();
     }
     void TearDown() override { CheckScheduler(S); }
+    // Runs body as a user thread until it parks or ends.
+    Fiber *Run(std::function<void(Fiber *)> body, uint32_t role = ROLE_OTHER) {
+        Fiber *F = NewFiber(S, std::move(body));
+        F->Role = role;
+        RunUntilIdle(S);
+        return F;
+    }
+    // Lets time pass at once; below, a millisecond at a time.
+    void Advance(uint32_t ms) {
+        script::AdvanceClock(ms);
+        RunUntilIdle(S);
+    }
+    void Pass(uint32_t ms) {
+        for (uint32_t i = 0; i < ms; i++) Advance(1);
+    }
     Scheduler *S = nullptr;
 };
-using Names = std::vector<std::string>;
-namespace script = os::script;
-
 }  // namespace zvx::test
 
 #endif  // ZVX_TESTS_SUPPORT_SCHED_FIXTURE_H

@@ -1,5 +1,7 @@
-// tests/unit/sched_switch_test.cpp - which fiber runs next, and what goes with it.
+// tests/unit/sched_switch_test.cpp - which fiber runs next, and when; time-outs, sleeps and polled waits under a clock
+// that the test moves.
 #include <algorithm>
+#include <random>
 
 #include "sched_fixture.h"
 
@@ -10,11 +12,7 @@ struct SwitchTest : SchedTest {
     // A user thread that notes its name whenever it is woken, and parks again.
     Fiber *Parked(const std::string &name, uint32_t role = ROLE_NONE, uint32_t schedClass = CLASS_NORMAL) {
         Fiber *F = NewFiber(S, [name](Fiber *self) {
-            for (;;) {
-                self->WaitTimeoutMs = INFINITE;
-                SchedYield(self, Yield_TIMER_WAIT);
-                Note(name);
-            }
+            for (;; Note(name)) ParkForEver(self);
         });
         F->Role = role;
         F->SchedClass = schedClass;
@@ -24,6 +22,9 @@ struct SwitchTest : SchedTest {
     void Wake(Fiber *F, uint32_t queue) {
         UnlinkTimedWaiter(S, F);
         MakeRunnable(S, F, queue);
+    }
+    Fiber *Sleeper(const std::string &name, DWORD ms, uint32_t role = ROLE_NONE) {
+        return Run([name, ms](Fiber *) { Sleep(ms), Note(name); }, role);
     }
 };
 
@@ -46,50 +47,31 @@ TEST_F(SwitchTest, QueuesAreServedInTheirOrder) {
         ready->State = FSTATE_READY;
         AppendReady(S, ready);
         RunUntilIdle(S);
+        return TakeNotes();
     };
-    TakeNotes();
-    wakeAll();
     // Database writers are served ahead of every queue while nothing delays them.
-    EXPECT_EQ(TakeNotes(), (Names{"ready", "dbwr", "high", "post", "file", "socket", "other"}));
-
+    EXPECT_EQ(wakeAll(), (Names{"ready", "dbwr", "high", "post", "file", "socket", "other"}));
     gLPRQMaxDelay = 100;
-    wakeAll();
-    EXPECT_EQ(TakeNotes(), (Names{"ready", "high", "post", "file", "socket", "dbwr", "other"}));
-
+    EXPECT_EQ(wakeAll(), (Names{"ready", "high", "post", "file", "socket", "dbwr", "other"}));
+    gLPRQMaxDelay = 3;  // so many passes go first
+    EXPECT_EQ(wakeAll(), (Names{"ready", "high", "post", "file", "dbwr", "socket", "other"}));
     gLPRQMaxDelay = 0;
     std::swap(gPRQ, gFRQ);  // "RunQOrder" 1
-    wakeAll();
-    EXPECT_EQ(TakeNotes(), (Names{"ready", "dbwr", "high", "file", "post", "socket", "other"}));
-}
-
-TEST_F(SwitchTest, LprqDelayLetsThatManyPassesGoFirst) {
-    gLPRQMaxDelay = 3;
-    Fiber *dbwr = Parked("dbwr", ROLE_DBWR, CLASS_BACKGROUND);
-    std::vector<Fiber *> posts;
-    for (int i = 0; i < 6; ++i) posts.push_back(Parked("p" + std::to_string(i)));
-    TakeNotes();
-    Wake(dbwr, gFRQ);
-    for (Fiber *F : posts) Wake(F, gPRQ);
-    RunUntilIdle(S);
-    Names notes = TakeNotes();
-    ASSERT_EQ(notes.size(), 7u);
-    EXPECT_EQ(notes[3], "dbwr");
+    EXPECT_EQ(wakeAll(), (Names{"ready", "dbwr", "high", "file", "post", "socket", "other"}));
 }
 
 TEST_F(SwitchTest, ABatchInAnyOrderIsServedAsIfEachHadBeenPutInItsPlace) {
     std::vector<Fiber *> fibers;
     for (int i = 0; i < 60; ++i) fibers.push_back(Parked(std::to_string(i)));
-    TakeNotes();
-    uint32_t state = 12345;
-    const auto random = [&state](uint32_t below) { return (state = state * 1664525u + 1013904223u) / 65536 % below; };
+    std::mt19937 random(12345);
     for (int round = 0; round < 40; ++round) {
         // The order that inserting one after the other gives: before the first with an equal or smaller stamp.
         std::vector<Fiber *> expected;
         std::vector<Fiber *> woken = fibers;
-        for (size_t i = woken.size(); i > 1; --i) std::swap(woken[i - 1], woken[random(static_cast<uint32_t>(i))]);
-        woken.resize(1 + random(60));
+        std::shuffle(woken.begin(), woken.end(), random);
+        woken.resize(1 + random() % 60);
         for (Fiber *F : woken) {
-            F->LastRunStamp = random(round % 2 == 0 ? 1000 : 5);
+            F->LastRunStamp = static_cast<uint32_t>(random() % (round % 2 == 0 ? 1000 : 5));
             auto at = expected.begin();
             while (at != expected.end() && (*at)->LastRunStamp > F->LastRunStamp) ++at;
             expected.insert(at, F);
@@ -107,23 +89,19 @@ TEST_F(SwitchTest, ABatchInAnyOrderIsServedAsIfEachHadBeenPutInItsPlace) {
 TEST_F(SwitchTest, PairedQueuesServeTheMoreRecentHead) {
     Fiber *post = Parked("post");
     Fiber *file = Parked("file");
-    SetOption(su_PFOneRQ);
-    TakeNotes();
-    for (auto [postStamp, fileStamp, first] : {std::tuple{5u, 6u, "file"}, {6u, 5u, "post"}, {7u, 7u, "post"}}) {
-        post->LastRunStamp = postStamp;
-        file->LastRunStamp = fileStamp;
+    const struct {
+        uint32_t Paired, Post, File;
+        const char *First;
+    } cases[] = {{1, 5, 6, "file"}, {1, 6, 5, "post"}, {1, 7, 7, "post"}, {0, 5, 6, "post"}};
+    for (const auto &c : cases) {
+        c.Paired != 0 ? SetOption(su_PFOneRQ) : ClearOption(su_PFOneRQ);
+        post->LastRunStamp = c.Post;
+        file->LastRunStamp = c.File;
         Wake(post, gPRQ);
         Wake(file, gFRQ);
         RunUntilIdle(S);
-        EXPECT_EQ(TakeNotes().at(0), first) << postStamp << " against " << fileStamp;
+        EXPECT_EQ(TakeNotes().at(0), c.First) << c.Post << " against " << c.File;
     }
-    ClearOption(su_PFOneRQ);
-    post->LastRunStamp = 5;
-    file->LastRunStamp = 6;
-    Wake(post, gPRQ);
-    Wake(file, gFRQ);
-    RunUntilIdle(S);
-    EXPECT_EQ(TakeNotes().at(0), "post");
 }
 
 TEST_F(SwitchTest, LatchSleepersRunOnOddPassesAfterOneSkip) {
@@ -131,135 +109,154 @@ TEST_F(SwitchTest, LatchSleepersRunOnOddPassesAfterOneSkip) {
         SchedYield(self, Yield_LATCH_FREE);
         Note("latch");
     });
-    NewFiber(S, [this](Fiber *self) {
+    Run([this](Fiber *self) {
         // Stamps of the passes that served this one, while the other is in LatchSleepers.
         for (int i = 0; i < 8; ++i) {
             if (S->LatchSleepers.Count != 0) Note(S->SwitchCount.load() & 1 ? "odd" : "even");
             SchedYield(self, Yield_USER);
         }
     });
-    RunUntilIdle(S);
-    Names notes = TakeNotes();
-    size_t odd = 0;
-    for (const std::string &note : notes) {
-        if (note == "latch") break;
-        odd += note == "odd";
-    }
     // Entered alone, the list is passed over on the first odd pass and served on the second.
-    EXPECT_LE(odd, 1u);
-    EXPECT_NE(std::find(notes.begin(), notes.end(), "latch"), notes.end());
-    EXPECT_EQ(S->LatchSleepers.Count, 0u);
+    const Names notes = TakeNotes();
+    const auto latch = std::find(notes.begin(), notes.end(), "latch");
+    ASSERT_NE(latch, notes.end());
+    EXPECT_LE(std::count(notes.begin(), latch, "odd"), 1);
 }
 
-TEST_F(SwitchTest, FullSweepServesALowQueueUnderAFullHighOne) {
+// Under one that always wakes itself into a higher queue, without an idle moment.
+TEST_F(SwitchTest, FullSweepsServeALowQueueAndFreeWhatHasExited) {
     bool stop = false;
     uint32_t passes = 0;
-    // One fiber that always wakes itself into PRQ again, ahead of ORQ.
     NewFiber(S, [&](Fiber *self) {
-        self->SchedClass = CLASS_NORMAL;
-        while (!stop && passes < 100000) {
-            ++passes;
+        self->SchedClass = CLASS_HIGH;
+        while (!stop && ++passes < 50000) {
             self->State = FSTATE_READY;
-            MakeRunnable(S, self, gPRQ);
-            self->State = FSTATE_RUNNING;
-            SchedYield(self, Yield_POSTER);
-        }
-    });
-    NewFiber(S, [&](Fiber *) { stop = true; });
-    RunUntilIdle(S);
-    EXPECT_TRUE(stop);
-    // Started, given way once, then run: two sweeps at most.
-    EXPECT_LT(passes, 2100u);
-}
-
-TEST_F(SwitchTest, SuspendedFibersAreSetAsideUnlessTheyEnd) {
-    Fiber *F = Parked("ran");
-    Fiber *dying = Parked("never");
-    TakeNotes();
-    F->SuspendCount = 3;
-    Wake(F, gPRQ);
-    RunUntilIdle(S);
-    EXPECT_EQ(F->State, FSTATE_SUSPENDED);
-    EXPECT_EQ(S->SuspendedFibers.Count, 1u);
-    EXPECT_TRUE(TakeNotes().empty());
-
-    uint32_t generation = Generation(dying);
-    dying->SuspendCount = 3;
-    dying->Flags |= FIBER_TERMINATE;
-    Wake(dying, gPRQ);
-    RunUntilIdle(S);
-    EXPECT_NE(Generation(dying), generation) << "a terminated thread ends although it is suspended";
-
-    F->SuspendCount = 0;
-    EXPECT_TRUE(CheckTimerQueue(S));
-    RunUntilIdle(S);
-    EXPECT_EQ(TakeNotes(), Names{"ran"});
-}
-
-TEST_F(SwitchTest, AnExitLeavesItsStackBeforeItIsFreed) {
-    Fiber *F = NewFiber(S, [](Fiber *) { Note("ran"); });
-    uint32_t serial = F->ShellSerial;
-    uint32_t generation = Generation(F);
-    RunUntilIdle(S);
-    EXPECT_EQ(TakeNotes(), Names{"ran"});
-    EXPECT_EQ(Generation(F), generation + 1);
-    EXPECT_EQ(F->OsFiber, nullptr);
-    EXPECT_EQ(F->ShellSerial, serial);
-    EXPECT_EQ(S->FiberCount.load(), 0u);
-    EXPECT_EQ(S->ExitedFibers.Count, 0u);
-    EXPECT_EQ(S->AllFibers.Count, 0u);
-    // The generation wraps past 0, which stands for no thread.
-    F->Generation = 0xFFFFFFFF;
-    Fiber *again = nullptr;
-    for (int i = 0; i < 64 && again != F; ++i) again = NewFiber(S, [](Fiber *) {});
-    ASSERT_EQ(again, F) << "records are recycled";
-    RunUntilIdle(S);
-    EXPECT_EQ(Generation(F), 1u);
-}
-
-TEST_F(SwitchTest, ABusySchedulerFreesExitedFibersInItsSweep) {
-    bool stop = false;
-    uint32_t passes = 0;
-    Fiber *busy = NewFiber(S, [&](Fiber *self) {
-        while (!stop) {
-            if (++passes > 50000) break;
-            self->State = FSTATE_READY;
-            self->SchedClass = CLASS_HIGH;
             MakeRunnable(S, self, gHPRQ);
             self->State = FSTATE_RUNNING;
             SchedYield(self, Yield_POSTER);
         }
     });
     Fiber *brief = NewFiber(S, [](Fiber *) {});
-    uint32_t generation = Generation(brief);
-    NewFiber(S, [&](Fiber *self) {
+    const uint32_t generation = Generation(brief);
+    Run([&](Fiber *self) {
+        // Started, given way once, then run: two sweeps at most.
+        EXPECT_LT(passes, 2100u);
         for (int i = 0; i < 3 && Generation(brief) == generation; ++i) SchedYield(self, Yield_USER);
-        Note(Generation(brief) != generation ? "freed" : "held");
+        EXPECT_NE(Generation(brief), generation);
         stop = true;
     });
-    RunUntilIdle(S);
-    EXPECT_NE(busy, nullptr);
-    EXPECT_EQ(TakeNotes(), Names{"freed"}) << "without an idle moment";
-    EXPECT_LT(passes, 50000u);
+    EXPECT_TRUE(stop);
 }
 
-TEST_F(SwitchTest, CyclesAreChargedToWhoRan) {
-    os::script::gScript.TscPerRead = 0;
-    Fiber *worker = NewFiber(S, [](Fiber *self) {
-        SchedYield(self, Yield_USER);
-        os::script::gScript.Tsc += 5000;
-        SchedYield(self, Yield_USER);
-        self->WaitTimeoutMs = INFINITE;
-        SchedYield(self, Yield_TIMER_WAIT);
-    });
-    Fiber *lazy = NewFiber(S, [](Fiber *self) {
-        SchedYield(self, Yield_USER);
-        self->WaitTimeoutMs = INFINITE;
-        SchedYield(self, Yield_TIMER_WAIT);
-    });
+// Its own stack is the last thing that it leaves; the generation wraps past 0, which stands for no thread.
+TEST_F(SwitchTest, AnExitedThreadsRecordIsRecycled) {
+    Fiber *F = NewFiber(S, [](Fiber *) {});
+    const uint32_t serial = F->ShellSerial;
+    F->Generation = 0xFFFFFFFF;
     RunUntilIdle(S);
-    EXPECT_EQ(worker->CpuCycles, 5000u);
-    EXPECT_EQ(lazy->CpuCycles, 0u);
+    EXPECT_EQ(F->OsFiber, nullptr);
+    EXPECT_EQ(S->FiberCount.load() + S->ExitedFibers.Count + S->AllFibers.Count, 0u);
+    EXPECT_EQ(Generation(F), 1u);
+    Fiber *again = nullptr;
+    for (int i = 0; i < 64 && again != F; ++i) again = NewFiber(S, [](Fiber *) {});
+    EXPECT_EQ(again, F);
+    EXPECT_EQ(F->ShellSerial, serial);
+}
+
+// ---- Time --------------------------------------------------------------------------------------------
+
+// Of those that are over at one check the order of entry counts, not the time. The tick count wraps in the middle.
+TEST_F(SwitchTest, ExpiryInOrderOfEntryAtOneCheckAndByTimeAcrossChecks) {
+    script::SetTick(0xFFFFFFF0ull);
+    for (auto [name, ms] : {std::pair{"a30", 30u}, {"b10", 10}, {"c25", 25}, {"d10", 10}}) Sleeper(name, ms);
+    Advance(9);
+    EXPECT_EQ(TakeNotes(), Names{});
+    Advance(2);
+    EXPECT_EQ(TakeNotes(), (Names{"b10", "d10"}));
+    Advance(13);
+    EXPECT_EQ(TakeNotes(), Names{});
+    Advance(50);
+    EXPECT_EQ(TakeNotes(), (Names{"a30", "c25"}));
+    // Checks keep their spacing.
+    gTimerInterval = 20;
+    Advance(20);
+    Sleeper("again", 5);
+    Advance(10);
+    EXPECT_EQ(TakeNotes(), Names{}) << "the last check is 10 ms ago";
+    Advance(10);
+    EXPECT_EQ(TakeNotes(), Names{"again"});
+}
+
+TEST_F(SwitchTest, ShortSleepsOfServerThreadsAreLatchYields) {
+    Sleeper("shad", 10, ROLE_SHAD);
+    Sleeper("lgwr", 0, ROLE_LGWR);
+    EXPECT_EQ(TakeNotes(), (Names{"shad", "lgwr"})) << "no time has passed";
+    Sleeper("long", 11, ROLE_SHAD);
+    Sleeper("plain", 10, ROLE_OTHER);
+    EXPECT_EQ(S->TimedWaiters.Count, 2u);
+}
+
+// A wait that ends early takes its fiber out of the heap wherever it stands; the others are unaffected.
+TEST_F(SwitchTest, HeapHoldsUnderRandomEntriesAndRemovals) {
+    std::mt19937 random(12345);
+    struct Waiting {
+        Fiber *F;
+        uint64_t Due;
+    };
+    std::vector<Waiting> waiting;
+    for (int i = 0; i < 300; ++i) {
+        const auto ms = static_cast<DWORD>(1 + random() % 500);
+        waiting.push_back({Sleeper(std::to_string(i), ms), os::GetTickCount64() + ms});
+        Fiber *&victim = waiting[random() % waiting.size()].F;
+        if (i % 3 == 0 && victim != nullptr && victim->State == FSTATE_TIMED_WAIT) {
+            Wake(victim, gORQ);
+            victim = nullptr;
+        }
+        Advance(static_cast<uint32_t>(random() % 3));
+        for (const Waiting &w : waiting) {
+            if (w.F == nullptr || w.F->State != FSTATE_TIMED_WAIT || w.F->WaitDeadline != w.Due) continue;
+            ASSERT_GE(w.Due + gTimerInterval, os::GetTickCount64());
+        }
+    }
+    Advance(1000);
+    EXPECT_EQ(S->TimeoutHeap, nullptr);
+    EXPECT_EQ(TakeNotes().size(), 300u);
+}
+
+bool CountTest(Fiber *, uintptr_t counter, uintptr_t limit, uintptr_t, uintptr_t, uintptr_t) {
+    return ++*reinterpret_cast<uint32_t *>(counter) >= limit;
+}
+
+TEST_F(SwitchTest, PolledWaitsTestAtOnceAndThenEveryInterval) {
+    uint32_t tests = 0;
+    Run([&](Fiber *self) {
+        const auto wait = [&](DWORD ms, uintptr_t limit) {
+            self->WaitTimeoutMs = ms;
+            Note(WaitWithPolling(self, CountTest, reinterpret_cast<uintptr_t>(&tests), limit) ? "met" : "timed out");
+        };
+        wait(0, 100);  // tests once and never yields
+        wait(1000, 6);
+        wait(7, 1000);
+    });
+    EXPECT_EQ(TakeNotes(), Names{"timed out"});
+    EXPECT_EQ(tests, 2u);
+    for (int i = 0; i < 4; ++i) Advance(2);
+    EXPECT_EQ(TakeNotes(), Names{"met"});
+    for (int i = 0; i < 6; ++i) Advance(2);
+    EXPECT_EQ(TakeNotes(), Names{"timed out"});
+}
+
+TEST_F(SwitchTest, TheWaitInThePortIsBoundedByTheNearestTimeOut) {
+    gPortWaitMs = 100;
+    RunUntilIdle(S);
+    EXPECT_EQ(script::gScript.LastPortWaitMs, 100u);
+    Sleeper("woke", 30);
+    EXPECT_EQ(script::gScript.LastPortWaitMs, 30u);
+    Advance(29);
+    EXPECT_EQ(script::gScript.LastPortWaitMs, 1u);
+    gPortWaitMs = 1;
+    Advance(100);
+    EXPECT_EQ(script::gScript.LastPortWaitMs, 1u);
 }
 
 }  // namespace
