@@ -1,17 +1,14 @@
 // tests/unit/dedicated_test.cpp - routines injected into every kind of wait, and calls on threads of their own, where
-// it matters what happens first.
+// it matters what happens first. What may happen at the same moment: tests/model.
 #include "dedicated/dedicated.h"
 
 #include <cstring>
 
 #include "call_fixture.h"
-#include "child.h"
-#include "kernel/critsec.h"
 #include "kernel/thread.h"
 #include "kernel/wait.h"
 #include "platform/os_process.h"
 #include "postwait/postwait.h"
-#include "sched/startup.h"
 
 namespace zvx::test {
 namespace {
@@ -37,15 +34,6 @@ struct Dedicated : CallTest {
         gRoutine = std::move(routine);
         Run([&](Fiber *) { EXPECT_TRUE(UserThreadExecRoutine(Event, [] { gRoutine(); })); });
     }
-    // A routine that only says that it ran, on the target and in no other state than running.
-    void InjectNote() {
-        Inject([this] {
-            EXPECT_EQ(os::GetFiberData(), Target);
-            os::SetLastError(4711);
-            Note("routine");
-        });
-        EXPECT_EQ(TakeNotes(), Names{"routine"});
-    }
     void Send(uint8_t kind, uint32_t second = 0) {
         SendOne(S, kind, Target, Generation(Target), second);
         RunUntilIdle(S);
@@ -67,14 +55,15 @@ std::string Said(DWORD result) {
 
 // ---- Injected routines -------------------------------------------------------------------------------
 
-TEST_F(Dedicated, ASleeperSleepsOnForWhatIsLeft) {
+TEST_F(Dedicated, AWaitGoesOnForWhatIsLeft) {
     Park([](Fiber *) {
         os::SetLastError(1);
         Sleep(100);
         return Said(0);
     });
     Pass(40);
-    Inject([] {
+    Inject([this] {
+        EXPECT_EQ(os::GetFiberData(), Target);
         Sleep(20);  // counts as time slept
         os::SetLastError(2);
         Note("routine");
@@ -86,6 +75,11 @@ TEST_F(Dedicated, ASleeperSleepsOnForWhatIsLeft) {
     Park([](Fiber *) { return Sleep(10), "late"; });
     Inject([] { Sleep(50); });
     ExpectEndAfter(50, "late");
+    Park([this](Fiber *) { return Said(WaitForUserThreadPost(Event, 100)); });
+    Pass(50);
+    Inject([] { Note("routine"); });
+    EXPECT_EQ(TakeNotes(), Names{"routine"});
+    ExpectEndAfter(50, "258 error 0");
 }
 
 // A routine finds no wait in progress: it may wait for the same object, and what it leaves is the interrupted wait's.
@@ -120,105 +114,35 @@ TEST_F(Dedicated, AnAlertableWaitLooksAtItsOperations) {
     char buffer[4];
     OVERLAPPED ov{};
     Answer(script::Pending());
-    auto wait = [&](Fiber *) {
+    const auto wait = [&](Fiber *F) {
         EXPECT_TRUE(ReadFileEx(file, buffer, 4, &ov, [](DWORD, DWORD, LPOVERLAPPED) { Note("completion"); }));
-        const DWORD result = SleepEx(1000, TRUE);
-        Note("waited");
-        while (SleepEx(1000, TRUE) == 0) Note("again");
+        DWORD result = SleepEx(1000, TRUE);
+        Note(std::to_string(result));
+        if (result == 0) result = SleepEx(1000, TRUE);
+        EXPECT_EQ(F->PendingApcIos, 0u);
         return std::to_string(result);
     };
     // With an operation outstanding the wait ends like one whose time is up, and the next one goes on with it.
     Park(wait);
     Inject([] { Note("routine"); });
-    EXPECT_EQ(TakeNotes(), (Names{"routine", "waited"}));
+    EXPECT_EQ(TakeNotes(), (Names{"routine", "0"}));
     EndRoutineOf(Target, STATUS_SUCCESS, 4);
-    EXPECT_EQ(TakeNotes(), (Names{"completion", "0"}));
+    EXPECT_EQ(TakeNotes(), (Names{"completion", "192"}));
     // The routine delivers the last one itself: then the wait ends as if that had happened in it.
-    Park([&](Fiber *F) {
-        EXPECT_TRUE(ReadFileEx(file, buffer, 4, &ov, [](DWORD, DWORD, LPOVERLAPPED) { Note("completion"); }));
-        const DWORD result = SleepEx(1000, TRUE);
-        EXPECT_EQ(F->PendingApcIos, 0u);
-        return std::to_string(result);
-    });
+    Park(wait);
     Inject([this] {
         script::EndOperation(&ZVX_RECORD_OF(FirstLink(&Target->FileOvs), FIBEROVERLAPPED, Link)->Ov, STATUS_SUCCESS, 4);
         Sleep(1);
         EXPECT_EQ(SleepEx(0, TRUE), WAIT_IO_COMPLETION);
     });
     Pass(4);
-    EXPECT_EQ(TakeNotes(), (Names{"completion", "192"}));
-}
-
-TEST_F(Dedicated, AnOperationIsWaitedForAgainAndTheRoutineHasItsOwn) {
-    HANDLE file = nullptr;
-    Run([&](Fiber *) { file = Open(0); });
-    Answer(script::Pending());
-    auto wait = [&](Fiber *) {
-        char byte;
-        DWORD got = 0;
-        const BOOL done = ReadFile(file, &byte, 1, &got, nullptr);
-        return Said(static_cast<DWORD>(done) * 10 + got);
-    };
-    Park(wait);
-    InjectNote();
-    EXPECT_EQ(S->IoWaiters.Count, 1u);
-    EndWaitOf(Target, STATUS_SUCCESS, 1);
-    EXPECT_EQ(TakeNotes().size(), 1u);
-    // It ends while the routine waits for an operation of its own.
-    Park(wait);
-    Inject([&] { Note(wait(Target)); });
-    EndWaitOf(Target, STATUS_SUCCESS, 1);
-    EXPECT_EQ(TakeNotes(), Names{}) << "the routine is not done";
-    script::EndOperation(&Target->OwnOvs[1].Ov, STATUS_SUCCESS, 0);
-    RunUntilIdle(S);
-    const Names notes = TakeNotes();
-    ASSERT_EQ(notes.size(), 2u);
-    EXPECT_EQ(notes[0].substr(0, 2), "10");
-    EXPECT_EQ(notes[1].substr(0, 2), "11");
-    EXPECT_EQ(S->IoWaiters.Count, 0u);
-}
-
-TEST_F(Dedicated, PostsAndSectionsAreNotLost) {
-    Park([this](Fiber *) { return Said(WaitForUserThreadPost(Event, 100)); });
-    Pass(50);
-    InjectNote();
-    ExpectEndAfter(50, "258 error 0");
-    Park([this](Fiber *) { return Said(WaitForUserThreadPost(Event, INFINITE)); });
-    InjectNote();
-    Inject([] { Sleep(5); });
-    Run([this](Fiber *) { EXPECT_TRUE(PostUserThread(Event)); });
-    EXPECT_EQ(TakeNotes(), Names{}) << "the routine is not done";
-    ExpectEndAfter(5, "0 error 0");
-
-    CRITICAL_SECTION section{};
-    bool leave = false;
-    auto own = [&](Fiber *) {
-        InitializeCriticalSection(&section);
-        EnterCriticalSection(&section);
-        while (!leave) Sleep(1);
-        LeaveCriticalSection(&section);
-    };
-    Run(own);
-    Park([&](Fiber *) {
-        EnterCriticalSection(&section);
-        LeaveCriticalSection(&section);
-        return "entered";
-    });
-    InjectNote();
-    Pass(5);
-    EXPECT_EQ(TakeNotes(), Names{}) << "it is held";
-    // The owner leaves while the routine runs, when the target is no waiter.
-    Inject([] { Sleep(20); });
-    leave = true;
-    ExpectEndAfter(20, "entered");
+    EXPECT_EQ(TakeNotes(), (Names{"completion", "192", "192"}));
 }
 
 TEST_F(Dedicated, ASuspendedThreadRunsTheRoutineAndStopsAgain) {
     Park([](Fiber *) { return Sleep(10), "slept"; });
     Send(MSG_SUSPEND);
     Pass(20);
-    EXPECT_EQ(Target->State, FSTATE_SUSPENDED);
-    InjectNote();
     EXPECT_EQ(Target->State, FSTATE_SUSPENDED);
     // While the routine runs: a resume takes back the suspension of before, a suspension stops the routine and stays.
     Inject([] {
@@ -234,12 +158,10 @@ TEST_F(Dedicated, ASuspendedThreadRunsTheRoutineAndStopsAgain) {
     Pass(4);
     EXPECT_EQ(TakeNotes(), Names{"routine"});
     EXPECT_EQ(Target->SuspendCount.load(), 1u);
-    EXPECT_EQ(Target->RoutineEpoch.load() % 2, 0u);
+    EXPECT_EQ(Target->State, FSTATE_SUSPENDED);
     Inject([this] { SendOne(S, MSG_SUSPEND, Target, Generation(Target)); });  // found at the next switch
     EXPECT_EQ(Target->SuspendCount.load(), 2u);
-    Send(MSG_RESUME);
-    EXPECT_EQ(TakeNotes(), Names{});
-    Send(MSG_RESUME);
+    for (int i = 0; i < 2; i++) Send(MSG_RESUME);
     Pass(2);
     EXPECT_EQ(TakeNotes(), Names{"slept"});
     // One that was runnable when both came used to go on after the routine, until its next yield.
@@ -273,16 +195,6 @@ TEST_F(Dedicated, WhoCannotBeReached) {
     });
     EXPECT_FALSE(UserThreadExecRoutine(Event, [] {}));
     EXPECT_EQ(os::GetLastError(), 0xFFFFFFFFu) << "the test's side is no user thread";
-    // Between two schedulers: looks again until somebody has it.
-    Park([](Fiber *) { return Sleep(INFINITE), ""; });
-    Target->Sched.store(nullptr);
-    gRoutine = [] { Note("routine"); };
-    Run([&](Fiber *) { EXPECT_TRUE(UserThreadExecRoutine(Event, [] { gRoutine(); })); });
-    Pass(10);
-    EXPECT_EQ(TakeNotes(), Names{});
-    Target->Sched.store(S);
-    Pass(4);
-    EXPECT_EQ(TakeNotes(), Names{"routine"});
     // A second one while the first is pending is dropped. A blocked scheduler is told where it may wait for long.
     Scheduler *other = NewScheduler();
     gPortWaitMs = 100;
@@ -318,7 +230,6 @@ std::string ReadInto(char *buffer, DWORD room) {
 
 TEST_F(Dedicated, ACallGivesBackWhatItWroteAndSaid) {
     script::gDedicatedScript.OnReadConsole = [](void *buffer, DWORD room, DWORD *read) -> BOOL {
-        EXPECT_EQ(os::GetFiberData(), reinterpret_cast<void *>(os::kNoFiberData));
         memset(buffer, 'x', room);
         *read = 3;
         os::SetLastError(77);  // also after success
@@ -328,7 +239,8 @@ TEST_F(Dedicated, ACallGivesBackWhatItWroteAndSaid) {
     Park([&](Fiber *) { return ReadInto(buffer, 8); });
     EXPECT_EQ(script::gScript.Priorities.back(), THREAD_PRIORITY_ABOVE_NORMAL);
     // An injected routine finds the wait and leaves it alone.
-    InjectNote();
+    Inject([] { Note("routine"); });
+    EXPECT_EQ(TakeNotes(), Names{"routine"});
     Pass(20);
     EXPECT_STREQ(buffer, "--------") << "nothing is written before the thread has ended";
     script::RunThread();
@@ -336,42 +248,16 @@ TEST_F(Dedicated, ACallGivesBackWhatItWroteAndSaid) {
     EXPECT_EQ(TakeNotes(), Names{"1 3 error 77"});
     EXPECT_STREQ(buffer, "xxx-----");
     EXPECT_TRUE(script::gScript.Terminations.empty());
-    script::gDedicatedScript.OnCallPipe = [](const char *name, void *in, DWORD inBytes, void *out, DWORD, DWORD *read) {
-        Note(std::string(name) + std::string(static_cast<char *>(in), inBytes));
-        memcpy(out, "answer", 6);
-        *read = 6;
-        return TRUE;
-    };
-    Run([&](Fiber *) {
-        char in[] = "question", name[] = "pipe ";
+    RunToEnd([](Fiber *) {  // faults before there is a thread
+        char name[] = "pipe", out[8];
         DWORD got = 0;
-        // Faults before there is a thread.
-        EXPECT_FALSE(CallNamedPipeA(name, reinterpret_cast<void *>(uintptr_t{64}), 8, buffer, 8, &got, 0));
+        EXPECT_FALSE(CallNamedPipeA(name, reinterpret_cast<void *>(uintptr_t{64}), 8, out, 8, &got, 0));
         EXPECT_EQ(os::GetLastError(), ERROR_INVALID_PARAMETER);
-        EXPECT_TRUE(CallNamedPipeA(name, in, 8, buffer, 8, &got, 0));
-        Note(std::string(buffer, got));
     });
-    ASSERT_EQ(script::WaitingThreads(), 1u);
-    script::RunThread();
-    Pass(2);
-    EXPECT_EQ(TakeNotes(), (Names{"pipe question", "answer"}));
     Park([](Fiber *) { return Said(WaitForInputIdle(os::GetCurrentProcess(), 10)); });
     script::RunThread();
     Pass(2);
     EXPECT_EQ(TakeNotes(), Names{"4294967295 error 1471"});
-}
-
-TEST_F(Dedicated, AThreadThatCannotBeHadOrIsEndedByOthers) {
-    char buffer[8];
-    Run([&](Fiber *) {
-        os::FailCall("CreateThread", 1, ERROR_MAX_THRDS_REACHED);
-        Note(ReadInto(buffer, 8));
-        os::FailCall("ResumeScriptedThread", 1, ERROR_BUSY);
-        Note(ReadInto(buffer, 8));
-    });
-    EXPECT_EQ(TakeNotes(), (Names{"0 99 error 164", "0 99 error 170"}));
-    EXPECT_EQ(script::gScript.Terminations, std::vector<DWORD>{0});
-    EXPECT_EQ(OrphanedCalls(), 0u);
 }
 
 TEST_F(Dedicated, ATerminatedCallerLeavesItsCallToTheThread) {
@@ -380,10 +266,11 @@ TEST_F(Dedicated, ATerminatedCallerLeavesItsCallToTheThread) {
         *read = room;
         return TRUE;
     };
-    Park([&](Fiber *) {
+    const auto read = [](Fiber *) {
         char buffer[256];
         return ReadInto(buffer, sizeof buffer);
-    });
+    };
+    Park(read);
     Send(MSG_TERMINATE, 33);
     Pass(4);
     EXPECT_EQ(script::gScript.Terminations, std::vector<DWORD>{33});
@@ -391,61 +278,29 @@ TEST_F(Dedicated, ATerminatedCallerLeavesItsCallToTheThread) {
     EXPECT_EQ(S->FiberCount.load(), 0u);
     script::RunThread();
     // Terminated inside a routine that waits for a call of its own: both calls are let go.
-    Park([&](Fiber *) {
-        char buffer[256];
-        return ReadInto(buffer, sizeof buffer);
-    });
+    Park(read);
     EXPECT_EQ(OrphanedCalls(), 0u) << "the next call frees what has ended";
-    Inject([] {
-        char buffer[16];
-        ReadInto(buffer, sizeof buffer);
-    });
-    EXPECT_EQ(script::WaitingThreads(), 2u);
+    Inject([&] { read(nullptr); });
     Send(MSG_TERMINATE, 34);
     Pass(4);
     EXPECT_EQ(OrphanedCalls(), 2u);
     EXPECT_EQ(script::gScript.Terminations, (std::vector<DWORD>{33, 34, 34}));
     for (int i = 0; i < 2; i++) script::EndThread(34);
     // A thread that somebody else ended gives its exit code as the error; one whose end cannot be seen gives that
-    // error, and the call stays with it.
-    char buffer[8];
-    Park([&](Fiber *) { return ReadInto(buffer, 8); });
+    // error, unless its handle is invalid, and the call stays with it.
+    Park(read);
     script::EndThread(5);
     Pass(2);
     EXPECT_EQ(TakeNotes(), Names{"0 99 error 5"});
-    Park([&](Fiber *) { return ReadInto(buffer, 8); });
-    os::FailCall("GetExitCodeThread", 1, ERROR_ACCESS_DENIED);
-    Pass(2);
-    EXPECT_EQ(TakeNotes(), Names{"0 99 error 5"});
-    EXPECT_EQ(OrphanedCalls(), 1u);
-    script::RunThread();
-    Park([&](Fiber *) { return ReadInto(buffer, 8); });
-    EXPECT_EQ(OrphanedCalls(), 0u);
-    os::FailCall("GetExitCodeThread", 1, ERROR_INVALID_HANDLE);
-    Pass(2);
-    EXPECT_EQ(TakeNotes(), Names{"0 99 error 0"}) << "counts as an end";
-}
-
-TEST_F(Dedicated, WhatEndsTheProcess) {
-    EXPECT_EQ(FatalTextOf([&] {
-                  Run([](Fiber *F) {
-                      DedicatedRequest request{5, 0, {}, 0};
-                      ExecInDedicatedThread(F, &request);
-                  });
-              }),
-              "ExecInDedicatedThreadCT, Invalid Opcode 5");
-    EXPECT_EQ(FatalTextOf([&] {
-                  Park([](Fiber *) { return Sleep(INFINITE), ""; });
-                  FIBER_MESSAGE *msg = AllocMessage(S, S, MSG_EXEC);
-                  msg->Count = 1;
-                  msg->Generation = Generation(Target);
-                  msg->One = {Target, 0, reinterpret_cast<void *>(+[] {})};
-                  SendMessage(S, msg);
-                  DrainMessages(S);
-                  Target->ExecSave.State = 5;
-                  RunUntilIdle(S);
-              }),
-              "ExecRoutineInFiber: Default restore");
+    for (auto [error, note] : {std::pair{ERROR_ACCESS_DENIED, "0 99 error 5"}, {ERROR_INVALID_HANDLE, "0 99 error 0"}}) {
+        Park(read);
+        EXPECT_EQ(OrphanedCalls(), 0u);
+        os::FailCall("GetExitCodeThread", 1, error);
+        Pass(2);
+        EXPECT_EQ(TakeNotes(), Names{note});
+        EXPECT_EQ(OrphanedCalls(), 1u);
+        script::RunThread();
+    }
 }
 
 }  // namespace

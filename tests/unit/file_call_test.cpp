@@ -8,10 +8,6 @@ namespace {
 
 using script::gScript;
 
-bool MarkedWithoutPacket(const OVERLAPPED &ov) {
-    return (reinterpret_cast<uintptr_t>(ov.hEvent) & 1) != 0;
-}
-
 using FileCall = CallTest;
 
 TEST_F(FileCall, OpeningBinds) {
@@ -158,8 +154,9 @@ TEST_F(FileCall, DatabaseWritersGetOnePacket) {
         for (OVERLAPPED &ov : ovs) {
             EXPECT_TRUE(WriteFileEx(file, "x", 1, &ov, Deliver));
             const FIBEROVERLAPPED *rec = ZVX_RECORD_OF(self->FileOvs.Ends.Prev, FIBEROVERLAPPED, Link);
-            EXPECT_EQ(MarkedWithoutPacket(rec->Ov), (rec->Flags & OV_PACKET_EXPECTED) == 0);
-            Note((rec->Flags & OV_PACKET_EXPECTED) != 0 ? "packet" : "polled");
+            const bool packet = (rec->Flags & OV_PACKET_EXPECTED) != 0;
+            EXPECT_NE(WithoutPacket(rec->Ov.hEvent) == rec->Ov.hEvent, packet);
+            Note(packet ? "packet" : "polled");
         }
         Sleep(INFINITE);
     };
@@ -196,16 +193,22 @@ TEST_F(FileCall, LogWritesAreCountedByPeriod) {
 }
 
 TEST_F(FileCall, SocketsAreNotForFileFunctions) {
-    for (uint32_t type : {PHAND_HTYPE_WSASocket, PHAND_HTYPE_socket}) {
-        const auto text = [&](std::function<void(HANDLE)> call) {
-            return FatalTextOf([&] { Run([&](Fiber *) { call(HandleValue(NewEntry(S, type))); }); });
-        };
-        EXPECT_EQ(text([](HANDLE h) { ReadFile(h, nullptr, 1, nullptr, nullptr); }), "ZReadFile: NOT WRAPPED SOCKET\n");
-        EXPECT_EQ(text([](HANDLE h) { WriteFile(h, "", 1, nullptr, nullptr); }), "ZWriteFile: NOT WRAPPED SOCKET\n");
-        EXPECT_EQ(text([](HANDLE h) { ReadFileEx(h, nullptr, 1, nullptr, Deliver); }),
-                  "ZReadFileEx NOT WRAPPED SOCKET\n");
-        EXPECT_EQ(text([](HANDLE h) { WriteFileEx(h, "", 1, nullptr, Deliver); }), "ZWriteFileEx NOT WRAPPED SOCKET\n");
-    }
+    const struct {
+        const char *Text;
+        uint32_t Type;
+        std::function<void(HANDLE)> Call;
+    } cases[] = {
+        {"ZReadFile: NOT WRAPPED SOCKET\n", PHAND_HTYPE_socket,
+         [](HANDLE h) { ReadFile(h, nullptr, 1, nullptr, nullptr); }},
+        {"ZWriteFile: NOT WRAPPED SOCKET\n", PHAND_HTYPE_WSASocket,
+         [](HANDLE h) { WriteFile(h, "", 1, nullptr, nullptr); }},
+        {"ZReadFileEx NOT WRAPPED SOCKET\n", PHAND_HTYPE_WSASocket,
+         [](HANDLE h) { ReadFileEx(h, nullptr, 1, nullptr, Deliver); }},
+        {"ZWriteFileEx NOT WRAPPED SOCKET\n", PHAND_HTYPE_socket,
+         [](HANDLE h) { WriteFileEx(h, "", 1, nullptr, Deliver); }},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(FatalTextOf([&] { Run([&](Fiber *) { c.Call(HandleValue(NewEntry(S, c.Type))); }); }), c.Text);
 }
 
 }  // namespace

@@ -147,6 +147,10 @@ TEST_F(PostWaitCall, WhoCannotBePostedGetsTheEventOrTheIndex) {
         IdentifyUserThread("SHAD", own);
         EXPECT_TRUE(CloseHandle(own));
         UnidentifyUserThread(0);
+        for (HANDLE odd : {HANDLE{nullptr}, reinterpret_cast<HANDLE>(uintptr_t{0x7FFFFFF4}), INVALID_HANDLE_VALUE}) {
+            IdentifyUserThread("SHAD", odd);
+            UnidentifyUserThread(0);
+        }
     });
 }
 

@@ -1,5 +1,6 @@
-// tests/unit/thread_call_test.cpp - the thread functions where their order matters: a creation that fails half-way,
-// a burst, a thread between two schedulers, a pending routine, and a backing thread that somebody else has touched.
+// tests/unit/thread_call_test.cpp - the thread functions where their order matters: a burst, a thread that may run at any
+// moment, and a backing thread that somebody else has touched. Creations that fail: tests/faults; threads between two
+// schedulers, resumes under a routine: tests/model.
 #include "kernel/thread.h"
 
 #include "call_fixture.h"
@@ -13,45 +14,11 @@ DWORD NoteAndReturn(void *param) {
     Note(static_cast<const char *>(param));
     return 5;
 }
-DWORD SleepForEver(void *) {
-    Sleep(INFINITE);
-    return 0;
-}
-
 struct ThreadCall : CallTest {
     static HANDLE Create(const char *name, DWORD mask = 0) {
         return ZCreateThreadWithAffinity(nullptr, 0, NoteAndReturn, const_cast<char *>(name), 0, nullptr, mask);
     }
-    // A thread in its sleep, on the scheduler that gets it.
-    HANDLE CreateSleeper(Scheduler *home) {
-        HANDLE thread = nullptr;
-        Run([&](Fiber *) { thread = CreateThread(nullptr, 0, SleepForEver, nullptr, 0, nullptr); });
-        RunUntilIdle(home);
-        EXPECT_EQ(LookUpHandle(thread)->OwnerFiber->State, FSTATE_TIMED_WAIT);
-        return thread;
-    }
 };
-
-TEST_F(ThreadCall, AFailedCreationLeavesNothingAndSaysWhy) {
-    Run([&](Fiber *) {
-        ASSERT_NE(Create("first"), nullptr);  // whatever is made once is made now
-        const uint32_t handles = gHandleCount;
-        const uint32_t shells = gFreeShells[0].Shells.Count;
-        for (const char *call : {"CreateBackingThread", "ResumeThread", "DuplicateHandle"}) {
-            SCOPED_TRACE(call);
-            os::FailCall(call, 1, ERROR_MAX_THRDS_REACHED);
-            EXPECT_EQ(Create("never"), nullptr);
-            EXPECT_EQ(os::GetLastError(), ERROR_MAX_THRDS_REACHED);
-            EXPECT_EQ(gHandleCount, handles);
-            EXPECT_EQ(gFreeShells[0].Shells.Count, shells);
-            EXPECT_EQ(S->InTransit.load(), 1u);
-        }
-        ASSERT_NE(Create("last"), nullptr);
-    });
-    EXPECT_EQ(TakeNotes(), (Names{"first", "last"}));
-    EXPECT_EQ(S->InTransit.load(), 0u);
-    EXPECT_EQ(S->FiberCount.load(), 0u);
-}
 
 TEST_F(ThreadCall, WhereANewThreadGoes) {
     Scheduler *second = NewScheduler();
@@ -84,8 +51,6 @@ TEST_F(ThreadCall, WhereANewThreadGoes) {
     });
 }
 
-// While a routine is pending the visible count is 0 and the real one is put aside: a resume must reach that one. With
-// nothing pending a resume of a running thread sends nothing.
 // The host's main routine is known by its tag from its first instruction on.
 TEST_F(ThreadCall, TagAndRoleComeBeforeTheThread) {
     static const auto routine = [](void *) -> DWORD {
@@ -103,39 +68,6 @@ TEST_F(ThreadCall, TagAndRoleComeBeforeTheThread) {
     });
     RunUntilIdle(home);
     EXPECT_EQ(TakeNotes(), Names{"FMAIN internal"});
-}
-
-TEST_F(ThreadCall, ResumeReachesThePutAsideCount) {
-    const HANDLE thread = CreateSleeper(S);
-    Fiber *F = LookUpHandle(thread)->OwnerFiber;
-    F->ExecSave.SuspendCount = 2;
-    F->Flags |= FIBER_EXEC_PENDING | FIBER_EXEC_RUNNING;
-    for (uint32_t pending : {0u, 1u}) {
-        F->RoutineEpoch.store(pending);
-        Run([&](Fiber *) { Note(std::to_string(ResumeThread(thread))); });
-        Pass(3);
-        EXPECT_EQ(TakeNotes(), Names{"0"});
-        EXPECT_EQ(F->ExecSave.SuspendCount, 2 - pending);
-    }
-}
-
-// Between two schedulers a thread belongs to nobody: who wants something of it waits for its arrival.
-TEST_F(ThreadCall, ATargetBetweenTwoSchedulersIsWaitedFor) {
-    Scheduler *home = NewScheduler();  // it has less to do
-    const HANDLE thread = CreateSleeper(home);
-    Fiber *target = LookUpHandle(thread)->OwnerFiber;
-    ASSERT_EQ(SchedOf(target), home);
-    target->Sched.store(nullptr);
-    Run([&](Fiber *) { Note("suspended after " + std::to_string(SuspendThread(thread))); });
-    Pass(10);
-    EXPECT_TRUE(TakeNotes().empty()) << "there is nobody to send the message to";
-    target->Sched.store(home);
-    for (int i = 0; i < 5; i++) {
-        Pass(2);
-        RunUntilIdle(home);
-    }
-    EXPECT_EQ(TakeNotes(), Names{"suspended after 0"});
-    EXPECT_EQ(target->SuspendCount.load(), 1u);
 }
 
 // The object behind a user thread's handle may have been suspended, resumed or terminated by others: the end of the
