@@ -19,57 +19,6 @@ struct NetTransfer : CallTest {
     uint32_t FlagsOf(SOCKET s) { return LookUpSocket(s)->Flags.load(); }
 };
 
-// Every way in which a waiting receive or send can end: at once or later, with bytes, cancelled, refused.
-TEST_F(NetTransfer, EndsOfAWaitingTransfer) {
-    using script::IoResult;
-    const struct {
-        bool Send;
-        script::IoAnswer At;  // the call's answer
-        DWORD Status, Bytes;  // of the end, when it was pending
-        int Result;
-        DWORD Error;
-    } cases[] = {
-        {false, script::Done(7), 0, 0, 7, 0},
-        {true, script::Done(9), 0, 0, 9, 0},
-        {false, script::Pending(), STATUS_SUCCESS, 5, 5, 0},
-        {true, script::Pending(), STATUS_SUCCESS, 9, 9, 0},
-        {false, script::Failed(WSAECONNRESET), 0, 0, SOCKET_ERROR, WSAECONNRESET},
-        {true, script::Failed(WSAECONNRESET), 0, 0, SOCKET_ERROR, WSAECONNRESET},
-        {false, script::Pending(), STATUS_CANCELLED, 0, 0, 0},  // as if the connection were closed
-        {true, script::Pending(), STATUS_CANCELLED, 0, SOCKET_ERROR, WSA_OPERATION_ABORTED},
-        {false, script::Failed(WSAEDISCON), 0, 0, 0, 0},
-        {false, script::Pending(), 0xC0070000u | 64, 0, SOCKET_ERROR, ERROR_GEN_FAILURE},
-    };
-    const SOCKET s = Make();
-    for (const auto &c : cases) {
-        SCOPED_TRACE(&c - cases);
-        Answer(c.At);
-        char buffer[9];
-        Fiber *F = Run([&](Fiber *self) {
-            const int result = c.Send ? send(s, buffer, 9, 0) : recv(s, buffer, 9, 0);
-            EXPECT_EQ(result, c.Result);
-            const bool compared = c.Result == SOCKET_ERROR && c.Error != ERROR_GEN_FAILURE;
-            EXPECT_TRUE(!compared || os::GetLastError() == c.Error);
-            EXPECT_EQ(self->OwnOvs[0].Flags & OV_PACKET_EXPECTED, 0u);
-            EXPECT_EQ(self->IoWaitOv, nullptr);
-            const uint32_t owed = c.At.Result == IoResult::kDone ? 1 : 0;
-            EXPECT_TRUE(c.At.Result == IoResult::kPending || self->OwnOvs[0].SkipPackets == owed);
-            Note("returned");
-        });
-        if (c.At.Result == IoResult::kPending) {
-            const FIBEROVERLAPPED &rec = F->OwnOvs[0];
-            EXPECT_EQ(F->State, FSTATE_IO_WAIT);
-            EXPECT_EQ(rec.Flags, OV_SOCKET | OV_PACKET_EXPECTED) << "an idle scheduler waits in its port";
-            EXPECT_EQ(rec.OpArg, c.Send ? uint32_t{OP_SEND} : uint32_t{OP_RECEIVE});
-            EXPECT_TRUE(TakeNotes().empty());
-            EndWaitOf(F, c.Status, c.Bytes);
-        }
-        EXPECT_EQ(TakeNotes(), Names{"returned"});
-        EXPECT_EQ(script::QueuedPackets(S->Port), 0u) << "an exit drains what is owed";
-    }
-    EXPECT_EQ(script::gScript.BoundKeys.size(), 1u) << "bound by the first call only";
-}
-
 // Asking whether the connection is there costs nothing; whatever differs from that question is issued.
 TEST_F(NetTransfer, APeekForNothingIsAnsweredAtOnce) {
     const SOCKET s = Make();

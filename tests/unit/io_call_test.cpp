@@ -1,0 +1,310 @@
+// tests/unit/io_call_test.cpp - calls on files, pipes and sockets against a scripted operating system: what is issued,
+// what is waited for, and what each end leaves in the record, the position and the caller's variables.
+#include "call_fixture.h"
+#include "child.h"
+#include "kernel/pipe.h"
+#include "net/net.h"
+#include "scripted_socket.h"
+#include "zvxkvt/pipetypes.h"
+
+namespace os::script {
+extern std::function<DWORD(const char *name, DWORD ms)> gOnWaitPipe;
+}
+
+namespace zvx::test {
+namespace {
+
+using script::gScript;
+using IoCall = CallTest;
+
+HANDLE NewPipe(DWORD flags) {
+    return CreateNamedPipeA("pipe", PIPE_ACCESS_DUPLEX | flags, 0, 1, 0, 0, 0, nullptr);
+}
+uint32_t FlagsOf(HANDLE handle) {
+    return LookUpHandle(handle)->Flags.load();
+}
+
+// An association that is refused without a reason counts as made for a file, never for a pipe; the polling model binds
+// pipes only.
+TEST_F(IoCall, OpeningBinds) {
+    RunToEnd([&](Fiber *) {
+        const HANDLE plain = Open(0);
+        EXPECT_EQ(FlagsOf(plain), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_ON_PORT);
+        EXPECT_EQ(gScript.BoundKeys.back(), reinterpret_cast<uintptr_t>(plain));
+        EXPECT_EQ(FlagsOf(Open()), PHAND_FLAG_ASYNC_CALLER | PHAND_FLAG_ON_PORT);
+        os::FailCall("CreateIoCompletionPort", 1, ERROR_SUCCESS);
+        EXPECT_EQ(FlagsOf(Open()), PHAND_FLAG_ASYNC_CALLER | PHAND_FLAG_ON_PORT);
+        gNumContextSwitchesBeforePolling = 0;
+        EXPECT_EQ(FlagsOf(Open(0)), PHAND_FLAG_ASYNC_ADDED);
+        EXPECT_EQ(FlagsOf(NewPipe(0)), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_ON_PORT);
+        const HANDLE wide =
+            CreateNamedPipeW(L"pipe", PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, 1, 0, 0, 0, nullptr);
+        EXPECT_EQ(FlagsOf(wide), PHAND_FLAG_ASYNC_CALLER | PHAND_FLAG_ON_PORT);
+        const uint32_t handles = gHandleCount;
+        os::FailCall("CreateNamedPipeA", 1, ERROR_PIPE_BUSY);
+        EXPECT_EQ(NewPipe(0), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(os::GetLastError(), ERROR_PIPE_BUSY);
+        for (const DWORD reason : {ERROR_INVALID_PARAMETER, ERROR_SUCCESS}) {
+            os::FailCall("CreateIoCompletionPort", 1, reason);
+            EXPECT_EQ(NewPipe(0), INVALID_HANDLE_VALUE);
+            EXPECT_EQ(os::GetLastError(), 0xFFFFFFFFu);
+        }
+        EXPECT_EQ(gHandleCount, handles);
+    });
+}
+
+// Every way in which a waiting call can end: at once or later, with bytes, at the end of the file, cancelled, refused.
+TEST_F(IoCall, EndsOfAWait) {
+    using script::IoResult;
+    enum Kind { kRead, kWrite, kConnect, kReceive, kSend };
+    const struct {
+        Kind Call;
+        script::IoAnswer At;  // the call's answer
+        DWORD Status, Bytes;  // of the end, when it was pending
+        int Result;           // bytes; -1 is a failure
+        DWORD Error;
+    } cases[] = {
+        {kRead, script::Done(70), 0, 0, 70, 0},
+        {kRead, script::Pending(), STATUS_SUCCESS, 60, 60, 0},
+        {kRead, script::Failed(ERROR_HANDLE_EOF), 0, 0, 0, 0},
+        {kRead, script::Pending(), STATUS_END_OF_FILE, 0, 0, 0},
+        {kRead, script::Failed(ERROR_GEN_FAILURE), 0, 0, -1, ERROR_GEN_FAILURE},
+        {kRead, script::Pending(), STATUS_CANCELLED, 0, -1, ERROR_OPERATION_ABORTED},
+        {kWrite, script::Pending(), STATUS_SUCCESS, 60, 60, 0},
+        {kWrite, script::Failed(ERROR_HANDLE_EOF), 0, 0, -1, ERROR_HANDLE_EOF},
+        {kConnect, script::Done(0), 0, 0, 0, 0},
+        {kConnect, script::Pending(), STATUS_SUCCESS, 0, 0, 0},
+        {kConnect, script::Failed(ERROR_PIPE_CONNECTED), 0, 0, -1, ERROR_PIPE_CONNECTED},
+        {kConnect, script::Pending(), STATUS_CANCELLED, 0, -1, ERROR_OPERATION_ABORTED},
+        {kReceive, script::Done(7), 0, 0, 7, 0},
+        {kReceive, script::Pending(), STATUS_SUCCESS, 5, 5, 0},
+        {kReceive, script::Failed(WSAECONNRESET), 0, 0, -1, WSAECONNRESET},
+        {kReceive, script::Pending(), STATUS_CANCELLED, 0, 0, 0},  // as if the connection were closed
+        {kReceive, script::Failed(WSAEDISCON), 0, 0, 0, 0},
+        {kReceive, script::Pending(), 0xC0070000u | 64, 0, -1, ERROR_GEN_FAILURE},
+        {kSend, script::Done(9), 0, 0, 9, 0},
+        {kSend, script::Pending(), STATUS_SUCCESS, 9, 9, 0},
+        {kSend, script::Failed(WSAECONNRESET), 0, 0, -1, WSAECONNRESET},
+        {kSend, script::Pending(), STATUS_CANCELLED, 0, -1, WSA_OPERATION_ABORTED},
+    };
+    HANDLE file = nullptr, pipe = nullptr;
+    SOCKET s = 0;
+    Run([&](Fiber *) { file = Open(0), pipe = NewPipe(0), s = WSASocketA(2, 1, 0, nullptr, 0, 0); });
+    std::atomic<uint64_t> &position = LookUpHandle(file)->FilePosition;
+    for (const auto &c : cases) {
+        SCOPED_TRACE(&c - cases);
+        Answer(c.At);
+        const bool onFile = c.Call <= kWrite, pending = c.At.Result == IoResult::kPending;
+        OVERLAPPED ov{0, 0, 0xFFFFFFF0, 2, nullptr};
+        position.store(5);
+        Fiber *F = Run([&](Fiber *self) {
+            char buffer[9];
+            DWORD got = 0;
+            int result = 0;
+            // A pipe's client comes by a packet always; on a busy scheduler the others would be polled by now.
+            SchedOf(self)->SwitchesSinceIdle = c.Call == kConnect ? gNumContextSwitchesBeforePolling : 0;
+            switch (c.Call) {
+                case kRead: result = ReadFile(file, nullptr, 100, &got, &ov) ? static_cast<int>(got) : -1; break;
+                case kWrite: result = WriteFile(file, "x", 100, &got, &ov) ? static_cast<int>(got) : -1; break;
+                case kConnect: result = ConnectNamedPipe(pipe, nullptr) - 1; break;
+                case kReceive: result = recv(s, buffer, 9, 0); break;
+                case kSend: result = send(s, buffer, 9, 0); break;
+            }
+            EXPECT_EQ(result, c.Result);
+            EXPECT_TRUE(result >= 0 || (c.Call == kReceive && pending) || os::GetLastError() == c.Error);
+            EXPECT_EQ(self->OwnOvs[0].Flags & OV_PACKET_EXPECTED, 0u);
+            EXPECT_EQ(self->IoWaitOv, nullptr);
+            // A packet comes for what was accepted, and for nothing else.
+            EXPECT_TRUE(pending || self->OwnOvs[0].SkipPackets == (c.At.Result == IoResult::kDone ? 1u : 0u));
+            Note("returned");
+        });
+        if (pending) {
+            const FIBEROVERLAPPED &rec = F->OwnOvs[0];
+            EXPECT_EQ(F->State, FSTATE_IO_WAIT);
+            EXPECT_EQ(F->IoWaitOv, &rec.Ov);
+            EXPECT_EQ(rec.Flags, (c.Call < kReceive ? OV_FILE : OV_SOCKET) | OV_PACKET_EXPECTED);
+            EXPECT_TRUE(TakeNotes().empty());
+            EndWaitOf(F, c.Status, c.Bytes);
+        }
+        EXPECT_EQ(TakeNotes(), Names{"returned"});
+        EXPECT_EQ(script::QueuedPackets(S->Port), 0u) << "an exit drains what is owed";
+        // The carry goes into the high word; a failed read moves nothing.
+        EXPECT_EQ(position.load(), onFile && c.Result >= 0 ? 0x2FFFFFFF0u + static_cast<uint32_t>(c.Result) : 5u);
+        EXPECT_EQ(ov.Internal, onFile ? c.Status : 0);
+        EXPECT_TRUE(!onFile || c.Result <= 0 || ov.InternalHigh == static_cast<uint32_t>(c.Result));
+    }
+    EXPECT_EQ(gScript.BoundKeys.size(), 3u) << "the socket is bound by the first call only";
+}
+
+// The host's own, on a pipe that it made overlapped: at once, and no packet for our port.
+TEST_F(IoCall, AConnectionOfTheHostsOwn) {
+    OVERLAPPED ov{};
+    RunToEnd([&](Fiber *) {
+        EXPECT_FALSE(ConnectNamedPipe(NewPipe(FILE_FLAG_OVERLAPPED), &ov));
+        EXPECT_EQ(os::GetLastError(), ERROR_IO_PENDING);
+        EXPECT_TRUE(gScript.Calls.back().Ov == &ov && gScript.Calls.back().Op == nullptr);
+        script::EndOperation(&ov, STATUS_SUCCESS, 0);
+    });
+    EXPECT_EQ(ov.hEvent, WithoutPacket(AvoidCompletionEvent));
+}
+
+TEST_F(IoCall, WaitingForAPipeIsTestingAgainAndAgain) {
+    DWORD answer = ERROR_FILE_NOT_FOUND;
+    int looks = 0;
+    script::gOnWaitPipe = [&](const char *, DWORD ms) {
+        EXPECT_EQ(ms, NMPWAIT_USE_DEFAULT_WAIT);
+        looks++;
+        return answer;
+    };
+    const auto wait = [&](DWORD ms, DWORD gives) {
+        answer = gives;
+        Run([&, ms](Fiber *) { Note(WaitNamedPipeA("pipe", ms) ? "had" : std::to_string(os::GetLastError())); });
+    };
+    wait(0, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(TakeNotes(), Names{"2"});
+    EXPECT_EQ(looks, 1);
+    wait(INFINITE, ERROR_FILE_NOT_FOUND);
+    Pass(500);
+    EXPECT_EQ(TakeNotes(), Names{}) << "no such pipe yet is no end";
+    answer = ERROR_SUCCESS;
+    Pass(50);
+    EXPECT_EQ(TakeNotes(), Names{"had"});
+    wait(60, ERROR_SEM_TIMEOUT);
+    Pass(30);
+    EXPECT_EQ(TakeNotes(), Names{});
+    Pass(60);
+    EXPECT_EQ(TakeNotes(), Names{"121"}) << "of the latest look";
+    wait(INFINITE, WAIT_TIMEOUT);
+    EXPECT_EQ(TakeNotes(), Names{"258"}) << "the one failure that ends the wait";
+}
+
+// The handle is closed while its user waits. The read still ends; what the value stands for by then is left alone.
+TEST_F(IoCall, ACloseDuringTheWaitTakesThePositionAway) {
+    HANDLE file = nullptr;
+    Fiber *F = Run([&](Fiber *) {
+        file = Open(0);
+        DWORD got = 0;
+        EXPECT_TRUE(ReadFile(file, nullptr, 100, &got, nullptr));
+        Note("read " + std::to_string(got));
+    });
+    PSEHAND *young = nullptr;
+    Run([&](Fiber *) {
+        CloseHandle(file);
+        // As if the value had been given out again.
+        young = AllocHandleEntry(S, kOwnNode);
+        young->Type = PHAND_HTYPE_CreateFileA;
+        young->Handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(file));
+        young->FilePosition.store(7);
+        InsertHandle(young);
+    });
+    EndWaitOf(F, STATUS_SUCCESS, 40);
+    EXPECT_EQ(TakeNotes(), Names{"read 40"});
+    EXPECT_EQ(young->FilePosition.load(), 7u);
+}
+
+// ---- Completion routines -----------------------------------------------------------------------------
+
+struct Delivered {
+    uint32_t Count;
+    DWORD Error, Bytes;
+    OVERLAPPED *Ov;
+} gDelivered;
+
+void Deliver(DWORD error, DWORD bytes, LPOVERLAPPED ov) {
+    gDelivered = {gDelivered.Count + 1, error, bytes, ov};
+}
+
+TEST_F(IoCall, RoutineRecordsAreCountedAndGivenBack) {
+    RunToEnd([&](Fiber *self) {
+        OVERLAPPED ov{};
+        EXPECT_FALSE(ReadFileEx(Open(0), nullptr, 1, &ov, Deliver));
+        EXPECT_EQ(os::GetLastError(), 0xFFFFFFFFu);
+        const HANDLE file = Open();
+        Answer(script::Failed(ERROR_GEN_FAILURE));
+        EXPECT_FALSE(ReadFileEx(file, nullptr, 1, &ov, Deliver));
+        EXPECT_EQ(os::GetLastError(), ERROR_GEN_FAILURE);
+        EXPECT_EQ(self->PendingApcIos + self->FileOvs.Count, 0u);
+        EXPECT_EQ(S->FreeOvs.Count, 1u) << "the record serves again";
+        // At once is not inside the call either; and an error is told to the routine.
+        Answer(script::Done(12));
+        EXPECT_TRUE(ReadFileEx(file, nullptr, 64, &ov, Deliver));
+        EXPECT_EQ(gDelivered.Count, 0u);
+        EXPECT_EQ(self->PendingApcIos, 1u);
+        EXPECT_EQ(S->FreeOvs.Count, 0u);
+        os::StoreStatus(&ZVX_RECORD_OF(FirstLink(&self->FileOvs), FIBEROVERLAPPED, Link)->Ov, STATUS_END_OF_FILE);
+        EXPECT_EQ(SleepEx(0, TRUE), WAIT_IO_COMPLETION);
+        EXPECT_EQ(self->PendingApcIos, 0u);
+        EXPECT_EQ(gDelivered.Bytes, 12u);
+        EXPECT_EQ(gDelivered.Error, ERROR_HANDLE_EOF);
+        EXPECT_EQ(gDelivered.Ov, &ov);
+        EXPECT_EQ(ov.Internal, STATUS_END_OF_FILE);
+    });
+}
+
+// A database writer expects a packet for the first of its writes in flight only.
+TEST_F(IoCall, DatabaseWritersGetOnePacket) {
+    OVERLAPPED ovs[3] = {};
+    const auto write = [&](Fiber *self) {
+        const HANDLE file = Open();
+        for (OVERLAPPED &ov : ovs) {
+            EXPECT_TRUE(WriteFileEx(file, "x", 1, &ov, Deliver));
+            const FIBEROVERLAPPED *rec = ZVX_RECORD_OF(self->FileOvs.Ends.Prev, FIBEROVERLAPPED, Link);
+            const bool packet = (rec->Flags & OV_PACKET_EXPECTED) != 0;
+            EXPECT_NE(WithoutPacket(rec->Ov.hEvent) == rec->Ov.hEvent, packet);
+            Note(packet ? "packet" : "polled");
+        }
+        Sleep(INFINITE);
+    };
+    Run(write, ROLE_DBWR);
+    EXPECT_EQ(TakeNotes(), (Names{"packet", "polled", "polled"}));
+}
+
+// The log writer's writes are counted by period; a closed period counts only with enough sessions.
+TEST_F(IoCall, LogWritesAreCountedByPeriod) {
+    gLGWRHighActivityPeriodInMs = 1000;
+    gLGWRHighActivityNumShadowsThreshold = 3;
+    gLgwrPeriodStart.store(os::GetTickCount());
+    Answer(script::Done(1));
+    const auto write = [&](uint32_t sessions, uint32_t after) {
+        S->ShadowCount.store(sessions);
+        script::AdvanceClock(after);
+        const auto body = [&](Fiber *self) {
+            OVERLAPPED ov{};
+            EXPECT_TRUE(WriteFileEx(Open(), "x", 1, &ov, Deliver));
+            SleepEx(0, TRUE);
+            self->Role = ROLE_OTHER;
+        };
+        Run(body, ROLE_LGWR);
+        EXPECT_EQ(gLgwrLastWriteTick.load(), os::GetTickCount());
+        return gLgwrWriteCount.load();
+    };
+    EXPECT_EQ(write(4, 0), 1u);
+    EXPECT_EQ(write(4, 1000), 2u) << "the period is over when more than its length has passed";
+    EXPECT_EQ(write(4, 1), 0u);
+    EXPECT_EQ(gLgwrWritesLastPeriod.load(), 3u);
+    EXPECT_EQ(gLgwrPeriodStart.load(), os::GetTickCount());
+    EXPECT_EQ(write(3, 1001), 0u);
+    EXPECT_EQ(gLgwrWritesLastPeriod.load(), 0u);
+}
+
+TEST_F(IoCall, SocketsAreNotForFileFunctions) {
+    const struct {
+        const char *Text;
+        uint32_t Type;
+        std::function<void(HANDLE)> Call;
+    } cases[] = {
+        {"ZReadFile: NOT WRAPPED SOCKET\n", PHAND_HTYPE_socket,
+         [](HANDLE h) { ReadFile(h, nullptr, 1, nullptr, nullptr); }},
+        {"ZWriteFile: NOT WRAPPED SOCKET\n", PHAND_HTYPE_WSASocket,
+         [](HANDLE h) { WriteFile(h, "", 1, nullptr, nullptr); }},
+        {"ZReadFileEx NOT WRAPPED SOCKET\n", PHAND_HTYPE_WSASocket,
+         [](HANDLE h) { ReadFileEx(h, nullptr, 1, nullptr, Deliver); }},
+        {"ZWriteFileEx NOT WRAPPED SOCKET\n", PHAND_HTYPE_socket,
+         [](HANDLE h) { WriteFileEx(h, "", 1, nullptr, Deliver); }},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(FatalTextOf([&] { Run([&](Fiber *) { c.Call(HandleValue(NewEntry(S, c.Type))); }); }), c.Text);
+}
+
+}  // namespace
+}  // namespace zvx::test
