@@ -1,0 +1,443 @@
+// tests/unit/net_call_test.cpp - sockets against a scripted operating system: what is made, issued and asked, how its
+// end is noticed, and what each end leaves behind. Plain sends and receives: io_call_test.cpp.
+#include <cstring>
+
+#include "alloc/alloc.h"
+#include "call_fixture.h"
+#include "child.h"
+#include "net/net.h"
+#include "scripted_socket.h"
+
+namespace zvx::test {
+namespace {
+
+using script::gScript;
+using script::gSockets;
+using script::TakeCalls;
+
+struct NetCall : CallTest {
+    SOCKET Make(DWORD flags = 0) {
+        SOCKET s = INVALID_SOCKET;
+        Run([&](Fiber *) { s = WSASocketA(2, 1, 0, nullptr, 0, flags); });
+        TakeCalls();
+        return s;
+    }
+    static uint32_t FlagsOf(SOCKET s) { return LookUpSocket(s)->Flags.load(); }
+};
+
+// Asking whether the connection is there costs nothing; whatever differs from that question is issued.
+TEST_F(NetCall, APeekForNothingIsAnsweredAtOnce) {
+    const SOCKET s = Make();
+    Answer(script::Done(0));
+    RunToEnd([&](Fiber *) {
+        char byte;
+        EXPECT_EQ(recv(s, &byte, 0, ZVX_MSG_PEEK), SOCKET_ERROR);
+        EXPECT_EQ(os::GetLastError(), WSAEWOULDBLOCK);
+        EXPECT_EQ(gScript.Calls.size() + gScript.BoundKeys.size(), 0u);
+        EXPECT_EQ(recv(s, &byte, 1, ZVX_MSG_PEEK), 0);
+        EXPECT_EQ(recv(s, &byte, 0, 0), 0);
+        EXPECT_EQ(gScript.Calls.size(), 2u);
+    });
+}
+
+// A message that continues is told through the flags, which only the operating system knows.
+TEST_F(NetCall, APartialMessageAsksForTheResult) {
+    const SOCKET s = Make();
+    DWORD flags = ZVX_MSG_PARTIAL, bytes = 0;
+    WSABUF one{4, nullptr};
+    Fiber *F = Run([&](Fiber *) { EXPECT_EQ(WSARecv(s, &one, 1, &bytes, &flags, nullptr, nullptr), 0); });
+    TakeCalls();
+    EndWaitOf(F, STATUS_SUCCESS, 4);
+    EXPECT_EQ(TakeCalls(), Names{"WSAGetOverlappedResult"});
+    EXPECT_EQ(bytes, 4u);
+}
+
+// Nothing is issued on a socket that could not be bound, and the next call tries again. A socket that came from another
+// process is left alone by its first receive, not by a send. All handles of a socket share one binding.
+TEST_F(NetCall, BindingAtTheFirstUse) {
+    const SOCKET s = Make();
+    Answer(script::Done(1));
+    RunToEnd([&](Fiber *) {
+        char byte = 0;
+        os::FailCall("CreateIoCompletionPort", 1, ERROR_NO_SYSTEM_RESOURCES);
+        EXPECT_EQ(send(s, &byte, 1, 0), SOCKET_ERROR);
+        EXPECT_EQ(os::GetLastError(), ERROR_NO_SYSTEM_RESOURCES);
+        EXPECT_TRUE(gScript.Calls.empty());
+        EXPECT_EQ(FlagsOf(s), PHAND_FLAG_ASYNC_ADDED);
+        EXPECT_EQ(send(s, &byte, 1, 0), 1);
+        EXPECT_EQ(FlagsOf(s), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_ON_PORT);
+
+        WSAPROTOCOL_INFOA info{};
+        const SOCKET received = WSASocketA(2, 1, 0, &info, 0, 0), sent = WSASocketA(2, 1, 0, &info, 0, 0);
+        EXPECT_EQ(FlagsOf(received), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_PROTOCOL_INFO);
+        EXPECT_EQ(recv(received, &byte, 1, 0), 1);
+        EXPECT_EQ(FlagsOf(received), PHAND_FLAG_ASYNC_ADDED);
+        EXPECT_EQ(recv(received, &byte, 1, 0), 1);
+        EXPECT_EQ(FlagsOf(received), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_ON_PORT);
+        EXPECT_EQ(send(sent, &byte, 1, 0), 1);
+        EXPECT_EQ(FlagsOf(sent), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_PROTOCOL_INFO | PHAND_FLAG_ON_PORT);
+
+        const SOCKET first = WSASocketA(2, 1, 0, nullptr, 0, 0);
+        HANDLE copy = nullptr;
+        EXPECT_TRUE(DuplicateHandle(os::GetCurrentProcess(), SocketHandle(first), os::GetCurrentProcess(), &copy, 0,
+                                    FALSE, DUPLICATE_SAME_ACCESS));
+        const size_t bound = gScript.BoundKeys.size();
+        EXPECT_EQ(send(reinterpret_cast<SOCKET>(copy), &byte, 1, 0), 1);
+        EXPECT_EQ(send(first, &byte, 1, 0), 1);
+        EXPECT_EQ(gScript.BoundKeys.size(), bound + 1);
+    });
+}
+
+// ---- Operations that the caller does not wait for ----------------------------------------------------
+
+struct Delivered {
+    uint32_t Count;
+    DWORD Error, Bytes, Flags;
+    OVERLAPPED *Ov;
+} gDelivered;
+
+void Deliver(DWORD error, DWORD bytes, LPOVERLAPPED ov, DWORD flags) {
+    gDelivered = {gDelivered.Count + 1, error, bytes, flags, ov};
+}
+
+TEST_F(NetCall, RoutinesRunInAlertableWaitsOnly) {
+    const SOCKET s = Make(WSA_FLAG_OVERLAPPED);
+    Fiber *F = Run([&](Fiber *self) {
+        OVERLAPPED ov{0, 0, 3, 4, nullptr};
+        WSABUF one{8, nullptr};
+        DWORD bytes = 0, flags = 0;
+        // Pending for the caller although the data was there.
+        Answer(script::Done(6));
+        EXPECT_EQ(WSARecv(s, &one, 1, &bytes, &flags, &ov, Deliver), SOCKET_ERROR);
+        EXPECT_EQ(os::GetLastError(), WSA_IO_PENDING);
+        EXPECT_EQ(gDelivered.Count, 0u);
+        const auto *rec = ZVX_RECORD_OF(FirstLink(&self->SocketOvs), FIBEROVERLAPPED, Link);
+        EXPECT_EQ(rec->Flags, OV_SOCKET_ROUTINE);
+        EXPECT_EQ(rec->SkipPackets, 1u);
+        EXPECT_EQ(uint64_t{rec->Ov.OffsetHigh} << 32 | rec->Ov.Offset, 4ull << 32 | 3);
+        EXPECT_EQ(SleepEx(0, TRUE), WAIT_IO_COMPLETION);
+        EXPECT_EQ(gDelivered.Count, 1u);
+        EXPECT_EQ(gDelivered.Bytes, 6u);
+        EXPECT_EQ(gDelivered.Ov, &ov);
+        // One that ends later, with an error, wakes the alertable wait.
+        Answer(script::Pending());
+        EXPECT_EQ(WSASend(s, &one, 1, &bytes, 0, &ov, Deliver), SOCKET_ERROR);
+        EXPECT_EQ(os::GetLastError(), WSA_IO_PENDING);
+        EXPECT_EQ(ov.Internal, STATUS_PENDING);
+        EXPECT_EQ(SleepEx(1000, TRUE), WAIT_IO_COMPLETION);
+        EXPECT_EQ(gDelivered.Error, WSA_OPERATION_ABORTED);
+        EXPECT_EQ(gDelivered.Flags, uint32_t{ZVX_MSG_PARTIAL});
+        EXPECT_EQ(ov.Internal, STATUS_CANCELLED);
+        EXPECT_EQ(self->PendingApcIos, 0u);
+        Note("done");
+    });
+    EndRoutineOf(F, STATUS_CANCELLED, 0);
+    EXPECT_EQ(TakeNotes(), Names{"done"});
+}
+
+// A socket for synchronous use waits whatever it is given: a routine runs before the return, an event is signalled.
+TEST_F(NetCall, SynchronousUseWaitsForEverything) {
+    const SOCKET s = Make(0);
+    const HANDLE event = NewEvent(true, false);
+    OVERLAPPED ov{0, 0, 0, 0, reinterpret_cast<HANDLE>(reinterpret_cast<uintptr_t>(event) | 1)};
+    WSABUF one{8, nullptr};
+    DWORD bytes = 0, flags = 0;
+    gDelivered = {};
+    Fiber *F = Run([&](Fiber *self) {
+        EXPECT_EQ(WSARecv(s, &one, 1, &bytes, &flags, &ov, Deliver), 0);
+        EXPECT_EQ(gDelivered.Count, 1u);
+        EXPECT_EQ(gDelivered.Bytes, 5u);
+        EXPECT_EQ(bytes, 5u);
+        EXPECT_EQ(self->ApcDelivered, 1u);
+        EXPECT_EQ(os::WaitForSingleObject(event, 0), WAIT_TIMEOUT) << "the routine is told, the event is not";
+        Answer(script::Done(8));
+        EXPECT_EQ(WSASend(s, &one, 1, &bytes, 0, &ov, nullptr), 0);
+        EXPECT_EQ(os::WaitForSingleObject(event, 0), WAIT_OBJECT_0);
+        EXPECT_EQ(gDelivered.Count, 1u);
+        Note("done");
+    });
+    EXPECT_EQ(F->State, FSTATE_IO_WAIT);
+    EndWaitOf(F, 0, 5);
+    EXPECT_EQ(TakeNotes(), Names{"done"});
+    EXPECT_EQ(ov.InternalHigh, 8u);
+}
+
+// The host waits for its own operations: no packet may come for them, nor a hand-over. The wait flag is one of three.
+TEST_F(NetCall, OperationsOfTheHost) {
+    const SOCKET s = Make(WSA_FLAG_OVERLAPPED);
+    OVERLAPPED ov{};
+    DWORD bytes = 0, flags = 0;
+    const HANDLE event = NewEvent(true, false);
+    Run([&](Fiber *self) {
+        WSABUF one{8, nullptr};
+        EXPECT_EQ(WSARecv(s, &one, 1, &bytes, &flags, &ov, nullptr), SOCKET_ERROR);
+        EXPECT_EQ(gScript.Calls.back().Ov, &ov);
+        EXPECT_EQ(gScript.Calls.back().Op, nullptr);
+        EXPECT_EQ(ov.hEvent, WithoutPacket(nullptr));
+        OVERLAPPED second{0, 0, 0, 0, event};
+        Answer(script::Done(2));
+        EXPECT_EQ(WSARecv(s, &one, 1, &bytes, &flags, &second, nullptr), 0);
+        EXPECT_EQ(second.hEvent, WithoutPacket(event));
+        for (const BOOL wait : {0, 2}) {
+            EXPECT_FALSE(WSAGetOverlappedResult(s, &ov, &bytes, wait, &flags));
+            EXPECT_EQ(os::GetLastError(), WSA_IO_INCOMPLETE);
+        }
+        Note("waits");
+        OVERLAPPED *const before = self->CurOv;
+        EXPECT_TRUE(WSAGetOverlappedResult(s, &ov, &bytes, 1, &flags));
+        EXPECT_EQ(bytes, 7u);
+        EXPECT_EQ(self->CurOv, before);
+        Note("done");
+    });
+    Pass(30);
+    EXPECT_EQ(TakeNotes(), Names{"waits"});
+    script::EndOperation(&ov, 0, 7);
+    Pass(20);
+    EXPECT_EQ(TakeNotes(), Names{"done"});
+    EXPECT_EQ(script::QueuedPackets(S->Port), 0u);
+}
+
+// ---- Making and accepting ----------------------------------------------------------------------------
+
+TEST_F(NetCall, SocketsAreWrappedAsTheHostAsked) {
+    const auto kind = [](SOCKET s) { return FlagsOf(s) & ~uint32_t{PHAND_FLAG_ON_PORT}; };
+    RunToEnd([&](Fiber *self) {
+        const SOCKET plain = WSASocketA(2, 1, 0, nullptr, 0, 0);
+        EXPECT_EQ(kind(plain), PHAND_FLAG_ASYNC_ADDED);
+        const SOCKET overlapped = WSASocketA(2, 1, 0, nullptr, 0, WSA_FLAG_OVERLAPPED | 0x80);
+        EXPECT_EQ(kind(overlapped), PHAND_FLAG_ASYNC_CALLER);
+        const SOCKET berkeley = socket(2, 1, 0);
+        EXPECT_EQ(kind(berkeley), PHAND_FLAG_ASYNC_CALLER);
+        EXPECT_EQ(LookUpSocket(berkeley)->Type, PHAND_HTYPE_socket);
+        EXPECT_EQ(LookUpSocket(plain)->Type, PHAND_HTYPE_WSASocket);
+        EXPECT_EQ(LookUpSocket(plain)->OwnerFiber, self);
+        EXPECT_EQ(TakeCalls(), (Names{"WSASocketA 1", "WSASocketA 129", "socket"}));
+        // An accepted socket is of its listener's kind; of a listener that is not wrapped it is not wrapped either.
+        EXPECT_EQ(kind(WSAAccept(plain, nullptr, nullptr, nullptr, 0)), PHAND_FLAG_ASYNC_ADDED);
+        EXPECT_EQ(kind(WSAAccept(berkeley, nullptr, nullptr, nullptr, 0)), PHAND_FLAG_ASYNC_CALLER);
+        const SOCKET foreign = script::NewSocket();
+        EXPECT_EQ(LookUpSocket(WSAAccept(foreign, nullptr, nullptr, nullptr, 0)), nullptr);
+        // The entry goes whatever the operating system answers, and later calls pass through.
+        EXPECT_EQ(closesocket(plain), 0);
+        EXPECT_EQ(LookUpHandle(plain), nullptr);
+        EXPECT_EQ(closesocket(plain), SOCKET_ERROR);
+    });
+}
+
+TEST_F(NetCall, AClientAtOnceOrLater) {
+    const SOCKET listener = Make(), overlapped = Make(WSA_FLAG_OVERLAPPED);
+    Answer(script::Done(0));
+    RunToEnd([&](Fiber *self) {
+        int length = 16;
+        char address[16] = {};
+        const SOCKET s = accept(listener, reinterpret_cast<sockaddr *>(address), &length);
+        EXPECT_EQ(TakeCalls(), (Names{"WSADuplicateSocketA", "WSASocketA 1", "WSASocketA 1 info", "closesocket",
+                                      "AcceptEx", "setsockopt 28683 " + std::to_string(listener)}));
+        EXPECT_EQ(LookUpSocket(s)->Flags.load(), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_ON_PORT);
+        EXPECT_EQ(self->OwnOvs[0].SkipPackets, 1u) << "the late packet will be dropped";
+        EXPECT_EQ(length, 16);
+        EXPECT_EQ(std::memcmp(address, script::kPeerAddress, 16), 0);
+        EXPECT_EQ(self->TermCleanup.Count, 0u);
+        EXPECT_EQ(FlagsOf(accept(overlapped, nullptr, &length)), PHAND_FLAG_ASYNC_CALLER | PHAND_FLAG_ON_PORT);
+        EXPECT_EQ(length, 16);
+    });
+    EXPECT_EQ(script::QueuedPackets(S->Port), 0u);
+    Answer(script::Pending());
+    // Under load too it is the packet that ends the wait; but no packet comes to a thread of another scheduler.
+    gNumContextSwitchesBeforePolling = 1;
+    Scheduler *other = NewScheduler();
+    const auto wait = [&](Fiber *self) {
+        SchedOf(self)->SwitchesSinceIdle = 1;
+        EXPECT_NE(accept(listener, nullptr, nullptr), INVALID_SOCKET);
+        Note("accepted");
+    };
+    Fiber *home = Run(wait);
+    Fiber *away = NewFiber(other, wait);
+    RunUntilIdle(other);
+    EXPECT_EQ(home->OwnOvs[0].Flags, OV_SOCKET | OV_PACKET_EXPECTED);
+    EXPECT_EQ(home->OwnOvs[0].OpArg, uint32_t{OP_ACCEPT});
+    EXPECT_EQ(away->OwnOvs[0].Flags, OV_SOCKET);
+    EXPECT_EQ(TakeNotes(), Names{});
+    EndWaitOf(home, 0, 0);
+    script::EndOperation(&away->OwnOvs[0].Ov, 0, 0);
+    RunUntilIdle(other);
+    EXPECT_EQ(TakeNotes(), (Names{"accepted", "accepted"}));
+}
+
+// The caller sees the error with which the operation ended, and no socket stays; neither after a termination.
+TEST_F(NetCall, AFailureClosesWhatWasMade) {
+    const SOCKET listener = Make();
+    const auto wait = [&](Fiber *) {
+        EXPECT_EQ(accept(listener, nullptr, nullptr), INVALID_SOCKET);
+        EXPECT_EQ(os::GetLastError(), WSA_OPERATION_ABORTED);
+        Note("failed");
+    };
+    EndWaitOf(Run(wait), STATUS_CANCELLED, 0);
+    EXPECT_EQ(TakeNotes(), Names{"failed"});
+    EXPECT_EQ(gSockets.Open, std::set<SOCKET>{listener});
+    Fiber *F = Run(wait);
+    EXPECT_EQ(gSockets.Open.size(), 2u);
+    SendOne(S, MSG_TERMINATE, F, Generation(F), 5);
+    RunUntilIdle(S);
+    EXPECT_EQ(TakeNotes(), Names{});
+    EXPECT_EQ(gSockets.Open, std::set<SOCKET>{listener});
+    EXPECT_EQ(gScript.Cancels.size(), 1u);
+    EXPECT_EQ(gHandleCount, 1u);
+}
+
+TEST_F(NetCall, AddressesThatDoNotFitAreFatal) {
+    for (auto [length, text] :
+         {std::pair{28, "Address too long 28 > 16"}, {12, "Copied address too long 16 > 12"}})
+        EXPECT_EQ(FatalTextOf([&] {
+                      Answer(script::Done(0));
+                      const SOCKET listener = Make();
+                      int room = length;
+                      char address[64];
+                      Run([&](Fiber *) { accept(listener, reinterpret_cast<sockaddr *>(address), &room); });
+                  }),
+                  text);
+}
+
+// ---- select and events -------------------------------------------------------------------------------
+
+// Lets the clock run until a note comes; the milliseconds that took.
+uint32_t MsUntil(CallTest *test, uint32_t limit) {
+    for (uint32_t ms = 0; ms <= limit; ms++) {
+        if (!TakeNotes().empty()) return ms;
+        test->Pass(1);
+    }
+    return limit + 1;
+}
+
+// A second lasts 1024 milliseconds, and a millisecond counts as 1024 microseconds.
+TEST_F(NetCall, TimeOuts) {
+    const struct {
+        os::TimeVal Timeout;
+        uint32_t Low, High;
+    } cases[] = {{{2, 0}, 2048, 2049}, {{0, 100000}, 98, 98}, {{1, 500000}, 1513, 1514}, {{0, 1}, 1, 1}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.Timeout.Seconds * 1000000 + c.Timeout.Microseconds);
+        Run([&](Fiber *) {
+            zvx_fd_set set{1, {8}};
+            EXPECT_EQ(zvx::select(0, &set, nullptr, nullptr, &c.Timeout), 0);
+            EXPECT_EQ(set.fd_count, 0u);
+            Note("ended");
+        });
+        const uint32_t took = MsUntil(this, 3000);
+        EXPECT_GE(took, c.Low);
+        EXPECT_LE(took, c.High);
+    }
+    TakeCalls();
+    RunToEnd([&](Fiber *) {
+        const os::TimeVal atOnce{0, 0};
+        EXPECT_EQ(zvx::select(0, nullptr, nullptr, nullptr, &atOnce), 0);
+    });
+    EXPECT_EQ(TakeCalls(), Names{"select"});
+}
+
+// Each look asks about all sockets, however many; a failure of a look is the caller's.
+TEST_F(NetCall, EveryLookAsksTheWholeQuestion) {
+    struct {
+        DWORD fd_count;
+        SOCKET fd_array[400];
+    } many{400, {}};
+    for (DWORD i = 0; i < 400; i++) many.fd_array[i] = 4 * i + 4;
+    zvx_fd_set write{2, {4, 8}};
+    uint32_t looks = 0;
+    gSockets.OnSelect = [&](zvx_fd_set *read, zvx_fd_set *writes, zvx_fd_set *error) {
+        looks++;
+        EXPECT_EQ(error, nullptr);
+        EXPECT_EQ(writes->fd_count, 2u);
+        EXPECT_EQ(writes->fd_array[1], 8u);
+        EXPECT_EQ(read->fd_count, 400u);
+        SOCKET *sockets = read->fd_array;
+        EXPECT_EQ(sockets[399], 1600u);
+        const bool ready = looks == 50;
+        read->fd_count = ready ? 1 : 0;
+        sockets[399] = 0;
+        sockets[0] = ready ? 1200 : 0;
+        writes->fd_count = 0;
+        writes->fd_array[1] = 0;
+        return ready ? 1 : 0;
+    };
+    Run([&](Fiber *self) {
+        EXPECT_EQ(zvx::select(0, reinterpret_cast<zvx_fd_set *>(&many), &write, nullptr, nullptr), 1);
+        EXPECT_EQ(many.fd_count, 1u);
+        EXPECT_EQ(many.fd_array[0], 1200u);
+        EXPECT_EQ(self->TermCleanup.Count, 0u);
+        Note("ready");
+    });
+    Pass(60);
+    EXPECT_EQ(TakeNotes(), Names{"ready"});
+    EXPECT_EQ(looks, 50u);
+    gSockets.OnSelect = nullptr;
+    RunToEnd([&](Fiber *) {
+        os::FailCall("select", 3, WSAENOTSOCK);
+        EXPECT_EQ(zvx::select(0, &write, nullptr, nullptr, nullptr), SOCKET_ERROR);
+        EXPECT_EQ(os::GetLastError(), WSAENOTSOCK);
+    });
+}
+
+// Others run between two looks; when there are none, the scheduler waits in its port between two looks, even when
+// several threads look.
+TEST_F(NetCall, LookingLeavesTheSchedulerToOthers) {
+    uint32_t looks = 0;
+    gSockets.OnSelect = [&](zvx_fd_set *, zvx_fd_set *, zvx_fd_set *) { return looks++, 0; };
+    const auto body = [](Fiber *) {
+        zvx_fd_set set{1, {8}};
+        zvx::select(0, &set, nullptr, nullptr, nullptr);
+    };
+    NewFiber(S, body);
+    NewFiber(S, body);
+    RunToEnd([](Fiber *self) {
+        for (int i = 0; i < 100; i++) SchedYield(self, Yield_USER);
+    });
+    EXPECT_GE(looks, 200u) << "they are as runnable as any other thread";
+    for (const uint32_t waitMs : {1u, 100u}) {
+        gPortWaitMs = waitMs;
+        const uint32_t before = looks;
+        Pass(10);
+        EXPECT_EQ(looks, before + 20) << "one look each and then the port";
+        EXPECT_EQ(gScript.LastPortWaitMs, 1u);
+    }
+}
+
+TEST_F(NetCall, EventWaits) {
+    const WSAEVENT events[2] = {NewEvent(true, false), NewEvent(true, false)};
+    OVERLAPPED ov{};
+    Fiber *F = Run([&](Fiber *) {
+        EXPECT_EQ(WSAWaitForMultipleEvents(2, events, FALSE, 0, FALSE), WSA_WAIT_TIMEOUT);
+        EXPECT_EQ(WSAWaitForMultipleEvents(65, events, FALSE, INFINITE, FALSE), WSA_WAIT_FAILED);
+        // Nothing outstanding: not alertable, whatever the caller asked.
+        EXPECT_EQ(WSAWaitForMultipleEvents(2, events, FALSE, 40, TRUE), WSA_WAIT_TIMEOUT);
+        Note("timed out");
+        WSASetEvent(reinterpret_cast<WSAEVENT>(reinterpret_cast<uintptr_t>(events[1]) | 1));
+        EXPECT_EQ(WSAWaitForMultipleEvents(2, events, FALSE, INFINITE, FALSE), WSA_WAIT_EVENT_0 + 1);
+        EXPECT_EQ(WSAWaitForMultipleEvents(2, events, TRUE, 0, FALSE), WSA_WAIT_TIMEOUT);
+        // The event wins, but the routine runs and is told by the next wait; then the routine alone.
+        const SOCKET s = socket(2, 1, 0);
+        WSABUF one{4, nullptr};
+        DWORD flags = 0;
+        gDelivered = {};
+        Answer(script::Done(4));
+        for (const DWORD result : {WSA_WAIT_EVENT_0 + 1, WSA_WAIT_IO_COMPLETION}) {
+            WSARecv(s, &one, 1, nullptr, &flags, &ov, Deliver);
+            EXPECT_EQ(WSAWaitForMultipleEvents(2, events, FALSE, INFINITE, TRUE), result);
+            WSAResetEvent(events[1]);
+        }
+        EXPECT_EQ(gDelivered.Count, 2u);
+        Answer(script::Pending());
+        WSARecv(s, &one, 1, nullptr, &flags, &ov, Deliver);
+        EXPECT_EQ(WSAWaitForMultipleEvents(1, events, FALSE, INFINITE, TRUE), WSA_WAIT_IO_COMPLETION);
+        EXPECT_EQ(gDelivered.Bytes, 2u);
+        Note("done");
+    });
+    EXPECT_TRUE(TakeNotes().empty());
+    Pass(60);
+    EXPECT_EQ(TakeNotes(), Names{"timed out"});
+    EndRoutineOf(F, 0, 2);
+    EXPECT_EQ(TakeNotes(), Names{"done"});
+}
+
+}  // namespace
+}  // namespace zvx::test
