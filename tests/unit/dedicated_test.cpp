@@ -292,7 +292,8 @@ TEST_F(Dedicated, ATerminatedCallerLeavesItsCallToTheThread) {
     script::EndThread(5);
     Pass(2);
     EXPECT_EQ(TakeNotes(), Names{"0 99 error 5"});
-    for (auto [error, note] : {std::pair{ERROR_ACCESS_DENIED, "0 99 error 5"}, {ERROR_INVALID_HANDLE, "0 99 error 0"}}) {
+    for (auto [error, note] :
+         {std::pair{ERROR_ACCESS_DENIED, "0 99 error 5"}, {ERROR_INVALID_HANDLE, "0 99 error 0"}}) {
         Park(read);
         EXPECT_EQ(OrphanedCalls(), 0u);
         os::FailCall("GetExitCodeThread", 1, error);

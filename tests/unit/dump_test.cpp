@@ -85,7 +85,8 @@ TEST(DumpNames, AThreadThatIsNoUserThread) {
     EXPECT_LE(gCreated[0].size(), 259u);
 }
 
-// The thread that writes is awaited by its handle, a step at a time; neither a wait nor a question that fails ends that.
+// The thread that writes is awaited by its handle, a step at a time; neither a wait nor a question that fails ends
+// that.
 TEST(DumpHelper, IsAwaitedByItsHandle) {
     TraceInit("/logs");
     gScript.OnCreate = [](const char *) { return false; };

@@ -286,8 +286,7 @@ TEST_F(NetCall, AFailureClosesWhatWasMade) {
 }
 
 TEST_F(NetCall, AddressesThatDoNotFitAreFatal) {
-    for (auto [length, text] :
-         {std::pair{28, "Address too long 28 > 16"}, {12, "Copied address too long 16 > 12"}})
+    for (auto [length, text] : {std::pair{28, "Address too long 28 > 16"}, {12, "Copied address too long 16 > 12"}})
         EXPECT_EQ(FatalTextOf([&] {
                       Answer(script::Done(0));
                       const SOCKET listener = Make();

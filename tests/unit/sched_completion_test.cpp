@@ -180,7 +180,8 @@ TEST_F(CompletionTest, SleepExNWaitsForAsManyAsAsked) {
     OVERLAPPED *ovs[3] = {};
     Run([&](Fiber *self) {
         const HANDLE file = Open();
-        for (OVERLAPPED *&ov : ovs) ov = Issue(self, file, [](DWORD, DWORD, OVERLAPPED *) { ++counter, --outstanding; });
+        for (OVERLAPPED *&ov : ovs)
+            ov = Issue(self, file, [](DWORD, DWORD, OVERLAPPED *) { ++counter, --outstanding; });
         Note(ZSleepExN(0, 2, &counter, &outstanding) ? "reached" : "failed");
         EXPECT_EQ(self->SleepExNTarget + self->TermCleanup.Count, 0u);
         Note(std::to_string(counter));

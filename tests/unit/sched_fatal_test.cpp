@@ -23,8 +23,8 @@ TEST(SchedFatal, EachEndHasItsText) {
     static FIBEROVERLAPPED stray;
     stray.Magic = 7;
     const struct {
-        const char *Text;                   // up to its first address
-        void (*Body)(Fiber *);              // of a user thread
+        const char *Text;                  // up to its first address
+        void (*Body)(Fiber *);             // of a user thread
         void (*First)(Fiber *) = nullptr;  // of another one that runs before
     } cases[] = {
         {"EnterCriticalSection: unwrapped critical section\n", [](Fiber *) { EnterCriticalSection(&gSection); }},
@@ -135,7 +135,8 @@ TEST_F(Placement, TheQuantumFollowsTheSlowestScheduler) {
         EXPECT_EQ(UpdateQuantumIndicator(true), c.Expired);
         EXPECT_EQ(indicator, c.Expired ? 1u : 0u);
     }
-    // The check yields only beyond the quantum, and starts a new one; on a thread that is no user thread it does nothing.
+    // The check yields only beyond the quantum, and starts a new one; on a thread that is no user thread it does
+    // nothing.
     bool checked = false;
     Run([&](Fiber *) {
         const uint32_t passes = S->SwitchCount.load();

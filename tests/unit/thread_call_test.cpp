@@ -1,6 +1,6 @@
-// tests/unit/thread_call_test.cpp - the thread functions where their order matters: a burst, a thread that may run at any
-// moment, and a backing thread that somebody else has touched. Creations that fail: tests/faults; threads between two
-// schedulers, resumes under a routine: tests/model.
+// tests/unit/thread_call_test.cpp - the thread functions where their order matters: a burst, a thread that may run at
+// any moment, and a backing thread that somebody else has touched. Creations that fail: tests/faults; threads between
+// two schedulers, resumes under a routine: tests/model.
 #include "kernel/thread.h"
 
 #include "call_fixture.h"
