@@ -364,26 +364,17 @@ const char *IoBackendNote() {
 
 // ---- What the library refers to and no unit test comes to --------------------------------------------
 
-DWORD SleepEx(DWORD, BOOL) {
-    Misuse("SleepEx of a kernel thread");
-}
-BOOL ReadFileEx(HANDLE, void *, DWORD, OVERLAPPED *, LPOVERLAPPED_COMPLETION_ROUTINE) {
-    Misuse("ReadFileEx of a kernel thread");
-}
-BOOL WriteFileEx(HANDLE, const void *, DWORD, OVERLAPPED *, LPOVERLAPPED_COMPLETION_ROUTINE) {
-    Misuse("WriteFileEx of a kernel thread");
-}
-HANDLE CreateFileW(const WCHAR *, DWORD, DWORD, SECURITY_ATTRIBUTES *, DWORD, DWORD, HANDLE) {
-    Misuse("CreateFileW");
-}
-BOOL LockFileEx(HANDLE, DWORD, DWORD, DWORD, DWORD, OVERLAPPED *) {
-    Misuse("LockFileEx");
-}
-DWORD SetFilePointer(HANDLE, LONG, LONG *, DWORD) {
-    Misuse("SetFilePointer");
-}
-BOOL SetEndOfFile(HANDLE) {
-    Misuse("SetEndOfFile");
-}
+#define ZVX_NEVER(type, name, ...) \
+    type name(__VA_ARGS__) {       \
+        Misuse(#name);             \
+    }
+ZVX_NEVER(DWORD, SleepEx, DWORD, BOOL)
+ZVX_NEVER(BOOL, ReadFileEx, HANDLE, void *, DWORD, OVERLAPPED *, LPOVERLAPPED_COMPLETION_ROUTINE)
+ZVX_NEVER(BOOL, WriteFileEx, HANDLE, const void *, DWORD, OVERLAPPED *, LPOVERLAPPED_COMPLETION_ROUTINE)
+ZVX_NEVER(HANDLE, CreateFileW, const WCHAR *, DWORD, DWORD, SECURITY_ATTRIBUTES *, DWORD, DWORD, HANDLE)
+ZVX_NEVER(BOOL, LockFileEx, HANDLE, DWORD, DWORD, DWORD, DWORD, OVERLAPPED *)
+ZVX_NEVER(DWORD, SetFilePointer, HANDLE, LONG, LONG *, DWORD)
+ZVX_NEVER(BOOL, SetEndOfFile, HANDLE)
+#undef ZVX_NEVER
 
 }  // namespace os

@@ -18,8 +18,10 @@
 //     SpinLimit empty polls of a port in a row OnPortWait is called all the same, with a wait of 0. After ten times
 //     as many reads of the cycle counter by one fiber, with nothing else happening, OnSpin is called.
 //   - os::CreateThread only records; RunThread runs what it recorded, and EndThread ends one. A thread that
-//     TerminateThread was called for goes on until then, as on the real platform until its next system call. Masks and priorities of kernel threads are kept as values, and every change of
-//     one is recorded.
+//     TerminateThread was called for goes on until then, as on the real platform until its next system call. Masks and
+//     priorities of kernel threads are kept as values, and every change of one is recorded.
+//   - A socket is a scripted file. Every call of a socket function is noted in gSockets.Calls, as its name and what the
+//     library chose for it.
 //   - os::FailCall makes the nth call of a named function fail, here as on the real platform.
 //
 // The tables belong to the test's thread. Posting a packet and reading a clock are safe from any thread.
@@ -29,9 +31,12 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "platform/os.h"
+#include "platform/os_socket.h"
 
 namespace os::script {
 
@@ -92,6 +97,8 @@ struct Script {
     std::function<void()> OnSpin;
     uint32_t SpinLimit = 1000;
     std::function<bool(const char *name)> OnCreate;  // of CreateFileA: false when the file cannot be had
+    std::function<DWORD(DWORD ms)> OnWaitPipe;  // the error of a look for a pipe
+    std::function<BOOL(void *buffer, DWORD characters, DWORD *read)> OnReadConsole;
     bool HoldCancels = false;  // a cancelled operation goes on until the test ends it
     std::vector<IoCall> Calls;
     std::vector<IoCall> Cancels;       // File and Ov of every operation that was to be cancelled
@@ -103,12 +110,18 @@ struct Script {
 
 extern Script gScript;
 
-// What the calls of dedicated threads do (scripted_dedicated.cpp).
-struct DedicatedScript {
-    std::function<BOOL(void *buffer, DWORD characters, DWORD *read)> OnReadConsole;
-    std::function<BOOL(const char *name, void *in, DWORD inBytes, void *out, DWORD outBytes, DWORD *read)> OnCallPipe;
+constexpr char kPeerAddress[] = "address of peer";  // 16 bytes
+
+struct Sockets {
+    std::vector<std::string> Calls;
+    std::set<SOCKET> Open;
+    // Rewrites the sets as select does; without one nothing is ever ready.
+    std::function<int(zvx_fd_set *read, zvx_fd_set *write, zvx_fd_set *error)> OnSelect;
 };
-extern DedicatedScript gDedicatedScript;
+extern Sockets gSockets;
+// The calls since the last time.
+std::vector<std::string> TakeCalls();
+SOCKET NewSocket();
 
 // Kernel threads that CreateThread made and nobody has run: a test runs one to its end on its own thread, outside any
 // fiber, and the thread's handle is signalled with the exit code. The oldest comes first.

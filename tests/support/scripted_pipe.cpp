@@ -1,13 +1,11 @@
-// tests/support/scripted_pipe.cpp - named pipes of the scripted operating system: made like files, connected like
-// reads.
+// tests/support/scripted_pipe.cpp - named pipes, made like files and connected like reads; and the console.
 #include "platform/os_pipe.h"
+#include "platform/os_process.h"
 #include "scripted_os.h"
 
 namespace os {
 
-namespace script {
-std::function<DWORD(const char *name, DWORD ms)> gOnWaitPipe;
-}
+using script::gScript;
 
 HANDLE CreateNamedPipeA(const char *name, DWORD openMode, DWORD, DWORD, DWORD, DWORD, DWORD, SECURITY_ATTRIBUTES *) {
     if (ShouldFail("CreateNamedPipeA")) return INVALID_HANDLE_VALUE;
@@ -21,14 +19,22 @@ HANDLE CreateNamedPipeW(const WCHAR *, DWORD openMode, DWORD pipeMode, DWORD ins
 BOOL ConnectNamedPipe(HANDLE pipe, OVERLAPPED *overlapped, IoOp *op) {
     return ReadFile(pipe, nullptr, 0, nullptr, overlapped, op);
 }
-BOOL WaitNamedPipeA(const char *name, DWORD ms) {
+BOOL WaitNamedPipeA(const char *, DWORD ms) {
     script::NoteProgress();
-    const DWORD error = script::gOnWaitPipe(name, ms);
+    const DWORD error = gScript.OnWaitPipe(ms);
     if (error != ERROR_SUCCESS) SetLastError(error);
     return error == ERROR_SUCCESS;
 }
 BOOL WaitNamedPipeW(const WCHAR *, DWORD ms) {
     return WaitNamedPipeA("wide", ms);
+}
+
+// These two run where the test lets a thread of their own run: see RunThread.
+BOOL ReadConsoleA(HANDLE, void *buffer, DWORD characters, DWORD *read, void *) {
+    return gScript.OnReadConsole(buffer, characters, read);
+}
+BOOL CallNamedPipeA(const char *, void *, DWORD, void *, DWORD, DWORD *, DWORD) {
+    script::Misuse("CallNamedPipeA");
 }
 
 }  // namespace os

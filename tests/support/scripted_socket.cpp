@@ -1,7 +1,7 @@
-// tests/support/scripted_socket.cpp - see scripted_socket.h.
+// tests/support/scripted_socket.cpp - sockets by script.
 //
 // Only what the library itself calls is here. Blocking calls are answered at once, as a test must not wait.
-#include "scripted_socket.h"
+#include "scripted_os.h"
 
 #include <cstring>
 
@@ -63,17 +63,22 @@ SOCKET NewSocket() {
 
 using namespace script;
 
-SOCKET socket(int, int, int) {
-    return Made("socket");
-}
+// Calls of which only their name and their failure matter.
+#define ZVX_AT_ONCE(type, name, answer, ...) \
+    type name(__VA_ARGS__) {                 \
+        return answer(#name);                \
+    }
+ZVX_AT_ONCE(SOCKET, socket, Made, int, int, int)
+ZVX_AT_ONCE(SOCKET, accept, Made, SOCKET, sockaddr *, int *)
+ZVX_AT_ONCE(SOCKET, WSAAccept, Made, SOCKET, sockaddr *, int *, LPCONDITIONPROC, DWORD_PTR)
+ZVX_AT_ONCE(int, recv, Simple, SOCKET, char *, int, int)
+ZVX_AT_ONCE(int, send, Simple, SOCKET, const char *, int, int)
+ZVX_AT_ONCE(int, WSAEventSelect, Simple, SOCKET, WSAEVENT, LONG)
+ZVX_AT_ONCE(int, WSAEnumNetworkEvents, Simple, SOCKET, WSAEVENT, WSANETWORKEVENTS *)
+#undef ZVX_AT_ONCE
+
 SOCKET WSASocketA(int, int, int, WSAPROTOCOL_INFOA *info, DWORD, DWORD flags) {
     return Made("WSASocketA", std::string(" ") + std::to_string(flags) + (info != nullptr ? " info" : ""));
-}
-SOCKET WSAAccept(SOCKET, sockaddr *, int *, LPCONDITIONPROC, DWORD_PTR) {
-    return Made("WSAAccept");
-}
-SOCKET accept(SOCKET, sockaddr *, int *) {
-    return Made("accept");
 }
 int closesocket(SOCKET s) {
     NoteCall("closesocket");
@@ -101,7 +106,7 @@ void GetAcceptExSockaddrs(void *buffer, DWORD, DWORD localLength, DWORD, sockadd
     *local = static_cast<sockaddr *>(buffer);
     *remote = reinterpret_cast<sockaddr *>(static_cast<char *>(buffer) + localLength);
     *localSize = 16;
-    *remoteSize = gSockets.PeerAddressBytes;
+    *remoteSize = 16;
 }
 
 int WSARecv(SOCKET s, WSABUF *buffers, DWORD count, DWORD *bytes, DWORD *, OVERLAPPED *ov,
@@ -111,12 +116,6 @@ int WSARecv(SOCKET s, WSABUF *buffers, DWORD count, DWORD *bytes, DWORD *, OVERL
 int WSASend(SOCKET s, WSABUF *buffers, DWORD count, DWORD *bytes, DWORD, OVERLAPPED *ov,
             LPWSAOVERLAPPED_COMPLETION_ROUTINE routine, IoOp *op) {
     return Transfer("WSASend", s, buffers, count, bytes, ov, reinterpret_cast<const void *>(routine), op);
-}
-int recv(SOCKET, char *, int, int) {
-    return Simple("recv");
-}
-int send(SOCKET, const char *, int, int) {
-    return Simple("send");
 }
 BOOL WSAGetOverlappedResult(SOCKET s, OVERLAPPED *overlapped, DWORD *bytes, BOOL wait, DWORD *flags) {
     NoteCall("WSAGetOverlappedResult");
@@ -145,11 +144,4 @@ BOOL WSASetEvent(WSAEVENT event) {
 BOOL WSAResetEvent(WSAEVENT event) {
     return ResetEvent(event);
 }
-int WSAEventSelect(SOCKET, WSAEVENT, LONG) {
-    return Simple("WSAEventSelect");
-}
-int WSAEnumNetworkEvents(SOCKET, WSAEVENT, WSANETWORKEVENTS *) {
-    return Simple("WSAEnumNetworkEvents");
-}
-
 }  // namespace os

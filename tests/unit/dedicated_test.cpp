@@ -229,7 +229,7 @@ std::string ReadInto(char *buffer, DWORD room) {
 }
 
 TEST_F(Dedicated, ACallGivesBackWhatItWroteAndSaid) {
-    script::gDedicatedScript.OnReadConsole = [](void *buffer, DWORD room, DWORD *read) -> BOOL {
+    script::gScript.OnReadConsole = [](void *buffer, DWORD room, DWORD *read) -> BOOL {
         memset(buffer, 'x', room);
         *read = 3;
         os::SetLastError(77);  // also after success
@@ -261,7 +261,7 @@ TEST_F(Dedicated, ACallGivesBackWhatItWroteAndSaid) {
 }
 
 TEST_F(Dedicated, ATerminatedCallerLeavesItsCallToTheThread) {
-    script::gDedicatedScript.OnReadConsole = [](void *buffer, DWORD room, DWORD *read) -> BOOL {
+    script::gScript.OnReadConsole = [](void *buffer, DWORD room, DWORD *read) -> BOOL {
         memset(buffer, 'x', room);  // the stack of the caller is gone by now
         *read = room;
         return TRUE;

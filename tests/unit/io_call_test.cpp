@@ -4,12 +4,7 @@
 #include "child.h"
 #include "kernel/pipe.h"
 #include "net/net.h"
-#include "scripted_socket.h"
 #include "zvxkvt/pipetypes.h"
-
-namespace os::script {
-extern std::function<DWORD(const char *name, DWORD ms)> gOnWaitPipe;
-}
 
 namespace zvx::test {
 namespace {
@@ -151,7 +146,7 @@ TEST_F(IoCall, AConnectionOfTheHostsOwn) {
 TEST_F(IoCall, WaitingForAPipeIsTestingAgainAndAgain) {
     DWORD answer = ERROR_FILE_NOT_FOUND;
     int looks = 0;
-    script::gOnWaitPipe = [&](const char *, DWORD ms) {
+    gScript.OnWaitPipe = [&](DWORD ms) {
         EXPECT_EQ(ms, NMPWAIT_USE_DEFAULT_WAIT);
         looks++;
         return answer;

@@ -6,7 +6,6 @@
 #include "call_fixture.h"
 #include "child.h"
 #include "net/net.h"
-#include "scripted_socket.h"
 
 namespace zvx::test {
 namespace {
