@@ -33,15 +33,11 @@ TEST_F(NetCall, APeekForNothingIsAnsweredAtOnce) {
         EXPECT_EQ(recv(s, &byte, 0, ZVX_MSG_PEEK), SOCKET_ERROR);
         EXPECT_EQ(os::GetLastError(), WSAEWOULDBLOCK);
         EXPECT_EQ(gScript.Calls.size() + gScript.BoundKeys.size(), 0u);
-        EXPECT_EQ(recv(s, &byte, 1, ZVX_MSG_PEEK), 0);
-        EXPECT_EQ(recv(s, &byte, 0, 0), 0);
+        EXPECT_EQ(recv(s, &byte, 1, ZVX_MSG_PEEK) + recv(s, &byte, 0, 0), 0);
         EXPECT_EQ(gScript.Calls.size(), 2u);
     });
-}
-
-// A message that continues is told through the flags, which only the operating system knows.
-TEST_F(NetCall, APartialMessageAsksForTheResult) {
-    const SOCKET s = Make();
+    // A message that continues is told through the flags, which only the operating system knows.
+    Answer(script::Pending());
     DWORD flags = ZVX_MSG_PARTIAL, bytes = 0;
     WSABUF one{4, nullptr};
     Fiber *F = Run([&](Fiber *) { EXPECT_EQ(WSARecv(s, &one, 1, &bytes, &flags, nullptr, nullptr), 0); });
@@ -54,20 +50,17 @@ TEST_F(NetCall, APartialMessageAsksForTheResult) {
 // Nothing is issued on a socket that could not be bound, and the next call tries again. A socket that came from another
 // process is left alone by its first receive, not by a send. All handles of a socket share one binding.
 TEST_F(NetCall, BindingAtTheFirstUse) {
-    const SOCKET s = Make();
     Answer(script::Done(1));
     RunToEnd([&](Fiber *) {
         char byte = 0;
+        WSAPROTOCOL_INFOA info{};
+        const SOCKET s = WSASocketA(2, 1, 0, nullptr, 0, 0);
+        const SOCKET received = WSASocketA(2, 1, 0, &info, 0, 0), sent = WSASocketA(2, 1, 0, &info, 0, 0);
         os::FailCall("CreateIoCompletionPort", 1, ERROR_NO_SYSTEM_RESOURCES);
         EXPECT_EQ(send(s, &byte, 1, 0), SOCKET_ERROR);
         EXPECT_EQ(os::GetLastError(), ERROR_NO_SYSTEM_RESOURCES);
         EXPECT_TRUE(gScript.Calls.empty());
         EXPECT_EQ(FlagsOf(s), PHAND_FLAG_ASYNC_ADDED);
-        EXPECT_EQ(send(s, &byte, 1, 0), 1);
-        EXPECT_EQ(FlagsOf(s), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_ON_PORT);
-
-        WSAPROTOCOL_INFOA info{};
-        const SOCKET received = WSASocketA(2, 1, 0, &info, 0, 0), sent = WSASocketA(2, 1, 0, &info, 0, 0);
         EXPECT_EQ(FlagsOf(received), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_PROTOCOL_INFO);
         EXPECT_EQ(recv(received, &byte, 1, 0), 1);
         EXPECT_EQ(FlagsOf(received), PHAND_FLAG_ASYNC_ADDED);
@@ -75,14 +68,11 @@ TEST_F(NetCall, BindingAtTheFirstUse) {
         EXPECT_EQ(FlagsOf(received), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_ON_PORT);
         EXPECT_EQ(send(sent, &byte, 1, 0), 1);
         EXPECT_EQ(FlagsOf(sent), PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_PROTOCOL_INFO | PHAND_FLAG_ON_PORT);
-
-        const SOCKET first = WSASocketA(2, 1, 0, nullptr, 0, 0);
         HANDLE copy = nullptr;
-        EXPECT_TRUE(DuplicateHandle(os::GetCurrentProcess(), SocketHandle(first), os::GetCurrentProcess(), &copy, 0,
-                                    FALSE, DUPLICATE_SAME_ACCESS));
+        EXPECT_TRUE(DuplicateHandle(os::GetCurrentProcess(), SocketHandle(s), os::GetCurrentProcess(), &copy, 0, FALSE,
+                                    DUPLICATE_SAME_ACCESS));
         const size_t bound = gScript.BoundKeys.size();
-        EXPECT_EQ(send(reinterpret_cast<SOCKET>(copy), &byte, 1, 0), 1);
-        EXPECT_EQ(send(first, &byte, 1, 0), 1);
+        EXPECT_EQ(send(reinterpret_cast<SOCKET>(copy), &byte, 1, 0) + send(s, &byte, 1, 0), 2);
         EXPECT_EQ(gScript.BoundKeys.size(), bound + 1);
     });
 }
@@ -314,7 +304,7 @@ TEST_F(NetCall, TimeOuts) {
         uint32_t Low, High;
     } cases[] = {{{2, 0}, 2048, 2049}, {{0, 100000}, 98, 98}, {{1, 500000}, 1513, 1514}, {{0, 1}, 1, 1}};
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.Timeout.Seconds * 1000000 + c.Timeout.Microseconds);
+        SCOPED_TRACE(c.Low);
         Run([&](Fiber *) {
             zvx_fd_set set{1, {8}};
             EXPECT_EQ(zvx::select(0, &set, nullptr, nullptr, &c.Timeout), 0);
@@ -325,79 +315,47 @@ TEST_F(NetCall, TimeOuts) {
         EXPECT_GE(took, c.Low);
         EXPECT_LE(took, c.High);
     }
+}
+
+// Each look asks about all sockets again; a failure of a look is the caller's, and at once is one look. Others run
+// between two looks: when there are none, the scheduler waits in its port.
+TEST_F(NetCall, EveryLookAsksTheWholeQuestion) {
+    zvx_fd_set read{2, {4, 8}}, write{1, {8}};
+    uint32_t looks = 0;
+    bool ready = false;
+    gSockets.OnSelect = [&](zvx_fd_set *reads, zvx_fd_set *writes, zvx_fd_set *error) {
+        looks++;
+        EXPECT_EQ(error, nullptr);
+        EXPECT_TRUE(reads->fd_count == 2 && reads->fd_array[1] == 8 && writes->fd_count == 1);
+        *writes = {0, {0}};
+        *reads = {ready ? 1u : 0u, {ready ? 8u : 0u, 0}};
+        return static_cast<int>(reads->fd_count);
+    };
+    Run([&](Fiber *self) {
+        EXPECT_EQ(zvx::select(0, &read, &write, nullptr, nullptr), 1);
+        EXPECT_EQ(self->TermCleanup.Count, 0u);
+        Note("ready");
+    });
+    gPortWaitMs = 100;
+    Pass(2);
+    const uint32_t before = looks;
+    Pass(10);
+    EXPECT_EQ(looks, before + 10) << "one look and then the port";
+    EXPECT_EQ(gScript.LastPortWaitMs, 1u);
+    ready = true;
+    Pass(1);
+    EXPECT_EQ(TakeNotes(), Names{"ready"});
+    EXPECT_TRUE(read.fd_count == 1 && read.fd_array[0] == 8 && write.fd_count == 0);
+    gSockets.OnSelect = nullptr;
     TakeCalls();
     RunToEnd([&](Fiber *) {
         const os::TimeVal atOnce{0, 0};
         EXPECT_EQ(zvx::select(0, nullptr, nullptr, nullptr, &atOnce), 0);
-    });
-    EXPECT_EQ(TakeCalls(), Names{"select"});
-}
-
-// Each look asks about all sockets, however many; a failure of a look is the caller's.
-TEST_F(NetCall, EveryLookAsksTheWholeQuestion) {
-    struct {
-        DWORD fd_count;
-        SOCKET fd_array[400];
-    } many{400, {}};
-    for (DWORD i = 0; i < 400; i++) many.fd_array[i] = 4 * i + 4;
-    zvx_fd_set write{2, {4, 8}};
-    uint32_t looks = 0;
-    gSockets.OnSelect = [&](zvx_fd_set *read, zvx_fd_set *writes, zvx_fd_set *error) {
-        looks++;
-        EXPECT_EQ(error, nullptr);
-        EXPECT_EQ(writes->fd_count, 2u);
-        EXPECT_EQ(writes->fd_array[1], 8u);
-        EXPECT_EQ(read->fd_count, 400u);
-        SOCKET *sockets = read->fd_array;
-        EXPECT_EQ(sockets[399], 1600u);
-        const bool ready = looks == 50;
-        read->fd_count = ready ? 1 : 0;
-        sockets[399] = 0;
-        sockets[0] = ready ? 1200 : 0;
-        writes->fd_count = 0;
-        writes->fd_array[1] = 0;
-        return ready ? 1 : 0;
-    };
-    Run([&](Fiber *self) {
-        EXPECT_EQ(zvx::select(0, reinterpret_cast<zvx_fd_set *>(&many), &write, nullptr, nullptr), 1);
-        EXPECT_EQ(many.fd_count, 1u);
-        EXPECT_EQ(many.fd_array[0], 1200u);
-        EXPECT_EQ(self->TermCleanup.Count, 0u);
-        Note("ready");
-    });
-    Pass(60);
-    EXPECT_EQ(TakeNotes(), Names{"ready"});
-    EXPECT_EQ(looks, 50u);
-    gSockets.OnSelect = nullptr;
-    RunToEnd([&](Fiber *) {
+        EXPECT_EQ(TakeCalls(), Names{"select"});
         os::FailCall("select", 3, WSAENOTSOCK);
         EXPECT_EQ(zvx::select(0, &write, nullptr, nullptr, nullptr), SOCKET_ERROR);
         EXPECT_EQ(os::GetLastError(), WSAENOTSOCK);
     });
-}
-
-// Others run between two looks; when there are none, the scheduler waits in its port between two looks, even when
-// several threads look.
-TEST_F(NetCall, LookingLeavesTheSchedulerToOthers) {
-    uint32_t looks = 0;
-    gSockets.OnSelect = [&](zvx_fd_set *, zvx_fd_set *, zvx_fd_set *) { return looks++, 0; };
-    const auto body = [](Fiber *) {
-        zvx_fd_set set{1, {8}};
-        zvx::select(0, &set, nullptr, nullptr, nullptr);
-    };
-    NewFiber(S, body);
-    NewFiber(S, body);
-    RunToEnd([](Fiber *self) {
-        for (int i = 0; i < 100; i++) SchedYield(self, Yield_USER);
-    });
-    EXPECT_GE(looks, 200u) << "they are as runnable as any other thread";
-    for (const uint32_t waitMs : {1u, 100u}) {
-        gPortWaitMs = waitMs;
-        const uint32_t before = looks;
-        Pass(10);
-        EXPECT_EQ(looks, before + 20) << "one look each and then the port";
-        EXPECT_EQ(gScript.LastPortWaitMs, 1u);
-    }
 }
 
 TEST_F(NetCall, EventWaits) {
