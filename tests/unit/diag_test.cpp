@@ -1,4 +1,4 @@
-// Statistics: the table against its data, and the refusal of equal names. Time: calibration of the cycle counter, with
+// Statistics: the table against its data. Time: calibration of the cycle counter, with
 // counters that the test moves during the sleep of a measurement.
 #include <gtest/gtest.h>
 
@@ -36,21 +36,6 @@ TEST(Stats, EveryEntryIsThatOfTheData) {
     // A spin lock takes the entry of its own name.
     EXPECT_STREQ(gStats[STAT_RingLogQLock].Name, "RingLogQLock");
     EXPECT_STREQ(gStats[STAT_UserMessageQLock].Name, "UserMessageQLock");
-}
-
-TEST(Stats, EqualNamesAreFatal) {
-    const auto check = [](const char *first, const char *second) {
-        StatRecord table[3] = {};
-        int i = 0;
-        for (const char *name : {"other [%d]", first, second}) {
-            table[i].Name = name;
-            std::strncpy(table[i++].ShortName, name, std::strcspn(name, " "));
-        }
-        return test::FatalTextOf([&] { CheckStatNames(table, 3); });
-    };
-    EXPECT_EQ(check("SelectW N[%d]", "SelectW"), "Duplicate stat short name SelectW N[%d]\n");
-    EXPECT_EQ(check("TimedPoll x", "TimedPoll x"), "Duplicate stat name TimedPoll x\n");
-    EXPECT_EQ(check("TO_FIBER [x%X]", "TO_FIBER_N [%s]"), "99: ");
 }
 
 // Calibrates where each measurement meets the next of these rates in ticks per second, the last one again and again;

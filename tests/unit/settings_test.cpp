@@ -215,13 +215,6 @@ TEST(Settings, NumbersAndTheirLines) {
     EXPECT_EQ(gNumContextSwitchesBeforePolling, 50u) << "the later key wins";
 }
 
-TEST(Settings, StartUpTextIsCutAndTold) {
-    const std::string line(1000, 'x');
-    for (int i = 0; i < 34; i++) AppendInitialOutput("%s", line.c_str());
-    EXPECT_EQ(initialOutputBufferOffset, INITIAL_OUTPUT_BUFFER_SIZE) << "start-up finds the overflow by this";
-    EXPECT_EQ(std::strlen(initialOutputBuffer), INITIAL_OUTPUT_BUFFER_SIZE - 1);
-}
-
 TEST(Settings, Dump) {
     const test::Folder folder;
     TraceInit(folder.Path.c_str());

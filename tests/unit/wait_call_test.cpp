@@ -19,11 +19,7 @@ void WaitingRoutine(DWORD, DWORD, LPOVERLAPPED) {
 }
 
 struct WaitCall : CallTest {
-    void SetUp() override {
-        CallTest::SetUp();
-        Event = NewEvent(false, false);
-    }
-    HANDLE Event = nullptr;
+    const HANDLE Event = NewEvent(false, false);
 };
 
 // The event of an overlapped call keeps its mark in the caller's OVERLAPPED; it is still that event.
