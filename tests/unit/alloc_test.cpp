@@ -150,28 +150,14 @@ TEST_F(Alloc, FailuresAreFatal) {
     static Scheduler *dumper = S.get();
     // The node's lock is free by then: a dump may allocate.
     gDumpVariables = [] { KVTAllocSched(100, dumper, 0); };
-    const struct {
-        const char *Function;
-        uint32_t Nth;
-        const char *Text;
-    } cases[] = {
-        {"SetThreadPriority", 1, "KVTAlloc: Unable to set priority 77"},
-        {"SetThreadAffinityMask", 1, "KVTAlloc: Unable to set SetThreadAffinityMask  E[77]\n"},
-        {"VirtualAllocInRange", 1, "Fibers: Unable to allocate memory LargePages[0] Error[77]"},
-        {"SetThreadAffinityMask", 2, "KVTAlloc: Unable to restore SetThreadAffinityMask E[77]\n"},
-        {"SetThreadPriority", 2, "KVTAlloc: Unable to restore priority 77"},
-    };
-    for (const auto &c : cases)
+    for (auto [function, text] :
+         {std::pair{"VirtualAllocInRange", "Fibers: Unable to allocate memory LargePages[0] Error[77]"},
+          {"SetThreadPriority", "KVTAlloc: Unable to set priority 77"}})
         EXPECT_EQ(test::FatalTextOf([&] {
-                      os::FailCall(c.Function, c.Nth, 77);
+                      os::FailCall(function, 1, 77);
                       AllocChunk(kType, S.get(), 0);
                   }),
-                  c.Text);
-    EXPECT_EQ(test::FatalTextOf([] {
-                  os::FailCall("SetThreadAffinityMask", 1, 77);
-                  KVTAllocNoSched(1, 0);
-              }),
-              "KVTAllocNoSched: SetThreadAffinityMask E[77]\n");
+                  text);
     EXPECT_EQ(test::FatalTextOf([] {
                   gAllocTypes[ALLOC_STRING].Name = "PSEHAND";
                   InitAllocator();

@@ -165,13 +165,18 @@ TEST_F(Dedicated, ASuspendedThreadRunsTheRoutineAndStopsAgain) {
 }
 
 TEST_F(Dedicated, WhoCannotBeReached) {
-    RunToEnd([&](Fiber *) {
+    RunToEnd([&](Fiber *C) {
         const HANDLE thread = CreateThread(
             nullptr, 0, [](void *) -> DWORD { return 0; }, nullptr, CREATE_SUSPENDED, nullptr);
         for (const HANDLE handle : {Event, thread, static_cast<HANDLE>(nullptr)}) {
             EXPECT_FALSE(UserThreadExecRoutine(handle, [] {}));
             EXPECT_EQ(os::GetLastError(), ERROR_INVALID_HANDLE);
         }
+        IdentifyUserThread("P", Event);
+        C->PostEvent->OwnerGeneration++;
+        EXPECT_FALSE(UserThreadExecRoutine(Event, [] {})) << "the thread of before has ended";
+        C->PostEvent->OwnerGeneration--;
+        UnidentifyUserThread(0);
     });
     EXPECT_FALSE(UserThreadExecRoutine(Event, [] {}));
     EXPECT_EQ(os::GetLastError(), 0xFFFFFFFFu) << "the test's side is no user thread";

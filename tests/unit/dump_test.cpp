@@ -41,9 +41,6 @@ std::string Hex(uint32_t value) {
     snprintf(text, sizeof text, "%X", value);
     return text;
 }
-std::string Self() {
-    return Hex(os::GetCurrentThreadId());
-}
 std::string Pid() {
     return std::to_string(getpid());
 }
@@ -65,10 +62,10 @@ TEST(DumpNames, AThreadThatIsNoUserThread) {
     RecordNames();
     TraceInit("/logs");
     DumpProcess("zvxkvt_kill_proc");
-    const std::string common = "zvxkvt_kill_proc_tid_x" + Self() + "_minidump_PROD_pid_" + Pid();
+    const std::string common = "zvxkvt_kill_proc_tid_x" + Hex(os::GetCurrentThreadId()) + "_minidump_PROD_pid_" + Pid();
     ASSERT_EQ(gCreated.size(), 2u) << "one dump, tried in two places";
-    EXPECT_EQ(gCreated[0], "/logs/" + common + "_mdtid_x" + Self() + "_2005_9_3_14_7_9.dmp");
-    EXPECT_EQ(gCreated[1], common + "_dtid_x" + Self() + "_2005_9_3_14_7_9.dmp");
+    EXPECT_EQ(gCreated[0], "/logs/" + common + "_mdtid_x" + Hex(os::GetCurrentThreadId()) + "_2005_9_3_14_7_9.dmp");
+    EXPECT_EQ(gCreated[1], common + "_dtid_x" + Hex(os::GetCurrentThreadId()) + "_2005_9_3_14_7_9.dmp");
 
     // The path is cut as a whole, never within a character.
     gCreated.clear();
@@ -112,8 +109,7 @@ struct Sweep : testing::Test {
             os::TlsSetValue(5, self);
             os::SetLastError(500 + own);
             errno = static_cast<int>(600 + own);
-            self->WaitTimeoutMs = INFINITE;
-            SchedYield(self, Yield_TIMER_WAIT);
+            ParkForEver(self);
             EXPECT_EQ(os::GetLastError(), 500 + own);
             EXPECT_EQ(errno, static_cast<int>(600 + own));
             EXPECT_EQ(os::TlsGetValue(5), self);
@@ -153,10 +149,8 @@ TEST_F(Sweep, EveryStartedThreadOnceAndTheOriginFirst) {
     });
     NewFiber(S, [](Fiber *) {})->Tag = "EXITED";
     Fiber *c = NewParked("C");
-    UnlinkTimedWaiter(S, c);
     c->SuspendCount = 1;
-    c->State = FSTATE_READY;
-    AppendReady(S, c);
+    Wake(c);
     RunUntilIdle(S);
     ASSERT_EQ(c->State, static_cast<uint32_t>(FSTATE_SUSPENDED));
 
@@ -165,8 +159,8 @@ TEST_F(Sweep, EveryStartedThreadOnceAndTheOriginFirst) {
     gScript.OnCreate = [&](const char *name) {
         const auto *G = static_cast<const Fiber *>(os::GetFiberData());
         const std::string tag = G == b ? "B_2" : G->Tag.load();
-        const std::string expected =
-            "zvxkvt_debug_tid_x" + Hex(G->OsThreadId) + "_stid_x" + Self() + "_fid_" + tag + "_minidump_X_pid_" + Pid();
+        const std::string expected = "zvxkvt_debug_tid_x" + Hex(G->OsThreadId) + "_stid_x" +
+                                     Hex(os::GetCurrentThreadId()) + "_fid_" + tag + "_minidump_X_pid_" + Pid();
         EXPECT_EQ(std::string(name).rfind(expected, 0), 0u) << name;
         EXPECT_EQ(os::CurrentThreadBlock()->Slots, G->TlsValues);
         EXPECT_EQ(os::CurrentThreadBlock()->StaticTls, G);
@@ -247,7 +241,7 @@ TEST_F(FatalSweep, WithinASweepAndWithinItsOwnDumps) {
 }
 
 // Signals are in the integration tests.
-TEST(Debugger, NoEventAndNoThread) {
+TEST(Debugger, NoEventNoWaitAndNoThread) {
     const Folder folder;
     setenv("ZORVEX_SID", "T", 1);
     TraceInit(folder.Path.c_str());
@@ -256,6 +250,9 @@ TEST(Debugger, NoEventAndNoThread) {
     const std::string thread = std::to_string(os::GetCurrentThreadId());
     EXPECT_EQ(folder.Lines(),
               "E[5]T[" + thread + "] DebuggerThread failed to create event zorvex_zvxkvt_debugger_T err=[5]\n");
+    for (uint32_t n = 1; n <= 11; ++n) os::FailCall("WaitForSingleObject", n, 6);
+    EXPECT_EQ(DebuggerThread(nullptr), 0u);
+    EXPECT_NE(folder.Lines().find("wait failed on event zorvex_zvxkvt_debugger_T err=[6]\n"), std::string::npos);
     os::FailCall("CreateThread", 1, 8);
     EXPECT_EQ(FatalTextOf([] { StartDebuggerThread(); }), "Unable to spawn debugger thread");
 }

@@ -1,4 +1,4 @@
-// tests/unit/handle_table_test.cpp - the table of wrapped handles: growth, families of duplicates, and the dump.
+// tests/unit/handle_table_test.cpp - the table of wrapped handles: growth and families of duplicates.
 // Entries under a reader's feet: tests/model.
 #include "call_fixture.h"
 #include "child.h"
@@ -86,29 +86,6 @@ TEST_F(HandleTable, FamiliesLiveAsLongAsTheirLastHandle) {
         ReleaseHandleRef(odd, 4000, S);
     };
     EXPECT_EQ(FatalTextOf(releaseTooMuch), "in CLOSE HANDLE REF ALREADY ZERO handle 4000 \n");
-}
-
-TEST_F(HandleTable, DumpShowsOccupiedSlotsInOrder) {
-    const Folder folder;
-    TraceInit(folder.Path.c_str());
-    PSEHAND *root = Insert(0x1000);
-    Insert(0x800, root);
-    root->Flags.store(PHAND_FLAG_ASYNC_ADDED | PHAND_FLAG_ON_PORT);
-    Fiber *owner = NewUnplacedFiber(S, [](Fiber *) {});
-    owner->Tag.store("FMAIN");
-    owner->OsThreadId.store(0xABC);
-    root->OwnerFiber = owner;
-    root->OwnerGeneration = 9;
-    DumpHandleTable();
-    char lines[512];
-    snprintf(lines, sizeof lines,
-             "skvtphand: debug info START\n"
-             "Handle[x800/x800]: flags[x0] type[PHAND_HTYPE_CreateFileA] ref[1] hid[] parent[x1000]\n"
-             "Handle[x1000/x1000]: flags[x14] type[PHAND_HTYPE_CreateFileA] ref[2] hid[] fiber[%p/%u/9] ftid[xABC] "
-             "fid[FMAIN]\n[",
-             static_cast<void *>(owner), Generation(owner));
-    const std::string text = folder.Text();
-    EXPECT_NE(text.find(lines), std::string::npos) << text;
 }
 
 }  // namespace

@@ -85,16 +85,6 @@ TEST_F(PostWaitCall, TagsDecideRoleClassAndCounts) {
             EXPECT_EQ(S->ShadowCount.load() + S->SlaveCount.load(), 0u);
         });
     }
-    // Only a thread that was tagged for migration before is a candidate for a scheduler of its own.
-    SetOption(su_DynamicSchedulersEnabled);
-    Run([&](Fiber *F) {
-        IdentifyUserThread("LGWR", NewEvent(false, false));
-        EXPECT_EQ(F->SchedClass, CLASS_HIGH);
-        UnidentifyUserThread(0);
-        F->Tag.store("LGWR");  // as a move leaves it
-        IdentifyUserThread("LGWR", NewEvent(false, false));
-        EXPECT_EQ(F->SchedClass, CLASS_NORMAL);
-    });
 }
 
 // To another scheduler before it looks: a list in batches of sixteen, single posts through the lane of eight and the

@@ -215,24 +215,5 @@ TEST(Settings, NumbersAndTheirLines) {
     EXPECT_EQ(gNumContextSwitchesBeforePolling, 50u) << "the later key wins";
 }
 
-TEST(Settings, Dump) {
-    const test::Folder folder;
-    TraceInit(folder.Path.c_str());
-    Read({{"StackPages", "16"}, {"AlterDistributionLGWR", "-3"}, {"PortWaitMs", "100"}});
-    OptionFlags.store(su_FiberModeReq | su_BoostDBWOSThreadPri | 0x4000);
-    DumpSchedInternalVariables();
-    const std::string longName(400, 'n');
-    const uint32_t bits[] = {1, 4};
-    const char *const names[] = {"one", longName.c_str()};
-    DecodeFlags(0x80000001, bits, names, 2, 0);
-    DecodeFlags(5, bits, names, 2, 2);
-    EXPECT_EQ(folder.Lines(),
-              "Sched Internal Variables:\nInfoFlags:\n  0x2 : su_FiberModeReq\n  0x40000000 : su_BoostDBWOSThreadPri\n"
-              "  INCOMPLETE decode [16384]\n"
-              "#ofSch[4] StackSize[131072] PortTO[100] TimerInt[2] AlterD[-3]\nIoBackend[scripted]\n"
-              "0x1 : one\nINCOMPLETE decode [-2147483648]\n  0x1 : one\n  0x4 : " +
-                  std::string(275 - 8, 'n') + "\n");
-}
-
 }  // namespace
 }  // namespace zvx
