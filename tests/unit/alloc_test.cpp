@@ -150,14 +150,14 @@ TEST_F(Alloc, FailuresAreFatal) {
     static Scheduler *dumper = S.get();
     // The node's lock is free by then: a dump may allocate.
     gDumpVariables = [] { KVTAllocSched(100, dumper, 0); };
-    for (auto [function, text] :
-         {std::pair{"VirtualAllocInRange", "Fibers: Unable to allocate memory LargePages[0] Error[77]"},
-          {"SetThreadPriority", "KVTAlloc: Unable to set priority 77"}})
-        EXPECT_EQ(test::FatalTextOf([&] {
-                      os::FailCall(function, 1, 77);
-                      AllocChunk(kType, S.get(), 0);
-                  }),
-                  text);
+    const auto failing = [&](const char *function) {
+        return test::FatalTextOf([&] {
+            os::FailCall(function, 1, 77);
+            AllocChunk(kType, S.get(), 0);
+        });
+    };
+    EXPECT_EQ(failing("VirtualAllocInRange"), "Fibers: Unable to allocate memory LargePages[0] Error[77]");
+    EXPECT_EQ(failing("SetThreadPriority"), "KVTAlloc: Unable to set priority 77");
     EXPECT_EQ(test::FatalTextOf([] {
                   gAllocTypes[ALLOC_STRING].Name = "PSEHAND";
                   InitAllocator();

@@ -99,7 +99,7 @@ TEST_F(PostWaitCall, ManyPostsToAnotherScheduler) {
         script::gScript.Posted.clear();
         std::vector<uint32_t> sizes;
         Run([&](Fiber *) {
-            for (int i = 0; !list && events[i] != nullptr; ++i) EXPECT_TRUE(PostUserThread(events[i]));
+            for (size_t i = 0; !list && events[i] != nullptr; ++i) EXPECT_TRUE(PostUserThread(events[i]));
             EXPECT_EQ(PostMultipleUserThreads(list ? events.data() : &events.back()), -1);
             for (FIBER_MESSAGE *msg = Other->Messages.load(); msg != nullptr; msg = msg->Next)
                 sizes.push_back(msg->Count);

@@ -98,7 +98,7 @@ TEST_F(CompletionTest, SeveralEndsAreServedInTheOrderOfFiling) {
     for (int i = 0; i < 5; ++i) readers.push_back(Reader(std::to_string(i), CLASS_BACKGROUND, File));
     readers.push_back(Reader("high", CLASS_HIGH, File));
     EXPECT_EQ(readers[5]->OwnOvs[0].PollList, kPollHigh);
-    for (size_t i : {3, 0, 4, 5, 1}) script::EndOperation(&readers[i]->OwnOvs[0].Ov, 0, 1);
+    for (size_t i : {3u, 0u, 4u, 5u, 1u}) script::EndOperation(&readers[i]->OwnOvs[0].Ov, 0, 1);
     HandOverEnded(S);
     PollOvLists(S, false);
     EXPECT_EQ(S->RunQueues[gHPRQ].Count, 1u);
@@ -157,7 +157,7 @@ TEST_F(CompletionTest, AnyOwnEndWakesADeepPollAndATimeOutLeavesIt) {
             ov = Issue(self, file, [](DWORD error, DWORD bytes, OVERLAPPED *) {
                 Note("routine " + std::to_string(error) + "/" + std::to_string(bytes));
             });
-        for (DWORD ms : {30, 10000}) Note("slept " + std::to_string(SleepEx(ms, TRUE)));
+        for (DWORD ms : {30u, 10000u}) Note("slept " + std::to_string(SleepEx(ms, TRUE)));
     });
     EXPECT_EQ(S->PollLists[kPollFile].Count, 1u);
     Advance(40);
