@@ -101,18 +101,13 @@ void StartScheduler(Scheduler *S) {
     gRig.Continue[S] = F->OsFiber;
 }
 
-Fiber *NewUnplacedFiber(Scheduler *S, std::function<void(Fiber *)> body) {
+Fiber *NewFiber(Scheduler *S, std::function<void(Fiber *)> body) {
     Fiber *F = AllocFiberShell(S, 0);
     gRig.Bodies.push_back(std::make_unique<std::function<void(Fiber *)>>(std::move(body)));
     F->StartRoutine = RunBody;
     F->StartParam = gRig.Bodies.back().get();
     F->Flags |= FIBER_USER_THREAD;
     S->FiberCount.store(S->FiberCount.load() + 1);
-    return F;
-}
-
-Fiber *NewFiber(Scheduler *S, std::function<void(Fiber *)> body) {
-    Fiber *F = NewUnplacedFiber(S, std::move(body));
     F->State = FSTATE_READY;
     AppendRunQueue(S, gORQ, F);
     return F;
@@ -147,13 +142,13 @@ Names TakeNotes() {
     return notes;
 }
 
-PSEHAND *NewEntry(Scheduler *S, uint32_t type, bool onPort) {
+PSEHAND *NewEntry(Scheduler *S, uint32_t type) {
     PSEHAND *entry = AllocHandleEntry(S, S->NumaNode);
     entry->Type = type;
     entry->Handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(os::script::NewFile()));
     entry->Flags.store(PHAND_FLAG_ASYNC_ADDED);
     InsertHandle(entry);
-    if (onPort && !AttachHandleToPort(S, entry, HandleValue(entry))) std::abort();
+    if (!AttachHandleToPort(S, entry, HandleValue(entry))) std::abort();
     return entry;
 }
 

@@ -38,8 +38,6 @@ void StartScheduler(Scheduler *S);
 // A user thread on S that runs `body` when it is dispatched the second time, as every user thread does; placed in
 // ORQ. It exits when the body returns.
 Fiber *NewFiber(Scheduler *S, std::function<void(Fiber *)> body);
-// The same without a place in any queue, state 4: the test files it where it likes.
-Fiber *NewUnplacedFiber(Scheduler *S, std::function<void(Fiber *)> body);
 
 // Lets S run until it waits in its port with a time-out.
 void RunUntilIdle(Scheduler *S);
@@ -57,8 +55,8 @@ inline void ParkForEver(Fiber *F) {
 void Note(const std::string &what);
 Names TakeNotes();
 
-// A handle entry of the given type for a scripted file, inserted in the table; bound to S's port unless told not to.
-PSEHAND *NewEntry(Scheduler *S, uint32_t type, bool onPort = true);
+// A handle entry of the given type for a scripted file, inserted in the table and bound to S's port.
+PSEHAND *NewEntry(Scheduler *S, uint32_t type);
 // Issues an operation of F's embedded record on `entry` as the file functions do, which the script must answer as
 // pending, and waits for it. Returns the final status.
 DWORD ReadOn(Fiber *F, PSEHAND *entry);
