@@ -1,7 +1,7 @@
 // kernel/critsec.cpp - the critical sections that the library gives to user threads.
 //
-// Runs on the calling user thread. Entering a free section is one compare-and-exchange, leaving one without waiters
-// another; a lock is taken only to queue, and nothing is allocated. A contender spins a little while the owner runs on
+// Runs on the calling user thread. Entering a free section is one compare-and-exchange, leaving one without waiters an
+// exchange; a lock is taken only to queue, and nothing is allocated. A contender spins a little while the owner runs on
 // another scheduler, and otherwise waits for the post of a leaver. Whoever is posted is not given the section: it tries
 // again, in turn with whoever comes along, and keeps its place in the queue until it has got it.
 //
@@ -84,21 +84,11 @@ inline FIBER_CRITICAL_SECTION *RecordFor(CRITICAL_SECTION *section, Fiber *F) {
     return r != nullptr ? r : TakeOver(section, F);
 }
 
-// With one scheduler, and none that could be added, every user thread runs on one kernel thread: an exchange that
-// nobody can come between needs no locked instruction, which is two thirds of the free path. Known at start-up.
-inline bool OneKernelThread() {
-    return gNumSchedulers == 1 && !OptionSet(su_DynamicSchedulersEnabled);
-}
-
 // Null when the section was free and is the caller's now, else the owner that was seen. Sequentially consistent: it
-// is the waiter's look after it has queued.
+// is the waiter's look after it has queued. With one scheduler a plain store would do, and was measured to be slower:
+// an entry reads what the exit before has just written, and the exchange lets that reach the cache first.
 inline Fiber *TryOwn(FIBER_CRITICAL_SECTION *r, Fiber *F) {
     Fiber *seen = nullptr;
-    if (OneKernelThread()) {
-        seen = r->Owner.load(std::memory_order_relaxed);
-        if (seen == nullptr) r->Owner.store(F, std::memory_order_relaxed);
-        return seen;
-    }
     r->Owner.compare_exchange_strong(seen, F, std::memory_order_seq_cst, std::memory_order_seq_cst);
     return seen;
 }
@@ -123,7 +113,7 @@ void Unqueue(FIBER_CRITICAL_SECTION *r, Fiber *F) {
 }
 
 // Posts whoever has waited longest. The generation is read under the lock, where a waiter cannot leave and be reused.
-void PostFirstWaiter(FIBER_CRITICAL_SECTION *r, Fiber *F, PostMode mode) {
+[[gnu::noinline]] void PostFirstWaiter(FIBER_CRITICAL_SECTION *r, Fiber *F, PostMode mode) {
     Fiber *first;
     uint32_t generation;
     {
@@ -176,25 +166,37 @@ void WaiterCleanup(Fiber *F, Scheduler *S, uintptr_t *args, uint32_t code) {
     TermCleanupFuncRemove(F, WaiterCleanup);
 }
 
-// Gives r up; F owns it. At the last of the recursive entries posts the first waiter.
+// The caller does not own the section: `seen` does, or nobody.
+[[gnu::noinline, noreturn]] void CannotFree(const Fiber *F, const Fiber *seen) {
+    FatalExit("Couldn't free critical section: current[%u] owner[%u]\n",
+              static_cast<unsigned>(reinterpret_cast<uintptr_t>(F)),
+              static_cast<unsigned>(reinterpret_cast<uintptr_t>(seen)));
+}
+
+// Gives r up, which F must own. At the last of the recursive entries posts the first waiter. The store to Owner comes
+// before the look for waiters, as a waiter queues before its last look at Owner; only F ends its own possession.
 inline void Release(FIBER_CRITICAL_SECTION *r, Fiber *F, PostMode mode) {
-    if (r->Owner.load(std::memory_order_relaxed) == F) [[likely]] {
-        if (--r->RecursionCount != 0) return;
-        UnlinkFrom(&F->OwnedCritSecs, &r->OwnedLink);
-    }
-    Fiber *seen = F;
-    if (OneKernelThread()) {
-        seen = r->Owner.load(std::memory_order_relaxed);
-        if (seen == F) r->Owner.store(nullptr, std::memory_order_relaxed);
-    } else {
-        r->Owner.compare_exchange_strong(seen, nullptr, std::memory_order_seq_cst);
-    }
+    const Fiber *seen = r->Owner.load(std::memory_order_relaxed);
     if (seen != F) [[unlikely]]
-        FatalExit("Couldn't free critical section: current[%u] owner[%u]\n",
-                  static_cast<unsigned>(reinterpret_cast<uintptr_t>(F)),
-                  static_cast<unsigned>(reinterpret_cast<uintptr_t>(seen)));
+        CannotFree(F, seen);
+    if (--r->RecursionCount != 0) return;
+    UnlinkFrom(&F->OwnedCritSecs, &r->OwnedLink);
+    r->Owner.store(nullptr, std::memory_order_seq_cst);
     if (r->WaiterCount.load(std::memory_order_seq_cst) != 0) [[unlikely]]
         PostFirstWaiter(r, F, mode);
+}
+
+// Entering what is not simply free: it has no record yet, F owns it already, or another one does. Out of line, so that
+// the common entry keeps its few registers to itself.
+[[gnu::noinline]] void EnterSlowly(CRITICAL_SECTION *section, Fiber *F) {
+    FIBER_CRITICAL_SECTION *r = RecordFor(section, F);
+    Fiber *owner = TryOwn(r, F);
+    if (owner == F) {
+        r->RecursionCount++;
+        return;
+    }
+    if (owner != nullptr) EnterContended(r, F, owner);
+    BeginOwning(r, F);
 }
 
 }  // namespace
@@ -240,14 +242,10 @@ void EnterCriticalSection(CRITICAL_SECTION *section) {
         os::EnterCriticalSection(OsSection(section));
         return;
     }
-    FIBER_CRITICAL_SECTION *r = RecordFor(section, F);
-    Fiber *owner = TryOwn(r, F);
-    if (owner != nullptr) [[unlikely]] {
-        if (owner == F) {
-            r->RecursionCount++;
-            return;
-        }
-        EnterContended(r, F, owner);
+    FIBER_CRITICAL_SECTION *r = RecordIn(section);
+    if (r == nullptr || TryOwn(r, F) != nullptr) [[unlikely]] {
+        EnterSlowly(section, F);
+        return;
     }
     BeginOwning(r, F);
 }
@@ -274,8 +272,7 @@ void LeaveCriticalSection(CRITICAL_SECTION *section) {
     }
     FIBER_CRITICAL_SECTION *r = RecordIn(section);
     if (r == nullptr) [[unlikely]]
-        FatalExit("Couldn't free critical section: current[%u] owner[%u]\n",
-                  static_cast<unsigned>(reinterpret_cast<uintptr_t>(F)), 0u);
+        CannotFree(F, nullptr);
     Release(r, F, kPostSingle);
 }
 
