@@ -24,7 +24,7 @@ int Answer(const char *name, char *buffer, int capacity) {
     if (kind < 0xF8) return static_cast<int>(value.size());
     // The rest of what a lie covers is there, but says nothing.
     std::memset(buffer + value.size(), ' ', static_cast<size_t>(capacity) - value.size());
-    return 63 + static_cast<int>(gInput.Number(4) >> 1);
+    return 63 + static_cast<int>(gInput.Number(4) >> 2);
 }
 
 // What the settings leave behind, as text.
