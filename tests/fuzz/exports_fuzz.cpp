@@ -30,7 +30,8 @@ struct Held {
 char gMemory[65536];
 Call gCalls[6];
 std::vector<Held> gHeld;
-HANDLE gStale;  // the last one that was closed, while no other can have its value
+HANDLE gStale;    // the last one that was closed, while no other can have its value
+Kind gStaleKind;  // a socket's entry, and with it this, stays as long as a duplicate of it
 std::string gPath;
 
 const uint64_t kOffsets[] = {0,          1,          4095,      4096,           8192,          0x7FFFFFFF,
@@ -48,7 +49,7 @@ DWORD WINAPI Worker(LPVOID argument) {
 
 HANDLE Value(uint64_t value) { return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(value)); }
 
-Kind gKind;  // of the last live handle picked
+Kind gKind;  // of the last handle picked that is open or was
 
 // A handle to hand over; *live when it is one that is open, perhaps with low bits, which may be looked past.
 HANDLE Pick(fuzz::Input *in, bool *live) {
@@ -60,7 +61,10 @@ HANDLE Pick(fuzz::Input *in, bool *live) {
         gKind = held.Is;
         return which < 0xC0 ? held.Value : Value(reinterpret_cast<uintptr_t>(held.Value) | (which % 4));
     }
-    if (which < 0xD0 && gStale != nullptr) return gStale;
+    if (which < 0xD0 && gStale != nullptr) {
+        gKind = gStaleKind;
+        return gStale;
+    }
     return Value(odd[which % 8]);
 }
 
@@ -107,7 +111,7 @@ void Started(Call *call, BOOL result, bool routine) {
 }
 
 void MoveBytes(fuzz::Input *in, HANDLE handle) {
-    if (gLive && gKind == Kind::kSocket) return;  // ends the process by design
+    if ((gLive || handle == gStale) && gKind == Kind::kSocket) return;  // ends the process by design
     const uint8_t how = in->Byte();
     Call *call;
     DWORD done = 0;
@@ -299,6 +303,7 @@ void CloseOne(size_t index) {
                                                  : CloseHandle(held.Value) != FALSE;
     fuzz::Require(closed, "an open handle is not closed", reinterpret_cast<uintptr_t>(held.Value), GetLastError());
     gStale = held.Value;
+    gStaleKind = held.Is;
 }
 
 void RunInput(fuzz::Input input) {
@@ -345,6 +350,7 @@ void RunInput(fuzz::Input input) {
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (gPath.empty()) gPath = fuzz::Scratch("exports");
+    fuzz::Keep(data, size);
     fuzz::RunStarted(RunInput, data, size);
     return 0;
 }

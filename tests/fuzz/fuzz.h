@@ -38,6 +38,16 @@ inline std::string Scratch(const std::string &name) {
     return path;
 }
 
+// Writes the input to the file that ZVX_FUZZ_KEEP names. An error that ends the process by the library's own hand leaves no
+// other trace of what led to it.
+inline void Keep(const uint8_t *data, size_t size) {
+    static const char *const path = std::getenv("ZVX_FUZZ_KEEP");
+    if (path == nullptr) return;
+    std::FILE *const file = std::fopen(path, "wb");
+    Require(file != nullptr && std::fwrite(data, 1, size, file) == size, path);
+    std::fclose(file);
+}
+
 // The input as a script: numbers of any width from its front, zeros once it is used up.
 struct Input {
     const uint8_t *Data;

@@ -1,9 +1,12 @@
-// Statistics: their names. Time: calibration of the cycle counter, with
-// counters that the test moves during the sleep of a measurement.
+// Statistics: the table against the data that it was made from. Time: calibration of the cycle counter, with counters that
+// the test moves during the sleep of a measurement.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <fstream>
+#include <sstream>
 
 #include "child.h"
 #include "diag/stats.h"
@@ -15,22 +18,37 @@ namespace {
 
 using os::script::gScript;
 
-TEST(Stats, NamesAndTheirArguments) {
+TEST(Stats, EveryEntryAndTheNamesOfLocks) {
+    std::memset(static_cast<void *>(gStats), 0xA5, sizeof(gStats));
+    std::memset(gStatSide, 0xA5, sizeof(gStatSide));
     StatsInit();
-    const struct {
-        uint32_t Id;
-        const char *Name;  // a spin lock takes the entry of its own name
-    } locks[] = {{STAT_RingLogQLock, "RingLogQLock"}, {STAT_UserMessageQLock, "UserMessageQLock"}};
-    for (const auto &lock : locks) EXPECT_STREQ(gStats[lock.Id].Name, lock.Name);
-    for (uint32_t id = 0; id < kNumStats; id++) {
-        const std::string name = gStats[id].Name;
-        EXPECT_EQ(gStats[id].Id, id);
-        EXPECT_EQ(gStats[id].ShortName, name.substr(0, name.find(' ')));
-        EXPECT_EQ(gStats[id].ArgKind, name.find("%s") != name.npos  ? 2u
-                                      : name.find('%') != name.npos ? 1u
-                                                                    : 0u)
-            << name;
+    std::ifstream data(ZVX_TEST_DATA "/stats.tsv");
+    std::string line;
+    std::getline(data, line);
+    uint32_t id = 0;
+    for (; std::getline(data, line); id++) {
+        std::istringstream row(line);
+        uint32_t rowId = 0, level = 0;
+        std::string name;
+        row >> rowId >> level >> std::ws;
+        std::getline(row, name);
+        ASSERT_EQ(rowId, id);
+        const StatRecord &stat = gStats[id];
+        EXPECT_EQ(stat.Id, id);
+        EXPECT_EQ(stat.Level, level);
+        EXPECT_EQ(stat.Name, name);
+        EXPECT_EQ(stat.ShortName, name.substr(0, name.find(' ')));
+        const bool number = name.find("%u") + 1 || name.find("%d") + 1 || name.find("%X") + 1;
+        EXPECT_EQ(stat.ArgKind, name.find("%s") != std::string::npos ? 2u : number ? 1u : 0u) << name;
+        EXPECT_EQ(stat.FirstWord, 1u);
+        EXPECT_EQ(stat.SecondWord, 0u);
+        for (uint32_t counter : stat.Counters) EXPECT_EQ(counter, 0u);
+        for (uint32_t word : gStatSide[id]) EXPECT_EQ(word, 0u);
     }
+    EXPECT_EQ(id, kNumStats);
+    // A spin lock takes the entry of its own name.
+    EXPECT_STREQ(gStats[STAT_RingLogQLock].Name, "RingLogQLock");
+    EXPECT_STREQ(gStats[STAT_UserMessageQLock].Name, "UserMessageQLock");
 }
 
 // Calibrates where each measurement meets the next of these rates in ticks per second, the last one again and again;
