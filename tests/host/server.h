@@ -6,8 +6,8 @@
 #define ZVX_TESTS_HOST_SERVER_H
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -37,7 +37,9 @@ struct Mode {
     const char *Io;        // ZVXKVT_IO, null for the probed one
     const char *Argument;  // one more option, or null
 };
-inline void PrintTo(const Mode &mode, std::ostream *out) { *out << mode.Name; }
+inline void PrintTo(const Mode &mode, std::ostream *out) {
+    *out << mode.Name;
+}
 inline const Mode kModes[] = {
     {"io_uring", "io_uring", nullptr}, {"epoll", "epoll", nullptr}, {"threads", nullptr, "--threads"}};
 
@@ -76,9 +78,8 @@ struct Server {
     Server &operator=(const Server &) = delete;
 
     // False when the process ended before it was ready; Text() says why.
-    bool Start(const std::vector<std::string> &arguments = {}, const char *failPoint = nullptr,
-               rlim_t fileLimit = RLIM_INFINITY) {
-        const std::string data = Folder + "/data", out = OutFile();
+    bool Start(const std::vector<std::string> &arguments = {}, const char *failPoint = nullptr) {
+        const std::string data = Folder + "/data", out = Folder + "/out.txt";
         // Small log files, so that a start does not fill large ones.
         std::vector<std::string> all{KEYHOST,     "--port",  "0",           "--dir",  data,
                                      "--segment", "1048576", "--max-value", "1100000"};
@@ -96,10 +97,6 @@ struct Server {
             if (Is.Io != nullptr) setenv("ZVXKVT_IO", Is.Io, 1);
             if (failPoint != nullptr) setenv("ZVXKVT_FAIL", failPoint, 1);
             RaiseDescriptorLimit();
-            if (fileLimit != RLIM_INFINITY) {
-                const rlimit size{fileLimit, fileLimit};
-                setrlimit(RLIMIT_FSIZE, &size);
-            }
             execv(argv[0], argv.data());
             _exit(127);
         }
@@ -118,12 +115,7 @@ struct Server {
         kill(Child, SIGKILL);
         Ended(0);
     }
-    // The exit code after SIGTERM; -1 when it does not end in time, or ends by a signal.
-    int Terminate() {
-        if (Child <= 0) return -1;
-        kill(Child, SIGTERM);
-        return AwaitEnd();
-    }
+    // The exit code; -1 when it does not end in time, or ends by a signal.
     int AwaitEnd() {
         return Await([&] { return Ended(WNOHANG); }) ? ExitCode : -1;
     }
@@ -134,8 +126,7 @@ struct Server {
         Child = 0;
         return true;
     }
-    std::string Text() const { return ReadWhole(OutFile()); }
-    std::string OutFile() const { return Folder + "/out.txt"; }
+    std::string Text() const { return ReadWhole(Folder + "/out.txt"); }
     std::string File(const std::string &name) const { return Folder + "/data/" + name; }
 
     Mode Is;
@@ -149,7 +140,7 @@ struct Server {
 struct OnEachBackEnd : testing::TestWithParam<Mode> {
     Server Host{GetParam()};
 };
-#define ON_EACH_BACK_END(Suite)                               \
+#define ON_EACH_BACK_END(Suite)                                    \
     INSTANTIATE_TEST_SUITE_P(On, Suite, testing::ValuesIn(kModes), \
                              [](const auto &mode) { return std::string(mode.param.Name); })
 
@@ -161,7 +152,6 @@ inline std::string Request(const std::vector<std::string> &words) {
 
 struct Client {
     explicit Client(const Server &server) {
-        Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const timeval limit{10, 0};
         setsockopt(Fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         setsockopt(Fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
@@ -173,14 +163,9 @@ struct Client {
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         Connected = connect(Fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
     }
-    ~Client() {
-        if (Fd >= 0) close(Fd);
-    }
+    ~Client() { fclose(In); }
     Client(const Client &) = delete;
     Client &operator=(const Client &) = delete;
-    Client(Client &&other) noexcept : Fd(other.Fd), Connected(other.Connected), In(std::move(other.In)) {
-        other.Fd = -1;
-    }
 
     bool Send(std::string_view bytes) {
         while (!bytes.empty()) {
@@ -190,42 +175,23 @@ struct Client {
         }
         return true;
     }
-    bool More() {
-        char buffer[64 * 1024];
-        const ssize_t got = recv(Fd, buffer, sizeof buffer, 0);
-        if (got > 0) In.append(buffer, static_cast<size_t>(got));
-        return got > 0;
-    }
-    std::string Line() {
-        size_t end = 0;
-        while ((end = In.find("\r\n", At)) == In.npos) {
-            if (!More()) return "";
-        }
-        std::string line = In.substr(At, end - At);
-        At = end + 2;
-        return line;
-    }
     // One answer as text: +OK, -ERR ..., :5, $bytes, nil, [a b]. "closed" at the end of the connection.
     std::string Answer() {
-        if (At > 1 << 20 || At == In.size()) {
-            In.erase(0, At);
-            At = 0;
-        }
-        const std::string line = Line();
+        char *text = nullptr;
+        size_t room = 0;
+        const ssize_t got = getline(&text, &room, In);
+        const std::string line(text, got > 2 ? static_cast<size_t>(got) - 2 : 0);
+        free(text);
         if (line.empty()) return "closed";
         const long count = std::atol(line.c_str() + 1);
-        if (line[0] == '$') {
-            if (count < 0) return "nil";
-            while (In.size() - At < static_cast<size_t>(count) + 2) {
-                if (!More()) return "closed";
-            }
-            const std::string bytes = In.substr(At, static_cast<size_t>(count));
-            At += static_cast<size_t>(count) + 2;
-            return "$" + bytes;
-        }
-        if (line[0] != '*') return line;
+        if (line[0] != '$' && line[0] != '*') return line;
         if (count < 0) return "nil";
-        std::string all = "[";
+        std::string all = line[0] == '$' ? "$" : "[";
+        if (line[0] == '$') {
+            all.resize(static_cast<size_t>(count) + 3);
+            if (fread(all.data() + 1, all.size() - 1, 1, In) != 1) return "closed";
+            return all.substr(0, all.size() - 2);
+        }
         for (long i = 0; i < count; i++) {
             const std::string item = Answer();
             all += (i != 0 ? " " : "") + (item[0] == '$' ? item.substr(1) : item);
@@ -239,15 +205,13 @@ struct Client {
     }
     // Whether the server has closed the connection, reading what comes before.
     bool AwaitClose() {
-        while (More()) {
-        }
-        return errno != EAGAIN && errno != EWOULDBLOCK;
+        while (getc(In) != EOF) continue;
+        return feof(In) != 0 || errno == ECONNRESET;
     }
 
-    int Fd = -1;
+    const int Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    FILE *const In = fdopen(Fd, "r");
     bool Connected = false;
-    std::string In;
-    size_t At = 0;
 };
 
 // The number behind "name:" in an INFO answer.

@@ -1,4 +1,5 @@
 // tests/host/server_test.cpp - the server as clients see it: commands, pipelines, bad input, limits, its end.
+#include <deque>
 #include <random>
 
 #include "server.h"
@@ -56,11 +57,11 @@ TEST_P(Serving, Commands) {
     Client other(Host);
     std::string large(1 << 20, '\0');
     for (size_t i = 0; i < large.size(); i++) large[i] = static_cast<char>(i * 7 + i / 256);
-    EXPECT_EQ(other.Ask({"SET", "large", large}), "+OK");
-    EXPECT_EQ(other.Ask("GET large"), "$" + large);
-    EXPECT_EQ(other.Ask({"SET", std::string("\0\r\n", 3), ""}), "+OK");
-    EXPECT_EQ(other.Ask({"GET", std::string("\0\r\n", 3)}), "$");
-    EXPECT_EQ(other.Ask({"SET", "s", "v", "PX", "60"}), "+OK");
+    for (const auto &[key, value] : {std::pair{std::string("large"), large}, {std::string("\0\r\n", 3), ""}}) {
+        EXPECT_EQ(other.Ask({"SET", key, value}), "+OK");
+        EXPECT_EQ(other.Ask({"GET", key}), "$" + value);
+    }
+    EXPECT_EQ(other.Ask("SET s v PX 60"), "+OK");
     EXPECT_TRUE(Await([&] { return other.Ask("GET s") == "nil"; }));
     EXPECT_EQ(other.Answer(), "-ERR closed after a long time without a request");
 }
@@ -101,32 +102,24 @@ TEST_P(Serving, PipelinesAndInline) {
     EXPECT_TRUE(bad.AwaitClose());
 }
 
-// Ten thousand clients at a time, ten thousand more refused, and every one of the first is still served.
-TEST_P(Serving, TwentyThousandConnections) {
+// Ten thousand clients at a time, a thousand more refused, and every one of the first is still served.
+TEST_P(Serving, TenThousandConnections) {
     if (GetParam().Argument != nullptr) GTEST_SKIP() << "ten thousand kernel threads are not what is tested";
     if (RaiseDescriptorLimit() < 11000) GTEST_SKIP() << "no permission for so many descriptors";
     ASSERT_TRUE(Host.Start({"--durability", "everysec"})) << Host.Text();
-    std::vector<Client> clients;
-    clients.reserve(20000);
-    int connected = 0;
-    for (int i = 0; i < 10000; i++) connected += clients.emplace_back(Host).Connected;
-    ASSERT_EQ(connected, 10000);
+    std::deque<Client> clients;
+    for (int i = 0; i < 10000; i++) ASSERT_TRUE(clients.emplace_back(Host).Connected) << i;
     for (Client &client : clients) ASSERT_EQ(client.Ask("PING"), "+PONG");
     long total = 0, pages = 0;
     std::ifstream("/proc/" + std::to_string(Host.Child) + "/statm") >> total >> pages;
-    const long kib = pages * 4;
-    int refused = 0;
-    for (int i = 0; i < 10000; i++) {
-        Client late(Host);
-        const std::string answer = late.Answer();
-        refused += answer == "-ERR max number of clients reached" || answer == "closed";
+    for (int i = 0; i < 1000; i++) {
+        const std::string answer = Client(Host).Answer();
+        ASSERT_TRUE(answer == "-ERR max number of clients reached" || answer == "closed") << answer;
     }
-    EXPECT_EQ(refused, 10000);
     for (Client &client : clients) ASSERT_EQ(client.Ask("INCR n").substr(0, 1), ":");
     EXPECT_EQ(clients[0].Ask("GET n"), "$10000");
-    printf("resident with 10000 sessions: %.1f KiB each\n", static_cast<double>(kib) / 10000);
     // Its shadow of every byte counts as resident.
-    EXPECT_TRUE(kThreadSanitizer || kib / 10000 < 24) << "KiB a session";
+    EXPECT_TRUE(kThreadSanitizer || pages * 4 / 10000 < 24) << pages * 4 << " KiB of all sessions";
 }
 
 // Asked to end, the server ends with everything in its place: by signal and by command.
@@ -135,19 +128,14 @@ TEST_P(Serving, EndsCleanly) {
         ASSERT_TRUE(Host.Start({"--durability", round == 0 ? "everysec" : "always"})) << Host.Text();
         Client client(Host);
         EXPECT_EQ(client.Ask("INCR rounds"), ":" + std::to_string(round + 1));
-        if (round == 0) {
-            EXPECT_EQ(Host.Terminate(), 0) << Host.Text();
-        } else {
-            client.Send(Request({"SHUTDOWN"}));
-            EXPECT_TRUE(client.AwaitClose());
-            EXPECT_EQ(Host.AwaitEnd(), 0) << Host.Text();
-        }
+        EXPECT_TRUE(round == 0 ? kill(Host.Child, SIGTERM) == 0 : client.Send(Request({"SHUTDOWN"})));
+        EXPECT_TRUE(client.AwaitClose());
+        EXPECT_EQ(Host.AwaitEnd(), 0) << Host.Text();
     }
     ASSERT_TRUE(Host.Start()) << Host.Text();
     EXPECT_EQ(Client(Host).Ask("GET rounds"), "$2");
     // The folder belongs to one server at a time.
     const pid_t first = Host.Child;
-    Host.Child = 0;
     EXPECT_FALSE(Host.Start());
     EXPECT_NE(Host.Text().find("in use by another process"), std::string::npos) << Host.Text();
     Host.Child = first;

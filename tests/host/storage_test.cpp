@@ -1,13 +1,12 @@
-// tests/host/storage_test.cpp - tables, log batches and checkpoint pages. Outside fiber mode, where the library passes
-// through: the sections are the operating system's.
+// tests/host/storage_test.cpp - tables. Outside fiber mode, where the library passes through: the sections are the
+// operating system's. What a damaged log or checkpoint does: tests/fuzz.
 #include <gtest/gtest.h>
 
 #include <map>
 #include <random>
 #include <set>
 
-#include "host/checkpoint.h"
-#include "host/log.h"
+#include "host/keyspace.h"
 
 namespace host {
 namespace {
@@ -95,76 +94,6 @@ TEST_F(Tables, ModelAndExpiry) {
     uint64_t expiring = 0;
     for (const Shard &shard : gShards) expiring += shard.Expiring;
     EXPECT_EQ(expiring, 1000u);
-}
-
-// A batch with records as the log writer makes it.
-std::string MakeBatch(uint64_t logId, uint64_t first, uint32_t previous, const std::vector<std::string> &items) {
-    std::string body;
-    uint32_t all = 0;
-    for (const std::string &item : items) {
-        RecordHeader record{static_cast<uint32_t>(sizeof record + item.size()), 0, first, RecordType::kSet, 1};
-        record.Seq = first + static_cast<uint64_t>(&item - items.data());
-        record.Crc = Crc32c(0, item.data(), item.size());
-        record.Crc = Crc32c(record.Crc, &record.Seq, 16);
-        record.Crc = Crc32c(record.Crc, &record.Length, 4);
-        all = Crc32c(all, &record.Crc, 4);
-        body.append(reinterpret_cast<const char *>(&record), sizeof record);
-        body += item;
-    }
-    BatchHeader header{};
-    header.Magic = kBatchMagic;
-    header.LogId = logId;
-    header.First = first;
-    header.Count = static_cast<uint32_t>(items.size());
-    header.Bytes = static_cast<uint32_t>(body.size());
-    header.RecordsCrc = all;
-    header.Previous = previous;
-    header.Crc = HeaderCrc(header);
-    std::string text(reinterpret_cast<const char *>(&header), sizeof header);
-    text += body;
-    text.resize(RoundUp(text.size(), kLogAlign));
-    return text;
-}
-
-// No byte of a batch can change, and no end of it can be missing, without being noticed.
-TEST(LogFormat, EveryByteCounts) {
-    EXPECT_EQ(Crc32c(0, "123456789", 9), 0xE3069283u) << "the known answer";
-    const std::string batch = MakeBatch(9, 100, 77, {"first record", "second", std::string(200, 'x')});
-    size_t bad = 0;
-    ASSERT_EQ(CheckBatch(batch.data(), batch.size(), 9, 77, &bad), batch.size());
-    EXPECT_EQ(CheckBatch(batch.data(), batch.size(), 8, 77, &bad), 0u) << "another log";
-    EXPECT_EQ(CheckBatch(batch.data(), batch.size(), 9, 78, &bad), 0u) << "does not follow";
-    BatchHeader header;
-    std::memcpy(&header, batch.data(), sizeof header);
-    const size_t whole = sizeof header + header.Bytes;
-    for (size_t i = 0; i < whole; i++) {
-        std::string damaged = batch;
-        damaged[i] = static_cast<char>(damaged[i] ^ 0x10);
-        ASSERT_EQ(CheckBatch(damaged.data(), damaged.size(), 9, 77, &bad), 0u) << i;
-        // A damaged record is named by its place.
-        const bool named = i < sizeof header || (bad >= sizeof header && bad <= i);
-        ASSERT_TRUE(named) << i << " " << bad;
-        std::vector<char> cut(batch.begin(), batch.begin() + static_cast<long>(i));
-        ASSERT_EQ(CheckBatch(cut.data(), cut.size(), 9, 77, &bad), 0u) << i;
-    }
-    // A torn write leaves zeros, or what was there before, in place of whole blocks.
-    std::string torn = batch;
-    std::fill(torn.begin() + 256, torn.end(), '\0');
-    EXPECT_EQ(CheckBatch(torn.data(), torn.size(), 9, 77, &bad), 0u);
-    EXPECT_EQ(CheckRecord(batch.data() + 64, 10), 0u);
-}
-
-TEST(CheckpointFormat, EveryByteCounts) {
-    std::vector<char> page(kPage, 'x');
-    SealPage(page.data(), 5, 12, 3, 1, 4000);
-    ASSERT_EQ(CheckPage(page.data(), 5, 12), nullptr);
-    EXPECT_STREQ(CheckPage(page.data(), 5, 13), "a page of another place");
-    EXPECT_STREQ(CheckPage(page.data(), 6, 12), "a page of another checkpoint");
-    for (size_t i = 0; i < kPage; i += i < 64 ? 1 : 61) {
-        page[i] = static_cast<char>(page[i] ^ 1);
-        ASSERT_NE(CheckPage(page.data(), 5, 12), nullptr) << i;
-        page[i] = static_cast<char>(page[i] ^ 1);
-    }
 }
 
 }  // namespace
