@@ -96,11 +96,16 @@ struct SocketOperation : Operation {
     }
 };
 
-// Resets the connection.
-inline void CloseHard(SOCKET s) {
-    const zvx_linger hard{1, 0};
-    EXPECT_EQ(0, os::setsockopt(s, ZVX_SOL_SOCKET, ZVX_SO_LINGER, reinterpret_cast<const char *>(&hard), sizeof hard));
-    EXPECT_EQ(0, os::closesocket(s));
+// Does it on three threads that begin together.
+template <typename Body>
+void AtOnce(Body body) {
+    std::atomic<int> go{0};
+    const auto use = [&] {
+        go++;
+        while (go < 3) os::CpuRelax();
+        body();
+    };
+    Together(use, use, use);
 }
 
 inline std::string ReceiveAll(SOCKET s) {
