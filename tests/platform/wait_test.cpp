@@ -9,37 +9,38 @@ HANDLE AutoEvent() {
 
 // A thread that schedules its own waits, with no more to do than to sleep until it is told.
 struct Parker {
-    Parker() : Sink{Announce, nullptr, nullptr, nullptr, false} {}
-    static void Announce(os::WaitSink *sink) {
-        auto *self = reinterpret_cast<Parker *>(sink);
-        self->Told++;
-        os::SetEvent(self->Woken);
-    }
-    DWORD Park(uint32_t count, const HANDLE *handles, BOOL all) {
-        Wait.Owner = this;
-        return os::ParkWait(&Wait, &Sink, count, handles, all, {Objects, Blocks});
-    }
-    bool Taken() {
-        void *owners[2];
-        const uint32_t count = os::TakeWoken(&Sink, owners, 2);
-        EXPECT_LE(count, 1u);
-        return count == 1 && owners[0] == this;
-    }
-    // As the wait of a kernel thread, in its outcome.
-    DWORD WaitFor(uint32_t count, const HANDLE *handles, BOOL all, DWORD ms) {
-        const DWORD result = Park(count, handles, all);
-        if (result != WAIT_TIMEOUT) return result;
-        // What it is told may be of the wait before, which was withdrawn meanwhile.
-        while (os::WaitForSingleObject(Woken, ms) == WAIT_OBJECT_0 && !Taken()) continue;
-        os::WithdrawWait(&Wait);
-        return Wait.Result;
-    }
-    os::WaitSink Sink;  // first
+    os::WaitSink Sink{Announce, nullptr, nullptr, nullptr, false};  // first
     os::ParkedWait Wait;
     HANDLE Woken = AutoEvent();
     std::atomic<int> Told{0};
     void *Objects[4];
     alignas(8) char Blocks[4][os::kWaitBlockBytes];
+
+    static void Announce(os::WaitSink *sink) {
+        auto *self = reinterpret_cast<Parker *>(sink);
+        self->Told++;
+        os::SetEvent(self->Woken);
+    }
+    DWORD Park(uint32_t count, const HANDLE *handles, BOOL all = FALSE) {
+        Wait.Owner = this;
+        return os::ParkWait(&Wait, &Sink, count, handles, all, {Objects, Blocks});
+    }
+    bool Taken() {
+        void *owners[2];
+        return os::TakeWoken(&Sink, owners, 2) == 1 && owners[0] == this;
+    }
+    DWORD Withdraw() {
+        os::WithdrawWait(&Wait);
+        return Wait.Result;
+    }
+    // As the wait of a kernel thread, in its outcome.
+    DWORD WaitFor(uint32_t count, const HANDLE *handles, DWORD ms) {
+        const DWORD result = Park(count, handles);
+        if (result != WAIT_TIMEOUT) return result;
+        // What it is told may be of the wait before, which was withdrawn meanwhile.
+        while (os::WaitForSingleObject(Woken, ms) == WAIT_OBJECT_0 && !Taken()) continue;
+        return Withdraw();
+    }
 };
 
 // Units are neither lost nor doubled, although some waits run out of time just as they are given one, waits for any of
@@ -54,12 +55,11 @@ TEST(Wait, UnitsAreConservedUnderContention) {
         std::minstd_rand random(seed);
         Parker parker;
         while (total.load() < kUnits) {
-            DWORD ms = Draw(random, 3);
-            uint32_t first = Draw(random, kSemaphores);
-            uint32_t count = 1 + Draw(random, kSemaphores - first);
-            DWORD got = seed >= 3    ? parker.WaitFor(count, semaphores + first, FALSE, ms)
-                        : count == 1 ? os::WaitForSingleObject(semaphores[first], ms)
-                                     : os::WaitForMultipleObjects(count, semaphores + first, FALSE, ms);
+            const DWORD ms = Draw(random, 3);
+            const uint32_t first = Draw(random, kSemaphores), count = 1 + Draw(random, kSemaphores - first);
+            const DWORD got = seed >= 3    ? parker.WaitFor(count, semaphores + first, ms)
+                              : count == 1 ? os::WaitForSingleObject(semaphores[first], ms)
+                                           : os::WaitForMultipleObjects(count, semaphores + first, FALSE, ms);
             if (got == WAIT_TIMEOUT) continue;
             ASSERT_LT(got, count);
             taken[first + got]++;
@@ -111,28 +111,25 @@ TEST(Wait, AnyTakesTheLowestAndAllTakesEverythingOrNothing) {
 TEST(Wait, ParkedWaitsAreGrantedInTheirTurn) {
     Parker first, third, all;
     const HANDLE event = AutoEvent(), mutex = os::CreateMutexA(nullptr, FALSE, nullptr), both[2] = {event, mutex};
-    std::atomic<bool> owned{false};
-    EXPECT_EQ(first.Park(1, &event, FALSE), WAIT_TIMEOUT);
+    EXPECT_EQ(first.Park(1, &event), WAIT_TIMEOUT);
     std::thread second([&] { EXPECT_EQ(os::WaitForSingleObject(event, INFINITE), WAIT_OBJECT_0); });
     Pause(20);
-    EXPECT_EQ(third.Park(1, &event, FALSE), WAIT_TIMEOUT);
+    EXPECT_EQ(third.Park(1, &event), WAIT_TIMEOUT);
     os::SetEvent(event);
     EXPECT_TRUE(first.Taken());
     os::SetEvent(event);
     second.join();
     EXPECT_FALSE(third.Taken());
-    os::WithdrawWait(&first.Wait);
-    EXPECT_EQ(first.Wait.Result, WAIT_OBJECT_0);
+    EXPECT_EQ(first.Withdraw(), WAIT_OBJECT_0);
     // Withdrawn before it was looked at: what was granted counts.
     os::SetEvent(event);
-    os::WithdrawWait(&third.Wait);
-    EXPECT_EQ(third.Wait.Result, WAIT_OBJECT_0);
+    EXPECT_EQ(third.Withdraw(), WAIT_OBJECT_0);
     EXPECT_FALSE(third.Taken());
     // For both or neither; the mutex is this thread's then, though another one gave it.
+    std::atomic<bool> owned{false};
     std::thread owner([&] {
         EXPECT_EQ(os::WaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
-        owned = true;
-        while (owned) Pause(1);
+        for (owned = true; owned;) Pause(1);
         EXPECT_EQ(all.Told, 0);
         EXPECT_TRUE(os::ReleaseMutex(mutex));
     });
@@ -141,25 +138,19 @@ TEST(Wait, ParkedWaitsAreGrantedInTheirTurn) {
     os::SetEvent(event);
     owned = false;
     owner.join();
-    EXPECT_TRUE(all.Taken());
-    EXPECT_EQ(all.Told, 1);
-    os::WithdrawWait(&all.Wait);
-    EXPECT_EQ(all.Wait.Result, WAIT_OBJECT_0);
+    EXPECT_TRUE(all.Taken() && all.Told == 1);
+    EXPECT_EQ(all.Withdraw(), WAIT_OBJECT_0);
     EXPECT_TRUE(os::ReleaseMutex(mutex));
     // A closed handle wakes without a grant; one that is closed already is not parked, nor is one object twice.
-    const HANDLE twin = Duplicate(event);
-    EXPECT_EQ(first.Park(1, &event, FALSE), WAIT_TIMEOUT);
+    const HANDLE twin = Duplicate(event), twice[2] = {event, event};
+    EXPECT_EQ(first.Park(1, &event), WAIT_TIMEOUT);
     EXPECT_TRUE(os::CloseHandle(twin));
     EXPECT_TRUE(first.Taken());
-    os::WithdrawWait(&first.Wait);
-    EXPECT_EQ(first.Wait.Result, WAIT_TIMEOUT);
-    EXPECT_EQ(first.Park(1, &twin, FALSE), WAIT_FAILED);
-    EXPECT_EQ(os::GetLastError(), ERROR_INVALID_HANDLE);
-    const HANDLE twice[2] = {event, event};
-    EXPECT_EQ(first.Park(2, twice, TRUE), WAIT_FAILED);
-    EXPECT_EQ(os::GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(first.Withdraw(), WAIT_TIMEOUT);
+    EXPECT_TRUE(first.Park(1, &twin) == WAIT_FAILED && os::GetLastError() == ERROR_INVALID_HANDLE);
+    EXPECT_TRUE(first.Park(2, twice, TRUE) == WAIT_FAILED && os::GetLastError() == ERROR_INVALID_PARAMETER);
     const HANDLE named = os::CreateEventA(nullptr, FALSE, TRUE, "parked");
-    EXPECT_EQ(first.Park(1, &named, FALSE), os::kNotParkable);
+    EXPECT_EQ(first.Park(1, &named), os::kNotParkable);
     EXPECT_TRUE(os::CloseHandle(named));
     ExpectOnlyTheHandle(event);
 }
