@@ -1,7 +1,6 @@
-// tests/platform/base_test.cpp - slots, routines of a thread, locks and the end of the process.
+// tests/platform/base_test.cpp - slots, routines of a thread and the end of the process.
 #include "platform/base/alertable.h"
 #include "platform/base/fiber_internal.h"  // which sanitizer this build has
-#include "platform/base/spin.h"
 #include "support.h"
 
 using namespace os;
@@ -66,28 +65,6 @@ TEST(Alert, RoutinesRunInOrderAndNoneIsLostAtTheEndOfTheOwner) {
     EXPECT_EQ(ran + discarded + refused, items.size());
     EXPECT_FALSE(QueueRoutine(owner, &items[0])) << "the owner has ended";
     UnrefAlert(owner);
-}
-
-// Plain counters: a hole in the exclusion loses counts, and a race detector sees it at once.
-TEST(Lock, ExcludesUnderContentionAndWakesEverySleeper) {
-    CriticalSection section;
-    InitializeCriticalSection(&section);
-    SpinWord spin;
-    uint64_t counted = 0, spun = 0;
-    auto contend = [&] {
-        for (int i = 0; i < 20000; ++i) {
-            const int depth = i % 3 == 0 ? 2 : 1;
-            for (int j = 0; j < depth; ++j) EnterCriticalSection(&section);
-            ++counted;
-            if (i % 500 == 0) std::this_thread::yield();  // the others go to sleep on it
-            for (int j = 0; j < depth; ++j) LeaveCriticalSection(&section);
-            SpinGuard guard(spin);
-            ++spun;
-        }
-    };
-    Together(contend, contend, contend, contend, contend, contend);
-    EXPECT_TRUE(counted == 120000 && spun == 120000) << counted << " " << spun;
-    EXPECT_EQ(section.State.load(), 0u);
 }
 
 TEST(Process, ExitFlushesWhatIsFreeAndWaitsForNoLock) {

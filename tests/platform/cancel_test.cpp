@@ -1,5 +1,5 @@
-// tests/platform/cancel_test.cpp - cancelling: exactly what was asked for, before and after submission, by closing, and
-// against completion.
+// tests/platform/cancel_test.cpp - cancelling: exactly what was asked for, before and after submission, and against
+// completion. By closing: sockets and pipes.
 #include "support.h"
 
 TEST(Cancel, EndsExactlyThatOperation) {
@@ -83,27 +83,6 @@ TEST(Cancel, RacesCompletion) {
     while (read(raw, &byte, 1) == 1) got++;
     EXPECT_EQ(kRounds, got);
     EXPECT_EQ(0u, Io()->Outstanding);
-}
-
-TEST(Cancel, ClosingTheHandle) {
-    Fifo fifo;
-    const HANDLE port = NewPort();
-    char byte[8];
-    Operation a[8];
-    for (const bool byOther : {false, true}) {
-        const HANDLE pipe = fifo.Open();
-        const int before = open("/dev/null", O_RDONLY);
-        for (int i = 0; i < 8; i++) {
-            ASSERT_EQ(ERROR_IO_PENDING, a[i].Read(pipe, &byte[i], 1));
-            if (i == 3) os::SubmitIo(Io());
-        }
-        if (byOther) Together([&] { os::CloseHandle(pipe); });
-        EXPECT_NE(byOther, os::CloseHandle(pipe) != FALSE);
-        for (Operation &each : a) EXPECT_EQ(STATUS_CANCELLED, Await(port, &each.Ov)) << byOther;
-        os::TakeEndedOps(Io());
-        // With the last operation the descriptor went too: its number is free again.
-        EXPECT_LT(open("/dev/null", O_RDONLY), before);
-    }
 }
 
 // What is on a stack that goes away, and what a thread that ends leaves: nothing is written to its buffers afterwards.

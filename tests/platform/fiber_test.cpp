@@ -90,31 +90,6 @@ TEST(Fiber, SwitchCarriesControlWordsErrnoAndFiberData) {
     }
 }
 
-// Values that live in callee-saved registers and on the stack across thousands of switches among many fibers.
-TEST(Fiber, RegistersAndLocalsSurviveARingOfFibers) {
-    ConvertThreadToFiber(nullptr);
-    std::vector<Worker> ring(300);
-    for (Worker &worker : ring) {
-        worker.Start([](Worker *self) {
-            const uint64_t id = reinterpret_cast<uintptr_t>(self);
-            uint64_t a = id, b = id * 3, c = id * 5, d = id * 7, e = id * 11, f = id * 13;
-            for (uint64_t round = 1; round <= 200; ++round) {
-                self->Yield();
-                a += id, b += id, c += id, d += id, e += id, f += id;
-                asm volatile("" : "+r"(a), "+r"(b), "+r"(c), "+r"(d), "+r"(e), "+r"(f));
-            }
-            const uint64_t add = id * 200;
-            const bool kept = a == id + add && b == id * 3 + add && c == id * 5 + add && d == id * 7 + add &&
-                              e == id * 11 + add && f == id * 13 + add;
-            self->Steps = kept ? 0 : -1;
-        });
-    }
-    for (int round = 0; round <= 200; ++round) {
-        for (Worker &worker : ring) worker.Resume();
-    }
-    for (Worker &worker : ring) EXPECT_TRUE(worker.Done && worker.Steps == 0);
-}
-
 // A switch inside a catch block used to be where two fibers shared one list of caught exceptions.
 TEST(Fiber, EachFiberHasItsOwnExceptionState) {
     ConvertThreadToFiber(nullptr);

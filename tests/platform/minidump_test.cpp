@@ -155,15 +155,3 @@ TEST(Minidump, HandlesWithTypesAndNames) {
     EXPECT_EQ(seen.size(), 4u) << "and the file itself";
     EXPECT_EQ(Dump(0).Streams.count(kHandleData), 0u);
 }
-
-// Two at once, while threads come and go.
-TEST(Minidump, AtTheSameTime) {
-    std::atomic<int> left{2};
-    const auto write = [&] {
-        for (int i = 0; i < 20; i++) Dump();
-        left--;
-    };
-    Together(write, write, [&] {
-        while (left != 0) std::thread([] {}).join();
-    });
-}

@@ -330,29 +330,6 @@ TEST(Pipe, CancellingAndClosing) {
     ExpectOnlyTheHandle(server);
 }
 
-// Messages of two threads with engines of their own come whole, although neither fits into what the system buffers; and
-// two readers get each of them once.
-TEST(Pipe, WritersAndReadersDoNotMix) {
-    const HANDLE server = Create(), client = OpenEnd(FILE_FLAG_OVERLAPPED);
-    ASSERT_TRUE(SetMessages(client));
-    std::atomic<int> seen[2]{};
-    const auto run = [&](HANDLE pipe, char who) {
-        End end(How::kPort);
-        end.Use(pipe);
-        for (int i = 0; i < 40; i++) {
-            if (pipe == server) {
-                ASSERT_EQ(0u, end.Write(std::string(300000, who)));
-                continue;
-            }
-            const std::string text = end.Read(300001);
-            ASSERT_TRUE(text == std::string(300000, 'a') || text == std::string(300000, 'b')) << text.size();
-            seen[text[0] - 'a']++;
-        }
-    };
-    Together([&] { run(server, 'a'); }, [&] { run(server, 'b'); }, [&] { run(client, 0); }, [&] { run(client, 0); });
-    EXPECT_TRUE(seen[0] == 40 && seen[1] == 40) << seen[0];
-}
-
 TEST(Pipe, OtherProcesses) {
     // A server that is killed leaves the name, which is nobody's, and its clients a broken pipe.
     const pid_t server = Fork([] {

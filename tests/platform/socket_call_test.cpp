@@ -260,21 +260,3 @@ TEST(Socket, IsAHandleLikeAFile) {
     const Packet packet = Take(port, 5000);
     EXPECT_TRUE(packet.Error == 0 && packet.Bytes == 6 && packet.Key == 55 && packet.Ov == &ov);
 }
-
-TEST(Socket, ConditionsOfAnAccept) {
-    const SOCKET listener = NewListener();
-    const auto accept = [&](DWORD_PTR wanted) {
-        const auto answer = [](LPWSABUF caller, LPWSABUF, LPQOS, LPQOS, LPWSABUF callee, LPWSABUF, GROUP *,
-                               DWORD_PTR data) {
-            return caller->len == 16 && callee->len == 16 ? static_cast<int>(data) : -1;
-        };
-        return SocketError(os::WSAAccept(listener, nullptr, nullptr, answer, wanted));
-    };
-    const SOCKET refused = ConnectTo(listener);
-    EXPECT_EQ(WSAECONNREFUSED, accept(CF_REJECT));
-    char byte;
-    EXPECT_EQ(WSAECONNRESET, SocketError(os::recv(refused, &byte, 1, 0)));
-    ConnectTo(listener);
-    EXPECT_EQ(WSATRY_AGAIN, accept(CF_DEFER));
-    EXPECT_EQ(0u, accept(CF_ACCEPT)) << "still there";
-}

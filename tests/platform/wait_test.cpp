@@ -155,29 +155,4 @@ TEST(Wait, ParkedWaitsAreGrantedInTheirTurn) {
     ExpectOnlyTheHandle(event);
 }
 
-// Threads take overlapping sets of locks in every order. Taking them one by one would deadlock.
-TEST(Wait, OverlappingSetsNeitherDeadlockNorOverlap) {
-    HANDLE locks[3] = {os::CreateMutexA(nullptr, FALSE, nullptr), os::CreateSemaphoreA(nullptr, 1, 1, nullptr),
-                       os::CreateEventA(nullptr, FALSE, TRUE, nullptr)};
-    auto release = [&](int which) {
-        return which == 0   ? os::ReleaseMutex(locks[0])
-               : which == 1 ? os::ReleaseSemaphore(locks[1], 1, nullptr)
-                            : os::SetEvent(locks[2]);
-    };
-    std::atomic<int> holders[3] = {};
-    auto worker = [&](std::vector<int> order) {
-        HANDLE set[3];
-        for (size_t i = 0; i < order.size(); i++) set[i] = locks[order[i]];
-        for (int round = 0; round < 4000; round++) {
-            ASSERT_EQ(os::WaitForMultipleObjects(static_cast<DWORD>(order.size()), set, TRUE, INFINITE), WAIT_OBJECT_0);
-            for (int which : order) ASSERT_EQ(holders[which].fetch_add(1), 0);
-            if (round % 128 == 0) std::this_thread::yield();
-            for (int which : order) holders[which]--;
-            for (int which : order) ASSERT_TRUE(release(which));
-        }
-    };
-    Together([&] { worker({0, 1}); }, [&] { worker({1, 2}); }, [&] { worker({2, 0, 1}); }, [&] { worker({2}); });
-    EXPECT_EQ(os::WaitForMultipleObjects(3, locks, TRUE, 0), WAIT_OBJECT_0);
-}
-
 }  // namespace
