@@ -2,7 +2,6 @@
 // operating system's. What a damaged log or checkpoint does: tests/fuzz.
 #include <gtest/gtest.h>
 
-#include <map>
 #include <random>
 #include <set>
 
@@ -67,33 +66,15 @@ TEST_F(Tables, ScanSeesWhatStays) {
     EXPECT_TRUE(std::equal(seen.begin(), seen.end(), stays.begin(), stays.end())) << seen.size();
 }
 
-TEST_F(Tables, ModelAndExpiry) {
-    std::mt19937 random(5);
-    std::map<std::string, std::string> model;
-    for (int i = 0; i < 200000; i++) {
-        const std::string key = "k" + std::to_string(random() % 5000);
-        if (random() % 3 != 0) {
-            const std::string value(random() % 20, 'v');
-            Put(key, value);
-            model[key] = value;
-        } else {
-            if (Entry *const entry = Find(key); entry != nullptr) RemoveEntry(ShardOfKey(key), entry, 0);
-            model.erase(key);
-        }
-    }
-    ASSERT_EQ(KeyCount(), model.size());
-    for (const auto &[key, value] : model) ASSERT_EQ(Find(key)->Val->View(), value);
-    // A key whose time is over is not found, and the sweep finds those that nobody asks for.
+// A key whose time is over is not found, and the sweep finds those that nobody asks for.
+TEST_F(Tables, Expiry) {
     for (int i = 0; i < 1000; i++) Put("old" + std::to_string(i), "v", NowMs() - 1);
     for (int i = 0; i < 1000; i++) Put("late" + std::to_string(i), "v", NowMs() + 100000);
     EXPECT_EQ(Find("old7"), nullptr);
-    uint64_t swept = 0;
+    uint64_t swept = 0, expiring = 0;
     for (int i = 0; i < 100; i++) swept += SweepExpired();
-    EXPECT_EQ(swept, 999u);
-    EXPECT_EQ(KeyCount(), model.size() + 1000);
-    uint64_t expiring = 0;
     for (const Shard &shard : gShards) expiring += shard.Expiring;
-    EXPECT_EQ(expiring, 1000u);
+    EXPECT_TRUE(swept == 999 && expiring == 1000 && KeyCount() == 1000) << swept << " " << expiring;
 }
 
 }  // namespace
