@@ -9,14 +9,15 @@ TEST(Backend, OneThreadWithoutARing) {
     os::FailCall("io_uring_setup", 1, ERROR_NOT_ENOUGH_MEMORY);
     Scratch file(16384);
     Fifo fifo;
-    const HANDLE port = NewPort(), direct = file.Open(kDirect), pipe = fifo.Open();
+    const HANDLE port = NewPort(), direct = file.Open(FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING),
+                 pipe = fifo.Open();
     EXPECT_EQ(Io()->TaskMask, 1u) << "the ring was not refused";
-    Pages pages(8192);
+    alignas(4096) static char pages[8192];
     char byte = 0;
     Operation read, get, put;
-    ASSERT_EQ(ERROR_IO_PENDING, read.Read(direct, pages.Data, 8192, 8192));
+    ASSERT_EQ(ERROR_IO_PENDING, read.Read(direct, pages, 8192, 8192));
     EXPECT_EQ(STATUS_SUCCESS, Await(port, &read.Ov));
-    EXPECT_TRUE(HasPattern(pages.Data, 8192, 8192));
+    EXPECT_TRUE(std::string(pages, 8192) == Pattern(8192, 8192));
     // The descriptor was opened for rings, which wait in the kernel; this thread must not.
     ASSERT_EQ(ERROR_IO_PENDING, get.Read(pipe, &byte, 1));
     if (put.Write(pipe, "n", 1) != 0) Await(port, &put.Ov);

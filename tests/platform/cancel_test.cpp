@@ -18,7 +18,7 @@ TEST(Cancel, EndsExactlyThatOperation) {
     EXPECT_TRUE(os::CancelIoEx(pipe, &a[1].Ov));
     EXPECT_EQ(STATUS_PENDING, os::LoadStatus(&a[1].Ov)) << "final only when it is reaped";
     EXPECT_EQ(STATUS_CANCELLED, Await(port, &a[1].Ov));
-    EXPECT_EQ(FailureOf(os::CancelIoEx(pipe, &a[1].Ov)), ERROR_NOT_FOUND);
+    EXPECT_EQ(ErrorOf(os::CancelIoEx(pipe, &a[1].Ov)), ERROR_NOT_FOUND);
     // The two that are left share what comes, the older one first.
     Operation put;
     const auto write = [&](const char *text) {

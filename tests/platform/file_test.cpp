@@ -4,7 +4,7 @@
 namespace {
 
 DWORD Lock(HANDLE file, DWORD flags, DWORD offset, DWORD length, Operation *a) {
-    return FailureOf(os::LockFileEx(file, flags, 0, length, 0, a->At(offset)));
+    return ErrorOf(os::LockFileEx(file, flags, 0, length, 0, a->At(offset)));
 }
 
 bool TryLock(HANDLE file, DWORD offset, DWORD length, DWORD kind = LOCKFILE_EXCLUSIVE_LOCK) {

@@ -1,4 +1,5 @@
-// tests/platform/port_test.cpp - ports: order and number of packets, wake-ups of a blocked owner, closing.
+// tests/platform/port_test.cpp - ports: order and number of packets, wake-ups of a blocked owner, closing, and what
+// needs no packet.
 #include "support.h"
 
 TEST(Port, PostersKeepTheirOrderAndLoseNothing) {
@@ -78,25 +79,6 @@ TEST(Port, ARecordIsQueuedOnceAndCounted) {
     EXPECT_EQ(0u, a.Op.PacketsQueued);
 }
 
-TEST(Port, LowBitOfTheEventKeepsThePacketAway) {
-    Scratch file(65536);
-    const HANDLE port = NewPort(), handle = file.Open(), event = os::CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    ASSERT_EQ(port, os::CreateIoCompletionPort(handle, port, 1, 0));
-    char buffer[4096];
-    Operation a;
-    a.Ov.hEvent = reinterpret_cast<HANDLE>(reinterpret_cast<uintptr_t>(event) | 1);
-    // At once and later: then the wait comes back for it although there is no packet.
-    for (const DWORD answer : {DWORD{0}, DWORD{ERROR_IO_PENDING}}) {
-        os::ResetEvent(event);
-        os::CurrentThreadBlock()->InlineBudget = answer == 0 ? 1 : 0;
-        ASSERT_EQ(answer, a.Read(handle, buffer, 4096, 8192));
-        EXPECT_EQ(nullptr, Take(port, answer == 0 ? 0 : 20000).Ov);
-        EXPECT_EQ(STATUS_SUCCESS, os::LoadStatus(&a.Ov));
-        EXPECT_EQ(WAIT_OBJECT_0, os::WaitForSingleObject(event, 0));
-    }
-    EXPECT_TRUE(HasPattern(buffer, 8192, 4096));
-}
-
 // The file is bound to another thread's port: the operation ends here, its packet arrives there.
 TEST(Port, PacketsFollowTheHandleToItsPortAndAClosedPortEndsTheWait) {
     Scratch file(65536);
@@ -125,4 +107,28 @@ TEST(Port, PacketsFollowTheHandleToItsPortAndAClosedPortEndsTheWait) {
     owner.join();
     EXPECT_EQ(0u, a.Read(handle, buffer, 100));
     EXPECT_EQ(0u, a.Op.PacketsQueued);
+}
+
+TEST(Port, CachedReadsFinishAtOnceUntilTheBudgetIsSpent) {
+    Scratch file(1 << 20);
+    const HANDLE port = NewPort(), handle = file.Open();
+    char buffer[8192];
+    Operation a;
+    os::CurrentThreadBlock()->InlineBudget = os::kInlineIoBudget;
+    for (int round = 0; round < 2; round++) {
+        for (uint32_t i = 0; i < 64; i++) {
+            ASSERT_EQ(0u, a.Read(handle, buffer, 8192, i * 8192)) << i;
+            ASSERT_TRUE(a.Got == 8192 && a.Ov.InternalHigh == 8192 && os::LoadStatus(&a.Ov) == STATUS_SUCCESS);
+            ASSERT_TRUE(memcmp(buffer, Pattern(8192, i * 8192).data(), 8192) == 0);
+        }
+        EXPECT_EQ(nullptr, os::TakeEndedOps(Io()));
+        // The 65th could, but others must have their turn.
+        ASSERT_EQ(ERROR_IO_PENDING, a.Read(handle, buffer, 8192, 77824));
+        EXPECT_TRUE(a.Got == 0 && Io()->Outstanding == 1);
+        EXPECT_EQ(ERROR_IO_INCOMPLETE, ErrorOf(os::GetOverlappedResult(handle, &a.Ov, &a.Got, FALSE)));
+        EXPECT_EQ(STATUS_SUCCESS, Await(port, &a.Ov));
+        EXPECT_TRUE(memcmp(buffer, Pattern(8192, 77824).data(), 8192) == 0);
+        EXPECT_EQ(&a.Op, os::TakeEndedOps(Io()));
+        EXPECT_EQ(0u, Io()->Outstanding);
+    }
 }

@@ -2,18 +2,15 @@
 #ifndef ZVX_TESTS_PLATFORM_SOCKET_SUPPORT_H
 #define ZVX_TESTS_PLATFORM_SOCKET_SUPPORT_H
 
-#include <dirent.h>
 #include <netinet/in.h>
+
+#include <filesystem>
 
 #include "platform/os_socket.h"
 #include "support.h"
 
-inline int OpenDescriptors() {
-    int count = 0;
-    DIR *directory = opendir("/proc/self/fd");
-    while (readdir(directory) != nullptr) count++;
-    closedir(directory);
-    return count;
+inline ptrdiff_t OpenDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 inline sockaddr_in Loopback(uint16_t port = 0) {
@@ -85,14 +82,14 @@ struct SocketOperation : Operation {
         return Send(s, &one, 1);
     }
     DWORD Accept(SOCKET listener, SOCKET fresh) {
-        return FailureOf(os::AcceptEx(listener, fresh, Areas, 0, 32, 32, &Got, &Ov, &Op));
+        return ErrorOf(os::AcceptEx(listener, fresh, Areas, 0, 32, 32, &Got, &Ov, &Op));
     }
     // The error with which it ends, which is waited for when the answer was pending.
     DWORD End(HANDLE port, DWORD answer) {
         DWORD flags = 0;
         if (answer == ERROR_IO_PENDING) Await(port, &Ov);
         os::TakeEndedOps(Io());
-        return answer != ERROR_IO_PENDING ? answer : FailureOf(os::WSAGetOverlappedResult(0, &Ov, &Got, FALSE, &flags));
+        return answer != ERROR_IO_PENDING ? answer : ErrorOf(os::WSAGetOverlappedResult(0, &Ov, &Got, FALSE, &flags));
     }
 };
 

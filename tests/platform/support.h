@@ -10,7 +10,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <set>
@@ -47,11 +46,11 @@ void Together(Bodies... bodies) {
 }
 
 // The error of a call that failed, 0 of one that did not.
-inline DWORD FailureOf(BOOL done) {
+inline DWORD ErrorOf(BOOL done) {
     return done ? 0 : os::GetLastError();
 }
-inline DWORD FailureOf(HANDLE made) {
-    return FailureOf(static_cast<BOOL>(made != nullptr));
+inline DWORD ErrorOf(HANDLE made) {
+    return made == nullptr || made == INVALID_HANDLE_VALUE ? os::GetLastError() : 0;
 }
 
 inline HANDLE Duplicate(HANDLE handle) {
@@ -75,21 +74,14 @@ ChildResult RunChild(Body body) {
     return RunInChild(body, 0, true);
 }
 
-constexpr DWORD kDirect = FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING;
-
 // Bytes that tell their own place.
-inline char PatternByte(uint64_t offset) {
-    return static_cast<char>(offset / 4 * 2654435761u >> offset % 4 * 8);
-}
-
 inline std::string Pattern(size_t bytes, uint64_t offset = 0) {
     std::string text(bytes, 0);
-    for (size_t i = 0; i < bytes; i++) text[i] = PatternByte(offset + i);
+    for (char &byte : text) {
+        byte = static_cast<char>(offset / 4 * 2654435761u >> offset % 4 * 8);
+        offset++;
+    }
     return text;
-}
-
-inline bool HasPattern(const void *buffer, uint64_t offset, size_t bytes) {
-    return memcmp(buffer, Pattern(bytes, offset).data(), bytes) == 0;
 }
 
 // A name in the working directory (a real disk, so that direct transfers work), removed at the end.
@@ -119,14 +111,6 @@ struct Fifo : Scratch {
     Fifo() { EXPECT_EQ(0, mkfifo(Name.c_str(), 0600)); }
 };
 
-// Memory for direct transfers.
-struct Pages {
-    char *Data;
-    explicit Pages(size_t bytes) : Data(static_cast<char *>(aligned_alloc(4096, (bytes + 4095) & ~size_t{4095}))) {}
-    ~Pages() { free(Data); }
-    Pages(const Pages &) = delete;
-};
-
 // A record as the library embeds it.
 struct Operation {
     OVERLAPPED Ov{};
@@ -141,10 +125,10 @@ struct Operation {
     }
     // 0 when it is done, or the error, which is ERROR_IO_PENDING when it ends later.
     DWORD Read(HANDLE file, void *buffer, DWORD bytes, uint64_t offset = 0) {
-        return FailureOf(os::ReadFile(file, buffer, bytes, &Got, At(offset), &Op));
+        return ErrorOf(os::ReadFile(file, buffer, bytes, &Got, At(offset), &Op));
     }
     DWORD Write(HANDLE file, const void *buffer, DWORD bytes, uint64_t offset = 0) {
-        return FailureOf(os::WriteFile(file, buffer, bytes, &Got, At(offset), &Op));
+        return ErrorOf(os::WriteFile(file, buffer, bytes, &Got, At(offset), &Op));
     }
 };
 

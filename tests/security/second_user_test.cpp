@@ -75,17 +75,11 @@ std::string Contents(const std::string &path) {
     std::ifstream file(path);
     return {std::istreambuf_iterator<char>(file), {}};
 }
-void WriteFileOf(const std::string &path, const char *text) {
-    EXPECT_TRUE(std::ofstream(path) << text << std::flush) << path;
-}
 mode_t ModeOf(const std::string &path) {
     struct stat info {};
     return lstat(path.c_str(), &info) == 0 ? info.st_mode : 0;
 }
 
-DWORD ErrorOf(HANDLE handle) {
-    return handle == INVALID_HANDLE_VALUE ? os::GetLastError() : 0;
-}
 const char kPipe[] = "\\\\.\\pipe\\zvx-second-user";
 HANDLE Serve(DWORD flags, DWORD instances, SECURITY_ATTRIBUTES *security) {
     return os::CreateNamedPipeA(kPipe, PIPE_ACCESS_DUPLEX | flags, PIPE_TYPE_MESSAGE, instances, 0, 0, 0, security);
@@ -108,10 +102,10 @@ SECURITY_ATTRIBUTES *Everybody() {
 // of one's own behind his link, is opened.
 TEST_F(SecondUser, ATableOfNamesThatSomebodyElsePutThere) {
     const std::string own = In("own");
-    As(kVictim, [&] { WriteFileOf(own, "mine"); });
+    As(kVictim, [&] { std::ofstream(own) << "mine"; });
     chmod(own.c_str(), 0600);
     const auto lay = [&](const std::string &kind) {
-        if (kind == "file") return WriteFileOf(Table, "his");
+        if (kind == "file") return static_cast<void>(std::ofstream(Table) << "his");
         EXPECT_EQ(0, kind == "link"     ? symlink(own.c_str(), Table.c_str())
                      : kind == "folder" ? mkdir(Table.c_str(), 0777)
                                         : mkfifo(Table.c_str(), 0666));
@@ -120,9 +114,9 @@ TEST_F(SecondUser, ATableOfNamesThatSomebodyElsePutThere) {
         SCOPED_TRACE(kind);
         As(kEnemy, [&] { lay(kind); });
         As(kVictim, [] {
-            EXPECT_EQ(ERROR_ACCESS_DENIED, FailureOf(os::CreateMutexA(nullptr, TRUE, "once")));
-            EXPECT_EQ(ERROR_ACCESS_DENIED, FailureOf(os::OpenMutexA(0, FALSE, "once")));
-            EXPECT_EQ(0u, FailureOf(os::CreateMutexA(nullptr, TRUE, nullptr))) << "one without a name";
+            EXPECT_EQ(ERROR_ACCESS_DENIED, ErrorOf(os::CreateMutexA(nullptr, TRUE, "once")));
+            EXPECT_EQ(ERROR_ACCESS_DENIED, ErrorOf(os::OpenMutexA(0, FALSE, "once")));
+            EXPECT_EQ(0u, ErrorOf(os::CreateMutexA(nullptr, TRUE, nullptr))) << "one without a name";
         });
         EXPECT_TRUE(kind != "file" || Contents(Table) == "his");
         EXPECT_EQ("mine", Contents(own));
@@ -135,7 +129,7 @@ TEST_F(SecondUser, ATableOfNamesThatSomebodyElsePutThere) {
 TEST_F(SecondUser, AUsersTableIsOutOfReach) {
     const As victim(kVictim, [] {
         const HANDLE event = os::CreateEventA(nullptr, TRUE, FALSE, "Global\\signal");
-        ASSERT_EQ(0u, FailureOf(event));
+        ASSERT_EQ(0u, ErrorOf(event));
         ASSERT_TRUE(os::SharedNamesReady());
     });
     EXPECT_EQ(S_IFREG | 0600u, ModeOf(Table)) << "whatever the umask";
@@ -147,14 +141,14 @@ TEST_F(SecondUser, AUsersTableIsOutOfReach) {
         EXPECT_EQ(-1, truncate(Table.c_str(), 0));
         EXPECT_EQ(-1, unlink(Table.c_str()));
         EXPECT_EQ(-1, rename(Table.c_str(), "/dev/shm/zvx-moved"));
-        EXPECT_EQ(ERROR_FILE_NOT_FOUND, FailureOf(os::OpenEventA(0, FALSE, "Global\\signal")));
+        EXPECT_EQ(ERROR_FILE_NOT_FOUND, ErrorOf(os::OpenEventA(0, FALSE, "Global\\signal")));
         const HANDLE own = os::CreateEventA(nullptr, TRUE, FALSE, "signal");
         EXPECT_EQ(ERROR_SUCCESS, os::GetLastError()) << "a name of his own";
         EXPECT_TRUE(os::SetEvent(own));
     });
     As(kVictim, [] {
         const HANDLE event = os::OpenEventA(0, FALSE, "signal");
-        ASSERT_EQ(0u, FailureOf(event));
+        ASSERT_EQ(0u, ErrorOf(event));
         EXPECT_EQ(WAIT_TIMEOUT, os::WaitForSingleObject(event, 0));
     });
 }
@@ -225,7 +219,7 @@ TEST_F(SecondUser, LocksOnAPipeThatIsEverybodys) {
                     client = Connect();
                 if (client == INVALID_HANDLE_VALUE) _exit(8);
             });
-            const DWORD error = FailureOf(os::ConnectNamedPipe(another, nullptr));
+            const DWORD error = ErrorOf(os::ConnectNamedPipe(another, nullptr));
             EXPECT_TRUE(error == 0 || error == ERROR_PIPE_CONNECTED) << error;
             comer.join();
             EXPECT_TRUE(os::DisconnectNamedPipe(another));
@@ -249,7 +243,7 @@ TEST_F(SecondUser, DumpsAndLogsInAFolderThatOthersWriteTo) {
         return stream != nullptr && fputs("line", stream) >= 0 && fclose(stream) == 0;
     };
     As(kVictim, [&] {
-        WriteFileOf(own, "mine");
+        std::ofstream(own) << "mine";
         EXPECT_TRUE(dump(mine + ".dmp"));
         for (int i = 0; i < 2; i++) EXPECT_TRUE(log(mine + ".log")) << "a second process adds to it";
         EXPECT_EQ(0, symlink(own.c_str(), (mine + ".old").c_str()));
@@ -260,7 +254,7 @@ TEST_F(SecondUser, DumpsAndLogsInAFolderThatOthersWriteTo) {
     As(kEnemy, [&] {
         EXPECT_EQ(0, symlink(own.c_str(), (laid + ".link").c_str()));
         EXPECT_EQ(0, mkfifo((laid + ".fifo").c_str(), 0666));
-        WriteFileOf(laid + ".file", "");
+        std::ofstream(laid + ".file") << "";
         chmod((laid + ".file").c_str(), 0666);
     });
     ASSERT_EQ(0, ::link(own.c_str(), (laid + ".hard").c_str())) << "by the superuser, as kernels allow it anybody";
