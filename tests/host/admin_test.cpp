@@ -34,7 +34,6 @@ TEST_P(Admin, CommandsClientsThatGoAndClientsThatStay) {
     EXPECT_NE(Ask("info\n").find("process_id:" + std::to_string(Host.Child)), std::string::npos);
     EXPECT_EQ("!234", Ask("info", 10)) << "the answer does not fit";
     EXPECT_EQ("unknown command", Ask("drop everything"));
-    EXPECT_EQ("unknown command", Ask(""));
     EXPECT_EQ("request too long", Ask(std::string(100000, 'x')));
     EXPECT_EQ("not available", Ask("migrate-lgwr"));
     if (GetParam().Io != nullptr) {
@@ -44,22 +43,19 @@ TEST_P(Admin, CommandsClientsThatGoAndClientsThatStay) {
     EXPECT_EQ("started", Ask("checkpoint"));
     EXPECT_TRUE(Await([&] { return Ask("info").find("\ncheckpoints:1\r") != std::string::npos; }));
     // Clients that leave at every possible point, and then two that sit on both instances and say nothing.
+    HANDLE silent[2];
+    DWORD moved = 0;
     for (int i = 0; i < 60; i++) {
         ASSERT_TRUE(WaitNamedPipeA(Name.c_str(), 10000));
         const HANDLE pipe = Open();
-        DWORD put = 0;
-        if (i % 3 != 0) WriteFile(pipe, "sessions", 8, &put, nullptr);
+        if (i % 3 != 0) WriteFile(pipe, "sessions", 8, &moved, nullptr);
         if (i % 3 == 2) usleep(static_cast<useconds_t>(i * 20));
         CloseHandle(pipe);
     }
-    HANDLE silent[2];
-    for (HANDLE &pipe : silent) {
-        ASSERT_TRUE(Await([&] { return (pipe = Open()) != INVALID_HANDLE_VALUE; }));
-    }
+    for (HANDLE &pipe : silent) ASSERT_TRUE(Await([&] { return (pipe = Open()) != INVALID_HANDLE_VALUE; }));
     EXPECT_NE("!121", Ask("info")) << "the monitor has made room";
-    char text[8];
-    DWORD got = 0;
-    for (const HANDLE pipe : silent) EXPECT_TRUE(ReadFile(pipe, text, 8, &got, nullptr) == FALSE && CloseHandle(pipe));
+    char byte;
+    for (const HANDLE pipe : silent) EXPECT_TRUE(!ReadFile(pipe, &byte, 1, &moved, nullptr) && CloseHandle(pipe));
     // A second server under the same name is refused, and the name goes with a server that is killed.
     EXPECT_EQ("shutting down", Ask("shutdown"));
     EXPECT_EQ(0, Host.AwaitEnd());

@@ -16,10 +16,7 @@ namespace {
 // What a restart may show of each key; "nil" for no key.
 using Model = std::map<std::string, std::set<std::string>>;
 
-struct Write {
-    std::vector<std::string> Words;
-    std::map<std::string, std::string> After;  // what each key is when it is done
-};
+using After = std::map<std::string, std::string>;  // what each key is when a write is done
 
 // One client's load until the server is gone. Up to 16 writes are under way at a time.
 void Load(const Server &host, size_t number, unsigned seed, Model *model, std::atomic<uint64_t> *acknowledged) {
@@ -28,27 +25,24 @@ void Load(const Server &host, size_t number, unsigned seed, Model *model, std::a
     uint64_t serial = uint64_t{seed} << 20;
     for (;;) {
         std::string text;
-        std::vector<Write> writes;
+        std::vector<After> writes;
         const size_t count = random() % 4 == 0 ? 1 + random() % 16 : 1;
         for (size_t i = 0; i < count; i++) {
             const std::string id = std::to_string(number) + ":" + std::to_string(random() % 40);
             const std::string value =
                 std::to_string(++serial) + std::string(random() % 8 == 0 ? random() % 20000 : 5, 'v');
-            Write write;
-            switch (random() % 8) {
-                case 0: write = {{"DEL", "s" + id}, {{"s" + id, "nil"}}}; break;
-                case 1:
-                case 2:
-                    write = {{"MSET", "a" + id, value, "b" + id, value},
-                             {{"a" + id, "$" + value}, {"b" + id, "$" + value}}};
-                    break;
-                case 3: write = {{"SET", "s" + id, value, "EX", "1000"}, {{"s" + id, "$" + value}}}; break;
-                default: write = {{"SET", "s" + id, value}, {{"s" + id, "$" + value}}}; break;
-            }
-            text += Request(write.Words);
-            writes.push_back(write);
-            for (const auto &[key, after] : write.After)
-                model->try_emplace(key, Model::mapped_type{"nil"}).first->second.insert(after);
+            std::vector<std::string> words{"SET", "s" + id, value};
+            After after{{"s" + id, "$" + value}};
+            const unsigned kind = random() % 8;
+            if (kind == 0) words = {"DEL", "s" + id}, after = {{"s" + id, "nil"}};
+            if (kind == 1) words.insert(words.end(), {"EX", "1000"});
+            if (kind == 2 || kind == 3)
+                words = {"MSET", "a" + id, value, "b" + id, value},
+                after = {{"a" + id, "$" + value}, {"b" + id, "$" + value}};
+            text += Request(words);
+            writes.push_back(after);
+            for (const auto &[key, now] : after)
+                model->try_emplace(key, Model::mapped_type{"nil"}).first->second.insert(now);
         }
         if (!client.Send(text)) return;
         for (size_t i = 0; i < writes.size(); i++) {
@@ -58,11 +52,10 @@ void Load(const Server &host, size_t number, unsigned seed, Model *model, std::a
             acknowledged->fetch_add(1);
         }
         // All of it is acknowledged: for each key only the last write remains.
-        std::map<std::string, std::string> last;
-        for (const Write &write : writes) {
-            for (const auto &[key, after] : write.After) last[key] = after;
-        }
-        for (const auto &[key, after] : last) (*model)[key] = {after};
+        After last;
+        for (const After &each : writes)
+            for (const auto &[key, now] : each) last[key] = now;
+        for (const auto &[key, now] : last) (*model)[key] = {now};
     }
 }
 

@@ -80,7 +80,7 @@ TEST_P(Faulty, OneFailedWrite) {
     }
 }
 
-// What was durable and cannot be read keeps the server from starting; a torn end does not.
+// What was durable and cannot be read keeps the server from starting; a torn end does not. Checkpoints: tests/fuzz.
 TEST_P(Faulty, DamagedLog) {
     ASSERT_TRUE(Host.Start()) << Host.Text();
     {
@@ -103,26 +103,6 @@ TEST_P(Faulty, DamagedLog) {
         EXPECT_EQ(client.Ask("SET key19 again"), "+OK");
         Host.Kill();
     }
-}
-
-TEST_P(Faulty, DamagedCheckpoint) {
-    ASSERT_TRUE(Host.Start({"--checkpoint", "100000"})) << Host.Text();
-    {
-        Client client(Host);
-        for (int i = 0; i < 3000; i++) client.Send(Request({"SET", "key" + std::to_string(i), std::string(200, 'v')}));
-        for (int i = 0; i < 3000; i++) ASSERT_EQ(client.Answer(), "+OK");
-        ASSERT_EQ(client.Ask({"SET", "large", std::string(1 << 20, 'L')}), "+OK");
-        EXPECT_TRUE(Await([&] { return Figure(client, "checkpoints") >= 1; }));
-        EXPECT_TRUE(Await([&] { return Figure(client, "checkpoint_in_progress") == 0; }));
-    }
-    Host.Kill();
-    Refuses("data.ckpt", 100, "data.ckpt: offset 0: wrong checksum");
-    Refuses("data.ckpt", 8192 * 3 + 4000, "data.ckpt: offset 24576: wrong checksum");
-    ASSERT_TRUE(Host.Start()) << Host.Text();
-    Client client(Host);
-    EXPECT_EQ(client.Ask("DBSIZE"), ":3001");
-    EXPECT_EQ(client.Ask("GET key2999"), "$" + std::string(200, 'v'));
-    EXPECT_EQ(client.Ask("STRLEN large"), ":1048576");
 }
 
 }  // namespace

@@ -44,20 +44,11 @@ TEST(Parser, WhatIsRefused) {
 
 TEST(Glob, Patterns) {
     // A pattern, texts that match it, and after a | texts that do not.
-    const char *const cases[] = {"a*c abbc | abb",
-                                 "h?llo hallo | hllo",
-                                 "h[ae]llo hello hallo | hillo",
-                                 "h[^e]llo hallo | hello",
-                                 "[a-c]x ax bx cx | dx",
-                                 "[c-a]x bx | dx",
-                                 "\\* * | a",
-                                 "[\\]] ] | a",
-                                 "**a**b xaxb | xa",
-                                 "*. a. | a.b",
-                                 "[a a | b",
-                                 "a\\ a\\ | a",
-                                 "user:*:x user:1:2:x | user:1"};
-    for (const char *line : cases) {
+    std::istringstream cases(
+        "a*c abbc | abb\n h?llo hallo | hllo\n h[ae]llo hello hallo | hillo\n h[^e]llo hallo | hello\n "
+        "[a-c]x ax bx cx | dx\n [c-a]x bx | dx\n \\* * | a\n [\\]] ] | a\n **a**b xaxb | xa\n *. a. | a.b\n "
+        "[a a | b\n a\\ a\\ | a\n user:*:x user:1:2:x | user:1\n");
+    for (std::string line; std::getline(cases, line);) {
         std::istringstream words(line);
         std::string pattern, text;
         bool matches = true;

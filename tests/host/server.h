@@ -12,7 +12,6 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -48,14 +47,6 @@ inline std::string ReadWhole(const std::string &path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-// To as many as this user may have; the number of them.
-inline rlim_t RaiseDescriptorLimit() {
-    rlimit files{};
-    getrlimit(RLIMIT_NOFILE, &files);
-    files.rlim_cur = files.rlim_max;
-    return setrlimit(RLIMIT_NOFILE, &files) == 0 ? files.rlim_max : 0;
-}
-
 template <typename Condition>
 bool Await(Condition condition) {
     for (int i = 0; i < 2400; i++) {
@@ -75,7 +66,6 @@ struct Server {
         std::filesystem::remove_all(Folder);
     }
     Server(const Server &) = delete;
-    Server &operator=(const Server &) = delete;
 
     // False when the process ended before it was ready; Text() says why.
     bool Start(const std::vector<std::string> &arguments = {}, const char *failPoint = nullptr) {
@@ -88,18 +78,16 @@ struct Server {
         std::vector<char *> argv;
         for (std::string &text : all) argv.push_back(text.data());
         argv.push_back(nullptr);
-        std::filesystem::remove(out);
+        const int file = open(out.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_APPEND | O_CLOEXEC, 0600);
         Child = fork();
         if (Child == 0) {
-            const int file = open(out.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
-            dup2(file, 1);
-            dup2(file, 2);
+            for (const int to : {1, 2}) dup2(file, to);
             if (Is.Io != nullptr) setenv("ZVXKVT_IO", Is.Io, 1);
             if (failPoint != nullptr) setenv("ZVXKVT_FAIL", failPoint, 1);
-            RaiseDescriptorLimit();
             execv(argv[0], argv.data());
             _exit(127);
         }
+        close(file);
         Port = 0;
         Await([&] {
             const std::string text = Text();
@@ -165,7 +153,6 @@ struct Client {
     }
     ~Client() { fclose(In); }
     Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
 
     bool Send(std::string_view bytes) {
         while (!bytes.empty()) {

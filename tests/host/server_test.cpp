@@ -1,8 +1,5 @@
 // tests/host/server_test.cpp - the server as clients see it: commands, pipelines, bad input, limits, its end.
-#include <deque>
-
 #include "server.h"
-#include "support/sanitizers.h"
 
 namespace keyhost_test {
 namespace {
@@ -91,26 +88,6 @@ TEST_P(Serving, PipelinesAndInline) {
     bad.Send("PING\r\n*1\r\n*1\r\n*1\r\n$4\r\nPING\r\n");
     for (const char *answer : {"+PONG", "-ERR Protocol error: expected '$', got '*'"}) EXPECT_EQ(bad.Answer(), answer);
     EXPECT_TRUE(bad.AwaitClose());
-}
-
-// Ten thousand clients at a time, a thousand more refused, and every one of the first is still served.
-TEST_P(Serving, TenThousandConnections) {
-    if (GetParam().Argument != nullptr) GTEST_SKIP() << "ten thousand kernel threads are not what is tested";
-    if (RaiseDescriptorLimit() < 11000) GTEST_SKIP() << "no permission for so many descriptors";
-    ASSERT_TRUE(Host.Start({"--durability", "everysec"})) << Host.Text();
-    std::deque<Client> clients;
-    for (int i = 0; i < 10000; i++) ASSERT_TRUE(clients.emplace_back(Host).Connected) << i;
-    for (Client &client : clients) ASSERT_EQ(client.Ask("PING"), "+PONG");
-    long total = 0, pages = 0;
-    std::ifstream("/proc/" + std::to_string(Host.Child) + "/statm") >> total >> pages;
-    for (int i = 0; i < 1000; i++) {
-        const std::string answer = Client(Host).Answer();
-        ASSERT_TRUE(answer == "-ERR max number of clients reached" || answer == "closed") << answer;
-    }
-    for (Client &client : clients) ASSERT_EQ(client.Ask("INCR n").substr(0, 1), ":");
-    EXPECT_EQ(clients[0].Ask("GET n"), "$10000");
-    // Its shadow of every byte counts as resident.
-    EXPECT_TRUE(kThreadSanitizer || pages * 4 / 10000 < 24) << pages * 4 << " KiB of all sessions";
 }
 
 // Asked to end, the server ends with everything in its place: by signal and by command.
