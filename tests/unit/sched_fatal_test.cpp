@@ -3,6 +3,7 @@
 #include "alloc/alloc.h"
 #include "child.h"
 #include "kernel/critsec.h"
+#include "kernel/file.h"
 #include "postwait/postwait.h"
 #include "sched/startup.h"
 #include "sched_fixture.h"
@@ -59,8 +60,14 @@ TEST(SchedFatal, EachEndHasItsText) {
          }},
         {"ProcessIOCPMessage: Invalid Overlapped[0x",
          [](Fiber *F) { os::PostQueuedCompletionStatus(SchedOf(F)->Port, 0, 0x10, &stray.Ov); }},
-        {"Unknown affinity for null sched\n",
-         [](Fiber *) { SetSchedThreadAffinityAndPriority(os::GetCurrentThread(), nullptr, true, 1, 1, false); }},
+        {"ZReadFile: NOT WRAPPED SOCKET\n",
+         [](Fiber *F) {
+             ReadFile(HandleValue(NewEntry(SchedOf(F), PHAND_HTYPE_socket)), nullptr, 1, nullptr, nullptr);
+         }},
+        {"ZWriteFileEx NOT WRAPPED SOCKET\n",
+         [](Fiber *F) {
+             WriteFileEx(HandleValue(NewEntry(SchedOf(F), PHAND_HTYPE_WSASocket)), "", 1, nullptr, nullptr);
+         }},
     };
     for (const auto &c : cases) {
         const std::string expected = c.Text;
@@ -81,19 +88,12 @@ TEST(SchedFatal, EachEndHasItsText) {
 
 struct Placement : SchedTest {};
 
-TEST_F(Placement, ProcessorsAreDealtInTurn) {
+TEST_F(Placement, ProcessorsAndPriorities) {
     gProcessAffinityMask = 0b1010;
     gNextBitMask = 1;
-    for (uint32_t mask : {0b0010u, 0b1000u, 0b0010u}) EXPECT_EQ(NextSchedulerMask(), mask);
-    for (uint32_t &mask : gNodeMasks) mask = 0;
-    gNodeMasks[3] = 0b1000;
-    EXPECT_EQ(NodeOfMask(0b1000), 3);
-    EXPECT_EQ(NodeOfMask(0b0100), 0);
-}
-
-TEST_F(Placement, AboveNormalIsConvertedAsTheSettingsSay) {
+    for (uint32_t mask : {0b0010u, 0b1000u, 0b0010u}) EXPECT_EQ(NextSchedulerMask(), mask) << "dealt in turn";
+    // Above normal is converted as the settings say; without them a thread keeps its priority.
     constexpr uint32_t set = su_SetThreadPriority, critical = su_SetThreadPriorityConvertANtoTC;
-    // Without the setting a thread keeps its priority.
     for (auto [flags, given] : {std::pair{set, 1},
                                 {set | critical, 15},
                                 {set | critical | su_SetThreadPriorityConvertANtoHIGHEST, 2},
@@ -108,8 +108,6 @@ TEST_F(Placement, AboveNormalIsConvertedAsTheSettingsSay) {
 
 TEST_F(Placement, TheQuantumFollowsTheSlowestScheduler) {
     Scheduler *other = NewScheduler();
-    static uint32_t indicator = 7;
-    gQuantumIndicator = &indicator;
     const struct {
         uint32_t Tick, Start, OtherStart;
         bool Expired;
@@ -119,26 +117,19 @@ TEST_F(Placement, TheQuantumFollowsTheSlowestScheduler) {
         S->QuantumStartTick = c.Start;
         other->QuantumStartTick = c.OtherStart;
         EXPECT_EQ(UpdateQuantumIndicator(true), c.Expired);
-        EXPECT_EQ(indicator, c.Expired ? 1u : 0u);
     }
-    // The check yields only beyond the quantum, and starts a new one; on a thread that is no user thread it does
-    // nothing.
-    bool checked = false;
+    // The check yields only beyond the quantum, and starts a new one.
     Run([&](Fiber *) {
-        const uint32_t passes = S->SwitchCount.load();
-        gQuantumTick = S->QuantumStartTick.load() + 3;
-        UserThreadQuantumExpiredCheck();
-        EXPECT_EQ(S->SwitchCount.load(), passes);
-        gQuantumTick = S->QuantumStartTick.load() + 4;
-        UserThreadQuantumExpiredCheck();
-        EXPECT_GT(S->SwitchCount.load(), passes);
+        for (const uint32_t ticks : {3u, 4u}) {
+            const uint32_t passes = S->SwitchCount.load();
+            gQuantumTick = S->QuantumStartTick.load() + ticks;
+            UserThreadQuantumExpiredCheck();
+            EXPECT_EQ(S->SwitchCount.load() != passes, ticks == 4);
+        }
         EXPECT_EQ(S->QuantumStartTick.load(), gQuantumTick.load());
-        checked = true;
+        Note("checked");
     });
-    EXPECT_TRUE(checked);
-    const uint32_t passes = S->SwitchCount.load();
-    UserThreadQuantumExpiredCheck();
-    EXPECT_EQ(S->SwitchCount.load(), passes);
+    EXPECT_EQ(TakeNotes(), Names{"checked"});
 }
 
 }  // namespace
