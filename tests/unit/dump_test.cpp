@@ -6,11 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <sstream>
-#include <thread>
 
 #include "child.h"
 #include "diag/trace.h"
@@ -24,7 +21,7 @@ namespace {
 
 using os::script::gScript;
 
-std::vector<std::string> gCreated;
+Names gCreated;
 
 void RecordNames() {
     for (uint32_t n = 1; n <= 30; ++n) os::FailCall("CreateThread", n, ERROR_MAX_THRDS_REACHED);
@@ -46,8 +43,8 @@ std::string Pid() {
 }
 
 // Of each dump that was tried, the tag of its user thread.
-std::vector<std::string> TakeTags() {
-    std::vector<std::string> tags;
+Names TakeTags() {
+    Names tags;
     for (size_t i = 0; i < gCreated.size(); i += 2) {
         const size_t begin = gCreated[i].find("_fid_") + 5;
         tags.push_back(gCreated[i].substr(begin, gCreated[i].find("_minidump_") - begin));
@@ -55,18 +52,17 @@ std::vector<std::string> TakeTags() {
     gCreated.clear();
     return tags;
 }
-using Tags = std::vector<std::string>;
 
 TEST(DumpNames, AThreadThatIsNoUserThread) {
     setenv("ZORVEX_SID", "PROD", 1);
     RecordNames();
     TraceInit("/logs");
     DumpProcess("zvxkvt_kill_proc");
-    const std::string common = "zvxkvt_kill_proc_tid_x" + Hex(os::GetCurrentThreadId()) + "_minidump_PROD_pid_" + Pid();
-    ASSERT_EQ(gCreated.size(), 2u) << "one dump, tried in two places";
-    EXPECT_EQ(gCreated[0], "/logs/" + common + "_mdtid_x" + Hex(os::GetCurrentThreadId()) + "_2005_9_3_14_7_9.dmp");
-    EXPECT_EQ(gCreated[1], common + "_dtid_x" + Hex(os::GetCurrentThreadId()) + "_2005_9_3_14_7_9.dmp");
-
+    const std::string thread = "tid_x" + Hex(os::GetCurrentThreadId());
+    const std::string common = "zvxkvt_kill_proc_" + thread + "_minidump_PROD_pid_" + Pid();
+    const std::string end = thread + "_2005_9_3_14_7_9.dmp";
+    // One dump, tried in two places.
+    EXPECT_EQ(gCreated, (Names{"/logs/" + common + "_md" + end, common + "_d" + end}));
     // The path is cut as a whole, never within a character.
     gCreated.clear();
     std::string deep = "/" + std::string(200, 'd') + "/";
@@ -122,6 +118,10 @@ struct Sweep : testing::Test {
         RunUntilIdle(S);
         return F;
     }
+    static void ExpectRunning(const Fiber *F) {
+        EXPECT_EQ(os::CurrentThreadBlock()->Slots, F->TlsValues);
+        EXPECT_EQ(os::CurrentThreadBlock()->StaticTls, F);
+    }
     void Wake(Fiber *F) {
         UnlinkTimedWaiter(S, F);
         F->State = FSTATE_READY;
@@ -131,7 +131,7 @@ struct Sweep : testing::Test {
 };
 
 TEST_F(Sweep, EveryStartedThreadOnceAndTheOriginFirst) {
-    static Tags tags;
+    static Names tags;
     Fiber *a = NewParked("A"), *b = NewParked("B/2");
     Fiber *origin = NewParked("ORIGIN", [&](Fiber *self) {
         NewFiber(S, [](Fiber *) { Note("never started before"); })->Tag = "FRESH";
@@ -139,11 +139,8 @@ TEST_F(Sweep, EveryStartedThreadOnceAndTheOriginFirst) {
         errno = 43;
         self->LastError = 41;  // as in the middle of a yield
         DumpProcess("zvxkvt_debug");
-        EXPECT_EQ(os::GetLastError(), 42u);
-        EXPECT_EQ(errno, 43);
-        EXPECT_EQ(self->LastError, 41u);
-        EXPECT_EQ(os::CurrentThreadBlock()->Slots, self->TlsValues);
-        EXPECT_EQ(os::CurrentThreadBlock()->StaticTls, self);
+        EXPECT_TRUE(os::GetLastError() == 42 && errno == 43 && self->LastError == 41);
+        ExpectRunning(self);
         EXPECT_TRUE(S->SwitchHook == nullptr && S->DumpOrigin == nullptr && S->SwitchHookArg == nullptr);
         tags = TakeTags();
     });
@@ -162,14 +159,13 @@ TEST_F(Sweep, EveryStartedThreadOnceAndTheOriginFirst) {
         const std::string expected = "zvxkvt_debug_tid_x" + Hex(G->OsThreadId) + "_stid_x" +
                                      Hex(os::GetCurrentThreadId()) + "_fid_" + tag + "_minidump_X_pid_" + Pid();
         EXPECT_EQ(std::string(name).rfind(expected, 0), 0u) << name;
-        EXPECT_EQ(os::CurrentThreadBlock()->Slots, G->TlsValues);
-        EXPECT_EQ(os::CurrentThreadBlock()->StaticTls, G);
+        ExpectRunning(G);
         return record(name);
     };
     Wake(origin);
     RunUntilIdle(S);
-    EXPECT_EQ(tags, (Tags{"ORIGIN", "A", "B_2", "C"}));
-    EXPECT_EQ(TakeNotes(), (Tags{"ORIGIN", "never started before"})) << "nobody ran because of the sweep";
+    EXPECT_EQ(tags, (Names{"ORIGIN", "A", "B_2", "C"}));
+    EXPECT_EQ(TakeNotes(), (Names{"ORIGIN", "never started before"})) << "nobody ran because of the sweep";
     EXPECT_EQ(c->State, static_cast<uint32_t>(FSTATE_SUSPENDED));
     c->SuspendCount = 0;
     os::script::AdvanceClock(100);
@@ -180,31 +176,24 @@ TEST_F(Sweep, EveryStartedThreadOnceAndTheOriginFirst) {
 }
 
 TEST_F(Sweep, AsTheTimerCheckServesIt) {
-    // An idle scheduler: the thread whose stack the idle routine runs on, or the scheduler's own, is the origin.
+    // A scheduler without user threads writes one of its own, and switches to nobody.
     S->DebugRequest = 1;
     RunUntilIdle(S);
-    EXPECT_EQ(TakeTags(), Tags{"UID"}) << "a scheduler without user threads writes one, and switches to nobody";
+    EXPECT_EQ(TakeTags(), Names{"UID"});
     EXPECT_EQ(S->DebugRequest, 0u);
+    // The thread that is about to leave still stands on its stack when the sweep is over: it is not freed before the
+    // switch to the next one.
     Fiber *a = NewParked("A", [&](Fiber *) { Note(std::to_string(S->ExitedFibers.Count) + " exited"); });
     NewParked("B");
-    S->DebugRequest = 1;
-    os::script::AdvanceClock(100);
-    RunUntilIdle(S);
-    Tags tags = TakeTags();
-    std::sort(tags.begin(), tags.end());
-    tags.erase(std::remove(tags.begin(), tags.end(), "UID"), tags.end());
-    EXPECT_EQ(tags, (Tags{"A", "B"}));
-
-    // The thread that is about to leave still stands on its stack when the sweep is over: it is not freed before
-    // the switch to the next one.
     NewFiber(S, [&](Fiber *) {
         S->DebugRequest = 1;
         S->SelectPasses = kFullSweepPasses + 1;  // the timer check comes within the pass of the exit
+        os::script::AdvanceClock(100);
         Wake(a);
     })->Tag = "LEAVES";
     RunUntilIdle(S);
-    EXPECT_EQ(TakeTags(), (Tags{"LEAVES", "A", "B"}));
-    EXPECT_EQ(TakeNotes(), (Tags{"1 exited", "A"}));
+    EXPECT_EQ(TakeTags(), (Names{"LEAVES", "A", "B"}));
+    EXPECT_EQ(TakeNotes(), (Names{"1 exited", "A"}));
 }
 
 // Everything happens in a child.
@@ -224,7 +213,7 @@ TEST_F(FatalSweep, WithinASweepAndWithinItsOwnDumps) {
             if (strstr(name, "_mdtid_") == nullptr) return false;  // the second place
             const bool kill = strstr(name, "zvxkvt_kill_proc") != nullptr;
             const char *tag = strstr(name, "_fid_") + 5;
-            TracePrintf("%s %.*s\n", kill ? "kill" : "debug", static_cast<int>(strcspn(tag, "_")), tag);
+            printf("%s %.*s|", kill ? "kill" : "debug", static_cast<int>(strcspn(tag, "_")), tag);
             if (!kill && strncmp(tag, "A_", 2) == 0) FatalExit("first");
             if (kill && strncmp(tag, "B_", 2) == 0) FatalExit("second");
             return false;
@@ -232,29 +221,21 @@ TEST_F(FatalSweep, WithinASweepAndWithinItsOwnDumps) {
         Wake(origin);
         RunUntilIdle(S);
     });
-    EXPECT_EQ(killed.Output, "ZORVEX KILLED: first|ZORVEX KILLED: second|");
-    std::string order;
-    std::istringstream lines(killed.Lines);
-    for (std::string line; std::getline(lines, line);)
-        if (line.rfind("debug ", 0) == 0 || line.rfind("kill ", 0) == 0) order += line + ";";
-    EXPECT_EQ(order, "debug ORIGIN;debug A;kill A;kill ORIGIN;kill B;");
+    EXPECT_EQ(killed.Output,
+              "debug ORIGIN|debug A|kill A|kill ORIGIN|kill B|ZORVEX KILLED: first|ZORVEX KILLED: second|");
 }
 
-// Signals are in the integration tests.
-TEST(Debugger, NoEventNoWaitAndNoThread) {
+TEST(Debugger, NoEventAndNoWait) {
     const Folder folder;
     setenv("ZORVEX_SID", "T", 1);
     TraceInit(folder.Path.c_str());
     os::FailCall("CreateEventA", 1, 5);
     EXPECT_EQ(DebuggerThread(nullptr), 0u);
-    const std::string thread = std::to_string(os::GetCurrentThreadId());
-    EXPECT_EQ(folder.Lines(),
-              "E[5]T[" + thread + "] DebuggerThread failed to create event zorvex_zvxkvt_debugger_T err=[5]\n");
     for (uint32_t n = 1; n <= 11; ++n) os::FailCall("WaitForSingleObject", n, 6);
     EXPECT_EQ(DebuggerThread(nullptr), 0u);
-    EXPECT_NE(folder.Lines().find("wait failed on event zorvex_zvxkvt_debugger_T err=[6]\n"), std::string::npos);
-    os::FailCall("CreateThread", 1, 8);
-    EXPECT_EQ(FatalTextOf([] { StartDebuggerThread(); }), "Unable to spawn debugger thread");
+    for (const char *line : {"DebuggerThread failed to create event zorvex_zvxkvt_debugger_T err=[5]",
+                             "wait failed on event zorvex_zvxkvt_debugger_T err=[6]"})
+        EXPECT_NE(folder.Lines().find(line), std::string::npos) << line;
 }
 
 }  // namespace

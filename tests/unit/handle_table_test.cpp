@@ -1,19 +1,16 @@
 // tests/unit/handle_table_test.cpp - the table of wrapped handles: growth and families of duplicates.
 // Entries under a reader's feet: tests/model.
 #include "call_fixture.h"
-#include "child.h"
 
 namespace zvx::test {
 namespace {
 
 struct HandleTable : CallTest {
     // An entry for a value that the operating system need not know.
-    PSEHAND *Insert(uint32_t handle, PSEHAND *parent = nullptr) {
+    PSEHAND *Insert(uint32_t handle) {
         PSEHAND *entry = AllocHandleEntry(S, kOwnNode);
         entry->Handle = handle;
         entry->Type = PHAND_HTYPE_CreateFileA;
-        entry->Parent = parent;
-        if (parent != nullptr) parent->RefCount++;
         InsertHandle(entry);
         return entry;
     }
@@ -21,31 +18,25 @@ struct HandleTable : CallTest {
 };
 
 TEST_F(HandleTable, GrowthKeepsEveryEntryAndTheArrayBefore) {
-    EXPECT_EQ(At(400), nullptr);
     PSEHAND *low = Insert(400);
     PSEHAND *last = Insert((0x200000 - 1) * 4);
     EXPECT_EQ(gHandleTableSize.load(), 0x200000u);
     EXPECT_EQ(At(0x200000 * 4), nullptr) << "the first slot beyond the array";
-
     PSEHAND *high = Insert(20'000'000);  // two doublings at once
     EXPECT_EQ(gHandleTableSize.load(), 8'388'608u);
     EXPECT_EQ(gRetiredHandleTable[100].load(), low) << "a late reader of the array before finds what was there";
-    const HandleSlot *third = gHandleTable.load();
-    PSEHAND *higher = Insert(40'000'000);
-    EXPECT_EQ(gRetiredHandleTable, third);
-    EXPECT_TRUE(At(400) == low && At((0x200000 - 1) * 4) == last && At(20'000'000) == high && At(40'000'000) == higher);
+    EXPECT_TRUE(At(400) == low && At((0x200000 - 1) * 4) == last && At(20'000'000) == high);
     for (HANDLE never : {HANDLE{nullptr}, INVALID_HANDLE_VALUE, os::GetCurrentThread()})
         EXPECT_EQ(LookUpHandle(never), nullptr);
 
     // A value that was given out again: the old entry leaves the slot to the new one.
     PSEHAND *young = Insert(400);
-    EXPECT_EQ(gHandleCount, 4u);
     EXPECT_FALSE(RemoveHandle(low));
     EXPECT_EQ(At(400), young);
     EXPECT_TRUE(RemoveHandle(young));
     EXPECT_FALSE(RemoveHandle(young));
     EXPECT_EQ(At(400), nullptr);
-    EXPECT_EQ(gHandleCount, 3u);
+    EXPECT_EQ(gHandleCount, 2u);
 }
 
 TEST_F(HandleTable, FamiliesLiveAsLongAsTheirLastHandle) {
@@ -72,20 +63,12 @@ TEST_F(HandleTable, FamiliesLiveAsLongAsTheirLastHandle) {
         EXPECT_EQ(entry->RefCount, 1u);
         EXPECT_TRUE(CloseHandle(moved));
         EXPECT_EQ(LookUpHandle(root), nullptr);
-
-        // What is not wrapped stays so, and a refusal by the operating system drops the reference all the same.
-        EXPECT_EQ(LookUpHandle(duplicate(NewEvent(true, false))), nullptr);
+        // A refusal by the operating system drops the reference all the same.
         const HANDLE refused = HandleValue(NewEntry(S, PHAND_HTYPE_CreateFileA));
         os::FailCall("CloseHandle", 1, ERROR_INVALID_HANDLE);
         EXPECT_FALSE(CloseHandle(refused));
         EXPECT_EQ(gHandleCount, 0u);
     });
-    const auto releaseTooMuch = [&] {
-        PSEHAND *odd = Insert(4000);
-        odd->RefCount = 0;
-        ReleaseHandleRef(odd, 4000, S);
-    };
-    EXPECT_EQ(FatalTextOf(releaseTooMuch), "in CLOSE HANDLE REF ALREADY ZERO handle 4000 \n");
 }
 
 }  // namespace
