@@ -2,7 +2,7 @@
 //
 // In fiber mode InitUserThreadScheduler never returns and nothing of the library can be undone, so every case forks
 // its own host: the child starts the library with the given settings, runs the body as its main routine and ends
-// through ExitProcess. The parent collects both outputs, and kills a child that takes too long.
+// through ExitProcess, or by a signal when it takes too long.
 //
 // Checks inside the child are HOST_CHECK and HOST_EQ: they report on standard error, are counted, and make the exit
 // code 1. The parent's test is EXPECT_HOST_OK(RunHost(...)).
@@ -10,10 +10,8 @@
 #define ZVX_TESTS_SUPPORT_HOST_RUNNER_H
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -28,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "run_child.h"
 #include "zvxkvt/osapi.h"
 #include "zvxkvt/zvxkvt.h"
 
@@ -82,60 +81,26 @@ inline void HostFailed(const char *file, int line, const std::string &what) {
     _exit(3);
 }
 
-// The dumps that a fatal error of that process left in the current directory.
-inline void RemoveDumps(pid_t process) {
-    std::error_code ignored;
-    for (const auto &entry : std::filesystem::directory_iterator(".", ignored)) {
-        const std::string name = entry.path().filename().string();
-        if (name.rfind("zvxkvt_kill_proc_", 0) == 0 && name.find("_pid_" + std::to_string(process) + "_") != name.npos)
-            std::filesystem::remove(entry.path(), ignored);
-    }
-}
-
 inline HostResult RunHost(const HostOptions &options, std::function<void()> body) {
     gHostOptions = options;
     gHostBody = std::move(body);
-    fflush(nullptr);
-    int out[2], err[2];
     HostResult result;
-    if (pipe(out) != 0 || pipe(err) != 0) return result;
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        for (int fd : {out[0], out[1], err[0], err[1]}) close(fd);
+    const auto host = [&] {
+        alarm(options.TimeoutMs / 1000);
         BecomeHost();
+    };
+    const ChildResult child = RunInChild(host, 3, false, &result.Err);
+    result.Out = child.Output;
+    result.TimedOut = child.Signal == SIGALRM;
+    result.Exit = child.Signal != 0 ? 128 + child.Signal : child.ExitCode;
+    // The dumps that a fatal error left in the current directory.
+    const std::string pid = "_pid_" + std::to_string(child.Process) + "_";
+    std::error_code ignored;
+    for (const auto &entry : std::filesystem::directory_iterator(".", ignored)) {
+        const std::string name = entry.path().filename().string();
+        if (name.rfind("zvxkvt_kill_proc_", 0) == 0 && name.find(pid) != name.npos)
+            std::filesystem::remove(entry.path(), ignored);
     }
-    close(out[1]);
-    close(err[1]);
-    pollfd ends[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    std::string *texts[2] = {&result.Out, &result.Err};
-    int64_t left = options.TimeoutMs;
-    for (int open = 2; open > 0;) {
-        const int ready = poll(ends, 2, 100);
-        if (ready == 0 && (left -= 100) <= 0) {
-            result.TimedOut = true;
-            kill(child, SIGKILL);
-            break;
-        }
-        for (int i = 0; i < 2; i++) {
-            if (ends[i].fd < 0 || ends[i].revents == 0) continue;
-            char buffer[4096];
-            const ssize_t got = read(ends[i].fd, buffer, sizeof buffer);
-            if (got > 0) {
-                texts[i]->append(buffer, static_cast<size_t>(got));
-            } else {
-                ends[i].fd = -1;
-                open--;
-            }
-        }
-    }
-    close(out[0]);
-    close(err[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    result.Exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    RemoveDumps(child);
     return result;
 }
 

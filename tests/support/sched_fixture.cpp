@@ -5,6 +5,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <utility>
 
 #include "alloc/alloc.h"
 #include "diag/stats.h"
@@ -25,17 +26,19 @@ struct Rig {
     uint32_t Schedulers = 0;
 } gRig;
 
-// The thread block is one for all schedulers of the test; it is handed to whoever runs.
-void Install(Scheduler *S) { os::CurrentThreadBlock()->Io = S->Io; }
-
-void BackToTest(Scheduler *S) {
+// Slots and last error stay with the side that switches.
+void SwitchKeeping(os::FiberContext *to) {
     os::ThreadBlock *block = os::CurrentThreadBlock();
-    gRig.Continue[S] = block->Current;
     void **slots = block->Slots;
-    DWORD error = block->LastError;
-    os::SwitchToFiber(block, gRig.TestSide);
+    const DWORD error = block->LastError;
+    os::SwitchToFiber(block, to);
     block->Slots = slots;
     block->LastError = error;
+}
+
+void BackToTest(Scheduler *S) {
+    gRig.Continue[S] = os::CurrentThreadBlock()->Current;
+    SwitchKeeping(gRig.TestSide);
 }
 
 void InitFiberLoop(void *fiber) {
@@ -114,13 +117,8 @@ Fiber *NewFiber(Scheduler *S, std::function<void(Fiber *)> body) {
 }
 
 void RunUntilIdle(Scheduler *S) {
-    os::ThreadBlock *block = os::CurrentThreadBlock();
-    Install(S);
-    void **slots = block->Slots;
-    DWORD error = block->LastError;
-    os::SwitchToFiber(block, gRig.Continue.at(S));
-    block->Slots = slots;
-    block->LastError = error;
+    os::CurrentThreadBlock()->Io = S->Io;  // the thread block is one for all schedulers of the test
+    SwitchKeeping(gRig.Continue.at(S));
     CheckScheduler(S);
 }
 
@@ -136,11 +134,7 @@ void Pause() { BackToTest(SchedOf(static_cast<Fiber *>(os::GetFiberData()))); }
 
 void Note(const std::string &what) { gRig.Notes.push_back(what); }
 
-Names TakeNotes() {
-    Names notes;
-    notes.swap(gRig.Notes);
-    return notes;
-}
+Names TakeNotes() { return std::exchange(gRig.Notes, {}); }
 
 PSEHAND *NewEntry(Scheduler *S, uint32_t type) {
     PSEHAND *entry = AllocHandleEntry(S, S->NumaNode);

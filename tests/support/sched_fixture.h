@@ -16,7 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "kernel/psehand.h"
+#include "kernel/file.h"
+#include "kernel/handles.h"
 #include "sched/sched.h"
 #include "sched/upcalls.h"
 #include "scripted_os.h"
@@ -85,6 +86,38 @@ struct SchedTest : testing::Test {
     }
     Scheduler *S = nullptr;
 };
+
+// For tests of the exported functions.
+struct CallTest : SchedTest {
+    void TearDown() override {
+        CheckHandleTable();
+        SchedTest::TearDown();
+    }
+    // Runs a body that must come to its end at once.
+    void RunToEnd(const std::function<void(Fiber *)> &body) {
+        bool ended = false;
+        Run([&](Fiber *F) { body(F), ended = true; });
+        EXPECT_TRUE(ended) << "it waits";
+    }
+    // Ends F's oldest operation that has a routine, of a file or else of a socket; below, the one that F waits for.
+    void EndRoutineOf(Fiber *F, DWORD status, DWORD bytes) {
+        ListHead *ovs = F->FileOvs.Count != 0 ? &F->FileOvs : &F->SocketOvs;
+        script::EndOperation(&ZVX_RECORD_OF(FirstLink(ovs), FIBEROVERLAPPED, Link)->Ov, status, bytes);
+        RunUntilIdle(S);
+    }
+    void EndWaitOf(Fiber *F, DWORD status, DWORD bytes) {
+        script::EndOperation(&F->OwnOvs[0].Ov, status, bytes);
+        RunUntilIdle(S);
+    }
+    static void Answer(script::IoAnswer answer) {
+        script::gScript.OnIo = [answer](const script::IoCall &) { return answer; };
+    }
+    static HANDLE Open(DWORD flags = FILE_FLAG_OVERLAPPED) {
+        return CreateFileA("name", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, flags, nullptr);
+    }
+    static HANDLE NewEvent(bool manual, bool set) { return os::CreateEventA(nullptr, manual, set, nullptr); }
+};
+
 }  // namespace zvx::test
 
 #endif  // ZVX_TESTS_SUPPORT_SCHED_FIXTURE_H

@@ -38,7 +38,8 @@ struct PortState {
 struct Request {
     IoCall Call;
     IoThread *Thread;
-    DWORD Status;  // what the reap will store, once it has ended
+    bool Ended;    // not reaped
+    DWORD Status;  // what the reap will store then
     DWORD Bytes;
 };
 
@@ -48,16 +49,24 @@ ObjectPool<File> gFiles(ObjectType::kFile, &kFileOps);
 
 std::mutex gQueueLock;
 std::vector<std::unique_ptr<PortState>> gPortStates;  // never freed: their IoThreads stay in thread blocks
-std::list<Request> gRunning;                          // in the order of issue
-std::list<Request> gEnded;                            // not reaped, in the order of ending
+std::list<Request> gRequests;                         // in the order of issue; those that ended, of ending
 
 void DestroyFile(Object *object) {
     FreeObject(&gFiles, static_cast<File *>(object));
 }
 
-// Null with ERROR_INVALID_HANDLE. The caller unrefs.
-File *RefFile(HANDLE handle) {
-    return static_cast<File *>(RefHandle(handle, ObjectType::kFile));
+// Null with ERROR_INVALID_HANDLE. Good while the handle is open.
+File *FileOf(HANDLE handle) {
+    Object *file = RefHandle(handle, ObjectType::kFile);
+    if (file != nullptr) UnrefObject(file);
+    return static_cast<File *>(file);
+}
+
+// The outstanding operation of `ov`; null when there is none.
+Request *RequestOf(const OVERLAPPED *ov) {
+    for (Request &request : gRequests)
+        if (request.Call.Ov == ov) return &request;
+    return nullptr;
 }
 
 PortState *StateOf(HANDLE handle) {
@@ -84,14 +93,11 @@ void MakeFinal(const IoCall &call, DWORD status, DWORD bytes) {
     ov->InternalHigh = bytes;
     StoreStatus(ov, status);
     if (event > 1) SetEvent(reinterpret_cast<HANDLE>(event & ~uintptr_t{1}));
-    File *file = (event & 1) == 0 ? RefFile(call.File) : nullptr;
-    if (file == nullptr) return;
-    if (file->Port != nullptr) {
-        std::lock_guard<std::mutex> guard(gQueueLock);
-        if (call.Op != nullptr) call.Op->PacketsQueued++;
-        StateOf(file->Port)->Queue.push_back({bytes, file->Key, ov, ErrorOfStatus(status), call.Op});
-    }
-    UnrefObject(file);
+    const File *file = (event & 1) == 0 ? FileOf(call.File) : nullptr;
+    if (file == nullptr || file->Port == nullptr) return;
+    std::lock_guard<std::mutex> guard(gQueueLock);
+    if (call.Op != nullptr) call.Op->PacketsQueued++;
+    StateOf(file->Port)->Queue.push_back({bytes, file->Key, ov, ErrorOfStatus(status), call.Op});
 }
 
 void Finish(const Request &request) {
@@ -105,16 +111,13 @@ void Finish(const Request &request) {
     MakeFinal(request.Call, request.Status, request.Bytes);
 }
 
-void Cancel(HANDLE file, OVERLAPPED *ov, bool running) {
+void Cancel(HANDLE file, OVERLAPPED *ov) {
     gScript.Cancels.push_back({file, 0, ov, nullptr});
-    if (running && !gScript.HoldCancels) EndOperation(ov, STATUS_CANCELLED, 0);
+    if (RunningOn(ov) == file && !gScript.HoldCancels) EndOperation(ov, STATUS_CANCELLED, 0);
 }
 
 BOOL Issue(const char *name, const IoCall &call, DWORD *moved) {
-    if (ShouldFail(name)) return FALSE;
-    File *file = RefFile(call.File);
-    if (file == nullptr) return FALSE;
-    UnrefObject(file);
+    if (ShouldFail(name) || FileOf(call.File) == nullptr) return FALSE;
     if (call.Ov == nullptr) Misuse("a synchronous operation");
     NoteProgress();
     if (moved != nullptr) *moved = 0;
@@ -126,13 +129,11 @@ BOOL Issue(const char *name, const IoCall &call, DWORD *moved) {
         return TRUE;
     }
     if (answer.Result == IoResult::kPending) {
-        for (const auto *list : {&gRunning, &gEnded})
-            for (const Request &request : *list)
-                if (request.Call.Ov == call.Ov) Misuse("an OVERLAPPED was used while its operation is outstanding");
+        if (RequestOf(call.Ov) != nullptr) Misuse("an OVERLAPPED was used while its operation is outstanding");
         IoThread *io = CurrentThreadBlock()->Io;
         call.Ov->InternalHigh = 0;
         StoreStatus(call.Ov, STATUS_PENDING);
-        gRunning.push_back({call, io, 0, 0});
+        gRequests.push_back({call, io, false, 0, 0});
         io->Outstanding++;
     }
     SetLastError(answer.Result == IoResult::kPending ? ERROR_IO_PENDING : answer.Error);
@@ -150,22 +151,22 @@ HANDLE NewFile() {
 }
 
 void EndOperation(OVERLAPPED *ov, DWORD status, DWORD bytes) {
-    for (auto it = gRunning.begin(); it != gRunning.end(); ++it) {
-        if (it->Call.Ov != ov) continue;
+    for (auto it = gRequests.begin(); it != gRequests.end(); ++it) {
+        if (it->Call.Ov != ov || it->Ended) continue;
+        it->Ended = true;
         it->Status = status;
         it->Bytes = bytes;
         for (const auto &state : gPortStates)
             if (&state->Io == it->Thread) state->Tail.fetch_add(1, std::memory_order_release);
-        gEnded.splice(gEnded.end(), gRunning, it);
+        gRequests.splice(gRequests.end(), gRequests, it);
         return;
     }
     Misuse("EndOperation of an OVERLAPPED that has no running operation");
 }
 
 HANDLE RunningOn(const OVERLAPPED *ov) {
-    for (const Request &request : gRunning)
-        if (request.Call.Ov == ov) return request.Call.File;
-    return nullptr;
+    const Request *request = RequestOf(ov);
+    return request != nullptr && !request->Ended ? request->Call.File : nullptr;
 }
 
 uint32_t QueuedPackets(HANDLE port) {
@@ -184,13 +185,11 @@ using namespace script;
 // ---- Reaping -----------------------------------------------------------------------------------------
 
 void ReapIo(IoThread *io) {
-    for (auto it = gEnded.begin(); it != gEnded.end();) {
-        if (it->Thread != io) {
-            ++it;
-            continue;
-        }
-        const Request request = *it;
-        it = gEnded.erase(it);
+    for (auto it = gRequests.begin(); it != gRequests.end();) {
+        const auto at = it++;
+        if (!at->Ended || at->Thread != io) continue;
+        const Request request = *at;
+        gRequests.erase(at);
         io->Head++;
         Finish(request);
     }
@@ -218,16 +217,14 @@ HANDLE CreateIoCompletionPort(HANDLE file, HANDLE port, uintptr_t key, DWORD) {
         gPortStates.push_back(std::move(state));
         return gPortStates.back()->Handle;
     }
-    File *target = RefFile(file);
+    File *target = FileOf(file);
     if (target == nullptr) return nullptr;
     if (target->Port != nullptr) {
-        UnrefObject(target);
         SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
     target->Port = port;
     target->Key = key;
-    UnrefObject(target);
     gScript.BoundKeys.push_back(key);
     return port;
 }
@@ -320,13 +317,11 @@ BOOL HasOverlappedIoCompleted(OVERLAPPED *overlapped) {
 
 BOOL CancelIoEx(HANDLE file, OVERLAPPED *overlapped) {
     if (ShouldFail("CancelIoEx")) return FALSE;
-    bool running = false;
-    bool ended = false;
-    for (const Request &request : gRunning) running |= request.Call.Ov == overlapped && request.Call.File == file;
-    for (const Request &request : gEnded) ended |= request.Call.Ov == overlapped && request.Call.File == file;
-    Cancel(file, overlapped, running);
-    if (!running && !ended) SetLastError(ERROR_NOT_FOUND);
-    return running || ended;
+    const Request *request = RequestOf(overlapped);
+    const bool found = request != nullptr && request->Call.File == file;
+    Cancel(file, overlapped);
+    if (!found) SetLastError(ERROR_NOT_FOUND);
+    return found;
 }
 
 BOOL FlushFileBuffers(HANDLE) {
@@ -336,23 +331,18 @@ BOOL FlushFileBuffers(HANDLE) {
 
 uint32_t IoOutstandingInRange(const void *low, const void *high) {
     uint32_t outstanding = 0;
-    for (const Request &request : gRunning)
+    for (const Request &request : gRequests)
         outstanding += request.Thread == CurrentThreadBlock()->Io && request.Call.Ov >= low && request.Call.Ov < high;
     return outstanding;
 }
 
 uint32_t CancelIoInRange(const void *low, const void *high) {
-    const auto inRange = [&](const Request &request) {
-        const void *ov = request.Call.Ov;
-        return request.Thread == CurrentThreadBlock()->Io && ov >= low && ov < high;
-    };
-    uint32_t outstanding = 0;
-    for (const Request &request : gEnded) outstanding += inRange(request);
-    std::vector<IoCall> targets;
-    for (const Request &request : gRunning)
-        if (inRange(request)) targets.push_back(request.Call);
-    for (const IoCall &target : targets) Cancel(target.File, target.Ov, true);
-    return outstanding + static_cast<uint32_t>(targets.size());
+    const std::list<Request> requests = gRequests;
+    for (const Request &request : requests)
+        if (request.Thread == CurrentThreadBlock()->Io && request.Call.Ov >= low && request.Call.Ov < high &&
+            !request.Ended)
+            Cancel(request.Call.File, request.Call.Ov);
+    return IoOutstandingInRange(low, high);
 }
 
 const char *IoBackendName() {

@@ -1,9 +1,12 @@
-// tests/support/scripted_socket.cpp - sockets by script.
+// tests/support/scripted_socket.cpp - sockets, named pipes and the console by script.
 //
 // Only what the library itself calls is here. Blocking calls are answered at once, as a test must not wait.
-#include "scripted_os.h"
-
 #include <cstring>
+#include <utility>
+
+#include "platform/os_pipe.h"
+#include "platform/os_process.h"
+#include "scripted_os.h"
 
 namespace os {
 
@@ -48,9 +51,7 @@ int Transfer(const char *name, SOCKET s, const WSABUF *buffers, DWORD count, DWO
 }  // namespace
 
 std::vector<std::string> TakeCalls() {
-    std::vector<std::string> calls;
-    calls.swap(gSockets.Calls);
-    return calls;
+    return std::exchange(gSockets.Calls, {});
 }
 
 SOCKET NewSocket() {
@@ -144,4 +145,37 @@ BOOL WSASetEvent(WSAEVENT event) {
 BOOL WSAResetEvent(WSAEVENT event) {
     return ResetEvent(event);
 }
+
+// ---- Named pipes, made like files and connected like reads; and the console --------------------------
+
+HANDLE CreateNamedPipeA(const char *name, DWORD openMode, DWORD, DWORD, DWORD, DWORD, DWORD, SECURITY_ATTRIBUTES *) {
+    if (ShouldFail("CreateNamedPipeA")) return INVALID_HANDLE_VALUE;
+    if ((openMode & FILE_FLAG_OVERLAPPED) == 0) Misuse("a pipe that is not overlapped");
+    return CreateFileA(name, 0, 0, nullptr, OPEN_EXISTING, openMode, nullptr);
+}
+HANDLE CreateNamedPipeW(const WCHAR *, DWORD openMode, DWORD pipeMode, DWORD instances, DWORD, DWORD, DWORD,
+                        SECURITY_ATTRIBUTES *) {
+    return CreateNamedPipeA("wide", openMode, pipeMode, instances, 0, 0, 0, nullptr);
+}
+BOOL ConnectNamedPipe(HANDLE pipe, OVERLAPPED *overlapped, IoOp *op) {
+    return ReadFile(pipe, nullptr, 0, nullptr, overlapped, op);
+}
+BOOL WaitNamedPipeA(const char *, DWORD ms) {
+    NoteProgress();
+    const DWORD error = gScript.OnWaitPipe(ms);
+    if (error != ERROR_SUCCESS) SetLastError(error);
+    return error == ERROR_SUCCESS;
+}
+BOOL WaitNamedPipeW(const WCHAR *, DWORD ms) {
+    return WaitNamedPipeA("wide", ms);
+}
+
+// These two run where the test lets a thread of their own run: see RunThread.
+BOOL ReadConsoleA(HANDLE, void *buffer, DWORD characters, DWORD *read, void *) {
+    return gScript.OnReadConsole(buffer, characters, read);
+}
+BOOL CallNamedPipeA(const char *, void *, DWORD, void *, DWORD, DWORD *, DWORD) {
+    Misuse("CallNamedPipeA");
+}
+
 }  // namespace os

@@ -1,8 +1,9 @@
 // tests/unit/io_call_test.cpp - calls on files, pipes and sockets against a scripted operating system: what is issued,
 // what is waited for, and what each end leaves in the record, the position and the caller's variables.
-#include "call_fixture.h"
+#include "diag/ringlog.h"
 #include "kernel/pipe.h"
 #include "net/net.h"
+#include "sched_fixture.h"
 #include "zvxkvt/pipetypes.h"
 
 namespace zvx::test {
@@ -221,6 +222,125 @@ TEST_F(IoCall, DatabaseWritersGetOnePacket) {
     };
     Run(write, ROLE_DBWR);
     EXPECT_EQ(TakeNotes(), (Names{"packet", "polled", "polled"}));
+}
+
+// ---- The table of handles: growth, and families of duplicates. Entries under a reader: tests/model ----
+
+struct HandleTable : CallTest {
+    // An entry for a value that the operating system need not know.
+    PSEHAND *Insert(uint32_t handle) {
+        PSEHAND *entry = AllocHandleEntry(S, kOwnNode);
+        entry->Handle = handle;
+        entry->Type = PHAND_HTYPE_CreateFileA;
+        InsertHandle(entry);
+        return entry;
+    }
+    static PSEHAND *At(uintptr_t handle) { return LookUpHandle(handle); }
+};
+
+TEST_F(HandleTable, GrowthKeepsEveryEntryAndTheArrayBefore) {
+    PSEHAND *low = Insert(400);
+    PSEHAND *last = Insert((0x200000 - 1) * 4);
+    EXPECT_EQ(gHandleTableSize.load(), 0x200000u);
+    EXPECT_EQ(At(0x200000 * 4), nullptr) << "the first slot beyond the array";
+    PSEHAND *high = Insert(20'000'000);  // two doublings at once
+    EXPECT_EQ(gHandleTableSize.load(), 8'388'608u);
+    EXPECT_EQ(gRetiredHandleTable[100].load(), low) << "a late reader of the array before finds what was there";
+    EXPECT_TRUE(At(400) == low && At((0x200000 - 1) * 4) == last && At(20'000'000) == high);
+    for (HANDLE never : {HANDLE{nullptr}, INVALID_HANDLE_VALUE, os::GetCurrentThread()})
+        EXPECT_EQ(LookUpHandle(never), nullptr);
+
+    // A value that was given out again: the old entry leaves the slot to the new one.
+    PSEHAND *young = Insert(400);
+    EXPECT_FALSE(RemoveHandle(low));
+    EXPECT_EQ(At(400), young);
+    EXPECT_TRUE(RemoveHandle(young));
+    EXPECT_FALSE(RemoveHandle(young));
+    EXPECT_EQ(At(400), nullptr);
+    EXPECT_EQ(gHandleCount, 2u);
+}
+
+TEST_F(HandleTable, FamiliesLiveAsLongAsTheirLastHandle) {
+    PSEHAND *entry = NewEntry(S, PHAND_HTYPE_CreateFileA);
+    const HANDLE root = HandleValue(entry);
+    const auto duplicate = [](HANDLE source, DWORD options = 0) {
+        const HANDLE process = os::GetCurrentProcess();
+        HANDLE copy = nullptr;
+        EXPECT_TRUE(DuplicateHandle(process, source, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS | options));
+        return copy;
+    };
+    RunToEnd([&](Fiber *) {
+        const HANDLE first = duplicate(root);
+        const HANDLE second = duplicate(first);
+        EXPECT_EQ(LookUpHandle(second)->Parent, entry) << "a child of the root, not of the handle between";
+        EXPECT_EQ(entry->RefCount, 3u);
+        EXPECT_TRUE(CloseHandle(root));
+        EXPECT_EQ(LookUpHandle(root), entry) << "the family keeps its root";
+        EXPECT_TRUE(CloseHandle(first));
+        EXPECT_EQ(entry->RefCount, 1u);
+        // Moving a handle closes its source, whose entry goes too.
+        const HANDLE moved = duplicate(second, DUPLICATE_CLOSE_SOURCE);
+        EXPECT_EQ(LookUpHandle(second), nullptr);
+        EXPECT_EQ(entry->RefCount, 1u);
+        EXPECT_TRUE(CloseHandle(moved));
+        EXPECT_EQ(LookUpHandle(root), nullptr);
+        // A refusal by the operating system drops the reference all the same.
+        const HANDLE refused = HandleValue(NewEntry(S, PHAND_HTYPE_CreateFileA));
+        os::FailCall("CloseHandle", 1, ERROR_INVALID_HANDLE);
+        EXPECT_FALSE(CloseHandle(refused));
+        EXPECT_EQ(gHandleCount, 0u);
+    });
+}
+
+// ---- The ring log and the user thread that writes it --------------------------------------------------
+
+struct RingLog : CallTest {
+    void SetUp() override {
+        CallTest::SetUp();
+        S = NewScheduler();  // the first one would queue a line a second
+        SetOption(su_LogToFile);
+        ASSERT_TRUE(RingLogInit());
+    }
+};
+
+TEST_F(RingLog, TextsAreDroppedWhenThereIsNoRecord) {
+    for (uint32_t i = 0; i < kRingRecords; ++i) ASSERT_TRUE(RingLogPrintf("%u\n", i));
+    EXPECT_FALSE(RingLogPrintf("one too many\n"));
+    EXPECT_EQ(gRingDropped.load(), 1u);
+    for (uint32_t i = 0; i < kRingRecords; ++i) EXPECT_EQ(std::to_string(i) + "\n", TakeRingRecord(&gRingLog)->Text);
+    EXPECT_EQ(TakeRingRecord(&gRingLog), nullptr);
+}
+
+// Batches follow each other in the file, in the order of the queue; one that is refused is tried again a second later,
+// and nothing that is queued meanwhile overtakes it.
+TEST_F(RingLog, BatchesGoOutInOrderAndARefusedOneIsTriedAgain) {
+    for (const char *text : {"a\n", "b\n", "c\n"}) RingLogPrintf("%s", text);
+    std::vector<DWORD> ends;  // of each write in the file
+    bool refuse = false;
+    script::gScript.OnIo = [&](const script::IoCall &call) {
+        if (refuse) return script::Failed(ERROR_DISK_FULL);
+        EXPECT_EQ(call.Ov->Offset, ends.empty() ? 0 : ends.back());
+        ends.push_back(call.Ov->Offset + call.Count);
+        return script::Done(call.Count);
+    };
+    NewFiber(S, [](Fiber *) { FiberLogger(nullptr); });
+    RunUntilIdle(S);
+    EXPECT_EQ(ends, std::vector<DWORD>{6});  // no zero bytes between them
+
+    refuse = true;
+    RingLogPrintf("refused\n");
+    Pass(1100);
+    for (int i = 0; i < 200; ++i) RingLogPrintf("%0150d\n", i);
+    Pass(2500);
+    EXPECT_EQ(ends.size(), 1u);
+    refuse = false;
+    Pass(2200);
+    // Each batch is closed when another text of the largest size might not fit.
+    EXPECT_EQ(ends, (std::vector<DWORD>{6, 14, 14 + 107 * 151, 14 + 200 * 151}));
+    EXPECT_EQ(2u, script::gScript.Flushes);  // each time the queue had run empty
+    uint32_t free = 0;
+    while (TakeRingRecord(&gRingFree) != nullptr) free++;
+    EXPECT_EQ(kRingRecords, free);
 }
 
 }  // namespace

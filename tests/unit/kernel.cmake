@@ -1,4 +1,4 @@
 # Handles, files, threads and waits on the scripted operating system.
-foreach(test handle_table io_call thread_call wait_call postwait ringlog)
+foreach(test io_call thread_call postwait)
   zvx_test(${test}_test SOURCES ${test}_test.cpp LIBS zvx_unit LABELS unit)
 endforeach()

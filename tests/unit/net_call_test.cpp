@@ -3,8 +3,8 @@
 #include <cstring>
 
 #include "alloc/alloc.h"
-#include "call_fixture.h"
 #include "net/net.h"
+#include "sched_fixture.h"
 
 namespace zvx::test {
 namespace {
@@ -302,32 +302,6 @@ TEST_F(NetCall, EveryLookAsksTheWholeQuestion) {
     Pass(1);
     EXPECT_EQ(TakeNotes(), Names{"ready"});
     EXPECT_TRUE(read.Count == 1 && read.Sockets[0] == 8 && write.fd_count == 0);
-}
-
-// The rest is that of other waits: wait_call_test.cpp.
-TEST_F(NetCall, EventWaits) {
-    const WSAEVENT events[2] = {NewEvent(true, false), NewEvent(true, false)};
-    RunToEnd([&](Fiber *) {
-        EXPECT_EQ(WSAWaitForMultipleEvents(65, events, FALSE, INFINITE, FALSE), WSA_WAIT_FAILED);
-        WSASetEvent(WithoutPacket(events[1]));
-        EXPECT_EQ(WSAWaitForMultipleEvents(2, events, TRUE, 0, FALSE), WSA_WAIT_TIMEOUT);
-        // The event wins, but the routine runs and is told by the next wait; then the routine alone.
-        const SOCKET s = socket(2, 1, 0);
-        OVERLAPPED ov{};
-        WSABUF one{4, nullptr};
-        DWORD flags = 0;
-        Answer(script::Done(4));
-        for (const DWORD result : {WSA_WAIT_EVENT_0 + 1, WSA_WAIT_IO_COMPLETION}) {
-            WSARecv(s, &one, 1, nullptr, &flags, &ov, Deliver);
-            EXPECT_EQ(WSAWaitForMultipleEvents(2, events, FALSE, INFINITE, TRUE), result);
-            WSAResetEvent(events[1]);
-        }
-    });
-    // Nothing outstanding: not alertable, whatever the caller asked, and no end before its time.
-    Run([&](Fiber *) { Note(std::to_string(WSAWaitForMultipleEvents(2, events, FALSE, 40, TRUE))); });
-    EXPECT_TRUE(TakeNotes().empty());
-    Pass(60);
-    EXPECT_EQ(TakeNotes(), Names{std::to_string(WSA_WAIT_TIMEOUT)});
 }
 
 }  // namespace

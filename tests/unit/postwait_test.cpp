@@ -4,8 +4,8 @@
 
 #include <map>
 
-#include "call_fixture.h"
 #include "kernel/critsec.h"
+#include "sched_fixture.h"
 
 namespace zvx::test {
 namespace {

@@ -1,14 +1,20 @@
-// Settings: what each key does, in the order in which keys override one another, and the start-up text.
-#include "config/settings.h"
-
+// tests/unit/foundation_test.cpp - what lies under the scheduler. Settings: what each key does, in the order in which
+// keys override one another, and the start-up text.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
+#include <set>
 
-#include "child.h"
+#include "alloc/alloc.h"
+#include "config/settings.h"
+#include "diag/stats.h"
 #include "diag/timesource.h"
+#include "diag/trace.h"
 #include "sched/records.h"
 #include "scripted_os.h"
 
@@ -181,6 +187,152 @@ TEST(Settings, Numbers) {
     }
     Read({{cases[8].Key, "1"}, {cases[9].Key, "50"}});
     EXPECT_EQ(gNumContextSwitchesBeforePolling, 50u) << "the later key wins";
+}
+
+// ---- The cycle counter, with counters that the test moves during the sleep of a measurement ----------
+
+// Calibrates where each measurement meets the next of these rates in ticks per second, the last one again and again;
+// returns how many measurements it took.
+size_t Calibrate(const std::vector<double> &rates) {
+    size_t measured = 0;
+    gScript.OnSleep = [&](DWORD ms) {
+        EXPECT_EQ(ms, 50u);
+        const double rate = rates[std::min(measured++, rates.size() - 1)];
+        // The sleep is a little longer than asked for, as sleeps are.
+        gScript.Tsc.fetch_add(static_cast<uint64_t>(std::llround(rate * 0.052)));
+        gScript.Qpc.fetch_add(gScript.QpcFrequency.load() * 52 / 1000);
+    };
+    CalcFreq();
+    gScript.OnSleep = nullptr;
+    return measured;
+}
+
+TEST(TimeSource, StopsAtTheFirstTwoThatAgree) {
+    gScript.ProcessMask = 0xC;
+    os::SetThreadAffinityMask(os::GetCurrentThread(), 0x8);
+    os::SetThreadPriority(os::GetCurrentThread(), THREAD_PRIORITY_HIGHEST);
+    EXPECT_EQ(Calibrate({2e9, 2.03e9, 2.031e9, 9e9}), 3u);
+    EXPECT_NEAR(gCpuFrequency, 2031000000.0, 1.0);
+    // On the lowest processor, raised; afterwards as before.
+    EXPECT_EQ(gScript.Masks, (std::vector<uint32_t>{0x8, 0x4, 0x8}));
+    EXPECT_EQ(gScript.Priorities,
+              (std::vector<int>{THREAD_PRIORITY_HIGHEST, THREAD_PRIORITY_TIME_CRITICAL, THREAD_PRIORITY_HIGHEST}));
+    // A refused raise is no error, and then nothing is put back.
+    gScript.Priorities.clear();
+    os::FailCall("SetThreadPriority", 1, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(Calibrate({2999999800.0}), 2u);
+    EXPECT_EQ(gTscTicksPerMs, 2999999u) << "truncated";
+    EXPECT_TRUE(gScript.Priorities.empty());
+    // A counter that never settles: twenty measurements, the median of the last five.
+    std::vector<double> rates;
+    for (int i = 0; i < 15; i++) rates.push_back(i % 2 != 0 ? 8e9 : 1e9);
+    for (double rate : {5.0e9, 3.0e9, 4.0e9, 1.0e9, 2.0e9, 7e9}) rates.push_back(rate);
+    EXPECT_EQ(Calibrate(rates), 20u);
+    EXPECT_NEAR(gCpuFrequency, 3e9, 1.0);
+}
+
+// ---- The allocator: counts at which chunks move, sizes at which blocks split --------------------------
+
+constexpr uint32_t kRegion = 16 * 1024 * 1024;
+const AllocType *const kType = &gAllocTypes[ALLOC_FIBER_MESSAGE];
+
+using SchedulerPtr = std::unique_ptr<Scheduler>;
+
+SchedulerPtr NewScheduler() {
+    SchedulerPtr S = std::make_unique<Scheduler>();
+    S->AffinityMask = 0x8;
+    S->CurPriority = THREAD_PRIORITY_ABOVE_NORMAL;
+    return S;
+}
+
+void InitAllocator() {
+    StatsInit();
+    gProcessAffinityMask = gScript.ProcessMask;
+    for (uint32_t node = 0; node < kMaxNodes; node++) gNodeMasks[node] = 0x3;
+    KVTAllocInit();
+}
+
+struct Alloc : testing::Test {
+    void SetUp() override { InitAllocator(); }
+    void *Take(uint32_t size) { return KVTAllocSched(size, S.get(), 0); }
+    const SchedulerPtr S = NewScheduler();
+};
+
+// What was freed last comes first: the newest in a cache is the likeliest to be in the processor's cache.
+TEST_F(Alloc, ChunksMoveInBundles) {
+    const uint32_t &cached = S->ChunkCacheCount[2];
+    std::vector<char *> chunks;
+    // The first one cuts a block of 64 KiB: its last chunk comes first, 255 stay, in descending order.
+    for (uint32_t i = 0; i < 1024; i++) {
+        chunks.push_back(static_cast<char *>(AllocChunk(kType, S.get(), 2)));
+        ASSERT_EQ(cached, 255 - i % 256);
+        ASSERT_TRUE(i % 256 == 0 || chunks[i] == chunks[i - 1] - 256);
+    }
+    EXPECT_EQ(S->ChunkCacheCount[0], 0u) << "nodes do not share caches";
+    // A full cache spills 252, the freed one among them, and keeps 261. It is filled up again and spills once more.
+    for (uint32_t i = 0; i < 513 + 252; i++) {
+        FreeChunk(kType, S.get(), chunks[i], 2);
+        ASSERT_EQ(cached, i < 512 ? i + 1 : i == 512 + 252 ? 261 : i - 512 + 261);
+        ASSERT_EQ(CheckAllocator(2).Bundles, i < 512 ? 0u : i < 512 + 252 ? 4u : 8u);
+    }
+    // Another scheduler takes four bundles of 63 at once: what the second spill gave, each chunk once.
+    const SchedulerPtr taker = NewScheduler();
+    std::set<void *> taken;
+    for (int i = 0; i < 252; i++) taken.insert(AllocChunk(kType, taker.get(), 2));
+    EXPECT_EQ(taken, std::set<void *>(chunks.begin() + 513, chunks.begin() + 765));
+    EXPECT_EQ(taker->ChunkCacheCount[2], 0u);
+    EXPECT_EQ(CheckAllocator(2).Bundles, 4u);
+}
+
+TEST_F(Alloc, BlocksSplitAndSort) {
+    // Exactly one region: nothing is left over. One byte more: twice the region, and the rest is a block at an odd
+    // address.
+    EXPECT_NE(Take(kRegion - 16), nullptr);
+    EXPECT_TRUE(gTotalVirtualAlloc.load() == kRegion && CheckAllocator(0).FreeBlocks == 0);
+    void *odd = Take(kRegion - 15);
+    EXPECT_EQ(CheckAllocator(0).LargestBlock, kRegion - 1);
+    EXPECT_EQ(Take(kRegion - 1 - 16), static_cast<char *>(odd) + kRegion - 15 + 16);
+    EXPECT_TRUE(gTotalVirtualAlloc.load() == 3 * kRegion && CheckAllocator(0).FreeBlocks == 0);
+    // A rest of 16 bytes stays with the block, so that the block comes back as large as it was. One of 17 is a block.
+    for (const uint32_t rest : {16u, 17u}) {
+        KVTFree(odd, 0);
+        EXPECT_EQ(CheckAllocator(0).LargestBlock, kRegion + 1);
+        EXPECT_EQ(Take(kRegion - 15 - rest), odd);
+        EXPECT_EQ(CheckAllocator(0).LargestBlock, rest == 16 ? 0 : rest);
+    }
+    // Nodes are apart: what is free on one serves no other. Equal blocks are last in, first out.
+    KVTFree(KVTAllocSched(kRegion - 16, S.get(), 5), 5);
+    void *const equal[] = {Take(1000), Take(1000)};
+    EXPECT_EQ(gTotalVirtualAlloc.load(), 5 * kRegion);
+    Take(CheckAllocator(0).LargestBlock - 16);  // only what is freed now is free
+    for (void *block : equal) KVTFree(block, 0);
+    for (int i : {1, 0}) EXPECT_EQ(Take(1000), equal[i]);
+    for (uint32_t size : {0xFFFFFFF0u, 0xFFFFFFFFu}) EXPECT_EQ(Take(size), nullptr) << "does not fit with its header";
+}
+
+TEST_F(Alloc, ThreadIsPinnedForARegionOnly) {
+    for (int i = 0; i < 2; i++) {
+        Take(1);
+        EXPECT_EQ(gScript.Masks, (std::vector<uint32_t>{0x3, 0x8}));
+        EXPECT_EQ(gScript.Priorities, (std::vector<int>{THREAD_PRIORITY_TIME_CRITICAL, THREAD_PRIORITY_ABOVE_NORMAL}));
+    }
+    // A thread without a scheduler has its own mask back; its priority is nobody's business.
+    os::SetThreadAffinityMask(os::GetCurrentThread(), 0x4);
+    KVTAllocNoSched(1, 1);
+    EXPECT_EQ(gScript.Masks.back(), 0x4u);
+    EXPECT_EQ(gScript.Priorities.size(), 2u);
+}
+
+// A refused privilege is one line of the start-up text, and nobody asks for large pages any more. Where it is the pages
+// that are not there, the region comes in small ones.
+TEST_F(Alloc, LargePages) {
+    SetOption(su_EnableLargePages);
+    os::FailCall("VirtualAllocInRange", 1, ERROR_NO_SYSTEM_RESOURCES);
+    EXPECT_NE(Take(1), nullptr);
+    os::FailCall("EnableLockMemoryPrivilege", 1, ERROR_PRIVILEGE_NOT_HELD);
+    InitAllocator();
+    EXPECT_FALSE(OptionSet(su_EnableLargePages));
+    EXPECT_STREQ(initialOutputBuffer, "** Unable to get privs for large pages; disabling lps**\n");
 }
 
 }  // namespace
