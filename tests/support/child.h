@@ -64,9 +64,8 @@ ChildResult RunChild(Body body) {
 
 // How FatalExit ended the process that ran body().
 struct Killed {
-    std::string
-        Output;  // on standard output, with "|" for each " (see <trace file>)\n"; after "N: " if N was the exit code
-    std::string Lines;  // of the trace file
+    std::string Output;  // with "|" for each " (see <trace file>)\n"; after "N: " if N was the exit code, not 1
+    std::string Lines;   // of the trace file
 };
 
 template <typename Body>
@@ -80,15 +79,6 @@ Killed Kill(Body body) {
     const std::string see = " (see " + folder.Path + "/" + folder.OnlyFile() + ")\n";
     for (size_t at; (at = output.find(see)) != output.npos;) output.replace(at, see.size(), "|");
     return {output, folder.Lines()};
-}
-
-// The message with which body() ends the process by FatalExit; how the child really ended when it does not.
-template <typename Body>
-std::string FatalTextOf(Body body) {
-    const std::string output = Kill(body).Output;
-    const std::string begin = "ZORVEX KILLED: ";
-    const bool whole = output.rfind(begin, 0) == 0 && output.find('|') == output.size() - 1;
-    return whole ? output.substr(begin.size(), output.size() - begin.size() - 1) : output;
 }
 
 }  // namespace zvx::test

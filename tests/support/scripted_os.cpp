@@ -1,4 +1,4 @@
-// tests/support/scripted_os.cpp - clocks and processors by script.
+// tests/support/scripted_os.cpp - clocks, processors and kernel threads by script.
 //
 // The clocks are atomics, because threads that a test made by itself may write trace lines; everything else
 // belongs to the test's thread. Nothing here sleeps or asks the kernel for anything.
@@ -6,6 +6,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
+
+#include "platform/base/object_pool.h"
+#include "platform/base/thread_object.h"
 
 namespace os {
 
@@ -46,10 +50,6 @@ void AdvanceClock(uint64_t ms) {
     gScript.FileTime.fetch_add(ms * 10'000);
 }
 
-void SetTick(uint64_t ms) {
-    gScript.TickMs.store(ms);
-}
-
 }  // namespace script
 
 using script::gScript;
@@ -67,8 +67,7 @@ uint64_t GetTickCountUp() {
 }
 uint64_t ReadTsc() {
     script::CountSpin();
-    const uint64_t step = gScript.TscPerRead.load();
-    return gScript.Tsc.fetch_add(step) + step;
+    return gScript.Tsc.load();
 }
 
 BOOL QueryPerformanceFrequency(LARGE_INTEGER *frequency) {
@@ -83,11 +82,9 @@ BOOL QueryPerformanceCounter(LARGE_INTEGER *count) {
 }
 
 void Sleep(DWORD ms) {
-    if (!gScript.OnSleep && ms == INFINITE) script::Misuse("an endless sleep without OnSleep");
-    if (gScript.OnSleep)
-        gScript.OnSleep(ms);
-    else
-        script::AdvanceClock(ms);
+    if (gScript.OnSleep) return gScript.OnSleep(ms);
+    if (ms == INFINITE) script::Misuse("an endless sleep without OnSleep");
+    script::AdvanceClock(ms);
 }
 
 void GetLocalTime(SYSTEMTIME *time) {
@@ -116,6 +113,106 @@ BOOL SetProcessAffinityMask(HANDLE, uint32_t mask) {
     }
     gScript.ProcessMask = mask;
     return TRUE;
+}
+
+// ---- Kernel threads ----------------------------------------------------------------------------------
+//
+// CreateThread makes a thread object behind a real handle and records the start routine, which nobody runs unless
+// the test does. Masks and priorities are values of the object, as on the real platform. Runs on any thread of a
+// test; the records belong to the test's own.
+
+namespace {
+
+void DestroyThread(Object *object);
+const ObjectOps kThreadObjectOps{nullptr, DestroyThread};
+ObjectPool<ThreadObject> gThreadObjects(ObjectType::kThread, &kThreadObjectOps);
+
+void DestroyThread(Object *object) {
+    FreeObject(&gThreadObjects, static_cast<ThreadObject *>(object));
+}
+
+struct WaitingThread {
+    ThreadObject *Object;  // a reference
+    LPTHREAD_START_ROUTINE Start;
+    void *Param;
+};
+std::deque<WaitingThread> gWaiting;
+
+WaitingThread TakeWaiting() {
+    if (gWaiting.empty()) script::Misuse("no kernel thread was made");
+    const WaitingThread thread = gWaiting.front();
+    gWaiting.pop_front();
+    return thread;
+}
+
+void EndWaiting(const WaitingThread &thread, DWORD code) {
+    thread.Object->ExitCode.store(code, std::memory_order_release);
+    SignalObject(thread.Object);
+    UnrefObject(thread.Object);
+}
+
+// The library suspends and times its backing threads only, which have functions of their own.
+const ThreadOps kScriptedThread = {nullptr,
+                                   [](ThreadObject *) -> DWORD { return 1; },
+                                   [](ThreadObject *, DWORD code) -> BOOL {
+                                       gScript.Terminations.push_back(code);
+                                       return TRUE;
+                                   },
+                                   [](ThreadObject *, uint32_t mask) {
+                                       gScript.Masks.push_back(mask);
+                                       return gScript.ProcessMask;
+                                   },
+                                   [](ThreadObject *, int priority) -> BOOL {
+                                       gScript.Priorities.push_back(priority);
+                                       return TRUE;
+                                   },
+                                   nullptr};
+
+ThreadObject *NewThreadObject(DWORD id) {
+    ThreadObject *object = AllocObject(&gThreadObjects);
+    if (object != nullptr) InitThreadObject(object, &kScriptedThread, id);
+    return object;
+}
+
+const KernelThreadHooks kHooks{[] { return NewThreadObject(GetCurrentThreadId()); }, [] { return false; }, nullptr,
+                               [] { return gScript.ProcessMask; }};
+
+struct Registration {
+    Registration() { SetKernelThreadHooks(&kHooks); }
+} gRegistration;
+
+DWORD gNextThreadId = 90'001;
+
+}  // namespace
+
+namespace script {
+
+void RunThread() {
+    const WaitingThread thread = TakeWaiting();
+    EndWaiting(thread, thread.Start(thread.Param));
+}
+
+void EndThread(DWORD code) {
+    EndWaiting(TakeWaiting(), code);
+}
+
+}  // namespace script
+
+HANDLE CreateThread(SECURITY_ATTRIBUTES *, size_t, LPTHREAD_START_ROUTINE start, void *param, DWORD, DWORD *threadId) {
+    if (ShouldFail("CreateThread")) return nullptr;
+    gScript.Threads.push_back(start);
+    const DWORD id = gNextThreadId;
+    gNextThreadId += 4;
+    if (threadId != nullptr) *threadId = id;
+    ThreadObject *object = NewThreadObject(id);
+    if (object == nullptr) return nullptr;
+    RefObject(object);
+    gWaiting.push_back({object, start, param});
+    return NewHandle(object);
+}
+
+void ExitThread(DWORD) {
+    script::Misuse("a kernel thread was to end itself");
 }
 
 }  // namespace os

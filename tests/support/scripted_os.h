@@ -8,7 +8,7 @@
 // How to drive it. gScript is the one object, fresh in every process (each test case has its own process):
 //
 //   - Clocks stand still until AdvanceClock, or until somebody sleeps: os::Sleep advances them by its argument
-//     (or calls OnSleep instead). ReadTsc moves by TscPerRead at every read.
+//     (or calls OnSleep instead).
 //   - os::ReadFile and os::WriteFile ask OnIo; without one they are pending. A pending operation stays outstanding
 //     until EndOperation, which makes it "ended, not reaped": Internal changes at the next reap of the IoThread
 //     that issued it, exactly as on the real platform, and the packet is queued then.
@@ -76,7 +76,6 @@ struct Script {
     // Clocks. All but LocalTime follow AdvanceClock, the cycle counter at 1 GHz.
     std::atomic<uint64_t> TickMs{5'000'000};
     std::atomic<uint64_t> Tsc{1'000'000'000};
-    std::atomic<uint64_t> TscPerRead{0};
     std::atomic<int64_t> Qpc{7'000'000};
     std::atomic<int64_t> QpcFrequency{10'000'000};
     std::atomic<uint64_t> FileTime{132'000'000'000'000'000};  // 100-nanosecond units
@@ -125,7 +124,6 @@ SOCKET NewSocket();
 
 // Kernel threads that CreateThread made and nobody has run: a test runs one to its end on its own thread, outside any
 // fiber, and the thread's handle is signalled with the exit code. The oldest comes first.
-size_t WaitingThreads();
 void RunThread();
 // The same by another hand: the oldest ends with that code and runs nothing.
 void EndThread(DWORD code);
@@ -136,7 +134,6 @@ void EndThread(DWORD code);
 void NoteProgress();
 
 void AdvanceClock(uint64_t ms);
-void SetTick(uint64_t ms);  // GetTickCount64 from now on; the other clocks stay
 
 // A file handle that nobody opened by name.
 HANDLE NewFile();

@@ -1,9 +1,14 @@
 // tests/unit/thread_call_test.cpp - the thread functions where their order matters: a burst, a thread that may run at
 // any moment, and a backing thread that somebody else has touched. Creations that fail: tests/faults; threads between
 // two schedulers, resumes under a routine: tests/model.
+#include <cstring>
+
 #include "kernel/thread.h"
 
+#include "dedicated/dedicated.h"
 #include "kernel/wait.h"
+#include "platform/os_process.h"
+#include "postwait/postwait.h"
 #include "sched_fixture.h"
 
 namespace zvx::test {
@@ -20,31 +25,22 @@ struct ThreadCall : CallTest {
 };
 
 TEST_F(ThreadCall, WhereANewThreadGoes) {
-    Scheduler *second = NewScheduler();
-    Scheduler *third = NewScheduler();
-    S->AffinityMask = 1;
-    second->AffinityMask = 2;
-    third->AffinityMask = 4;
-    const auto sent = [&] {
-        return std::vector{S->InTransit.load(), second->InTransit.load(), third->InTransit.load()};
-    };
+    Scheduler *const all[] = {S, NewScheduler(), NewScheduler()};
+    for (uint32_t i = 0; i < 3; i++) all[i]->AffinityMask = 1u << i;
     using Counts = std::vector<uint32_t>;
-    Run([&](Fiber *) {
+    const auto sent = [&] { return Counts{all[0]->InTransit, all[1]->InTransit, all[2]->InTransit}; };
+    RunToEnd([&](Fiber *) {
         for (int i = 0; i < 5; i++) Create("a");  // this thread is one more on the first scheduler
         EXPECT_EQ(sent(), (Counts{1, 2, 2}));
         // Schedulers of the log writer and of a database writer are made to look busier, or less.
-        Fiber *someone = S->InitFiber;
         gAlterDistributionLGWR = 10;
         gAlterDistributionDBWR = 0xFFFFFFFF;  // one less
-        second->LgwrFiber.store(someone);
-        third->DbwrFiber.store(someone);
+        all[1]->LgwrFiber.store(S->InitFiber);
+        all[2]->DbwrFiber.store(S->InitFiber);
         Create("b");
         EXPECT_EQ(sent(), (Counts{1, 2, 3}));
-        second->LgwrFiber.store(nullptr);
-        third->DbwrFiber.store(nullptr);
         // A mask narrows the choice; one that fits nobody means the first.
         for (int i = 0; i < 4; i++) Create("c", 4);
-        EXPECT_EQ(sent(), (Counts{1, 2, 7}));
         Create("c", 0x80);
         EXPECT_EQ(sent(), (Counts{2, 2, 7}));
     });
@@ -92,12 +88,6 @@ TEST_F(ThreadCall, TheEndOfABackingThreadThatOthersTouched) {
 
 // ---- Waits for objects, under a clock that stands still ----------------------------------------------
 
-uint32_t gRoutines;
-
-void PlainRoutine(DWORD, DWORD, LPOVERLAPPED) {
-    gRoutines++;
-}
-
 struct WaitCall : CallTest {
     const HANDLE Event = NewEvent(false, false);
 };
@@ -134,51 +124,247 @@ TEST_F(WaitCall, AParkedWaitSleepsUntilItIsWoken) {
     park("second", [&] { return WaitForSingleObject(WithoutPacket(Event), 3000); });
     park("any", [&] { return WaitForMultipleObjects(2, both, FALSE, 4000); });
     park("all", [&] { return WaitForMultipleObjects(2, both, TRUE, INFINITE); });
-    park("late", [&] { return WaitForSingleObject(manual, 1500); });
     const uint32_t passes = S->SwitchCount.load();
     Pass(1000);
     EXPECT_EQ(S->SwitchCount.load(), passes);
-    os::SetEvent(Event);
-    RunUntilIdle(S);
-    EXPECT_EQ(TakeNotes(), Names{"0 first"});
-    Run([&](Fiber *) { EXPECT_TRUE(SetEvent(manual)); });
-    EXPECT_EQ(TakeNotes(), (Names{"1 any", "0 late"}));
-    os::SetEvent(Event);
-    os::SetEvent(Event);
-    RunUntilIdle(S);
-    EXPECT_EQ(TakeNotes(), (Names{"0 second", "0 all"})) << "each hands the event over at once";
+    for (auto [event, notes] :
+         {std::pair{Event, Names{"0 first"}}, {manual, {"1 any"}}, {Event, {"0 second"}}, {Event, {"0 all"}}}) {
+        os::SetEvent(event);
+        RunUntilIdle(S);
+        EXPECT_EQ(TakeNotes(), notes);
+    }
     // A handle that is closed ends the wait that was begun with it.
-    Run([&](Fiber *) {
-        const DWORD result = WaitForSingleObject(Event, INFINITE);
-        Note(std::to_string(result) + " " + std::to_string(os::GetLastError()));
-    });
+    park("closed", [&] { return WaitForSingleObject(Event, INFINITE) + os::GetLastError(); });
     os::CloseHandle(Event);
     RunUntilIdle(S);
-    EXPECT_EQ(TakeNotes(), Names{"4294967295 " + std::to_string(ERROR_INVALID_HANDLE)});
+    EXPECT_EQ(TakeNotes(), Names{std::to_string(WAIT_FAILED + ERROR_INVALID_HANDLE) + " closed"});
 }
 
 // An alertable wait is ended by an own operation at once, not at the next slice; an object that is signalled at the
 // same test wins, and the routine is remembered for the next alertable call.
 TEST_F(WaitCall, AlertableWaitsEndForRoutines) {
     OVERLAPPED ov{};
+    const auto routine = [](DWORD, DWORD, LPOVERLAPPED) { Note("routine"); };
     Fiber *F = Run([&](Fiber *self) {
         const HANDLE file = Open();
-        EXPECT_TRUE(ReadFileEx(file, nullptr, 1, &ov, PlainRoutine));
+        EXPECT_TRUE(ReadFileEx(file, nullptr, 1, &ov, routine));
         EXPECT_EQ(WaitForSingleObjectEx(Event, INFINITE, TRUE), WAIT_IO_COMPLETION);
         EXPECT_EQ(self->ApcDelivered, 0u);
-        Note("routine");
         Answer(script::Done(1));
-        EXPECT_TRUE(ReadFileEx(file, nullptr, 1, &ov, PlainRoutine));
+        EXPECT_TRUE(ReadFileEx(file, nullptr, 1, &ov, routine));
         os::SetEvent(Event);
         EXPECT_EQ(WaitForMultipleObjectsEx(1, &Event, FALSE, INFINITE, TRUE), WAIT_OBJECT_0);
-        EXPECT_EQ(gRoutines, 2u);
         EXPECT_EQ(self->ApcDelivered, 1u);
         EXPECT_EQ(self->Flags & FIBER_POLL_OWN_OVS, 0u);
         Note("object");
     });
     EXPECT_TRUE(F->Flags & FIBER_POLL_OWN_OVS);
     EndRoutineOf(F, 0, 1);  // no time passes
-    EXPECT_EQ(TakeNotes(), (Names{"routine", "object"}));
+    EXPECT_EQ(TakeNotes(), (Names{"routine", "routine", "object"}));
+}
+
+// ---- Injected routines and calls on threads of their own ---------------------------------------------
+
+std::function<void()> gRoutine;
+
+// A target that is identified and parked, and what reaches it.
+struct Dedicated : CallTest {
+    void SetUp() override {
+        CallTest::SetUp();
+        Event = NewEvent(false, false);
+    }
+    // Parks the target in `wait`, whose result it notes.
+    void Park(std::function<std::string(Fiber *)> wait) {
+        Target = Run([=, this](Fiber *F) {
+            IdentifyUserThread("P", Event);
+            Note(wait(F));
+            UnidentifyUserThread(0);
+        });
+        EXPECT_EQ(TakeNotes(), Names{}) << "it did not wait";
+    }
+    void Inject(std::function<void()> routine) {
+        gRoutine = std::move(routine);
+        Run([&](Fiber *) { EXPECT_TRUE(UserThreadExecRoutine(Event, [] { gRoutine(); })); });
+    }
+    void Send(uint8_t kind, uint32_t second = 0) {
+        SendOne(S, kind, Target, Generation(Target), second);
+        RunUntilIdle(S);
+    }
+    // The target's wait ends after `ms` more, not two ticks earlier or more than two later.
+    void ExpectEndAfter(uint32_t ms, const std::string &note) {
+        Pass(ms - 2);
+        EXPECT_EQ(TakeNotes(), Names{}) << note << " too early";
+        Pass(4 + gTimerInterval);
+        EXPECT_EQ(TakeNotes(), Names{note});
+    }
+    HANDLE Event = nullptr;
+    Fiber *Target = nullptr;
+};
+
+std::string Said(DWORD result) {
+    return std::to_string(result) + " error " + std::to_string(os::GetLastError());
+}
+
+// ---- Injected routines -------------------------------------------------------------------------------
+
+TEST_F(Dedicated, AWaitGoesOnForWhatIsLeft) {
+    Park([](Fiber *) {
+        os::SetLastError(1);
+        Sleep(100);
+        return Said(0);
+    });
+    Pass(40);
+    Inject([this] {
+        EXPECT_EQ(os::GetFiberData(), Target);
+        Sleep(20);  // counts as time slept
+        os::SetLastError(2);
+        Note("routine");
+    });
+    ExpectEndAfter(20, "routine");
+    ExpectEndAfter(34, "0 error 1");
+    // One that outlasts the wait: it ends at the next look.
+    Park([](Fiber *) { return Sleep(10), "late"; });
+    Inject([] { Sleep(50); });
+    ExpectEndAfter(50, "late");
+    Park([this](Fiber *) { return Said(WaitForUserThreadPost(Event, 100)); });
+    Pass(50);
+    Inject([] {});
+    ExpectEndAfter(50, "258 error 0");
+}
+
+TEST_F(Dedicated, ASuspendedThreadRunsTheRoutineAndStopsAgain) {
+    Park([](Fiber *) { return Sleep(10), "slept"; });
+    Send(MSG_SUSPEND);
+    Pass(20);
+    // While the routine runs: a resume takes back the suspension of before, a suspension stops the routine and stays.
+    Inject([] {
+        Sleep(5);
+        Note("routine");
+    });
+    EXPECT_EQ(Target->SuspendCount.load(), 0u) << "put aside";
+    Send(MSG_SUSPEND);
+    Pass(20);
+    EXPECT_EQ(TakeNotes(), Names{});
+    Send(MSG_RESUME);
+    Pass(4);
+    EXPECT_EQ(TakeNotes(), Names{"routine"});
+    EXPECT_TRUE(Target->SuspendCount.load() == 1 && Target->State == FSTATE_SUSPENDED);
+    Send(MSG_RESUME);
+    Pass(2);
+    EXPECT_EQ(TakeNotes(), Names{"slept"});
+    // One that was runnable when both came used to go on after the routine, until its next yield.
+    Target = Run([this](Fiber *F) {
+        IdentifyUserThread("P", Event);
+        SendOne(S, MSG_SUSPEND, F, Generation(F));
+        UserThreadExecRoutine(Event, [] { Note("routine"); });
+        SchedYield(F, Yield_USER);
+        Note("went on");
+        UnidentifyUserThread(0);
+    });
+    EXPECT_EQ(TakeNotes(), Names{"routine"});
+    EXPECT_EQ(Target->State, FSTATE_SUSPENDED);
+    Send(MSG_RESUME);
+    EXPECT_EQ(TakeNotes(), Names{"went on"});
+}
+
+TEST_F(Dedicated, WhoCannotBeReached) {
+    RunToEnd([&](Fiber *C) {
+        for (const HANDLE handle : {Event, static_cast<HANDLE>(nullptr)}) {
+            EXPECT_FALSE(UserThreadExecRoutine(handle, [] {}));
+            EXPECT_EQ(os::GetLastError(), ERROR_INVALID_HANDLE);
+        }
+        IdentifyUserThread("P", Event);
+        C->PostEvent->OwnerGeneration++;
+        EXPECT_FALSE(UserThreadExecRoutine(Event, [] {})) << "the thread of before has ended";
+        C->PostEvent->OwnerGeneration--;
+        UnidentifyUserThread(0);
+    });
+    EXPECT_FALSE(UserThreadExecRoutine(Event, [] {})) << "the test's side is no user thread";
+    EXPECT_EQ(os::GetLastError(), 0xFFFFFFFFu);
+    // A second one while the first is pending is dropped. A blocked scheduler is told where it may wait for long.
+    Scheduler *other = NewScheduler();
+    gPortWaitMs = 100;
+    NewFiber(other, [&](Fiber *) {
+        IdentifyUserThread("P", Event);
+        Sleep(INFINITE);
+    });
+    RunUntilIdle(other);
+    script::gScript.Posted.clear();
+    for (const auto routine : {+[] { Note("one"); }, +[] { Note("two"); }})
+        Run([&](Fiber *) { EXPECT_TRUE(UserThreadExecRoutine(Event, routine)); });
+    EXPECT_EQ(script::gScript.Posted.size(), 1u);
+    RunUntilIdle(other);
+    EXPECT_EQ(TakeNotes(), Names{"one"});
+}
+
+// ---- Calls on threads of their own -------------------------------------------------------------------
+
+// Reads from the scripted console into `buffer`, as the target.
+std::string ReadInto(char *buffer, DWORD room) {
+    DWORD got = 99;
+    os::SetLastError(12345);
+    const BOOL done = ReadConsoleA(nullptr, buffer, room, &got, nullptr);
+    const DWORD error = os::GetLastError();
+    return std::to_string(done) + " " + std::to_string(got) + " error " + std::to_string(error);
+}
+
+TEST_F(Dedicated, ACallGivesBackWhatItWroteAndSaid) {
+    script::gScript.OnReadConsole = [](void *buffer, DWORD room, DWORD *read) -> BOOL {
+        memset(buffer, 'x', room);
+        *read = 3;
+        os::SetLastError(77);  // also after success
+        return TRUE;
+    };
+    char buffer[9] = "--------";
+    Park([&](Fiber *) { return ReadInto(buffer, 8); });
+    EXPECT_EQ(script::gScript.Priorities.back(), THREAD_PRIORITY_ABOVE_NORMAL);
+    // An injected routine finds the wait and leaves it alone.
+    Inject([] { Note("routine"); });
+    EXPECT_EQ(TakeNotes(), Names{"routine"});
+    Pass(20);
+    EXPECT_STREQ(buffer, "--------") << "nothing is written before the thread has ended";
+    script::RunThread();
+    Pass(2);
+    EXPECT_EQ(TakeNotes(), Names{"1 3 error 77"});
+    EXPECT_STREQ(buffer, "xxx-----");
+    EXPECT_TRUE(script::gScript.Terminations.empty());
+}
+
+TEST_F(Dedicated, ATerminatedCallerLeavesItsCallToTheThread) {
+    script::gScript.OnReadConsole = [](void *buffer, DWORD room, DWORD *read) -> BOOL {
+        memset(buffer, 'x', room);  // the stack of the caller is gone by now
+        *read = room;
+        return TRUE;
+    };
+    const auto read = [](Fiber *) {
+        char buffer[256];
+        return ReadInto(buffer, sizeof buffer);
+    };
+    Park(read);
+    Send(MSG_TERMINATE, 33);
+    Pass(4);
+    EXPECT_EQ(script::gScript.Terminations, std::vector<DWORD>{33});
+    EXPECT_EQ(OrphanedCalls(), 1u);
+    EXPECT_EQ(S->FiberCount.load(), 0u);
+    script::RunThread();
+    // Terminated inside a routine that waits for a call of its own: both calls are let go.
+    Park(read);
+    EXPECT_EQ(OrphanedCalls(), 0u) << "the next call frees what has ended";
+    Inject([&] { read(nullptr); });
+    Send(MSG_TERMINATE, 34);
+    Pass(4);
+    EXPECT_EQ(OrphanedCalls(), 2u);
+    EXPECT_EQ(script::gScript.Terminations, (std::vector<DWORD>{33, 34, 34}));
+    for (int i = 0; i < 2; i++) script::EndThread(34);
+    // A thread that somebody else ended gives its exit code as the error; one whose end cannot be seen keeps the call.
+    for (const uint32_t orphans : {0u, 1u}) {
+        Park(read);
+        if (orphans != 0) os::FailCall("GetExitCodeThread", 1, 5);
+        if (orphans == 0) script::EndThread(5);
+        Pass(2);
+        EXPECT_EQ(TakeNotes(), Names{"0 99 error 5"});
+        EXPECT_EQ(OrphanedCalls(), orphans);
+    }
 }
 
 }  // namespace
