@@ -1,12 +1,10 @@
 // tests/support/scripted_io.cpp - ports and overlapped operations by script.
 //
 // Runs on the test's thread. An operation is a Request in one list from its issue until the reap that makes it
-// final; a port is a queue of packets and the IoThread of whoever made it. The only call from foreign threads is
-// PostQueuedCompletionStatus, so the queues have a lock. Nothing here blocks.
+// final; a port is a queue of packets and the IoThread of whoever made it. Nothing here blocks.
 #include <deque>
 #include <list>
 #include <memory>
-#include <mutex>
 
 #include "platform/base/object.h"
 #include "platform/base/object_pool.h"
@@ -30,8 +28,8 @@ struct PortState {
     std::atomic<uint32_t> Tail{0};
     std::atomic<uint32_t> Tasks{0};
     HANDLE Handle = nullptr;
-    std::deque<Packet> Queue;  // [gQueueLock]
-    uint32_t EmptyPolls = 0;   // polls without waiting that found nothing, in a row
+    std::deque<Packet> Queue;
+    uint32_t EmptyPolls = 0;  // polls without waiting that found nothing, in a row
 };
 
 // A pending operation, from its issue until it was reaped.
@@ -47,7 +45,6 @@ void DestroyFile(Object *object);
 const ObjectOps kFileOps{nullptr, DestroyFile};
 ObjectPool<File> gFiles(ObjectType::kFile, &kFileOps);
 
-std::mutex gQueueLock;
 std::vector<std::unique_ptr<PortState>> gPortStates;  // never freed: their IoThreads stay in thread blocks
 std::list<Request> gRequests;                         // in the order of issue; those that ended, of ending
 
@@ -95,20 +92,8 @@ void MakeFinal(const IoCall &call, DWORD status, DWORD bytes) {
     if (event > 1) SetEvent(reinterpret_cast<HANDLE>(event & ~uintptr_t{1}));
     const File *file = (event & 1) == 0 ? FileOf(call.File) : nullptr;
     if (file == nullptr || file->Port == nullptr) return;
-    std::lock_guard<std::mutex> guard(gQueueLock);
     if (call.Op != nullptr) call.Op->PacketsQueued++;
     StateOf(file->Port)->Queue.push_back({bytes, file->Key, ov, ErrorOfStatus(status), call.Op});
-}
-
-void Finish(const Request &request) {
-    IoThread *io = request.Thread;
-    io->Outstanding--;
-    if (IoOp *op = request.Call.Op; op != nullptr) {
-        op->NextEnded = nullptr;
-        (io->EndedTail != nullptr ? io->EndedTail->NextEnded : io->EndedHead) = op;
-        io->EndedTail = op;
-    }
-    MakeFinal(request.Call, request.Status, request.Bytes);
 }
 
 void Cancel(HANDLE file, OVERLAPPED *ov) {
@@ -170,7 +155,6 @@ HANDLE RunningOn(const OVERLAPPED *ov) {
 }
 
 uint32_t QueuedPackets(HANDLE port) {
-    std::lock_guard<std::mutex> guard(gQueueLock);
     return static_cast<uint32_t>(StateOf(port)->Queue.size());
 }
 
@@ -191,7 +175,13 @@ void ReapIo(IoThread *io) {
         const Request request = *at;
         gRequests.erase(at);
         io->Head++;
-        Finish(request);
+        io->Outstanding--;
+        if (IoOp *op = request.Call.Op; op != nullptr) {
+            op->NextEnded = nullptr;
+            (io->EndedTail != nullptr ? io->EndedTail->NextEnded : io->EndedHead) = op;
+            io->EndedTail = op;
+        }
+        MakeFinal(request.Call, request.Status, request.Bytes);
     }
 }
 
@@ -213,7 +203,6 @@ HANDLE CreateIoCompletionPort(HANDLE file, HANDLE port, uintptr_t key, DWORD) {
         state->Io.TaskMask = 1;
         state->Handle = NewFile();
         CurrentThreadBlock()->Io = &state->Io;
-        std::lock_guard<std::mutex> guard(gQueueLock);
         gPortStates.push_back(std::move(state));
         return gPortStates.back()->Handle;
     }
@@ -229,21 +218,6 @@ HANDLE CreateIoCompletionPort(HANDLE file, HANDLE port, uintptr_t key, DWORD) {
     return port;
 }
 
-namespace {
-
-// Takes the first packet; false when there is none.
-bool TakePacket(PortState *state, Packet *packet) {
-    std::lock_guard<std::mutex> guard(gQueueLock);
-    if (state->Queue.empty()) return false;
-    *packet = state->Queue.front();
-    state->Queue.pop_front();
-    state->EmptyPolls = 0;
-    if (packet->Op != nullptr) packet->Op->PacketsQueued--;
-    return true;
-}
-
-}  // namespace
-
 BOOL GetQueuedCompletionStatus(HANDLE port, DWORD *bytes, uintptr_t *key, OVERLAPPED **overlapped, DWORD ms) {
     *overlapped = nullptr;
     if (ShouldFail("GetQueuedCompletionStatus")) return FALSE;
@@ -252,20 +226,22 @@ BOOL GetQueuedCompletionStatus(HANDLE port, DWORD *bytes, uintptr_t *key, OVERLA
     NoteProgress();
     const uint32_t headBefore = state->Io.Head;
     ReapIo(&state->Io);
-    Packet packet;
-    bool found = TakePacket(state, &packet);
+    std::deque<Packet> &queue = state->Queue;
     // What was reaped without a packet ends the wait too.
-    if (!found && state->Io.Head == headBefore && (ms != 0 || ++state->EmptyPolls > gScript.SpinLimit)) {
+    if (queue.empty() && state->Io.Head == headBefore && (ms != 0 || ++state->EmptyPolls > gScript.SpinLimit)) {
         state->EmptyPolls = 0;
         if (ms != 0) gScript.LastPortWaitMs = ms;
         gScript.OnPortWait(port, ms);
         ReapIo(&state->Io);
-        found = TakePacket(state, &packet);
     }
-    if (!found) {
+    if (queue.empty()) {
         SetLastError(WAIT_TIMEOUT);
         return FALSE;
     }
+    const Packet packet = queue.front();
+    queue.pop_front();
+    state->EmptyPolls = 0;
+    if (packet.Op != nullptr) packet.Op->PacketsQueued--;
     if (packet.Error != 0) SetLastError(packet.Error);
     *bytes = packet.Bytes;
     *key = packet.Key;
@@ -275,7 +251,6 @@ BOOL GetQueuedCompletionStatus(HANDLE port, DWORD *bytes, uintptr_t *key, OVERLA
 
 BOOL PostQueuedCompletionStatus(HANDLE port, DWORD bytes, uintptr_t key, OVERLAPPED *overlapped) {
     if (ShouldFail("PostQueuedCompletionStatus")) return FALSE;
-    std::lock_guard<std::mutex> guard(gQueueLock);
     PortState *state = StateOf(port);
     if (state == nullptr) return FALSE;
     state->Queue.push_back({bytes, key, overlapped, 0, nullptr});

@@ -24,7 +24,7 @@
 //     library chose for it.
 //   - os::FailCall makes the nth call of a named function fail, here as on the real platform.
 //
-// The tables belong to the test's thread. Posting a packet and reading a clock are safe from any thread.
+// The tables belong to the test's thread. Reading a clock is safe from any thread.
 #ifndef ZVX_TESTS_SUPPORT_SCRIPTED_OS_H
 #define ZVX_TESTS_SUPPORT_SCRIPTED_OS_H
 

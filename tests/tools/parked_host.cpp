@@ -77,18 +77,12 @@ DWORD Park(LPVOID argument) {
     return kind->Place(Identify(kind->Tag));
 }
 
-DWORD Ping(LPVOID) {
-    gPing = Identify("PING");
+DWORD PingPong(LPVOID pong) {
+    HANDLE &own = pong != nullptr ? gPong : gPing, &other = pong != nullptr ? gPing : gPong;
+    own = Identify(pong != nullptr ? "PONG" : "PING");
     for (;;) {
-        if (gPong != nullptr) PostUserThread(gPong);
-        WaitForUserThreadPost(gPing, 10);
-    }
-}
-DWORD Pong(LPVOID) {
-    gPong = Identify("PONG");
-    for (;;) {
-        WaitForUserThreadPost(gPong, 10);
-        if (gPing != nullptr) PostUserThread(gPing);
+        if (other != nullptr) PostUserThread(other);
+        WaitForUserThreadPost(own, 10);
     }
 }
 
@@ -118,8 +112,8 @@ DWORD MainRoutine(LPVOID) {
         Sleep(50);
     }
     if (gMode == "load") {
-        Start(Ping);
-        Start(Pong);
+        Start(PingPong);
+        Start(PingPong, &kWaiter);
     }
     if (gMode == "hang" || gMode == "abort") {
         Start(Park, &kSpinner);
