@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <string>
 
 #include "diag/trace.h"
@@ -40,45 +41,29 @@ struct Folder {
         return name;
     }
     std::string Text() const { return ReadWhole(Path + "/" + OnlyFile()); }
-    // The text without the time stamps at the beginnings of its lines.
-    std::string Lines() const {
-        std::ifstream file(Path + "/" + OnlyFile());
-        std::string text;
-        for (std::string line; std::getline(file, line);) {
-            const size_t stamp = line.find("] ");
-            text += (stamp == line.npos ? line : line.substr(stamp + 2)) + "\n";
-        }
-        return text;
-    }
-
     // Without a separator at its end.
     const std::string Path =
         (std::filesystem::temp_directory_path() / ("zvx_unit_" + std::to_string(getpid()))).string();
 };
 
-// The child ends with 99 when body() returns.
-template <typename Body>
-ChildResult RunChild(Body body) {
-    return RunInChild(body, 99, false);
-}
-
 // How FatalExit ended the process that ran body().
 struct Killed {
     std::string Output;  // with "|" for each " (see <trace file>)\n"; after "N: " if N was the exit code, not 1
-    std::string Lines;   // of the trace file
+    std::string Lines;   // of the trace file, without their time stamps
 };
 
 template <typename Body>
 Killed Kill(Body body) {
     const Folder folder;
-    const ChildResult child = RunChild([&] {
+    const auto traced = [&] {
         TraceInit(folder.Path.c_str());
         body();
-    });
+    };
+    const ChildResult child = RunInChild(traced, 99, false);
     std::string output = child.ExitCode == 1 ? child.Output : std::to_string(child.ExitCode) + ": " + child.Output;
     const std::string see = " (see " + folder.Path + "/" + folder.OnlyFile() + ")\n";
     for (size_t at; (at = output.find(see)) != output.npos;) output.replace(at, see.size(), "|");
-    return {output, folder.Lines()};
+    return {output, std::regex_replace(folder.Text(), std::regex("(^|\n)\\[[^\\]]*\\] "), "$1")};
 }
 
 }  // namespace zvx::test

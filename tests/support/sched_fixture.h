@@ -118,6 +118,18 @@ struct CallTest : SchedTest {
     static HANDLE NewEvent(bool manual, bool set) { return os::CreateEventA(nullptr, manual, set, nullptr); }
 };
 
+struct TwoSchedulers : CallTest {
+    void SetUp() override {
+        CallTest::SetUp();
+        Other = NewScheduler();
+    }
+    void TearDown() override {
+        CheckScheduler(Other);
+        CallTest::TearDown();
+    }
+    Scheduler *Other = nullptr;
+};
+
 }  // namespace zvx::test
 
 #endif  // ZVX_TESTS_SUPPORT_SCHED_FIXTURE_H

@@ -1,9 +1,8 @@
 // tests/support/scripted_os.h - the operating system that unit tests run the library on.
 //
-// It stands in for the half of the platform that talks to the kernel: clocks, kernel threads with their priorities
-// and masks, ports and overlapped operations, files. Fibers, slots, last error, memory, locks, the handle table,
-// events and waits, backing threads, the environment and the console stay real. Nothing here sleeps, reads a real clock
-// or makes a kernel thread, so a test takes the same course every time.
+// It stands in for the half of the platform that talks to the kernel: clocks, kernel threads, ports and overlapped
+// operations, files. The rest stays real. Nothing here sleeps, reads a real clock or makes a kernel thread, so a test
+// takes the same course every time.
 //
 // How to drive it. gScript is the one object, fresh in every process (each test case has its own process):
 //

@@ -10,15 +10,7 @@
 namespace zvx::test {
 namespace {
 
-struct PostWaitCall : CallTest {
-    void SetUp() override {
-        CallTest::SetUp();
-        Other = NewScheduler();
-    }
-    void TearDown() override {
-        CheckScheduler(Other);
-        CallTest::TearDown();
-    }
+struct PostWaitCall : TwoSchedulers {
     // A user thread on `on` that waits for `waits` posts of its event, and notes each under its name.
     HANDLE Waiter(Scheduler *on, const char *name, const char *tag = "SHAD", int waits = 1) {
         HANDLE event = NewEvent(false, false);
@@ -31,7 +23,6 @@ struct PostWaitCall : CallTest {
         RunUntilIdle(on);
         return event;
     }
-    Scheduler *Other = nullptr;
 };
 
 TEST_F(PostWaitCall, PostsAreKeptForTheNextWaitAndCountOnce) {
@@ -189,18 +180,6 @@ struct Sections : PostWaitCall {
     CRITICAL_SECTION Section{};
     std::map<std::string, HANDLE> Events;
 };
-
-TEST_F(Sections, Recursion) {
-    RunToEnd([&](Fiber *F) {
-        EnterCriticalSection(&Section);
-        EXPECT_TRUE(TryEnterCriticalSection(&Section));
-        for (int i = 0; i < 2; ++i) {
-            EXPECT_EQ(Record()->Owner.load(), F);
-            LeaveCriticalSection(&Section);
-        }
-        EXPECT_TRUE(Record()->Owner.load() == nullptr && F->OwnedCritSecs.Count == 0);
-    });
-}
 
 TEST_F(Sections, OneLeaveWakesOneWaiterInTheirOrder) {
     for (Scheduler *home : {S, Other}) {

@@ -6,70 +6,38 @@
 namespace zvx::test {
 namespace {
 
-struct MessageTest : SchedTest {
-    void SetUp() override {
-        SchedTest::SetUp();
-        Other = NewScheduler();
-    }
-    void TearDown() override {
-        SchedTest::TearDown();
-        CheckScheduler(Other);
-    }
-    void SendPost(Scheduler *to, Fiber *F) {
-        FIBER_MESSAGE *msg = AllocMessage(S, to, MSG_POST);
-        msg->PostBit = POST_HOST;
-        msg->Count = 1;
-        msg->Fibers[0] = F;
-        msg->Generation = Generation(F);
-        SendMessage(to, msg);
-    }
-    Fiber *PostWaiter() {
-        Fiber *F = NewFiber(Other, [](Fiber *self) {
-            self->Flags |= FIBER_POST_WAIT;
-            self->PostWaitMask = POST_HOST;
-            ParkForEver(self);
-            self->Flags &= ~static_cast<uint32_t>(FIBER_POST_WAIT);
-            Note(self->PostPending != 0 ? "posted" : "timed out");
-            ParkForEver(self);
-        });
+struct MessageTest : TwoSchedulers {
+    Fiber *Sleeper() {
+        Fiber *F = NewFiber(Other, [](Fiber *) { Sleep(5), Note("slept"); });
         RunUntilIdle(Other);
         return F;
     }
-    Scheduler *Other = nullptr;
+    static void Send(Scheduler *to, uint8_t kind, Fiber *F, int times = 1) {
+        for (int i = 0; i < times; ++i) SendOne(to, kind, F, Generation(F));
+    }
 };
 
-TEST_F(MessageTest, ABlockedSchedulerGetsOnePacketForABurst) {
-    Fiber *F = PostWaiter();
-    SendPost(S, F);  // it is not on S
-    RunUntilIdle(S);
-    EXPECT_EQ(F->PostPending, 0u);
-    // The test holds Other in its wait, with BlockedInPort set.
-    for (int i = 0; i < 3; ++i) SendPost(Other, F);
-    ASSERT_EQ(script::gScript.Posted.size(), 1u);
-    EXPECT_EQ(script::gScript.Posted[0].Key, KEY_MESSAGES);
+// What wakes it anyway: postwait_test.cpp.
+TEST_F(MessageTest, SuspensionsWakeABlockedSchedulerThatMayWaitForLong) {
+    Fiber *F = Sleeper();
+    for (const DWORD wait : {1u, 100u}) {
+        gPortWaitMs = wait;
+        RunUntilIdle(Other);
+        Send(Other, MSG_SUSPEND, F, 3);
+        EXPECT_EQ(script::gScript.Posted.size(), wait == 1 ? 0u : 1u);
+    }
     RunUntilIdle(Other);
-    EXPECT_EQ(TakeNotes(), Names{"posted"});
     EXPECT_EQ(Other->ChunkTypeCount[3] + S->ChunkTypeCount[3], 0) << "every message was freed";
-    // Other kinds wake it only where long waits are allowed.
-    script::gScript.Posted.clear();
-    SendOne(Other, MSG_SUSPEND, F, Generation(F));
-    EXPECT_TRUE(script::gScript.Posted.empty()) << "it looks again within a millisecond";
-    gPortWaitMs = 100;
-    RunUntilIdle(Other);
-    SendOne(Other, MSG_RESUME, F, Generation(F));
-    EXPECT_EQ(script::gScript.Posted.size(), 1u);
-    RunUntilIdle(Other);
 }
 
 TEST_F(MessageTest, SuspensionsCountAndStopAt127) {
-    Fiber *F = PostWaiter();
-    for (int i = 0; i < 130; ++i) SendOne(Other, MSG_SUSPEND, F, Generation(F));
-    SendPost(Other, F);
-    RunUntilIdle(Other);
+    Fiber *F = Sleeper();
+    Send(Other, MSG_SUSPEND, F, 130);
+    for (int i = 0; i < 5; ++i) script::AdvanceClock(2), RunUntilIdle(Other);
     EXPECT_TRUE(F->SuspendCount.load() == 127 && F->SuspendRequests.load() == 130 && F->State == FSTATE_SUSPENDED);
-    for (int i = 0; i < 127; ++i) SendOne(Other, MSG_RESUME, F, Generation(F));
+    Send(Other, MSG_RESUME, F, 127);
     RunUntilIdle(Other);
-    EXPECT_EQ(TakeNotes(), Names{"posted"}) << "the last resume runs it without waiting for a timer check";
+    EXPECT_EQ(TakeNotes(), Names{"slept"}) << "the last resume runs it without waiting for a timer check";
 }
 
 // The pass in which a leaving thread finds its successor runs on its stack. Handed over in that pass, it could run on
@@ -86,19 +54,19 @@ TEST_F(MessageTest, ALeavingThreadIsHandedOverWhenItIsOffItsStack) {
     EXPECT_EQ(F->Sched.load(), nullptr);
     RunUntilIdle(Other);
     EXPECT_EQ(TakeNotes(), Names{"on 1"});
-    EXPECT_FALSE(AttachFiber(Other, PostWaiter())) << "it is not on its way";
+    EXPECT_FALSE(AttachFiber(Other, Sleeper())) << "it is not on its way";
 }
 
 TEST_F(MessageTest, ARequestForAThreadThatLeftIsPassedOn) {
-    Fiber *F = PostWaiter();
-    SendOne(S, MSG_SUSPEND, F, Generation(F));  // sent while it was still on S
+    Fiber *F = Sleeper();
+    Send(S, MSG_SUSPEND, F);  // sent while it was still on S
     RunUntilIdle(S);
     EXPECT_EQ(F->SuspendRequests.load(), 0u);
     RunUntilIdle(Other);
     EXPECT_EQ(F->SuspendRequests.load(), 1u);
     // Between two schedulers: kept until it has arrived.
     SetSched(F, nullptr, std::memory_order_relaxed);
-    SendOne(S, MSG_SUSPEND, F, Generation(F));
+    Send(S, MSG_SUSPEND, F);
     RunUntilIdle(S);
     EXPECT_NE(S->Messages.load(), nullptr);
     SetSched(F, Other, std::memory_order_relaxed);

@@ -175,29 +175,6 @@ TEST_F(SwitchTest, HeapHoldsUnderRandomEntriesAndRemovals) {
     EXPECT_EQ(late, 0u);
 }
 
-bool CountTest(Fiber *, uintptr_t counter, uintptr_t limit, uintptr_t, uintptr_t, uintptr_t) {
-    return ++*reinterpret_cast<uint32_t *>(counter) >= limit;
-}
-
-TEST_F(SwitchTest, PolledWaitsTestAtOnceAndThenEveryInterval) {
-    uint32_t tests = 0;
-    Run([&](Fiber *self) {
-        const auto wait = [&](DWORD ms, uintptr_t limit) {
-            self->WaitTimeoutMs = ms;
-            Note(WaitWithPolling(self, CountTest, reinterpret_cast<uintptr_t>(&tests), limit) ? "met" : "timed out");
-        };
-        wait(0, 100);  // tests once and never yields
-        wait(1000, 6);
-        wait(7, 1000);
-    });
-    EXPECT_EQ(TakeNotes(), Names{"timed out"});
-    EXPECT_EQ(tests, 2u);
-    for (int i = 0; i < 4; ++i) Advance(2);
-    EXPECT_EQ(TakeNotes(), Names{"met"});
-    for (int i = 0; i < 6; ++i) Advance(2);
-    EXPECT_EQ(TakeNotes(), Names{"timed out"});
-}
-
 TEST_F(SwitchTest, TheWaitInThePortIsBoundedByTheNearestTimeOut) {
     gPortWaitMs = 100;
     RunUntilIdle(S);
@@ -232,14 +209,6 @@ TEST(SchedFatal, EachEndHasItsText) {
         {"EnterCriticalSection: unwrapped critical section\n", [](Fiber *) { EnterCriticalSection(&gSection); }},
         {"SetCriticalSectionSpinCount is not supported\n", [](Fiber *) { SetCriticalSectionSpinCount(&gSection, 1); },
          EnterAndSleep},
-        {"DeleteCriticalSection: Waiters list not null: num_waiters[1]\n",
-         [](Fiber *F) {
-             InitializeCriticalSection(&gSection);
-             EnterCriticalSection(&gSection);
-             NewFiber(SchedOf(F), [](Fiber *) { EnterCriticalSection(&gSection); });
-             for (int i = 0; i < 3; ++i) Sleep(0);
-             DeleteCriticalSection(&gSection);
-         }},
         {"DeleteCriticalSection: Owner not null: owner[", [](Fiber *) { DeleteCriticalSection(&gSection); },
          EnterAndSleep},
         {"Couldn't free critical section: current[", [](Fiber *) { LeaveCriticalSection(&gSection); }, EnterAndSleep},

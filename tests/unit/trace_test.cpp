@@ -97,23 +97,22 @@ TEST_F(Trace, PrefixAndLastError) {
     TraceLog(true, true, true, "lost\n");
     EXPECT_TRUE(os::GetLastError() == 1234 && errno == ERANGE);
     fs::remove(path);
-    fs::current_path("/");
     // A thread, and the same as a user thread.
+    TraceLog(true, true, false, "\n");
     const auto F = std::make_unique<Fiber>();
     const auto S = std::make_unique<Scheduler>();
     S->Index = 3;
     F->OsThreadId.store(4711);
     F->Home.store(S.get());
     os::CurrentThreadBlock()->FiberData = F.get();
-    for (const char *tag : {"no fiber mode", "SHAD", static_cast<const char *>(nullptr), "PMON"}) {
+    SetOption(su_InFiber | su_FiberMode);
+    for (const char *tag : {"SHAD", static_cast<const char *>(nullptr), "PMON"}) {  // PMON writes nothing
         F->Tag.store(tag);
         TraceLog(true, true, false, "\n");
-        SetOption(su_InFiber | su_FiberMode);
     }
     os::CurrentThreadBlock()->FiberData = reinterpret_cast<void *>(os::kNoFiberData);
-    const std::string user = "E[1234]FT[4711]S[3]";
-    EXPECT_EQ(Dir.Text(), "E[1234]T[" + std::to_string(os::GetCurrentThreadId()) + "] \n" + user + "[SHAD] \n" + user +
-                              "[NULL] \n");  // PMON writes nothing
+    EXPECT_EQ(Dir.Text(), "E[1234]T[" + std::to_string(os::GetCurrentThreadId()) +
+                              "] \nE[1234]FT[4711]S[3][SHAD] \nE[1234]FT[4711]S[3][NULL] \n");
 }
 
 // Latecomers to the set-up wait for it, and lines of several threads never mix while the name changes under them.
@@ -201,7 +200,7 @@ TEST(FatalExit, AnotherThreadWithALockInItsHands) {
 // Somebody sits on the trace lock for good: the lines are lost, once a second is waited, the console line is not.
 TEST(FatalExit, TraceLockIsNeverFreed) {
     const test::Killed killed = Kill([] {
-        WriteTraceLine("] before\n", true, false, false);
+        WriteTraceLine("before\n", true, false, false);
         std::thread other([] {
             os::EnterCriticalSection(&gTraceLock);
             gStage.store(1);
