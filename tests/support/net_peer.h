@@ -32,24 +32,16 @@ inline int Connect(uint16_t port, uint16_t *ownPort = nullptr) {
 
 // False when the connection ended before.
 inline bool WriteAll(int fd, const void *data, size_t bytes) {
-    const auto *at = static_cast<const char *>(data);
-    while (bytes != 0) {
-        const long moved = syscall(SYS_sendto, fd, at, bytes, 0x4000 /* no signal */, nullptr, 0);
-        if (moved <= 0) return false;
-        at += moved;
-        bytes -= static_cast<size_t>(moved);
-    }
+    const auto *at = static_cast<const char *>(data), *end = at + bytes;
+    for (long moved; at != end; at += moved)
+        if ((moved = syscall(SYS_sendto, fd, at, end - at, 0x4000 /* no signal */, nullptr, 0)) <= 0) return false;
     return true;
 }
 
 inline bool ReadAll(int fd, void *data, size_t bytes) {
-    auto *at = static_cast<char *>(data);
-    while (bytes != 0) {
-        const long moved = read(fd, at, bytes);
-        if (moved <= 0) return false;
-        at += moved;
-        bytes -= static_cast<size_t>(moved);
-    }
+    auto *at = static_cast<char *>(data), *end = at + bytes;
+    for (long moved; at != end; at += moved)
+        if ((moved = read(fd, at, static_cast<size_t>(end - at))) <= 0) return false;
     return true;
 }
 

@@ -16,9 +16,8 @@
 //   - A scheduler that spins (polls without waiting) would never come to a wait under clocks that stand still. After
 //     SpinLimit empty polls of a port in a row OnPortWait is called all the same, with a wait of 0. After ten times
 //     as many reads of the cycle counter by one fiber, with nothing else happening, OnSpin is called.
-//   - os::CreateThread only records; RunThread runs what it recorded, and EndThread ends one. A thread that
-//     TerminateThread was called for goes on until then, as on the real platform until its next system call. Masks and
-//     priorities of kernel threads are kept as values, and every change of one is recorded.
+//   - os::CreateThread only records; RunThread runs what it recorded, and EndThread ends one, even one that
+//     TerminateThread was called for. Masks and priorities are kept as values, and every change of one is recorded.
 //   - A socket is a scripted file. Every call of a socket function is noted in gSockets.Calls, as its name and what the
 //     library chose for it.
 //   - os::FailCall makes the nth call of a named function fail, here as on the real platform.

@@ -38,9 +38,6 @@ std::string Hex(uint32_t value) {
     snprintf(text, sizeof text, "%X", value);
     return text;
 }
-std::string Pid() {
-    return std::to_string(getpid());
-}
 
 // Of each dump that was tried, the tag of its user thread.
 Names TakeTags() {
@@ -59,7 +56,7 @@ TEST(DumpNames, AThreadThatIsNoUserThread) {
     TraceInit("/logs");
     DumpProcess("zvxkvt_kill_proc");
     const std::string thread = "tid_x" + Hex(os::GetCurrentThreadId());
-    const std::string common = "zvxkvt_kill_proc_" + thread + "_minidump_PROD_pid_" + Pid();
+    const std::string common = "zvxkvt_kill_proc_" + thread + "_minidump_PROD_pid_" + std::to_string(getpid());
     const std::string end = thread + "_2005_9_3_14_7_9.dmp";
     // One dump, tried in two places.
     EXPECT_EQ(gCreated, (Names{"/logs/" + common + "_md" + end, common + "_d" + end}));
@@ -148,7 +145,8 @@ TEST_F(Sweep, EveryStartedThreadOnceAndTheOriginFirst) {
         const auto *G = static_cast<const Fiber *>(os::GetFiberData());
         const std::string tag = G == b ? "B_2" : G->Tag.load();
         const std::string expected = "zvxkvt_debug_tid_x" + Hex(G->OsThreadId) + "_stid_x" +
-                                     Hex(os::GetCurrentThreadId()) + "_fid_" + tag + "_minidump_X_pid_" + Pid();
+                                     Hex(os::GetCurrentThreadId()) + "_fid_" + tag + "_minidump_X_pid_" +
+                                     std::to_string(getpid());
         EXPECT_EQ(std::string(name).rfind(expected, 0), 0u) << name;
         ExpectRunning(G);
         return record(name);

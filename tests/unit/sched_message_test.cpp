@@ -1,44 +1,12 @@
-// tests/unit/sched_message_test.cpp - requests between schedulers: when they wake a scheduler, and where they go while
-// their thread moves. Posts, counts and races with the end of a thread: tests/model.
+// tests/unit/sched_message_test.cpp - requests between schedulers: where they go while their thread moves; the rest is
+// that of tests/model. Then packets against polling.
 #include "kernel/handles.h"
 #include "sched_fixture.h"
 
 namespace zvx::test {
 namespace {
 
-struct MessageTest : TwoSchedulers {
-    Fiber *Sleeper() {
-        Fiber *F = NewFiber(Other, [](Fiber *) { Sleep(5), Note("slept"); });
-        RunUntilIdle(Other);
-        return F;
-    }
-    static void Send(Scheduler *to, uint8_t kind, Fiber *F, int times = 1) {
-        for (int i = 0; i < times; ++i) SendOne(to, kind, F, Generation(F));
-    }
-};
-
-// What wakes it anyway: postwait_test.cpp.
-TEST_F(MessageTest, SuspensionsWakeABlockedSchedulerThatMayWaitForLong) {
-    Fiber *F = Sleeper();
-    for (const DWORD wait : {1u, 100u}) {
-        gPortWaitMs = wait;
-        RunUntilIdle(Other);
-        Send(Other, MSG_SUSPEND, F, 3);
-        EXPECT_EQ(script::gScript.Posted.size(), wait == 1 ? 0u : 1u);
-    }
-    RunUntilIdle(Other);
-    EXPECT_EQ(Other->ChunkTypeCount[3] + S->ChunkTypeCount[3], 0) << "every message was freed";
-}
-
-TEST_F(MessageTest, SuspensionsCountAndStopAt127) {
-    Fiber *F = Sleeper();
-    Send(Other, MSG_SUSPEND, F, 130);
-    for (int i = 0; i < 5; ++i) script::AdvanceClock(2), RunUntilIdle(Other);
-    EXPECT_TRUE(F->SuspendCount.load() == 127 && F->SuspendRequests.load() == 130 && F->State == FSTATE_SUSPENDED);
-    Send(Other, MSG_RESUME, F, 127);
-    RunUntilIdle(Other);
-    EXPECT_EQ(TakeNotes(), Names{"slept"}) << "the last resume runs it without waiting for a timer check";
-}
+using MessageTest = TwoSchedulers;
 
 // The pass in which a leaving thread finds its successor runs on its stack. Handed over in that pass, it could run on
 // the other scheduler before it has left.
@@ -48,25 +16,27 @@ TEST_F(MessageTest, ALeavingThreadIsHandedOverWhenItIsOffItsStack) {
         S->SelectPasses = kFullSweepPasses + 1;
         SchedYield(self, Yield_MIGRATE);
         Note(SchedOf(self) == Other ? "on 1" : "on 0");
+        ParkForEver(self);
     });
     Run([&](Fiber *) { Note(F->Sched.load() == S && S->MigrationQueue.Count == 1 ? "kept" : "sent"); });
     EXPECT_EQ(TakeNotes(), Names{"kept"});
     EXPECT_EQ(F->Sched.load(), nullptr);
     RunUntilIdle(Other);
     EXPECT_EQ(TakeNotes(), Names{"on 1"});
-    EXPECT_FALSE(AttachFiber(Other, Sleeper())) << "it is not on its way";
+    EXPECT_FALSE(AttachFiber(Other, F)) << "it is not on its way any more";
 }
 
 TEST_F(MessageTest, ARequestForAThreadThatLeftIsPassedOn) {
-    Fiber *F = Sleeper();
-    Send(S, MSG_SUSPEND, F);  // sent while it was still on S
+    Fiber *F = NewFiber(Other, ParkForEver);
+    RunUntilIdle(Other);
+    SendOne(S, MSG_SUSPEND, F, Generation(F));  // sent while it was still on S
     RunUntilIdle(S);
     EXPECT_EQ(F->SuspendRequests.load(), 0u);
     RunUntilIdle(Other);
     EXPECT_EQ(F->SuspendRequests.load(), 1u);
     // Between two schedulers: kept until it has arrived.
     SetSched(F, nullptr, std::memory_order_relaxed);
-    Send(S, MSG_SUSPEND, F);
+    SendOne(S, MSG_SUSPEND, F, Generation(F));
     RunUntilIdle(S);
     EXPECT_NE(S->Messages.load(), nullptr);
     SetSched(F, Other, std::memory_order_relaxed);
@@ -81,14 +51,6 @@ struct CompletionTest : CallTest {
     void SetUp() override {
         CallTest::SetUp();
         File = NewEntry(S, PHAND_HTYPE_CreateFileA);
-    }
-    // A user thread that reads once on `file` and notes its name at the end.
-    Fiber *Reader(const std::string &name, uint32_t schedClass, PSEHAND *file) {
-        Fiber *F = NewFiber(S, [name, file](Fiber *self) { Note(name + (ReadOn(self, file) == 0 ? "" : "!")); });
-        F->SchedClass = schedClass;
-        F->Role = ROLE_OTHER;
-        RunUntilIdle(S);
-        return F;
     }
     void End(OVERLAPPED *ov, DWORD status = STATUS_SUCCESS, DWORD bytes = 1) {
         script::EndOperation(ov, status, bytes);
@@ -162,8 +124,11 @@ TEST_F(CompletionTest, APolledEndLeavesAPacketThatIsDropped) {
 // Ended in another order than filed, of two classes: the high one goes first, the others as they were filed.
 TEST_F(CompletionTest, SeveralEndsAreServedInTheOrderOfFiling) {
     std::vector<Fiber *> readers;
-    for (int i = 0; i < 5; ++i) readers.push_back(Reader(std::to_string(i), CLASS_BACKGROUND, File));
-    readers.push_back(Reader("high", CLASS_HIGH, File));
+    for (const std::string name : {"0", "1", "2", "3", "4", "high"}) {
+        readers.push_back(NewFiber(S, [=, this](Fiber *self) { Note(name + (ReadOn(self, File) == 0 ? "" : "!")); }));
+        readers.back()->SchedClass = name == "high" ? CLASS_HIGH : CLASS_BACKGROUND;
+        RunUntilIdle(S);
+    }
     EXPECT_EQ(readers[5]->OwnOvs[0].PollList, kPollHigh);
     for (size_t i : {3u, 0u, 4u, 5u, 1u}) script::EndOperation(&readers[i]->OwnOvs[0].Ov, 0, 1);
     HandOverEnded(S);

@@ -199,27 +199,18 @@ void EnterAndSleep(Fiber *) {
 }
 
 TEST(SchedFatal, EachEndHasItsText) {
-    static FIBEROVERLAPPED stray;
-    stray.Magic = 7;
     const struct {
         const char *Text;                  // up to its first address
         void (*Body)(Fiber *);             // of a user thread
         void (*First)(Fiber *) = nullptr;  // of another one that runs before
     } cases[] = {
         {"EnterCriticalSection: unwrapped critical section\n", [](Fiber *) { EnterCriticalSection(&gSection); }},
-        {"SetCriticalSectionSpinCount is not supported\n", [](Fiber *) { SetCriticalSectionSpinCount(&gSection, 1); },
-         EnterAndSleep},
         {"DeleteCriticalSection: Owner not null: owner[", [](Fiber *) { DeleteCriticalSection(&gSection); },
          EnterAndSleep},
         {"Couldn't free critical section: current[", [](Fiber *) { LeaveCriticalSection(&gSection); }, EnterAndSleep},
         {"PostEvent handle is not null\n",
          [](Fiber *) {
              for (int i = 0; i < 2; ++i) IdentifyUserThread("SHAD", os::CreateEventA(nullptr, FALSE, FALSE, nullptr));
-         }},
-        {"Recursive SchedYield detected current->State[6]",
-         [](Fiber *F) {
-             F->State = FSTATE_TIMED_WAIT;
-             SchedYield(F, Yield_USER);
          }},
         {"We need more dynamic TLS slots 64\n",
          [](Fiber *F) {
@@ -228,8 +219,6 @@ TEST(SchedFatal, EachEndHasItsText) {
              while (TlsAlloc() < 64) continue;
              CaptureTls(F);
          }},
-        {"ProcessIOCPMessage: Invalid Overlapped[0x",
-         [](Fiber *F) { os::PostQueuedCompletionStatus(SchedOf(F)->Port, 0, 0x10, &stray.Ov); }},
         {"ZReadFile: NOT WRAPPED SOCKET\n",
          [](Fiber *F) {
              ReadFile(HandleValue(NewEntry(SchedOf(F), PHAND_HTYPE_socket)), nullptr, 1, nullptr, nullptr);
