@@ -94,8 +94,7 @@ struct Sweep : testing::Test {
             os::SetLastError(500 + own);
             errno = static_cast<int>(600 + own);
             ParkForEver(self);
-            EXPECT_EQ(os::GetLastError(), 500 + own);
-            EXPECT_EQ(errno, static_cast<int>(600 + own));
+            EXPECT_TRUE(os::GetLastError() == 500 + own && errno == static_cast<int>(600 + own));
             EXPECT_EQ(os::TlsGetValue(5), self);
             if (then) then(self);
             Note(self->Tag.load());

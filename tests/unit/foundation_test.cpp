@@ -71,9 +71,7 @@ TEST(Settings, DefaultsAndTheirLines) {
               "QuantumLengthMs: 600\nCPU Frequency: 2399999999\n");
     EXPECT_EQ(initialOutputBufferOffset, text.size());
     EXPECT_EQ(OptionFlags.load(), kDefaults);
-    EXPECT_EQ(gNumSchedulers, 4u);
-    EXPECT_EQ(gStackSize, 1u << 20);
-    EXPECT_EQ(gQuantumUpdateInterval, 200u);
+    EXPECT_TRUE(gNumSchedulers == 4 && gStackSize == 1u << 20 && gQuantumUpdateInterval == 200);
 }
 
 // The common name wins; a value without digits counts as none.
