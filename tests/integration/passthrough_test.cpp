@@ -1,12 +1,16 @@
 // tests/integration/passthrough_test.cpp - the same functions where there are no user threads.
+#include "zvxkvt/sockets.h"
+
 #include "support/host_runner.h"
+#include "support/net_peer.h"
 
 using namespace hosttest;
 
 namespace {
 
-DWORD WINAPI CountUp(LPVOID counter) {
-    static_cast<std::atomic<uint32_t> *>(counter)->fetch_add(1);
+std::atomic<uint32_t> gCount{0};
+DWORD WINAPI CountUp(LPVOID) {
+    gCount++;
     return 12;
 }
 
@@ -28,58 +32,62 @@ DWORD UseFiles(const std::string &name) {
     return memcmp(buffer, "plain text", 10) == 0 && CloseHandle(file) && !CloseHandle(file) ? 0 : 5;
 }
 
-class PassThrough : public testing::TestWithParam<std::string> {};
+void UseSockets() {
+    const SOCKET listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in name{};
+    int length = sizeof name;
+    name.sin_family = AF_INET;
+    HOST_CHECK(bind(listener, reinterpret_cast<sockaddr *>(&name), length) == 0 && listen(listener, 1) == 0);
+    HOST_EQ(0, getsockname(listener, reinterpret_cast<sockaddr *>(&name), &length));
+    const int peer = netpeer::Connect(ntohs(name.sin_port));
+    const SOCKET s = accept(listener, nullptr, nullptr);
+    char text[4] = "abc";
+    HOST_CHECK(netpeer::WriteAll(peer, "xyz", 3) && recv(s, text, 4, 0) == 3 && send(s, text, 3, 0) == 3);
+    HOST_CHECK(closesocket(s) == 0 && closesocket(listener) == 0);
+    HOST_CHECK(netpeer::ReadAll(peer, text, 3) && memcmp(text, "xyz", 3) == 0 && netpeer::SeesTheEnd(peer, 5000));
+}
 
 }  // namespace
 
-TEST_P(PassThrough, EverythingIsTheOperatingSystems) {
+TEST(PassThrough, EverythingIsTheOperatingSystems) {
     const ScratchFolder scratch;
-    const std::string name = scratch.File("plain");
-    HostOptions options;
-    options.Settings.emplace_back(GetParam(), GetParam() == "DisableFibers" ? "1" : "0");
-    EXPECT_HOST_OK(RunHost(options, [name] {
-        HOST_EQ(0u, ZvxSchedulerCount());
-        std::atomic<uint32_t> counter{0};
-        InitUserThreadScheduler(CountUp, &counter, nullptr);  // a second call does nothing, or the count were three
-        HOST_EQ(0u, UseFiles(name));
-        // A mask makes a thread that is bound and running, or bound and suspended.
-        DWORD process = 0, system = 0, code = 0;
-        GetProcessAffinityMask(GetCurrentProcess(), &process, &system);
-        const DWORD one = process & (~process + 1);
-        for (const DWORD flags : {DWORD{0}, DWORD{CREATE_SUSPENDED}}) {
-            const HANDLE thread = ZCreateThreadWithAffinity(nullptr, 0, CountUp, &counter, flags, nullptr, one);
-            if (flags != 0) {
-                HOST_EQ(one, SetThreadAffinityMask(thread, process));
-                HOST_EQ(WAIT_TIMEOUT, WaitForSingleObject(thread, 30));
-                HOST_EQ(1u, counter.load());
-                HOST_EQ(1u, ResumeThread(thread));
-            }
-            HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 10000));
-            HOST_CHECK(GetExitCodeThread(thread, &code) && code == 12);
-        }
-        HOST_EQ(2u, counter.load());
-        HostThread exits([]() -> DWORD { return ExitThread(5), 0; });
-        HOST_EQ(5u, exits.Join());
-    }));
+    for (const auto &mode : {std::pair{"DisableFibers", "1"}, {"FiberModeReq", "0"}}) {
+        SCOPED_TRACE(mode.first);
+        HostOptions options;
+        options.Settings.emplace_back(mode);
+        EXPECT_HOST_OK(RunHost(options, [&scratch] {
+            HOST_EQ(0u, ZvxSchedulerCount());
+            InitUserThreadScheduler(CountUp, nullptr, nullptr);  // a second call does nothing, or the count were two
+            HOST_EQ(0u, UseFiles(scratch.File("plain")));
+            UseSockets();
+            // A mask makes a thread that is bound.
+            DWORD process = 0, system = 0;
+            GetProcessAffinityMask(GetCurrentProcess(), &process, &system);
+            const DWORD one = process & (~process + 1);
+            HostThread exits([]() -> DWORD { return ExitThread(5), 0; });
+            HOST_EQ(5u, exits.Join());
+            const HANDLE bound =
+                ZCreateThreadWithAffinity(nullptr, 0, CountUp, nullptr, CREATE_SUSPENDED, nullptr, one);
+            HOST_EQ(one, SetThreadAffinityMask(bound, process));
+            HOST_EQ(WAIT_TIMEOUT, WaitForSingleObject(bound, 30));
+            HOST_EQ(1u, ResumeThread(bound));
+            HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(bound, 10000));
+            HOST_EQ(1u, gCount.load());
+        }));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, PassThrough, testing::Values("DisableFibers", "FiberModeReq"),
-                         [](const auto &mode) { return mode.param; });
-
 // A kernel thread of a process in fiber mode is no user thread: its calls pass through, on wrapped handles too.
-TEST(PassThroughInFiberMode, KernelThreadsOfTheHost) {
+TEST(PassThrough, KernelThreadsOfAHostWithUserThreads) {
     const ScratchFolder scratch;
     static const std::string name = scratch.File("kernel");
-    HostOptions options;
-    options.Schedulers = 2;
-    EXPECT_HOST_OK(RunHost(options, [] {
+    EXPECT_HOST_OK(RunHost(HostOptions{}, [] {
         const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
         auto use = [](LPVOID toSet) { return SetEvent(toSet) ? UseFiles(name) : 99; };
         const HANDLE thread = CreateRemoteThread(GetCurrentProcess(), nullptr, 0, use, event, 0, nullptr);
         HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(event, 10000));
         HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 10000));
         DWORD code = 9;
-        HOST_CHECK(GetExitCodeThread(thread, &code));
-        HOST_EQ(0u, code);
+        HOST_CHECK(GetExitCodeThread(thread, &code) && code == 0);
     }));
 }
