@@ -41,7 +41,7 @@ struct Moved {
           }) {
         while (At == 0) Sleep(1);
     }
-    void End() {
+    ~Moved() {
         Go = true;
         HOST_EQ(7u, Thread.Join());
     }
@@ -50,33 +50,27 @@ struct Moved {
 }  // namespace
 
 TEST_P(Migration, OnlyTheWritersMoveAndOnlyWhenAsked) {
-    const auto stays = [](const char *tag) {
-        const long home = KernelThread();
-        Moved one(tag);
-        HOST_EQ(home, one.At.load());  // one static scheduler
-        one.End();
-    };
-    EXPECT_HOST_OK(RunHost(Options(), [&] { stays("LGWR"); }));
-    EXPECT_HOST_OK(RunHost(Enabled("1"), [&] {
-        for (const char *tag : {"SHAD", "LGWR1", "dbw0", ""}) stays(tag);
-        Moved log("LGWR"), writer("DBW7");
-        HOST_CHECK(log.At != KernelThread() && writer.At != KernelThread() && log.At != writer.At);
-        log.End();
-        writer.End();
-    }));
-    EXPECT_HOST_OK(RunHost(Enabled("2"), [&] {
-        stays("DBW0");
-        Moved log("LGWR");
-        HOST_CHECK(log.At != KernelThread());
-        log.End();
-    }));
+    // One static scheduler: who stays is on its kernel thread.
+    const struct {
+        const char *Enabled;
+        std::vector<const char *> Stay, Move;
+    } cases[] = {
+        {"0", {"LGWR"}, {}}, {"1", {"SHAD", "LGWR1", "dbw0", ""}, {"LGWR", "DBW7"}}, {"2", {"DBW0"}, {"LGWR"}}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.Enabled);
+        EXPECT_HOST_OK(RunHost(Enabled(c.Enabled), [&c] {
+            std::deque<Moved> moved;
+            std::set<long> places{KernelThread()};
+            for (const char *tag : c.Stay) HOST_EQ(KernelThread(), Moved(tag).At.load());
+            for (const char *tag : c.Move) HOST_CHECK(places.insert(moved.emplace_back(tag).At).second);
+        }));
+    }
     // With binding and priorities: what the kernel refuses is no error, and stacks are still made there.
     HostOptions bound = Enabled("1");
     bound.Settings.insert(bound.Settings.end(), {{"DynamicSchedulersBind", "1"}, {"SetThreadPriority", "9"}});
     EXPECT_HOST_OK(RunHost(bound, [] {
         std::deque<Moved> all;
         for (int i = 0; i < 3; i++) all.emplace_back("DBW1");
-        for (Moved &one : all) one.End();
     }));
 }
 
@@ -86,15 +80,12 @@ TEST_P(Migration, SixteenAtOnceThenReusedAndASeventeenthIsFatal) {
         for (int round = 0; round < 3; round++) {
             std::deque<Moved> all;
             std::set<long> used;
-            for (int i = 0; i < 16; i++) {
-                all.emplace_back(i % 2 ? "LGWR" : "DBW0");
-                used.insert(all.back().At);
-            }
+            for (int i = 0; i < 16; i++) used.insert(all.emplace_back(i % 2 ? "LGWR" : "DBW0").At);
             HOST_EQ(16u, used.size());
             HOST_EQ(0u, used.count(KernelThread()));
             if (round == 0) first = used;
             HOST_CHECK(used == first);  // the same kernel threads serve again
-            for (Moved &one : all) one.End();
+            all.clear();
             Sleep(20);  // a thread gives its scheduler back a moment after its handle is signalled
         }
     }));
@@ -111,26 +102,23 @@ TEST_P(Migration, PostsByEventReachTheOtherSide) {
     HostOptions options = Enabled("1");
     options.Settings.emplace_back("DynamicSchedUseNTPostWait", "1");
     EXPECT_HOST_OK(RunHost(options, [] {
-        HANDLE there = CreateEventA(nullptr, FALSE, FALSE, nullptr),
-               back = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-        IdentifyUserThread("OTHR", back);
-        std::atomic<bool> ready{false};
+        const HANDLE there = CreateEventA(nullptr, FALSE, FALSE, nullptr),
+                     back = CreateEventA(nullptr, FALSE, FALSE, nullptr);
         constexpr int kRounds = 2000;
+        IdentifyUserThread("OTHR", back);
         HostThread mover([&]() -> DWORD {
             MigrateUserThread("LGWR");
             IdentifyUserThread("LGWR", there);
-            ready = true;
             for (int i = 0; i < kRounds; i++) {
-                HOST_EQ(WAIT_OBJECT_0, WaitForUserThreadPost(there, 10000));
                 HOST_CHECK(PostUserThread(back));
+                HOST_EQ(WAIT_OBJECT_0, WaitForUserThreadPost(there, 10000));
             }
             UnidentifyUserThread(0);
             return 0;
         });
-        while (!ready) Sleep(1);
         for (int i = 0; i < kRounds; i++) {
-            HOST_CHECK(PostUserThread(there));
             HOST_EQ(WAIT_OBJECT_0, WaitForUserThreadPost(back, 10000));
+            HOST_CHECK(PostUserThread(there));
         }
         HOST_EQ(0u, mover.Join());
     }));
