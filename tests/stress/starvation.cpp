@@ -14,7 +14,7 @@ namespace {
 using namespace zvx;
 using namespace stress;
 
-constexpr uint32_t kQueues = 6, kMostPairs = 8, kMostWorkers = 256;
+constexpr uint32_t kQueues = 6, kPairs = 3, kMostWorkers = 256;
 // Whoever is to come into a queue; all without a class come into the last.
 constexpr const char *kTags[kQueues] = {"LGWR", "SHAD", "SHAD", "SHAD", "DBW0", nullptr};
 
@@ -81,7 +81,7 @@ uint32_t Bound(uint32_t scheduler) {
 }
 
 DWORD MainRoutine(void *) {
-    std::vector<HANDLE> threads(gOptions.Load * 2 * kQueues * gNumSchedulers);
+    std::vector<HANDLE> threads(kPairs * 2 * kQueues * gNumSchedulers);
     for (HANDLE &thread : threads) thread = Start(Work);
     Sleep(gOptions.Seconds * 1000);
     uint32_t bounds[16];
@@ -107,6 +107,5 @@ DWORD MainRoutine(void *) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    gOptions.Load = 3;
-    return Main(argc, argv, "--pairs", kMostPairs, MainRoutine);
+    return Main(argc, argv, MainRoutine);
 }

@@ -1,5 +1,5 @@
-// tests/stress/stress.h - what the stress programs share: options, the start of the library, threads and a file of
-// known contents, the end by a failure, and what must be back at the end.
+// tests/stress/stress.h - what the stress programs share: options, the start of the library, threads and the end by a
+// failure.
 #ifndef ZVX_TESTS_STRESS_STRESS_H
 #define ZVX_TESTS_STRESS_STRESS_H
 
@@ -25,7 +25,6 @@ namespace stress {
 struct Options {
     uint32_t Schedulers = 2, Seconds = 5;
     uint64_t Seed = 0;
-    uint32_t Load;  // workers or clients
     std::vector<std::pair<std::string, std::string>> Settings{{"StackPages", "16"}};
 };
 inline Options gOptions;
@@ -67,16 +66,6 @@ inline void Join(HANDLE thread, DWORD wanted) {
     zvx::CloseHandle(thread);
 }
 
-// Retired records come back once every scheduler has gone idle or made a pass.
-inline void CheckAllBack(uint32_t handles) {
-    using namespace zvx;
-    Await("handles left behind", [&] { return gHandleCount == handles; });
-    Await("handle entries left behind",
-          [] { return ChunksInUse(ALLOC_PSEHAND) == static_cast<int64_t>(gHandleCount); });
-    CheckHandleTable();
-    CheckScheduler(SchedOf(CallingFiber()));
-}
-
 // An operation with a routine, for files and, with one more argument, for sockets.
 struct Routine {
     OVERLAPPED Ov;
@@ -97,34 +86,6 @@ inline sockaddr_in Loopback(uint16_t port) {
     name.sin_port = __builtin_bswap16(port);
     return name;
 }
-// On a free port of this machine.
-inline SOCKET Listen(uint16_t *port, DWORD flags) {
-    const SOCKET s = zvx::WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, flags);
-    sockaddr_in name = Loopback(0);
-    int length = sizeof name;
-    if (os::bind(s, reinterpret_cast<sockaddr *>(&name), length) != 0 || os::listen(s, 200) != 0 ||
-        os::getsockname(s, reinterpret_cast<sockaddr *>(&name), &length) != 0)
-        Fail("no listening socket", os::GetLastError());
-    *port = __builtin_bswap16(name.sin_port);
-    return s;
-}
-
-// A file whose words tell their place.
-constexpr uint32_t kFileBytes = 1 << 20;
-inline std::string gFileName;
-inline uint32_t PatternAt(uint64_t offset) {
-    return static_cast<uint32_t>(offset * 2654435761u ^ (offset >> 7));
-}
-inline void MakeFile() {
-    gFileName = "stress_" + std::to_string(os::GetCurrentProcessId()) + ".dat";
-    std::FILE *file = std::fopen(gFileName.c_str(), "wb");
-    if (file == nullptr) Fail("cannot make the data file");
-    for (uint32_t offset = 0; offset < kFileBytes; offset += 4) {
-        const uint32_t word = PatternAt(offset);
-        std::fwrite(&word, 4, 1, file);
-    }
-    std::fclose(file);
-}
 
 // ---- The start ---------------------------------------------------------------------------------------
 
@@ -135,22 +96,15 @@ inline int Lookup(const char *name, char *buffer, int capacity) {
     return zvx::LookupEnvironment(name, buffer, capacity);
 }
 
-// The whole of main: `load` names the option for gOptions.Load. Does not return when the library starts.
-inline int Main(int argc, char **argv, const char *load, uint32_t mostLoad, LPTHREAD_START_ROUTINE mainRoutine) {
+// The whole of main. Does not return when the library starts.
+inline int Main(int argc, char **argv, LPTHREAD_START_ROUTINE mainRoutine) {
     gOptions.Seed = os::GetTickCount64() ^ (uint64_t{os::GetCurrentProcessId()} << 20);
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string name = argv[i];
         const uint64_t value = std::strtoull(argv[i + 1], nullptr, 10);
-        if (name == "--schedulers")
-            gOptions.Schedulers = static_cast<uint32_t>(value);
-        else if (name == "--seconds")
-            gOptions.Seconds = static_cast<uint32_t>(value);
-        else if (name == "--seed")
-            gOptions.Seed = value;
-        else if (name == load && value <= mostLoad)
-            gOptions.Load = static_cast<uint32_t>(value);
-        else
-            return 2;
+        if (name == "--schedulers") gOptions.Schedulers = static_cast<uint32_t>(value);
+        if (name == "--seconds") gOptions.Seconds = static_cast<uint32_t>(value);
+        if (name == "--seed") gOptions.Seed = value;
     }
     gOptions.Settings.emplace_back("Schedulers", std::to_string(gOptions.Schedulers));
     std::printf("stress: seed %llu\n", static_cast<unsigned long long>(gOptions.Seed));

@@ -1,5 +1,5 @@
 // tests/stress/stress_host.cpp - a host whose user threads do everything to each other at once: create, exit,
-// suspend, resume, terminate, sleep, read, write, wait, post, lock, inject, and move to schedulers of their own. Seeded
+// suspend, resume, terminate, sleep, read, talk, wait, post, lock, inject, and move to schedulers of their own. Seeded
 // and time-boxed; ends with the invariant checkers and with the counts of what must have come back.
 //
 // Built on the internals, so that every user thread can check its own scheduler between two yields.
@@ -11,6 +11,7 @@
 #include "kernel/file.h"
 #include "postwait/postwait.h"
 #include "stress.h"
+#include "support/net_peer.h"
 
 namespace {
 
@@ -19,9 +20,9 @@ using namespace stress;
 using Random = std::mt19937_64;
 
 // What was done, each told at the end.
-enum Count { kActions, kChildren, kTerminated, kReads, kPosts, kEntries, kUnits, kMoves, kInjected, kCounts };
-constexpr const char *kCountNames[kCounts] = {"actions", "children", "terminated", "reads",   "posts",
-                                              "entries", "units",    "moves",      "routines"};
+enum Count { kActions, kChildren, kTerminated, kReads, kPosts, kEntries, kUnits, kMoves, kInjected, kEchoes, kCounts };
+constexpr const char *kCountNames[kCounts] = {"actions", "children", "terminated", "reads",    "posts",
+                                              "entries", "units",    "moves",      "routines", "echoes"};
 std::atomic<uint64_t> gCounts[kCounts];
 void Add(Count what, uint64_t n = 1) {
     gCounts[what].fetch_add(n, std::memory_order_relaxed);
@@ -34,8 +35,8 @@ struct Slot {
     HANDLE Event = nullptr;         // the post event of whoever has the slot; lives as long as the process
     std::atomic<uint32_t> Sent{0};  // raised before each post
 };
-constexpr uint32_t kMaxWorkers = 256;
-Slot gSlots[kMaxWorkers];
+constexpr uint32_t kWorkers = 64;
+Slot gSlots[kWorkers];
 std::atomic<bool> gStop{false};
 
 // Fewer units and owners than threads that want them: whoever waits is woken by another's giving back, or never.
@@ -48,6 +49,23 @@ struct Pool {
 } gPools[kPools];
 
 // ---- Reads -------------------------------------------------------------------------------------------
+
+// A file whose words tell their place.
+constexpr uint32_t kFileBytes = 1 << 20;
+std::string gFileName;
+uint32_t PatternAt(uint64_t offset) {
+    return static_cast<uint32_t>(offset * 2654435761u ^ (offset >> 7));
+}
+void MakeFile() {
+    gFileName = "stress_" + std::to_string(os::GetCurrentProcessId()) + ".dat";
+    std::FILE *file = std::fopen(gFileName.c_str(), "wb");
+    if (file == nullptr) Fail("cannot make the data file");
+    for (uint32_t offset = 0; offset < kFileBytes; offset += 4) {
+        const uint32_t word = PatternAt(offset);
+        std::fwrite(&word, 4, 1, file);
+    }
+    std::fclose(file);
+}
 
 void CheckBytes(const char *buffer, uint64_t offset, uint32_t bytes) {
     for (uint32_t i = 0; i + 4 <= bytes; i += 4) {
@@ -184,7 +202,7 @@ void PostNeighbours(Random &rng) {
     HANDLE list[21];
     const uint32_t count = rng() % 4 == 0 ? 20 : 1;
     for (uint32_t i = 0; i < count; ++i) {
-        Slot *slot = &gSlots[rng() % gOptions.Load];
+        Slot *slot = &gSlots[rng() % kWorkers];
         slot->Sent.fetch_add(1, std::memory_order_seq_cst);
         list[i] = slot->Event;
     }
@@ -204,6 +222,92 @@ void TakePosts(Slot *slot, uint32_t *seen) {
     }
 }
 
+// ---- Sockets -----------------------------------------------------------------------------------------
+
+SOCKET gListener, gRough;  // whoever accepts on gRough may be terminated
+uint16_t gPort, gRoughPort;
+std::atomic<uint32_t> gRoughClients{0};
+
+SOCKET Listen(uint16_t *port, DWORD flags) {
+    const SOCKET s = WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, flags);
+    sockaddr_in name = Loopback(0);
+    int length = sizeof name;
+    if (os::bind(s, reinterpret_cast<sockaddr *>(&name), length) != 0 || os::listen(s, 200) != 0 ||
+        os::getsockname(s, reinterpret_cast<sockaddr *>(&name), &length) != 0)
+        Fail("no listening socket", os::GetLastError());
+    *port = __builtin_bswap16(name.sin_port);
+    return s;
+}
+
+// The bytes of a receive with a routine, -1 for an error.
+int ReceiveByRoutine(SOCKET s, char *buffer, ULONG room) {
+    Routine state{};
+    WSABUF one{room, buffer};
+    DWORD flags = 0;
+    if (WSARecv(s, &one, 1, nullptr, &flags, &state.Ov, OnRoutine<DWORD>) == 0 || os::GetLastError() != WSA_IO_PENDING)
+        return SOCKET_ERROR;
+    while (state.Done == 0) SleepEx(1000, TRUE);
+    return state.Error == 0 ? static_cast<int>(state.Bytes) : SOCKET_ERROR;
+}
+
+// Echoes until the connection ends, in order or not: the client says whether all was well.
+DWORD Session(void *param) {
+    const auto s = reinterpret_cast<SOCKET>(param);
+    const bool routines = (os::ReadTsc() & 64) != 0;
+    char buffer[3000];
+    int got;
+    do got = routines ? ReceiveByRoutine(s, buffer, sizeof buffer) : zvx::recv(s, buffer, sizeof buffer, 0);
+    while (got > 0 && zvx::send(s, buffer, got, 0) == got);
+    if (closesocket(s) != 0) Fail("closesocket", os::GetLastError());
+    return 0;
+}
+
+// The thread that serves a connection is often of another scheduler than this one, which has bound the socket.
+DWORD Acceptor(void *) {
+    for (;;) {
+        sockaddr_in from{};
+        int length = sizeof from;
+        const SOCKET s = zvx::accept(gListener, reinterpret_cast<sockaddr *>(&from), &length);
+        if (s == INVALID_SOCKET) return gStop.load() ? 31 : 32;
+        if (length != 16 || from.sin_addr.s_addr != Loopback(0).sin_addr.s_addr) Fail("a client's address");
+        CloseHandle(Start(Session, s));
+    }
+}
+
+SOCKET Connect() {
+    const SOCKET s = zvx::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in name = Loopback(gPort);
+    if (os::connect(s, reinterpret_cast<sockaddr *>(&name), sizeof name) != 0) Fail("connect", os::GetLastError());
+    return s;
+}
+
+// A connection that is reset in the middle of an echo, or sends blocks, compares their echo and ends in order.
+void UseSockets(Random &rng) {
+    std::vector<char> out(1 + rng() % 900), in;
+    if (rng() % 3 == 0) {
+        const int fd = netpeer::Connect(gPort);
+        if (fd < 0 || !netpeer::WriteAll(fd, out.data(), out.size())) Fail("a fresh connection takes nothing");
+        if (rng() & 1) Sleep(1);
+        netpeer::Reset(fd);
+        return;
+    }
+    const SOCKET s = Connect();
+    for (uint64_t rounds = rng() % 6; rounds != 0; rounds--) {
+        if (rounds == 5) out.resize(60000);
+        for (char &byte : out) byte = static_cast<char>(rng());
+        in.assign(out.size(), '\0');
+        const int bytes = static_cast<int>(out.size());
+        if (zvx::send(s, out.data(), bytes, 0) != bytes) Fail("send", os::GetLastError());
+        for (int done = 0, got; done < bytes; done += got)
+            if ((got = zvx::recv(s, in.data() + done, bytes - done, 0)) <= 0) Fail("no echo", os::GetLastError());
+        if (in != out) Fail("an echo differs", out.size());
+        Add(kEchoes);
+    }
+    os::shutdown(s, SD_SEND);
+    if (zvx::recv(s, in.data(), 1, 0) != 0) Fail("the server does not end the connection", os::GetLastError());
+    if (closesocket(s) != 0) Fail("closesocket", os::GetLastError());
+}
+
 // ---- Children ----------------------------------------------------------------------------------------
 
 DWORD Child(void *param) {
@@ -221,7 +325,8 @@ void CreateAndAwait(Random &rng) {
     Add(kChildren);
 }
 
-// Children that are terminated from outside: asleep for ever, or on the way in and out of a section.
+// Children that are terminated from outside: asleep for ever, on the way in and out of a section, in a call for a
+// socket.
 DWORD Sleeper(void *) {
     for (;;) Sleep(INFINITE);
 }
@@ -239,16 +344,42 @@ DWORD Mover(void *) {
     for (;;) Sleep(1);
 }
 
+// Nothing between the end of an accept and the close yields, so no socket can be lost.
+DWORD RoughAcceptor(void *) {
+    for (;;) {
+        closesocket(zvx::accept(gRough, nullptr, nullptr));
+        gRoughClients.fetch_sub(1);
+    }
+}
+// Parked in a receive, in a send that nobody takes, or in a select.
+DWORD Talker(void *param) {
+    static const std::vector<char> large(16 << 20, 'x');
+    const auto s = reinterpret_cast<SOCKET>(param);
+    char byte;
+    zvx_fd_set set{1, {s}};
+    for (uint64_t way = os::ReadTsc() >> 4;; way++) {
+        if (way % 3 == 0) zvx::recv(s, &byte, 1, 0);
+        if (way % 3 == 1) zvx::send(s, large.data(), static_cast<int>(large.size()), 0);
+        if (way % 3 == 2) zvx::select(0, &set, nullptr, nullptr, nullptr);
+    }
+}
+
 void CreateAndTerminate(Random &rng) {
-    static const LPTHREAD_START_ROUTINE kinds[] = {Sleeper, Contender, Mover};
-    size_t kind = rng() % 3;
+    static const LPTHREAD_START_ROUTINE kinds[] = {Sleeper, Contender, Mover, RoughAcceptor, Talker};
+    size_t kind = rng() % 5;
     if (kind == 2 && !MayMove()) kind = 0;
-    const HANDLE child = Start(kinds[kind], rng() & 0xFF);
+    const SOCKET s = kind == 4 ? Connect() : INVALID_SOCKET;
+    const HANDLE child = Start(kinds[kind], kind == 4 ? s : rng() & 0xFF);
     if (rng() & 1) Sleep(1);
+    if (kind == 3 && gRoughClients.load() < 100) {  // fewer than are kept waiting for an accept
+        gRoughClients.fetch_add(1);
+        close(netpeer::Connect(gRoughPort));
+    }
     if (rng() & 1) SuspendThread(child);
     if (!TerminateThread(child, 77)) Fail("TerminateThread", os::GetLastError());
     Join(child, 77);
     if (kind == 2) gMovedNow.fetch_sub(1);
+    if (kind == 4 && closesocket(s) != 0) Fail("closesocket", os::GetLastError());
     Add(kTerminated);
 }
 
@@ -308,7 +439,7 @@ DWORD Worker(void *param) {
     bool moved = false;
     while (!gStop.load(std::memory_order_relaxed)) {
         os::SetLastError(self + 5000);
-        switch (rng() % 16) {
+        switch (rng() % 17) {
             case 0: CreateAndAwait(rng); break;
             case 1: CreateAndTerminate(rng); break;
             case 2: ReadSync(rng); break;
@@ -325,10 +456,11 @@ DWORD Worker(void *param) {
             case 10: UseSection(rng); break;
             case 11: PostNeighbours(rng); break;
             case 12: TakePosts(mine, &seen); break;
-            case 13: UserThreadExecRoutine(gSlots[rng() % gOptions.Load].Event, InjectedRoutine); break;
+            case 13: UserThreadExecRoutine(gSlots[rng() % kWorkers].Event, InjectedRoutine); break;
             case 14:
                 if (rng() % 8 == 0 && !moved && (moved = MayMove())) MoveAway(rng, mine, &seen);
                 break;
+            case 15: UseSockets(rng); break;
             default: SchedYield(CallingFiber(), Yield_USER); break;
         }
         if (os::TlsGetValue(slot) != mine) Fail("another thread's slot value", self);
@@ -354,7 +486,7 @@ void Spawn(uint32_t i) {
 
 DWORD MainRoutine(void *) {
     MakeFile();
-    for (uint32_t i = 0; i < gOptions.Load; ++i) gSlots[i].Event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    for (uint32_t i = 0; i < kWorkers; ++i) gSlots[i].Event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
     for (Pool &pool : gPools) {
         pool.Units = os::CreateSemaphoreA(nullptr, kMostUnits, kMostUnits, nullptr);
         pool.Mutex = os::CreateMutexA(nullptr, FALSE, nullptr);
@@ -362,12 +494,18 @@ DWORD MainRoutine(void *) {
     for (uint32_t i = 0; i < kSections; ++i) InitializeCriticalSectionAndSpinCount(&gSections[i].Lock, i * 50);
     Sleep(20);
     const uint32_t handles = gHandleCount, kernelThreads = os::KernelThreadCount();
+    const int sockets = netpeer::OpenSockets();
+    // Accepted sockets are of the same kind: those of the one kind wait for operations with a routine too.
+    gListener = Listen(&gPort, WSA_FLAG_OVERLAPPED);
+    gRough = Listen(&gRoughPort, 0);
+    HANDLE acceptors[3];
+    for (HANDLE &acceptor : acceptors) acceptor = Start(Acceptor);
     DWORD outsiderId;
     const HANDLE outsider = os::CreateThread(nullptr, 0, Outsider, nullptr, 0, &outsiderId);
-    for (uint32_t i = 0; i < gOptions.Load; ++i) Spawn(i);
+    for (uint32_t i = 0; i < kWorkers; ++i) Spawn(i);
     const uint64_t end = os::GetTickCount64() + gOptions.Seconds * 1000ull;
     while (os::GetTickCount64() < end) {
-        for (uint32_t i = 0; i < gOptions.Load; ++i) {
+        for (uint32_t i = 0; i < kWorkers; ++i) {
             if (WaitForSingleObject(gSlots[i].Thread.load(), 0) != WAIT_OBJECT_0) continue;
             Join(gSlots[i].Thread.exchange(nullptr), 0);
             Spawn(i);
@@ -376,9 +514,12 @@ DWORD MainRoutine(void *) {
     }
     gStop = true;
     // A worker that a neighbour suspended last is let go by its own ResumeThread; wait for each.
-    for (uint32_t i = 0; i < gOptions.Load; ++i) Join(gSlots[i].Thread.exchange(nullptr), 0);
+    for (uint32_t i = 0; i < kWorkers; ++i) Join(gSlots[i].Thread.exchange(nullptr), 0);
     if (WaitForSingleObject(outsider, 60000) != WAIT_OBJECT_0) Fail("the kernel thread did not end");
     os::CloseHandle(outsider);
+    closesocket(gListener);
+    closesocket(gRough);
+    for (const HANDLE acceptor : acceptors) Join(acceptor, 31);
     for (const Pool &pool : gPools) {
         LONG units = 0;
         while (os::WaitForSingleObject(pool.Units, 0) == WAIT_OBJECT_0) units++;
@@ -394,7 +535,13 @@ DWORD MainRoutine(void *) {
     if (entries != gCounts[kEntries].load()) Fail("entries were lost", entries, gCounts[kEntries].load());
     Await("user threads left behind", [] { return UserThreads() == 1; });
     Await("section records left behind", [] { return ChunksInUse(ALLOC_FIBER_CRITICAL_SECTION) == 0; });
-    CheckAllBack(handles);
+    Await("sockets left behind", [&] { return netpeer::OpenSockets() == sockets; });
+    // Retired records come back once every scheduler has gone idle or made a pass.
+    Await("handles left behind", [&] { return gHandleCount == handles; });
+    Await("handle entries left behind",
+          [] { return ChunksInUse(ALLOC_PSEHAND) == static_cast<int64_t>(gHandleCount); });
+    CheckHandleTable();
+    CheckScheduler(SchedOf(CallingFiber()));
     if (ChunksInUse(ALLOC_FIBER_MESSAGE) != 0) Fail("messages left behind");
     if (os::KernelThreadCount() > kernelThreads + 36) Fail("kernel threads left behind", os::KernelThreadCount());
     if (gNumDynamicSchedulers.load() != 0) Fail("dynamic schedulers in use at the end", gNumDynamicSchedulers.load());
@@ -413,8 +560,7 @@ DWORD MainRoutine(void *) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    gOptions.Load = 64;
     gOptions.Settings.emplace_back("QuantumLengthMs", "30");
     gOptions.Settings.emplace_back("DynamicSchedulersEnabled", "1");
-    return Main(argc, argv, "--workers", kMaxWorkers, MainRoutine);
+    return Main(argc, argv, MainRoutine);
 }
