@@ -13,8 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <map>
 #include <vector>
 
 #include "alloc/alloc.h"
@@ -37,7 +35,6 @@ constexpr uint32_t kMaxActors = 4;
 constexpr uint32_t kMaxIdleMs = 5000;    // of model time, without an end: the scenario hangs
 constexpr uint32_t kMaxSteps = 400'000;  // accesses of one run: it goes round in circles
 constexpr uint32_t kFairSteps = 100;     // accesses after which the others get their turn
-constexpr uint32_t kRandomRarity = 12;   // one choice in so many is made at random
 constexpr uint64_t kNever = UINT64_MAX;
 
 enum Outcome : int { kPassed = 0, kCutOff = 10, kViolated = 11 };
@@ -125,30 +122,22 @@ struct RunState {
 } gRun;
 
 Bounds gBounds;
-bool gSearching;    // a run; false while the scenario is set up
-uint64_t gRandom;   // option "random": the state of the generator, else 0
-int gTraceTo = -1;  // a file descriptor, while a run is told
+bool gSearching;  // a run; false while the scenario is set up
+bool gTelling;    // a run is told: who goes on, and before what, with the place in the program
 const Scenario *gScenario;
 os::FiberContext *gExplorer;
 
-void TraceLine(const void *pc, const char *format, ...) __attribute__((format(printf, 2, 3)));
-void TraceLine(const void *pc, const char *format, ...) {
+void Trace(const void *pc, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void Trace(const void *pc, const char *format, ...) {
+    if (!gTelling) [[likely]]
+        return;
     char line[512];
-    int n = std::snprintf(line, sizeof line, "%zx\t",
-                          pc == nullptr ? 0 : static_cast<const char *>(pc) - __executable_start - 1);
     va_list values;
     va_start(values, format);
-    n += std::vsnprintf(line + n, sizeof line - static_cast<size_t>(n) - 1, format, values);
+    std::vsnprintf(line, sizeof line, format, values);
     va_end(values);
-    line[n++] = '\n';
-    if (write(gTraceTo, line, static_cast<size_t>(n)) != n) std::abort();
+    std::printf("  %-60s %zx\n", line, pc == nullptr ? 0 : static_cast<const char *>(pc) - __executable_start - 1);
 }
-
-#define Trace(...)                      \
-    do {                                \
-        if (gTraceTo >= 0) [[unlikely]] \
-            TraceLine(__VA_ARGS__);     \
-    } while (0)
 
 [[noreturn]] void EndRun(Outcome outcome) {
     gShared->Steps += gRun.Steps;
@@ -161,12 +150,7 @@ void TraceLine(const void *pc, const char *format, ...) {
     _exit(outcome);
 }
 
-uint32_t Random(uint32_t below) {
-    gRandom = gRandom * 6364136223846793005u + 1442695040888963407u;
-    return static_cast<uint32_t>((gRandom >> 33) % below);
-}
-
-// The given choice, or the first option (option "random": mostly); how many options there were is noted.
+// The given choice, or the first option; how many options there were is noted.
 uint32_t Choose(uint32_t options) {
     if (options == 1 || !gSearching) return 0;
     if (gShared->Length == kMaxChoices) Violation("too many choices in one run");
@@ -176,7 +160,6 @@ uint32_t Choose(uint32_t options) {
         if (choice->Options != options || choice->Taken >= options) Violation("two runs of one schedule differ");
     } else {
         *choice = {static_cast<uint8_t>(options), 0};
-        if (gRandom != 0 && Random(kRandomRarity) == 0) choice->Taken = static_cast<uint8_t>(Random(options));
     }
     gShared->Length++;
     return choice->Taken;
@@ -366,7 +349,7 @@ void RunAll() {
         gRun.Next = kMaxActors;
         gRun.StepsInARow = 0;
         Actor &actor = gActors[gRun.Current];
-        if (actor.Pending != nullptr && !actor.Useful && gRandom == 0) EndRun(kCutOff);
+        if (actor.Pending != nullptr && !actor.Useful) EndRun(kCutOff);
         actor.Pending = nullptr;
         Trace(nullptr, "S%u runs", gRun.Current);
         SaveBlock(block, &actor.Block);
@@ -436,56 +419,6 @@ bool NextPath() {
     return true;
 }
 
-// The line of the source for a place in the program, where the tool that knows it is installed. An inlined operation of
-// the standard library is told by the line that uses it.
-std::string SourceLine(const std::string &place) {
-    static std::map<std::string, std::string> known{{"0", ""}};
-    const auto [it, fresh] = known.emplace(place, "");
-    const std::string command =
-        "addr2line -i -e /proc/" + std::to_string(getpid()) + "/exe 0x" + place + " 2>/dev/null";
-    FILE *tool = fresh ? popen(command.c_str(), "r") : nullptr;
-    if (tool == nullptr) return it->second;
-    char line[1024];
-    while (std::fgets(line, sizeof line, tool) != nullptr) {
-        line[std::strcspn(line, " \n")] = 0;
-        if (it->second.empty() && (std::strstr(line, "/src/") != nullptr || std::strstr(line, "/tests/") != nullptr))
-            it->second = std::strrchr(line, '/') + 1;
-    }
-    pclose(tool);
-    return it->second;
-}
-
-// Runs the path again and prints what happened.
-void PrintRun() {
-    gShared->Prefix = gShared->Length;
-    FILE *file = std::tmpfile();
-    if (file == nullptr) return;
-    gTraceTo = fileno(file);
-    RunChild();
-    gTraceTo = -1;
-    std::rewind(file);
-    std::vector<std::string> all;
-    char text[1024];
-    while (std::fgets(text, sizeof text, file) != nullptr) all.emplace_back(text);
-    std::fclose(file);
-    constexpr size_t kMostLines = 600;
-    for (size_t i = 0; i < all.size(); ++i) {
-        if (i == kMostLines / 2 && all.size() > kMostLines) {
-            i = all.size() - kMostLines / 2;
-            std::printf("  ...\n");
-        }
-        const size_t tab = all[i].find('\t');
-        const std::string what = all[i].substr(tab + 1, all[i].size() - tab - 2);
-        std::printf("  %-60s %s\n", what.c_str(), SourceLine(all[i].substr(0, tab)).c_str());
-    }
-}
-
-double Seconds() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
 // Kernel threads that the library has made are schedulers, which run from now on. Their start uses a lock, which
 // somebody may hold who was stopped.
 void StartThreads() {
@@ -534,15 +467,10 @@ void BuildScenario() {
     gScenario->Setup();
 }
 
-Outcome Search(double limit) {
-    const double start = Seconds();
-    uint32_t known = 0;
-    uint32_t rounds = 1;
-    Outcome outcome = kPassed;
-    bool whole = true;
-    const uint64_t seed = gRandom;
+Outcome Search() {
+    uint32_t known = 0, rounds = 1;
+    Outcome outcome;
     for (;;) {
-        gRandom = seed != 0 ? seed + gExecutions : 0;
         outcome = RunChild();
         if (outcome >= kViolated) break;
         if (gShared->NumContended != known) {
@@ -550,22 +478,16 @@ Outcome Search(double limit) {
             LearnWords();
             gShared->Prefix = 0;
             rounds++;
-            continue;
-        }
-        if (seed == 0 && !NextPath()) break;
-        if (limit != 0 && Seconds() - start > limit) {
-            whole = false;
+        } else if (!NextPath()) {
             break;
         }
     }
     std::printf(
         "%s: %llu runs (%llu cut off), %llu accesses, %llu choices at most in a run, %u shared words, %u rounds, "
-        "%.1f s; preemptions %u, turns %u, ticks %u%s: %s\n",
+        "preemptions %u, turns %u, ticks %u%s: %s\n",
         gScenario->Name, gExecutions, gCutOff, gShared->Steps, gDeepest, gShared->NumContended, rounds,
-        Seconds() - start, gBounds.Preemptions, gBounds.Turns, gBounds.Ticks, gBuffering ? ", buffers" : "",
-        outcome >= kViolated ? "VIOLATED"
-        : whole              ? "holds"
-                             : "holds as far as it went");
+        gBounds.Preemptions, gBounds.Turns, gBounds.Ticks, gBuffering ? ", buffers" : "",
+        outcome >= kViolated ? "VIOLATED" : "holds");
     return outcome;
 }
 
@@ -674,28 +596,16 @@ void NoteDelayedStore(const volatile void *address) {
 using namespace zvx::model;
 
 int main(int argc, char **argv) {
-    std::map<std::string, bool> flags{{"--wide", false}, {"--buffers", false}, {"--expect-violation", false}};
-    std::map<std::string, double> numbers{
-        {"--preemptions", -1}, {"--turns", -1}, {"--ticks", -1}, {"--random", 0}, {"--seconds", 0}};
-    const char *name = nullptr;
+    bool wide = false, expectViolation = false;
     for (int i = 1; i < argc; ++i) {
-        if (const auto flag = flags.find(argv[i]); flag != flags.end())
-            flag->second = true;
-        else if (const auto number = numbers.find(argv[i]); number != numbers.end() && i + 1 < argc)
-            number->second = std::atof(argv[++i]);
-        else
-            name = argv[i];
+        wide |= std::strcmp(argv[i], "--wide") == 0;
+        gBuffering |= std::strcmp(argv[i], "--buffers") == 0;
+        expectViolation |= std::strcmp(argv[i], "--expect-violation") == 0;
+        for (uint32_t k = 0; k < gNumScenarios; ++k)
+            if (std::strcmp(gScenarios[k].Name, argv[i]) == 0) gScenario = &gScenarios[k];
     }
-    gBuffering = flags["--buffers"];
-    gRandom = static_cast<uint64_t>(numbers["--random"]);
-    const bool expectViolation = flags["--expect-violation"];
-    for (uint32_t i = 0; name != nullptr && i < gNumScenarios; ++i)
-        if (std::strcmp(gScenarios[i].Name, name) == 0) gScenario = &gScenarios[i];
     if (gScenario == nullptr) {
-        std::printf(
-            "usage: %s SCENARIO [--wide] [--preemptions N] [--turns N] [--ticks N] [--buffers] [--seconds N]\n"
-            "       [--random SEED] [--expect-violation]\nscenarios:",
-            argv[0]);
+        std::printf("usage: %s SCENARIO [--wide] [--buffers] [--expect-violation]\nscenarios:", argv[0]);
         for (uint32_t i = 0; i < gNumScenarios; ++i) std::printf(" %s", gScenarios[i].Name);
         std::printf("\n");
         return 2;
@@ -703,19 +613,15 @@ int main(int argc, char **argv) {
     void *memory = mmap(nullptr, sizeof(SharedState), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) return 1;
     gShared = static_cast<SharedState *>(memory);
-    gBounds = flags["--wide"] ? gScenario->Wide : gScenario->Quick;
-    const auto bound = [&](const char *option, uint32_t *value) {
-        if (numbers[option] >= 0) *value = static_cast<uint32_t>(numbers[option]);
-    };
-    bound("--preemptions", &gBounds.Preemptions);
-    bound("--turns", &gBounds.Turns);
-    bound("--ticks", &gBounds.Ticks);
+    gBounds = wide ? gScenario->Wide : gScenario->Quick;
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     BuildScenario();
-    const Outcome outcome = Search(numbers["--seconds"]);
+    const Outcome outcome = Search();
     if (outcome >= kViolated) {
         std::printf("%s: %s\n", expectViolation ? "as expected" : "violated", gShared->Text);
-        if (!expectViolation) PrintRun();
+        gShared->Prefix = gShared->Length;
+        gTelling = !expectViolation;
+        if (gTelling) RunChild();  // the same again
     }
     return (outcome >= kViolated) == expectViolation ? 0 : 1;
 }
