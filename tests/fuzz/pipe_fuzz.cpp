@@ -2,21 +2,18 @@
 //
 // The server's end reads, peeks, cancels and writes in between. In a pipe of messages it must get what the bytes say,
 // with the ends of the messages where they say, whatever the pieces, the sizes of its reads and the reads it gave up;
-// a length that nothing follows costs no memory. At times the server is that of the administrator's commands, which
-// must answer with one message, or not at all.
-#include <cerrno>
-#include <filesystem>
+// a length that nothing follows costs no memory.
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
-#include <vector>
+
+#include <cerrno>
+#include <filesystem>
 
 #include "fuzz/started.h"
-#include "host/admin.cpp"
 #include "zvxkvt/pipes.h"
 
-namespace host {
 namespace {
 
 std::string gFolder;
@@ -26,36 +23,28 @@ int Connect() {
     const long fd = syscall(SYS_socket, AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
     for (const auto &entry : std::filesystem::recursive_directory_iterator(gFolder)) {
         if (!entry.is_socket()) continue;
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        const std::string path = entry.path();
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        sockaddr_un address{AF_UNIX, {}};
+        entry.path().string().copy(address.sun_path, sizeof address.sun_path - 1);
         if (syscall(SYS_connect, fd, &address, sizeof address) == 0) return static_cast<int>(fd);
     }
     fuzz::Require(false, "no socket to connect to", static_cast<uint64_t>(errno));
     return -1;
 }
 
-size_t Send(int fd, std::string_view bytes) {
-    const long put = syscall(SYS_sendto, fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0);
-    return put > 0 ? static_cast<size_t>(put) : 0;
-}
-
-std::string Received(int fd) {
-    static char buffer[1 << 18];
-    const long got = syscall(SYS_recvfrom, fd, buffer, sizeof buffer, MSG_DONTWAIT, nullptr, nullptr);
-    return std::string(buffer, got > 0 ? static_cast<size_t>(got) : 0);
-}
-
 // What the peer has written, and how far the server has read it.
 struct Stream {
-    std::string Sent;
+    int Peer;
     bool Messages;
-    size_t At = 0;          // next byte to be read
-    bool Inside = false;    // of a message, of which Left bytes are to come
+    std::string Sent;
+    size_t At = 0;        // next byte to be read
+    bool Inside = false;  // of a message, of which Left bytes are to come
     uint32_t Left = 0;
 
-    void Send(int peer, const std::string &bytes) { Sent += bytes.substr(0, host::Send(peer, bytes)); }
+    void Send(const std::string &bytes) {
+        const int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
+        const long put = syscall(SYS_sendto, Peer, bytes.data(), bytes.size(), flags, nullptr, 0);
+        Sent += bytes.substr(0, put > 0 ? static_cast<size_t>(put) : 0);
+    }
     // The next read of a message pipe may bring so many bytes of one message.
     bool Open() {
         if (Inside) return true;
@@ -72,7 +61,8 @@ struct Stream {
             fuzz::Require(more == (Left != 0), "the end of a message", size, Left);
             Inside = Left != 0;
         }
-        fuzz::Require(size <= Sent.size() - At && std::memcmp(got, Sent.data() + At, size) == 0, "other bytes", At, size);
+        const bool same = size <= Sent.size() - At && std::memcmp(got, Sent.data() + At, size) == 0;
+        fuzz::Require(same, "other bytes", At, size);
         At += size;
     }
 };
@@ -106,13 +96,15 @@ bool Read(HANDLE pipe, Stream *stream, DWORD room) {
     return true;
 }
 
-void RunPipe(fuzz::Input input, const std::string &name) {
+void RunInput(fuzz::Input input) {
+    const std::string name = "\\\\.\\pipe\\fuzz." + std::to_string(GetCurrentProcessId());
     const bool messages = (input.Byte() & 1) != 0;
     const HANDLE pipe = CreateNamedPipeA(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
                                          messages ? PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE : 0, 1, 0, 0, 0, nullptr);
     fuzz::Require(pipe != INVALID_HANDLE_VALUE, "no pipe", GetLastError());
-    const int peer = Connect();
-    Stream stream{{}, messages};
+    Stream stream{Connect(), messages, {}};
+    static char sink[1 << 18];
+    const auto drain = [&](int) { syscall(SYS_recvfrom, stream.Peer, sink, sizeof sink, 0, nullptr, nullptr); };
     bool open = true;
     for (int steps = 0; open && !input.Empty() && steps < 100; steps++) {
         const uint8_t what = input.Byte();
@@ -121,26 +113,24 @@ void RunPipe(fuzz::Input input, const std::string &name) {
         switch (what % 8) {
             case 0:
             case 1:
-            case 2: stream.Send(peer, std::string(input.Bytes(what / 8u))); break;
+            case 2: stream.Send(std::string(input.Bytes(what / 8u))); break;
             case 3: {  // a message as it should be, or only its beginning
                 const std::string body(input.Byte(), static_cast<char>(what));
                 const uint32_t length = static_cast<uint32_t>(body.size()) + (what >= 0xF0 ? 1u << 30 : 0);
-                stream.Send(peer, std::string(reinterpret_cast<const char *>(&length), 4) + body);
+                stream.Send(std::string(reinterpret_cast<const char *>(&length), 4) + body);
                 break;
             }
-            case 4:
-                PeekNamedPipe(pipe, gBuffer, kSizes[what / 8 % 7], &counts[0], &counts[1], &counts[2]);
-                break;
+            case 4: PeekNamedPipe(pipe, gBuffer, kSizes[what / 8 % 7], &counts[0], &counts[1], &counts[2]); break;
             case 5:
                 if (WriteFile(pipe, gBuffer, kSizes[what / 8 % 6], nullptr, &ov) || GetLastError() == ERROR_IO_PENDING)
-                    AwaitEnd(ov, "a write that does not end", [peer](int) { Received(peer); });
-                Received(peer);
+                    AwaitEnd(ov, "a write that does not end", drain);
+                drain(0);
                 break;
             default: open = Read(pipe, &stream, kSizes[what / 8 % 7]);
         }
     }
     fuzz::Require(open, "an end before the end");
-    syscall(SYS_shutdown, peer, SHUT_WR);
+    syscall(SYS_shutdown, stream.Peer, SHUT_WR);
     for (int i = 0; open; i++) {
         fuzz::Require(i < 100000, "no end");
         open = Read(pipe, &stream, sizeof gBuffer);
@@ -149,54 +139,13 @@ void RunPipe(fuzz::Input input, const std::string &name) {
     const uint64_t wanted = !messages ? 1 : stream.Open() ? uint64_t{stream.Left} : 4;
     const size_t left = stream.Sent.size() - stream.At;
     fuzz::Require(left < wanted, "bytes are lost", left, wanted);
-    close(peer);
+    close(stream.Peer);
     fuzz::Require(CloseHandle(pipe), "a pipe is not closed");
-}
-
-// The peer has written everything and gone half away before the server looks, so that no read waits.
-void RunAdmin(fuzz::Input input, const std::string &name) {
-    const HANDLE pipe = CreateNamedPipeA(name.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, 1, 0, 0,
-                                         0, nullptr);
-    const int peer = Connect();
-    const bool framed = (input.Byte() & 1) != 0;
-    const std::string_view text = input.Bytes(input.Left);
-    const uint32_t length = static_cast<uint32_t>(text.size());
-    if (framed) Send(peer, {reinterpret_cast<const char *>(&length), 4});
-    Send(peer, text);
-    syscall(SYS_shutdown, peer, SHUT_WR);
-    if (ConnectNamedPipe(pipe, nullptr) || GetLastError() == ERROR_PIPE_CONNECTED) ServeClient(pipe);
-    const std::string answer = Received(peer);
-    uint32_t said = 0;
-    std::memcpy(&said, answer.data(), std::min<size_t>(answer.size(), 4));
-    fuzz::Require(answer.empty() || answer.size() == said + 4, "an answer that is no message", answer.size(), said);
-    if (framed) fuzz::Require(said != 0, "no answer to a whole message", text.size());
-    close(peer);
-    fuzz::Require(CloseHandle(pipe), "a pipe is not closed");
-}
-
-void RunInput(fuzz::Input input) {
-    static const bool once = [] {
-        InitKeyspace();
-        InitSessions();
-        InitCheckpoints(1);
-        gOptions.Dir = gFolder;
-        gOptions.Sync = Durability::kNo;
-        gOptions.SegmentBytes = 1 << 20;
-        LogStart start;
-        start.LogId = 1;
-        OpenLog(&start);
-        return true;
-    }();
-    static_cast<void>(once);
-    const std::string name = "\\\\.\\pipe\\fuzz." + std::to_string(GetCurrentProcessId());
-    (input.Byte() % 4 == 0 ? RunAdmin : RunPipe)(input, name);
 }
 
 }  // namespace
-}  // namespace host
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    using namespace host;
     if (gFolder.empty()) {
         gFolder = fuzz::Scratch("pipe");
         std::filesystem::create_directory(gFolder);
