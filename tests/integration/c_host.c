@@ -9,18 +9,18 @@
 #include "zvxkvt/sockets.h"
 #include "zvxkvt/zvxkvt.h"
 
-static int Lookup(const char *name, char *buffer, int capacity) {
-    if (strcmp(name, "ZVX_FIBERS_Schedulers") != 0 || capacity < 1) return 0;
-    buffer[0] = '2';
-    return 1;
-}
-
 static void Require(int line, int condition) {
     if (condition) return;
     fprintf(stderr, "c_host.c:%d failed, last error %u\n", line, GetLastError());
     ExitProcess(1);
 }
 #define REQUIRE(condition) Require(__LINE__, (condition) != 0)
+
+static int Lookup(const char *name, char *buffer, int capacity) {
+    if (strcmp(name, "ZVX_FIBERS_Schedulers") != 0 || capacity < 1) return 0;
+    buffer[0] = '2';
+    return 1;
+}
 
 /* Every export of the library, from the list of all: a name that is missing in the headers or in the library does not
  * compile or not link. Volatile, so that no compiler knows the addresses and leaves them away. */
@@ -31,7 +31,6 @@ static Function volatile kExports[] = {
 };
 
 static DWORD WINAPI Child(LPVOID event) {
-    Sleep(5);
     return SetEvent((HANDLE)event) ? 42 : 0;
 }
 
@@ -47,8 +46,7 @@ static DWORD WINAPI Host(LPVOID param) {
     REQUIRE(set.fd_count == 1 && FD_ISSET((SOCKET)8, &set) && !FD_ISSET((SOCKET)4, &set));
     REQUIRE(send(INVALID_SOCKET, "", 1, 0) == SOCKET_ERROR && WSAGetLastError() == (int)WSAENOTSOCK);
     REQUIRE(strcmp((const char *)param, "parameter") == 0 && ZvxSchedulerCount() == 2);
-    REQUIRE(WaitForSingleObject(event, 10000) == WAIT_OBJECT_0);
-    REQUIRE(WaitForSingleObject(thread, 10000) == WAIT_OBJECT_0);
+    REQUIRE(WaitForSingleObject(event, 10000) == WAIT_OBJECT_0 && WaitForSingleObject(thread, 10000) == WAIT_OBJECT_0);
     REQUIRE(GetExitCodeThread(thread, &code) && code == 42 && CloseHandle(thread));
     ExitProcess(0);
 }

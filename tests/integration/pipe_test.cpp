@@ -7,19 +7,18 @@ namespace {
 
 class Pipes : public HostTest {};
 
-std::string Name() {
-    static const int owner = getpid();
-    return "\\\\.\\pipe\\zvx-host-" + std::to_string(owner);
-}
+const std::string kName = "\\\\.\\pipe\\zvx-host-" + std::to_string(getpid());
+
 HANDLE Create(DWORD flags = 0) {
-    return CreateNamedPipeA(Name().c_str(), PIPE_ACCESS_DUPLEX | flags, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE,
+    return CreateNamedPipeA(kName.c_str(), PIPE_ACCESS_DUPLEX | flags, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE,
                             PIPE_UNLIMITED_INSTANCES, 0, 0, 0, nullptr);
 }
-std::string Call(const std::string &text, DWORD room) {
-    std::string in = text, out(room, 0);
+// The answer, with the error behind it.
+std::string Call(std::string text, DWORD room) {
+    std::string out(room, 0);
     DWORD got = 0;
     const BOOL done =
-        CallNamedPipeA(Name().c_str(), in.data(), static_cast<DWORD>(in.size()), out.data(), room, &got, 5000);
+        CallNamedPipeA(kName.c_str(), text.data(), static_cast<DWORD>(text.size()), out.data(), room, &got, 5000);
     out.resize(got);
     return done ? out : out + "!" + std::to_string(GetLastError());
 }
@@ -29,16 +28,10 @@ DWORD WINAPI Echo(LPVOID pipe) {
     for (;;) {
         DWORD got = 0;
         if (!ConnectNamedPipe(pipe, nullptr) && GetLastError() != ERROR_PIPE_CONNECTED) return GetLastError();
-        if (ReadFile(pipe, text.data(), 1 << 20, &got, nullptr) && text[0] != '-') {
+        if (ReadFile(pipe, text.data(), 1 << 20, &got, nullptr) && text[0] != '-')
             HOST_CHECK(WriteFile(pipe, text.data(), got, nullptr, nullptr));
-        }
         HOST_CHECK(DisconnectNamedPipe(pipe));
     }
-}
-DWORD WINAPI CallMany(LPVOID who) {
-    const std::string big(300000, static_cast<char>('a' + reinterpret_cast<intptr_t>(who)));
-    for (int i = 0; i < 5; i++) HOST_CHECK(Call(big, 300000) == big);
-    return 0;
 }
 
 }  // namespace
@@ -46,17 +39,17 @@ DWORD WINAPI CallMany(LPVOID who) {
 // Nothing here may block: with one scheduler a server and a client that waited in the system would wait for ever.
 TEST_P(Pipes, ServersAndClientsOnTheSameSchedulers) {
     EXPECT_HOST_OK(RunHost(Options(), [] {
-        HANDLE threads[6];
-        for (int i = 0; i < 2; i++) {
-            const HANDLE pipe = Create();
-            HOST_CHECK(pipe != INVALID_HANDLE_VALUE);
-            threads[i] = CreateThread(nullptr, 0, Echo, pipe, 0, nullptr);
-        }
-        for (int i = 2; i < 6; i++)
-            threads[i] = CreateThread(nullptr, 0, CallMany, reinterpret_cast<LPVOID>(intptr_t{i}), 0, nullptr);
-        HOST_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(4, threads + 2, TRUE, 20000));
-        HOST_CHECK(Call("does not fit", 8) == "does not!234");
-        HOST_CHECK(Call("-", 8) == "!109");
+        for (int i = 0; i < 2; i++) CloseHandle(CreateThread(nullptr, 0, Echo, Create(), 0, nullptr));
+        std::deque<HostThread> clients;
+        for (char c : {'a', 'b', 'c', 'd'})
+            clients.emplace_back([c]() -> DWORD {
+                const std::string big(300000, c);
+                for (int i = 0; i < 5; i++) HOST_CHECK(Call(big, 300000) == big);
+                return 1;
+            });
+        for (HostThread &client : clients) HOST_EQ(1u, client.Join());
+        HOST_EQ("does not!234", Call("does not fit", 8));
+        HOST_EQ("!109", Call("-", 8));
     }));
 }
 
@@ -69,7 +62,7 @@ TEST_P(Pipes, TheHostsOwnOperationAndACallerThatIsEnded) {
         ov.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
         HOST_CHECK(!ConnectNamedPipe(pipe, &ov) && GetLastError() == ERROR_IO_PENDING);
         HOST_EQ(1u, reinterpret_cast<uintptr_t>(ov.hEvent) & 1);
-        HostThread caller([]() -> DWORD { return WaitNamedPipeA(Name().c_str(), 5000) && Call("x", 8).empty(); });
+        HostThread caller([]() -> DWORD { return WaitNamedPipeA(kName.c_str(), 5000) && Call("x", 8).empty(); });
         HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(ov.hEvent, 5000));
         DWORD moved = 0;
         HOST_CHECK(GetOverlappedResult(pipe, &ov, &moved, TRUE));
