@@ -97,13 +97,6 @@ LPOVERLAPPED Prepare() {
     if ((which & 0x80) != 0) c->Ov.hEvent = WithBits(Pick().Value, Byte() % 2u);
     return &c->Ov;
 }
-// Null at times.
-LPOVERLAPPED PrepareOrNot(uint8_t how) {
-    if (how % 8 != 0) return Prepare();
-    gCall = nullptr;
-    return nullptr;
-}
-
 // Notes that the prepared call was started, if it was.
 BOOL Started(BOOL result, bool routine = false) {
     if (gCall == nullptr || !(result || (!routine && GetLastError() == ERROR_IO_PENDING))) return result;
@@ -126,167 +119,107 @@ void CloseOne(size_t index) {
     gStale = {held.Value, held.Is, false};  // a socket's kind: its entry stays as long as a duplicate of it
 }
 
-// One of the calls for every byte. Most must say FALSE, with a reason, of what is no handle.
-enum Says { kFalse, kNothing };
-constexpr uint32_t kFiles = 4;  // the first ones: on a socket they end the process by design
-const struct {
-    const char *Name;
-    Says OfNone;
-    BOOL (*Use)(const Picked &h, uint8_t how);
-} kCalls[] = {
-    {"ReadFile", kFalse,
-     [](const Picked &h, uint8_t how) {
-         const LPOVERLAPPED ov = PrepareOrNot(how);
-         return Started(ReadFile(h.Value, gMemory, gSize, ov == nullptr || how % 2 != 0 ? &gDone : nullptr, ov));
-     }},
-    {"WriteFile", kFalse,
-     [](const Picked &h, uint8_t how) {
-         const LPOVERLAPPED ov = PrepareOrNot(how);
-         return Started(WriteFile(h.Value, gMemory, gSize, ov == nullptr || how % 2 != 0 ? &gDone : nullptr, ov));
-     }},
-    {"ReadFileEx", kFalse,
-     [](const Picked &h, uint8_t) { return Started(ReadFileEx(h.Value, gMemory, gSize, Prepare(), Ended), true); }},
-    {"WriteFileEx", kFalse,
-     [](const Picked &h, uint8_t) { return Started(WriteFileEx(h.Value, gMemory, gSize, Prepare(), Ended), true); }},
-    {"CreateFileA", kNothing,
-     [](const Picked &, uint8_t how) {
-         const DWORD access = how & 16 ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE, disposition = Byte() % 7;
-         return Hold(
-             CreateFileA(how & 32 ? "/nowhere/at/all" : gPath.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                         nullptr, disposition, how & 8 ? FILE_FLAG_OVERLAPPED : 0, nullptr),
-             Kind::kFile);
-     }},
-    {"CreateEventA", kNothing,
-     [](const Picked &, uint8_t how) { return Hold(CreateEventA(nullptr, how & 8, how & 16, nullptr), Kind::kEvent); }},
-    {"CreateThread", kNothing,
-     [](const Picked &, uint8_t how) {
-         const DWORD flags = how & 16 ? CREATE_SUSPENDED : 0;
-         return Hold(CreateThread(nullptr, 0, Worker, how & 8 ? gMemory : nullptr, flags, nullptr), Kind::kThread);
-     }},
-    {"socket", kNothing,
-     [](const Picked &, uint8_t how) {
-         return Hold(reinterpret_cast<HANDLE>(socket(how & 16 ? AF_INET : Byte(), SOCK_STREAM, 0)), Kind::kSocket);
-     }},
-    {"CreateNamedPipeA", kNothing,
-     [](const Picked &, uint8_t how) {
-         return Hold(CreateNamedPipeA(gPipeName.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, how % 8, Byte(), 0,
-                                      0, 0, nullptr),
-                     Kind::kPipe);
-     }},
-    // Not on what may mean the thread that calls.
-    {"SuspendThread", kNothing,
-     [](const Picked &h, uint8_t) -> BOOL {
-         return (h.Live || h.Value == nullptr) && SuspendThread(h.Value) != 0xFFFFFFFF;
-     }},
-    {"ResumeThread", kNothing, [](const Picked &h, uint8_t) -> BOOL { return ResumeThread(h.Value) != 0xFFFFFFFF; }},
-    {"TerminateThread", kNothing,
-     [](const Picked &h, uint8_t) -> BOOL { return h.Live && TerminateThread(h.Value, 9); }},
-    {"GetExitCodeThread", kFalse, [](const Picked &h, uint8_t) { return GetExitCodeThread(h.Value, &gDone); }},
-    {"GetThreadTimes", kNothing,
-     [](const Picked &h, uint8_t) {
-         FILETIME times[4];
-         return GetThreadTimes(h.Value, &times[0], &times[1], &times[2], &times[3]);
-     }},
-    {"UserThreadExecRoutine", kNothing, [](const Picked &h, uint8_t) { return UserThreadExecRoutine(h.Value, [] {}); }},
-    {"ioctlsocket", kFalse,
-     [](const Picked &h, uint8_t how) -> BOOL {
-         ULONG argument = how % 2;
-         return ioctlsocket(reinterpret_cast<SOCKET>(h.Value), static_cast<LONG>(Word()), &argument) == 0;
-     }},
-    {"setsockopt", kFalse,
-     [](const Picked &h, uint8_t how) -> BOOL {
-         const int level = static_cast<int>(gIn.Number(2));
-         return setsockopt(reinterpret_cast<SOCKET>(h.Value), level, how, gMemory, Byte()) == 0;
-     }},
-    {"WSARecv", kFalse,
-     [](const Picked &h, uint8_t how) {
-         WSABUF buffers[2] = {{gSize, gMemory}, {1, gMemory}};
-         DWORD flags = 0;
-         return Started(
-             WSARecv(reinterpret_cast<SOCKET>(h.Value), buffers, how % 3u, &gDone, &flags, Prepare(), nullptr) == 0);
-     }},
-    {"send", kFalse,
-     [](const Picked &h, uint8_t how) -> BOOL {
-         return send(reinterpret_cast<SOCKET>(h.Value), gMemory, static_cast<int>(gSize), how) >= 0;
-     }},
-    {"WSAEventSelect", kNothing,
-     [](const Picked &h, uint8_t) -> BOOL {
-         const HANDLE event = Pick().Value;
-         return WSAEventSelect(reinterpret_cast<SOCKET>(h.Value), event, static_cast<LONG>(gIn.Number(2))) == 0;
-     }},
-    {"select", kNothing,
-     [](const Picked &h, uint8_t how) -> BOOL {
-         const timeval none{0, 1000};
-         const SOCKET s = reinterpret_cast<SOCKET>(h.Value);
-         fd_set set{how % 3u, {s, s}};
-         return select(0, &set, nullptr, nullptr, &none) >= 0;
-     }},
-    {"WaitForMultipleObjectsEx", kNothing,
-     [](const Picked &h, uint8_t how) -> BOOL {
-         static const DWORD counts[] = {0, 1, 2, 4, 63, 64, 65, 70};
-         HANDLE many[70];
-         for (HANDLE &one : many) one = h.Value;
-         for (uint32_t i = 0; how % 4 == 1 && i < 4; i++) many[i] = Pick().Value;
-         return WaitForMultipleObjectsEx(counts[how / 16 % 8], many, how % 2, how % 3, (how & 4) != 0) != WAIT_FAILED;
-     }},
-    // What means the process or the thread itself is waited for in vain.
-    {"WaitForSingleObjectEx", kNothing,
-     [](const Picked &h, uint8_t how) -> BOOL {
-         const DWORD result = WaitForSingleObjectEx(h.Value, how % 3, (how & 4) != 0);
-         const bool ended = result != WAIT_FAILED && result != WAIT_IO_COMPLETION;
-         fuzz::Require(h.Live || h.Own() || !ended, "a wait for no handle", result);
-         return ended;
-     }},
-    {"SetFilePointer", kNothing,
-     [](const Picked &h, uint8_t how) -> BOOL {
-         LONG high = static_cast<LONG>(Byte()) - 128;
-         return SetFilePointer(h.Value, static_cast<LONG>(Word()), how & 16 ? &high : nullptr, how % 5) != 0xFFFFFFFF;
-     }},
-    // Not to be waited for: what is outstanding on a pipe ends with its handle only.
-    {"GetOverlappedResult", kNothing,
-     [](const Picked &h, uint8_t how) {
-         return GetOverlappedResult(h.Value, &gCalls[how % std::size(gCalls)].Ov, &gDone, FALSE);
-     }},
-    {"SetEvent", kFalse, [](const Picked &h, uint8_t) { return SetEvent(h.Value); }},
-    {"ResetEvent", kFalse, [](const Picked &h, uint8_t) { return ResetEvent(h.Value); }},
-    // Another process would end this one by design; what stands for the thread itself is not to be suspended.
-    {"DuplicateHandle", kNothing,
-     [](const Picked &h, uint8_t) -> BOOL {
-         HANDLE copy = nullptr;
-         const HANDLE process = GetCurrentProcess();
-         return h.Live && DuplicateHandle(process, h.Value, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS) &&
-                Hold(copy, h.Is);
-     }},
-    {"LockFileEx", kFalse,
-     [](const Picked &h, uint8_t how) {
-         const DWORD flags = LOCKFILE_FAIL_IMMEDIATELY | (how & 16 ? LOCKFILE_EXCLUSIVE_LOCK : 0u), low = Word();
-         return LockFileEx(h.Value, flags, 0, low, Word(), Prepare());
-     }},
-    {"ConnectNamedPipe", kFalse,
-     [](const Picked &h, uint8_t) { return Started(ConnectNamedPipe(h.Value, Prepare())); }},
-    {"DisconnectNamedPipe", kNothing, [](const Picked &h, uint8_t) { return DisconnectNamedPipe(h.Value); }},
-    {"CancelIo", kFalse, [](const Picked &h, uint8_t) { return CancelIo(h.Value); }},
-    {"PostUserThread", kNothing, [](const Picked &h, uint8_t) { return PostUserThread(h.Value); }},
-    {"SleepEx", kNothing, [](const Picked &, uint8_t how) -> BOOL { return SleepEx(how / 64, TRUE) == 0; }},
-    {"TlsAlloc", kNothing,
-     [](const Picked &, uint8_t how) {
-         const DWORD slot = how % 2 != 0 ? TlsAlloc() : Word();
-         const bool mine = how % 2 != 0 && slot != 0xFFFFFFFF;
-         if (!mine && slot < 64 + 1024) return FALSE;
-         fuzz::Require(!!TlsSetValue(slot, gMemory) == mine, "a slot that is none", slot);
-         fuzz::Require((TlsGetValue(slot) == gMemory) == mine, "a slot's value", slot);
-         fuzz::Require(!!TlsFree(slot) == mine, "a slot that is none is freed", slot);
-         return TRUE;
-     }},
-    {"CloseHandle", kNothing,
-     [](const Picked &h, uint8_t how) -> BOOL {
-         if (h.Live)
-             CloseOne(how % gHeld.size());
-         else if (h.Value != gStale.Value && !h.Own())
-             fuzz::Require(!CloseHandle(h.Value) && GetLastError() != 0, "no handle is closed", GetLastError());
-         return TRUE;
-     }},
-};
+// One of the calls. The first kFiles end the process by design on a socket; the first kRefuse must say FALSE, with a
+// reason, of what is no handle.
+constexpr uint32_t kFiles = 4, kPrepared = 7, kRefuse = 14, kCalls = 35;
+BOOL Use(uint32_t what, const Picked &picked, uint8_t how) {
+    const HANDLE h = picked.Value, process = GetCurrentProcess();
+    const SOCKET s = reinterpret_cast<SOCKET>(h);
+    gCall = nullptr;
+    const LPOVERLAPPED ov = what < kPrepared && (what >= 2 || how % 8 != 0) ? Prepare() : nullptr;
+    DWORD *const moved = ov == nullptr || how % 2 != 0 ? &gDone : nullptr;
+    HANDLE many[70], copy = nullptr;
+    switch (what) {
+        case 0: return Started(ReadFile(h, gMemory, gSize, moved, ov));
+        case 1: return Started(WriteFile(h, gMemory, gSize, moved, ov));
+        case 2: return Started(ReadFileEx(h, gMemory, gSize, ov, Ended), true);
+        case 3: return Started(WriteFileEx(h, gMemory, gSize, ov, Ended), true);
+        case 4: {
+            WSABUF buffers[2] = {{gSize, gMemory}, {1, gMemory}};
+            DWORD flags = 0;
+            return Started(WSARecv(s, buffers, how % 3u, &gDone, &flags, ov, nullptr) == 0);
+        }
+        case 5: return Started(ConnectNamedPipe(h, ov));
+        case 6: return LockFileEx(h, LOCKFILE_FAIL_IMMEDIATELY | (how & LOCKFILE_EXCLUSIVE_LOCK), 0, Word(), how, ov);
+        case 7: return GetExitCodeThread(h, &gDone);
+        case 8: {
+            ULONG argument = how % 2;
+            return ioctlsocket(s, static_cast<LONG>(Word()), &argument) == 0;
+        }
+        case 9: return setsockopt(s, static_cast<int>(gIn.Number(2)), how, gMemory, Byte()) == 0;
+        case 10: return send(s, gMemory, static_cast<int>(gSize), how) >= 0;
+        case 11: return SetEvent(h);
+        case 12: return ResetEvent(h);
+        case 13: return CancelIo(h);
+        case 14:
+            if (picked.Live)
+                CloseOne(how % gHeld.size());
+            else if (h != gStale.Value && !picked.Own())
+                fuzz::Require(!CloseHandle(h) && GetLastError() != 0, "no handle is closed", GetLastError());
+            return TRUE;
+        case 15: {
+            const DWORD access = how & 16 ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE, disposition = Byte() % 7;
+            const DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE, flags = how & 8 ? FILE_FLAG_OVERLAPPED : 0;
+            const char *const name = how & 32 ? "/nowhere/at/all" : gPath.c_str();
+            return Hold(CreateFileA(name, access, share, nullptr, disposition, flags, nullptr), Kind::kFile);
+        }
+        case 16: return Hold(CreateEventA(nullptr, how & 8, how & 16, nullptr), Kind::kEvent);
+        case 17: {
+            const DWORD flags = how & 16 ? CREATE_SUSPENDED : 0;
+            return Hold(CreateThread(nullptr, 0, Worker, how & 8 ? gMemory : nullptr, flags, nullptr), Kind::kThread);
+        }
+        case 18: return Hold(reinterpret_cast<HANDLE>(socket(how & 16 ? AF_INET : how, SOCK_STREAM, 0)), Kind::kSocket);
+        case 19: {
+            const DWORD mode = PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED;
+            return Hold(CreateNamedPipeA(gPipeName.c_str(), mode, how % 8, Byte(), 0, 0, 0, nullptr), Kind::kPipe);
+        }
+        case 20:  // Another process would end this one by design; what stands for the thread itself is not to be
+                  // suspended.
+            return picked.Live && DuplicateHandle(process, h, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS) &&
+                   Hold(copy, picked.Is);
+        case 21: return (picked.Live || h == nullptr) && SuspendThread(h) != 0xFFFFFFFF;
+        case 22: return picked.Live && TerminateThread(h, 9);
+        case 23: return ResumeThread(h) != 0xFFFFFFFF;
+        case 24: return UserThreadExecRoutine(h, [] {});
+        case 25: return PostUserThread(h);
+        case 26: return DisconnectNamedPipe(h);
+        // Not to be waited for: what is outstanding on a pipe ends with its handle only.
+        case 27: return GetOverlappedResult(h, &gCalls[how % std::size(gCalls)].Ov, &gDone, FALSE);
+        case 28: {
+            LONG high = static_cast<LONG>(Byte()) - 128;
+            return SetFilePointer(h, static_cast<LONG>(Word()), how & 16 ? &high : nullptr, how % 5) != 0xFFFFFFFF;
+        }
+        case 29: return WSAEventSelect(s, Pick().Value, static_cast<LONG>(gIn.Number(2))) == 0;
+        case 30: {
+            const timeval none{0, 1000};
+            fd_set set{how % 3u, {s, s}};
+            return select(0, &set, nullptr, nullptr, &none) >= 0;
+        }
+        case 31: {
+            static const DWORD counts[] = {0, 1, 2, 4, 63, 64, 65, 70};
+            for (HANDLE &one : many) one = h;
+            for (uint32_t i = 0; how % 4 == 1 && i < 4; i++) many[i] = Pick().Value;
+            return WaitForMultipleObjectsEx(counts[how / 16 % 8], many, how % 2, how % 3, (how & 4) != 0) !=
+                   WAIT_FAILED;
+        }
+        case 32: {  // What means the process or the thread itself is waited for in vain.
+            const DWORD result = WaitForSingleObjectEx(h, how % 3, (how & 4) != 0);
+            const bool ended = result != WAIT_FAILED && result != WAIT_IO_COMPLETION;
+            fuzz::Require(picked.Live || picked.Own() || !ended, "a wait for no handle", result);
+            return ended;
+        }
+        case 33: return SleepEx(how / 64, TRUE) == 0;
+        default: {
+            const DWORD slot = how % 2 != 0 ? TlsAlloc() : Word();
+            const bool mine = how % 2 != 0 && slot != 0xFFFFFFFF;
+            if (!mine && slot < 64 + 1024) return FALSE;
+            fuzz::Require(!!TlsSetValue(slot, gMemory) == mine, "a slot that is none", slot);
+            fuzz::Require((TlsGetValue(slot) == gMemory) == mine, "a slot's value", slot);
+            fuzz::Require(!!TlsFree(slot) == mine, "a slot that is none is freed", slot);
+            return TRUE;
+        }
+    }
+}
 
 void RunInput(fuzz::Input input) {
     gIn = input;
@@ -295,15 +228,14 @@ void RunInput(fuzz::Input input) {
     if (truncate(gPath.c_str(), 8192) != 0) fuzz::Require(errno == ENOENT, "no file", static_cast<uint64_t>(errno));
     for (uint32_t steps = 0; !gIn.Empty() && steps < 64; steps++) {
         while (gHeld.size() > 20) CloseOne(Byte() % gHeld.size());
-        const uint8_t what = Byte() % std::size(kCalls), how = Byte();
-        const auto &call = kCalls[what];
+        const uint8_t what = Byte() % kCalls, how = Byte();
         const Picked handle = Pick();
         if (what < kFiles && handle.Is == Kind::kSocket) continue;
         gSize = kSizes[how / 8 % std::size(kSizes)];
         SetLastError(0);
-        const BOOL result = call.Use(handle, how);
-        if (call.OfNone == kFalse && !handle.Live && !handle.Own())
-            fuzz::Require(!result && GetLastError() != 0, call.Name, static_cast<uint64_t>(result), GetLastError());
+        const BOOL result = Use(what, handle, how);
+        if (what < kRefuse && !handle.Live && !handle.Own())
+            fuzz::Require(!result && GetLastError() != 0, "a call with no handle", what, GetLastError());
     }
     while (!gHeld.empty()) CloseOne(gHeld.size() - 1);
     for (uint32_t i = 0;; i++) {

@@ -34,15 +34,12 @@ std::set<HANDLE> gFiles;
     throw Refused{};
 }
 
-struct Work {
-    LPTHREAD_START_ROUTINE Routine;
-    LPVOID Argument;
-};
+using Work = std::pair<LPTHREAD_START_ROUTINE, LPVOID>;
 void WakeMain();
 DWORD WINAPI SlaveHere(LPVOID argument) {
     const std::unique_ptr<Work> work(static_cast<Work *>(argument));
     try {
-        work->Routine(work->Argument);
+        work->first(work->second);
     } catch (const Refused &) {
         UnidentifyUserThread(0);
         WakeMain();
@@ -52,7 +49,7 @@ DWORD WINAPI SlaveHere(LPVOID argument) {
 }
 HANDLE StartSlave(LPTHREAD_START_ROUTINE routine, LPVOID argument) {
     gAlive++;
-    return CreateThread(nullptr, 0, SlaveHere, new Work{routine, argument}, 0, nullptr);
+    return CreateThread(nullptr, 0, SlaveHere, new Work(routine, argument), 0, nullptr);
 }
 
 // Who waits when somebody has refused goes the same way.
@@ -85,11 +82,12 @@ void CloseHere(HANDLE handle) {
 namespace host {
 namespace {
 
-void WakeMain() { PostUserThread(gJob.Main); }
+void WakeMain() {
+    PostUserThread(gJob.Main);
+}
 
 using State = std::map<std::string, std::string>;
-constexpr uint64_t kLogId = 0x1122334455667789;
-constexpr uint64_t kCheckpointId = 77;
+constexpr uint64_t kLogId = 0x1122334455667789, kCheckpointId = 77;
 constexpr size_t kSegment = 2 * kLogBlock;
 
 template <typename Pod>
@@ -122,16 +120,6 @@ struct History {
     State Now;
 };
 
-void NewSegment(History *h, uint64_t durable) {
-    const std::string name = SegmentName(static_cast<uint32_t>(h->Segments.size()));
-    SegmentHeader header{kSegmentMagic, 0, kLogId, h->Segments.size() + 1, durable, h->Previous, 0};
-    header.Crc = HeaderCrc(header);
-    std::string bytes(Raw(header));
-    bytes.resize(kLogBlock);
-    h->Files[name] = bytes;
-    h->Segments.push_back(name);
-}
-
 std::string ItemOf(const std::string &key, const std::string &value) {
     const ItemHeader item{static_cast<uint32_t>(key.size()), static_cast<uint32_t>(value.size()), kNever};
     return std::string(Raw(item)) + key + value;
@@ -150,20 +138,16 @@ void AddBatch(History *h, fuzz::Input *input, uint64_t durable) {
         const uint8_t what = input->Byte();
         RecordHeader record{sizeof record, 0, ++h->Seq, RecordType::kSet, 0};
         std::string items;
-        if (what % 16 == 15) {
-            record.Type = RecordType::kFlush;
-            h->Now.clear();
-        } else {
-            record.Type = what % 4 == 3 ? RecordType::kDelete : RecordType::kSet;
-            record.Items = 1 + what / 64u;
-            for (uint32_t k = 0; k < record.Items; k++) {
-                const std::string key(1 + (what + k) % 3u, static_cast<char>('a' + (what / 16u + k) % 4u));
-                const bool set = record.Type == RecordType::kSet;
-                const std::string value(set ? (what % 8 == 4 ? 900 : what % 32u) : 0, static_cast<char>('0' + h->Seq % 10));
-                items += ItemOf(key, value);
-                h->Now.erase(key);
-                if (set) h->Now[key] = value;
-            }
+        const bool flush = what % 16 == 15, set = what % 4 != 3;
+        record.Type = flush ? RecordType::kFlush : set ? RecordType::kSet : RecordType::kDelete;
+        record.Items = flush ? 0 : 1 + what / 64u;
+        if (flush) h->Now.clear();
+        for (uint32_t k = 0; k < record.Items; k++) {
+            const std::string key(1 + (what + k) % 3u, static_cast<char>('a' + (what / 16u + k) % 4u));
+            const std::string value(set ? (what % 8 == 4 ? 900 : what % 32u) : 0, static_cast<char>('0' + h->Seq % 10));
+            items += ItemOf(key, value);
+            h->Now.erase(key);
+            if (set) h->Now[key] = value;
         }
         record.Length += static_cast<uint32_t>(items.size());
         std::string whole = std::string(Raw(record)) + items;
@@ -174,7 +158,12 @@ void AddBatch(History *h, fuzz::Input *input, uint64_t durable) {
     }
     header.Bytes = static_cast<uint32_t>(body.size());
     const size_t size = RoundUp(sizeof header + body.size(), kLogAlign);
-    if (h->Segments.empty() || h->Files[h->Segments.back()].size() + size > kSegment) NewSegment(h, durable);
+    if (h->Segments.empty() || h->Files[h->Segments.back()].size() + size > kSegment) {
+        h->Segments.push_back(SegmentName(static_cast<uint32_t>(h->Segments.size())));
+        SegmentHeader segment{kSegmentMagic, 0, kLogId, h->Segments.size(), durable, h->Previous, 0};
+        segment.Crc = HeaderCrc(segment);
+        h->Files[h->Segments.back()] = std::string(Raw(segment)).append(kLogBlock - sizeof segment, '\0');
+    }
     header.Previous = h->Previous;
     header.Crc = HeaderCrc(header);
     h->Previous = header.Crc;
@@ -188,7 +177,9 @@ void AddCheckpoint(History *h) {
     std::string items;
     for (const auto &[key, value] : h->Now) items += ItemOf(key, value);
     const auto pages = static_cast<uint32_t>((items.size() + kPagePayload - 1) / kPagePayload);
-    const CheckpointHeader header{kLogId, pages + 1, h->Now.size(),
+    const CheckpointHeader header{kLogId,
+                                  pages + 1,
+                                  h->Now.size(),
                                   {h->Segments.size(), h->Files[h->Segments.back()].size(), h->Seq, h->Previous}};
     std::string file((pages + 1) * kPage, 0);
     PutAt(&file, sizeof(PageHeader), header);
@@ -203,12 +194,9 @@ void AddCheckpoint(History *h) {
 
 // Every checksum, and the chain of the batches, as if whoever changed the files had known them.
 void Forge(std::string *file, bool checkpoint) {
-    if (checkpoint) {
-        for (size_t at = 0; at + kPage <= file->size(); at += kPage) {
-            PutAt(file, at + 4, Crc32c(0, file->data() + at + 8, kPage - 8));
-        }
-        return;
-    }
+    for (size_t at = 0; checkpoint && at + kPage <= file->size(); at += kPage)
+        PutAt(file, at + 4, Crc32c(0, file->data() + at + 8, kPage - 8));
+    if (checkpoint) return;
     SegmentHeader segment = At<SegmentHeader>(*file, 0);
     PutAt(file, 4, HeaderCrc(segment));
     uint32_t previous = segment.Previous;
@@ -238,9 +226,9 @@ uint64_t DurableBy(const History &h) {
     for (const auto &[name, file] : h.Files) {
         if (name == CheckpointName()) continue;
         durable = std::max(durable, At<SegmentHeader>(file, 0).Durable);
-        for (size_t at = kLogBlock; at + sizeof(BatchHeader) <= file.size(); at += kLogAlign) {
-            if (CheckBatchHeader(file.data() + at, kLogId)) durable = std::max(durable, At<BatchHeader>(file, at).Durable);
-        }
+        for (size_t at = kLogBlock; at + sizeof(BatchHeader) <= file.size(); at += kLogAlign)
+            if (CheckBatchHeader(file.data() + at, kLogId))
+                durable = std::max(durable, At<BatchHeader>(file, at).Durable);
     }
     return durable;
 }
@@ -250,14 +238,11 @@ bool Recover(Recovered *result) {
     gJob.NextPage = 1;
     gJob.Keys = 0;
     gJob.Checkpoint = {};
-    bool good = true;
     try {
         *result = RecoverDatabase();
     } catch (const Refused &) {
-        good = false;
-        for (const HANDLE slave : gJob.Slaves) {
+        for (const HANDLE slave : gJob.Slaves)
             if (slave != nullptr) PostUserThread(slave);
-        }
         UnidentifyUserThread(0);
     }
     for (uint32_t i = 0; gAlive != 0; i++) {
@@ -272,16 +257,16 @@ bool Recover(Recovered *result) {
     DeleteCriticalSection(&gJob.Section);
     for (const HANDLE file : gFiles) CloseHandle(file);
     gFiles.clear();
-    return good;
+    return !gRefused;
 }
 
 State Contained() {
     State state;
     for (Shard &shard : gShards) {
         Contents all = TakeContents(&shard, 0);
-        for (uint64_t i = 0; all.Buckets != nullptr && i < uint64_t{1} << all.Bits; i++) {
-            for (const Entry *e = all.Buckets[i]; e != nullptr; e = e->Next) state[std::string(e->Key())] = e->Val->View();
-        }
+        for (uint64_t i = 0; all.Buckets != nullptr && i < uint64_t{1} << all.Bits; i++)
+            for (const Entry *e = all.Buckets[i]; e != nullptr; e = e->Next)
+                state[std::string(e->Key())] = e->Val->View();
         FreeContents(&all);
     }
     return state;

@@ -19,7 +19,7 @@ struct Client {
     std::string_view Bytes;   // not received yet
     std::string_view Pieces;  // sizes of the pieces; empty: whole
     size_t Piece = 0;
-    std::string Answers;
+    std::string Answers{};
     uint64_t Requests = 0;
     bool Timed = false;  // an answer depends on the clock or on counters
 };
@@ -47,9 +47,7 @@ void Watch(Session *session, const char *data, const RespRequest &request) {
     const Arguments a{data, &request, request.Count};
     gClient->Requests++;
     for (uint32_t i = 0; i < a.Count; i++) {
-        for (const char *word : {"info", "ttl", "pttl", "ex", "px", "expire", "pexpire"}) {
-            gClient->Timed |= a.Is(i, word);
-        }
+        for (const char *word : {"info", "ttl", "pttl", "ex", "px", "expire", "pexpire"}) gClient->Timed |= a.Is(i, word);
     }
     Execute(session, data, request);
 }
@@ -104,10 +102,8 @@ size_t SkipReply(std::string_view text, size_t at, int depth = 0) {
     const char kind = text[at];
     const std::string line(text.substr(at + 1, end - at - 1));
     at = end + 2;
-    if (kind == '+' || kind == '-') {
-        for (const char c : line) fuzz::Require(c != '\r' && c != '\n', "a line in two");
-        return at;
-    }
+    fuzz::Require(line.find_first_of("\r\n") == line.npos, "a line in two");
+    if (kind == '+' || kind == '-') return at;
     char *rest = nullptr;
     const long long number = std::strtoll(line.c_str(), &rest, 10);
     fuzz::Require(!line.empty() && *rest == 0 && std::strchr(":$*", kind) != nullptr, "no reply", at);
@@ -127,9 +123,7 @@ Client Run(std::string_view bytes, std::string_view pieces) {
         Contents all = TakeContents(&shard, 0);
         FreeContents(&all);
     }
-    Client client;
-    client.Bytes = bytes;
-    client.Pieces = pieces;
+    Client client{bytes, pieces};
     gClient = &client;
     SessionSlot slot{};
     Session session;
@@ -160,10 +154,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }();
     static_cast<void>(once);
     fuzz::Input input{data, size};
-    const std::string_view pieces = input.Bytes(input.Byte() % 8 + 1u);
-    const std::string_view bytes = input.Bytes(size);
-    const Client whole = Run(bytes, {});
-    const Client split = Run(bytes, pieces);
+    const std::string_view pieces = input.Bytes(input.Byte() % 8 + 1u), bytes = input.Bytes(size);
+    const Client whole = Run(bytes, {}), split = Run(bytes, pieces);
     fuzz::Require(whole.Requests == split.Requests, "the pieces change the requests", whole.Requests, split.Requests);
     if (!whole.Timed) fuzz::Require(whole.Answers == split.Answers, "the pieces change the answers");
     return 0;
