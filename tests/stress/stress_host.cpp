@@ -3,6 +3,7 @@
 // and time-boxed; ends with the invariant checkers and with the counts of what must have come back.
 //
 // Built on the internals, so that every user thread can check its own scheduler between two yields.
+#include <fstream>
 #include <random>
 
 #include "dedicated/dedicated.h"
@@ -50,29 +51,18 @@ struct Pool {
 
 // ---- Reads -------------------------------------------------------------------------------------------
 
-// A file whose words tell their place.
+// Every place in the file has other bytes around it.
 constexpr uint32_t kFileBytes = 1 << 20;
-std::string gFileName;
-uint32_t PatternAt(uint64_t offset) {
-    return static_cast<uint32_t>(offset * 2654435761u ^ (offset >> 7));
-}
+std::string gFileName, gContent;
 void MakeFile() {
     gFileName = "stress_" + std::to_string(os::GetCurrentProcessId()) + ".dat";
-    std::FILE *file = std::fopen(gFileName.c_str(), "wb");
-    if (file == nullptr) Fail("cannot make the data file");
-    for (uint32_t offset = 0; offset < kFileBytes; offset += 4) {
-        const uint32_t word = PatternAt(offset);
-        std::fwrite(&word, 4, 1, file);
-    }
-    std::fclose(file);
+    std::mt19937 bytes;
+    while (gContent.size() < kFileBytes) gContent += static_cast<char>(bytes());
+    std::ofstream(gFileName, std::ios::binary) << gContent;
 }
 
 void CheckBytes(const char *buffer, uint64_t offset, uint32_t bytes) {
-    for (uint32_t i = 0; i + 4 <= bytes; i += 4) {
-        uint32_t word;
-        std::memcpy(&word, buffer + i, 4);
-        if (word != PatternAt(offset + i)) Fail("wrong data read", offset + i, word);
-    }
+    if (gContent.compare(offset, bytes, buffer, bytes) != 0) Fail("wrong data read", offset, bytes);
 }
 
 HANDLE OpenFile(DWORD flags) {
@@ -99,40 +89,34 @@ void ReadSync(Random &rng) {
     Add(kReads, 3);
 }
 
-struct Read {
-    Routine End;
-    alignas(16) char Buffer[2048];
+// Two with completion routines and one that is asked for its end.
+struct Reads {
+    HANDLE File = OpenFile(FILE_FLAG_OVERLAPPED);
+    struct {
+        Routine End;
+        alignas(16) char Buffer[2048];
+    } All[3] = {};
+
+    explicit Reads(Random &rng) {
+        for (auto &read : All) {
+            read.End.Ov.Offset = static_cast<DWORD>(rng() % (kFileBytes / 2048)) * 2048;
+            const BOOL started = &read < All + 2 ? ReadFileEx(File, read.Buffer, 2048, &read.End.Ov, OnRoutine<>)
+                                                 : ReadFile(File, read.Buffer, 2048, nullptr, &read.End.Ov);
+            if (!started && os::GetLastError() != ERROR_IO_PENDING) Fail("a read", os::GetLastError());
+        }
+    }
+    void Finish() {
+        while (All[0].End.Done + All[1].End.Done < 2) SleepEx(100, TRUE);
+        All[2].End.Done = GetOverlappedResult(File, &All[2].End.Ov, &All[2].End.Bytes, TRUE) ? 1 : 0;
+        for (const auto &read : All) {
+            if (read.End.Done != 1 || read.End.Error != 0 || read.End.Bytes != 2048)
+                Fail("an overlapped read", read.End.Error, read.End.Done);
+            CheckBytes(read.Buffer, read.End.Ov.Offset, 2048);
+        }
+        if (!CloseHandle(File)) Fail("CloseHandle(file)", os::GetLastError());
+        Add(kReads, 3);
+    }
 };
-
-// The first two of `count` with completion routines.
-HANDLE StartReads(Random &rng, Read *reads, int count) {
-    const HANDLE file = OpenFile(FILE_FLAG_OVERLAPPED);
-    for (Read *read = reads; read < reads + count; ++read) {
-        read->End.Ov.Offset = static_cast<DWORD>(rng() % (kFileBytes / 2048)) * 2048;
-        const BOOL started = read < reads + 2 ? ReadFileEx(file, read->Buffer, 2048, &read->End.Ov, OnRoutine<>)
-                                              : ReadFile(file, read->Buffer, 2048, nullptr, &read->End.Ov);
-        if (!started && os::GetLastError() != ERROR_IO_PENDING) Fail("a read", os::GetLastError());
-    }
-    return file;
-}
-
-void FinishReads(HANDLE file, Read *reads, int count) {
-    while (reads[0].End.Done + reads[1].End.Done < 2) SleepEx(100, TRUE);
-    for (int i = 0; i < count; ++i) {
-        Read &read = reads[i];
-        if (i >= 2) read.End.Done = GetOverlappedResult(file, &read.End.Ov, &read.End.Bytes, TRUE) ? 1 : 0;
-        if (read.End.Done != 1 || read.End.Error != 0 || read.End.Bytes != 2048)
-            Fail("an overlapped read", read.End.Error, read.End.Done);
-        CheckBytes(read.Buffer, read.End.Ov.Offset, 2048);
-    }
-    if (!CloseHandle(file)) Fail("CloseHandle(file)", os::GetLastError());
-    Add(kReads, static_cast<uint64_t>(count));
-}
-
-void ReadWithRoutines(Random &rng) {
-    Read reads[2] = {};
-    FinishReads(StartReads(rng, reads, 2), reads, 2);
-}
 
 // ---- Moves and routines ------------------------------------------------------------------------------
 
@@ -147,15 +131,14 @@ bool MayMove() {
 // To a scheduler of its own, with reads of every kind outstanding: none may be lost, none may be noticed by the
 // scheduler that is left. Posts may be dropped on the way; from the exchange on they reach the new one.
 void MoveAway(Random &rng, Slot *slot, uint32_t *seen) {
-    Read reads[3] = {};
-    const HANDLE file = StartReads(rng, reads, 3);
+    Reads reads(rng);
     os::SetLastError(4711);
     MigrateUserThread("DBW9");
     if (!IsDynamic(SchedOf(CallingFiber()))) Fail("not moved");
     if (os::GetLastError() != 4711) Fail("last error changed over a move", os::GetLastError());
     *seen = slot->Sent.fetch_add(0, std::memory_order_seq_cst);
-    if (reads[0].End.Done + reads[1].End.Done != 0) Fail("a routine ran during a move");
-    FinishReads(file, reads, 3);
+    if (reads.All[0].End.Done + reads.All[1].End.Done != 0) Fail("a routine ran during a move");
+    reads.Finish();
     ReadSync(rng);
     Add(kMoves);
 }
@@ -443,7 +426,7 @@ DWORD Worker(void *param) {
             case 0: CreateAndAwait(rng); break;
             case 1: CreateAndTerminate(rng); break;
             case 2: ReadSync(rng); break;
-            case 3: ReadWithRoutines(rng); break;
+            case 3: Reads(rng).Finish(); break;
             case 4: TroubleNeighbour(rng, self); break;
             case 5: Sleep(static_cast<DWORD>(rng() % 4)); break;
             case 6:
@@ -546,14 +529,13 @@ DWORD MainRoutine(void *) {
     if (os::KernelThreadCount() > kernelThreads + 36) Fail("kernel threads left behind", os::KernelThreadCount());
     if (gNumDynamicSchedulers.load() != 0) Fail("dynamic schedulers in use at the end", gNumDynamicSchedulers.load());
     std::remove(gFileName.c_str());
-    std::printf("stress: %u schedulers and %u of the library's making, %s, seed %llu, %u records:", gNumSchedulers,
-                gSchedulersMade.load() - gNumSchedulers, os::IoBackendName(),
-                static_cast<unsigned long long>(gOptions.Seed), gShellSerial.load());
-    for (uint32_t i = 0; i < kCounts; ++i)
+    std::printf("stress: %u schedulers and %u of the library's making, %s, %u records:", gNumSchedulers,
+                gSchedulersMade.load() - gNumSchedulers, os::IoBackendName(), gShellSerial.load());
+    for (uint32_t i = 0; i < kCounts; ++i) {
         std::printf(" %llu %s", static_cast<unsigned long long>(gCounts[i].load()), kCountNames[i]);
-    std::printf("\n");
-    for (uint32_t i = 0; i < kCounts; ++i)
         if (gCounts[i].load() == 0) Fail(kCountNames[i]);
+    }
+    std::printf("\n");
     os::ExitProcess(0);
 }
 
