@@ -419,22 +419,6 @@ bool NextPath() {
     return true;
 }
 
-// Kernel threads that the library has made are schedulers, which run from now on. Their start uses a lock, which
-// somebody may hold who was stopped.
-void StartThreads() {
-    static size_t started = 0;
-    if (script::gScript.Threads.size() == started || gFreeShells[0].Lock.Word.load() != 0) return;
-    started++;
-    gInScheduler = false;
-    os::ThreadBlock *block = os::CurrentThreadBlock();
-    os::IoThread *io = block->Io;
-    Scheduler *S = gSchedulers[gSchedulersMade.load() - 1];
-    test::StartScheduler(S);
-    block->Io = io;
-    AdoptScheduler(S);
-    gInScheduler = true;
-}
-
 void BuildScenario() {
     test::InitLibrary();
     script::gScript.OnPortWait = OnPortWait;
@@ -443,10 +427,7 @@ void BuildScenario() {
         if (!Decide(true, true)) Leave();
         gInScheduler = true;
     };
-    script::gScript.OnSleep = [](DWORD) {
-        WhileSpinning();
-        StartThreads();
-    };
+    script::gScript.OnSleep = [](DWORD) { WhileSpinning(); };
     gExplorer = os::CurrentThreadBlock()->Current;
     // The handle table is made now, and its empty pages are forgotten again: they would be copied for every run.
     PSEHAND entry{};

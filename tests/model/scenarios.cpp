@@ -432,31 +432,6 @@ void SuspendOnTheWay() {
     gAnswered = true;
 }
 
-// Two threads move to schedulers of their own, which are made for them, and a third one when they have ended.
-void MoveToOwn() {
-    SetOption(su_DynamicSchedulersEnabled);
-    static Shared<Fiber *> users[4];
-    static Shared<int> gone;
-    Fiber *movers[3];
-    for (int i = 0; i < 3; ++i) {
-        const auto move = [i](Fiber *F) {
-            Gate(F);
-            while (i == 2 && gone < 2) Sleep(1);
-            MigrateUserThread("LGWR");
-            const uint32_t index = SchedOf(F)->Index;
-            MUST(IsDynamic(SchedOf(F)) && users[index].exchange(F) == nullptr);
-            SchedYield(F, Yield_USER);
-            MUST(users[index].exchange(nullptr) == F && SchedOf(F)->Index == index);
-            gone++;
-        };
-        movers[i] = AddThread(i % 2, move, true);
-    }
-    for (Fiber *mover : movers) Open(mover);
-}
-void AllSlotsFree() {
-    MUST(gNumDynamicSchedulers.load() == 0);
-}
-
 // ---- 6. Counts of suspensions ------------------------------------------------------------------------
 
 // Two senders stop a thread and let it go on again, each for itself.
@@ -585,7 +560,6 @@ const Scenario gScenarios[] = {
     {"move-suspend-third", 3, kLong, [] { Move(2, SuspendOnTheWay); }, nullptr, {1, 1, 0}, {2, 1, 1}},
     {"move-terminate", 2, kLong, [] { Move(1, Terminate); }, nullptr, {1, 1, 0}, {2, 1, 1}},
     {"move-routine", 2, kLong, [] { Move(1, Inject); }, nullptr, {1, 1, 0}, {2, 1, 1}},
-    {"move-own", 2, kLong, MoveToOwn, AllSlotsFree, {1, 1, 0}, {2, 1, 1}},
     {"suspenders", 2, kLong, [] { Suspenders(1, SuspendAndResume); }, nullptr, {1, 1, 0}, {2, 1, 1}},
     {"suspenders-third", 3, kLong, [] { Suspenders(2, SuspendAndResume); }, nullptr, {1, 1, 0}, {2, 1, 1}},
     {"suspend-routine", 2, kLong, [] { Suspenders(1, InjectSurely); }, RoutineRanOnce, {1, 1, 0}, {2, 1, 1}},
