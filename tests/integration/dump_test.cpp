@@ -1,9 +1,6 @@
 // Crash dumps as an operator meets them: files of a fatal error, opened in a debugger. Files on request: tests/tools.
 //
 // The debugger is lldb; where it is missing this test fails, because then nobody knows whether the files are any good.
-#include <sys/resource.h>
-
-#include <fstream>
 #include <map>
 #include <regex>
 
@@ -101,22 +98,4 @@ TEST(Dumps, OfAFatalErrorInAUserThread) {
                 << name;
         EXPECT_NE(output.find("HandleData"), output.npos);
     }
-}
-
-// The process ends as it would have, and the file tells the reason.
-TEST(Dumps, WithoutRoom) {
-    const ScratchFolder folder;
-    HostOptions options;
-    options.TraceDirectory = folder.Name;
-    const HostResult host = RunHost(options, [] {
-        const rlimit limit = {4096, RLIM_INFINITY};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        LeavesASectionTwice();
-    });
-    EXPECT_EQ(host.Exit, 1) << host.Err;
-    const std::map<std::string, std::string> dumps = DumpsIn(folder.Name);
-    ASSERT_EQ(dumps.size(), 1u);
-    std::string text;
-    std::getline(std::ifstream(dumps.begin()->second), text, '\0');
-    EXPECT_EQ(text, "Error occured 223\n");
 }

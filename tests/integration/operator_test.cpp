@@ -2,6 +2,7 @@
 // of it, and who has kept a scheduler for too long.
 #include <filesystem>
 #include <fstream>
+#include <regex>
 
 #include "support/host_runner.h"
 
@@ -39,8 +40,7 @@ TEST_P(OperatorFiles, ALineASecondTellsWhatWasDoneAndWhoHeldItsScheduler) {
         std::atomic<bool> stop{false}, known{false};
         HostThread session([&]() -> DWORD {
             IdentifyUserThread("SHAD", event);
-            known = true;
-            while (!stop) WaitForUserThreadPost(event, 100);
+            for (known = true; !stop;) WaitForUserThreadPost(event, 100);
             UnidentifyUserThread(0);
             return 0;
         });
@@ -58,23 +58,18 @@ TEST_P(OperatorFiles, ALineASecondTellsWhatWasDoneAndWhoHeldItsScheduler) {
         session.Join();
         const auto lines = LinesOf(folder.File("SID_pid_" + std::to_string(getpid()) + "_fiber_stats.txt"));
         HOST_CHECK(lines.size() >= 2 && lines.size() <= 4);
+        // The shape that whoever reads the file relies on.
+        const std::regex shape(
+            "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d sessions (\\d+) threads \\d+ switches (\\d+)/s posts (\\d+)/s "
+            "polled \\d+/s packets \\d+/s hold ([0-9.]+) ms \\[(.*)\\] on \\d+ dropped 0");
         bool held = false, worked = false;
         for (const std::string &line : lines) {
-            // The shape that whoever reads the file relies on.
-            int date[6], end = 0;
-            uint64_t sessions, threads, switches, posted, polled, packets, on, dropped = 1;
-            double holdMs;
-            char tag[16];
-            sscanf(line.c_str(),
-                   "%4d-%2d-%2d %2d:%2d:%2d sessions %lu threads %lu switches %lu/s posts %lu/s polled %lu/s "
-                   "packets %lu/s hold %lf ms [%15[^]]] on %lu dropped %lu%n",
-                   date, date + 1, date + 2, date + 3, date + 4, date + 5, &sessions, &threads, &switches, &posted,
-                   &polled, &packets, &holdMs, tag, &on, &dropped, &end);
-            HOST_EQ(static_cast<size_t>(end), line.size());
-            if (end == 0) continue;
-            HOST_EQ(0u, dropped);
-            held |= holdMs >= 70 && holdMs < 1000 && strcmp(tag, "FMAIN") == 0;
-            worked |= posted > 100 && switches > 100 && sessions == 1;
+            std::smatch is;
+            HOST_CHECK(std::regex_match(line, is, shape));
+            if (is.empty()) continue;
+            const double ms = std::stod(is[4]);
+            held |= ms >= 70 && ms < 1000 && is[5] == "FMAIN";
+            worked |= std::stoul(is[3]) > 100 && std::stoul(is[2]) > 100 && is[1] == "1";
         }
         HOST_CHECK(held);
         HOST_CHECK(worked);

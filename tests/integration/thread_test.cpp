@@ -15,14 +15,14 @@ TEST_P(Thread, TerminationAndStaleHandles) {
     EXPECT_HOST_OK(RunHost(Options(), [] {
         const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
         std::atomic<uint32_t> running{0};
-        const std::function<void()> doings[] = {[] { Sleep(INFINITE); }, [&] { WaitForSingleObject(event, INFINITE); },
-                                                [] {
-                                                    for (;;) Sleep(0);
-                                                },
-                                                [] { SuspendThread(GetCurrentThread()); }};
-        for (const auto &doing : doings) {
+        for (int doing = 0; doing < 4; doing++) {
             running = 0;
-            HostThread thread([&]() -> DWORD { return running = 1, doing(), 1; });
+            HostThread thread([&]() -> DWORD {
+                running = 1;
+                while (doing == 0) Sleep(0);
+                if (doing == 1) SuspendThread(GetCurrentThread());
+                return doing == 2 ? WaitForSingleObject(event, INFINITE) : SleepEx(INFINITE, FALSE);
+            });
             while (running == 0) Sleep(1);
             Sleep(5);
             HOST_CHECK(TerminateThread(thread.Handle, 1234));
