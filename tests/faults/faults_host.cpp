@@ -440,13 +440,11 @@ int main(int argc, char **argv) {
     gScenario = argv[1];
     gFolder = argv[2];
     if (argc > 3) gPoints = argv[3];
-    stress::gOptions.Settings = {
-        {"Schedulers", "2"},        {"StackPages", "16"},     {"DynamicSchedulersEnabled", "1"},
-        {"LogToFile", "1"},         {"PrintToConsole", "0"},  {"StallReportMs", "100"},
-        {"SetThreadPriority", "1"}, {"EnableLargePages", "1"}};
+    stress::SetSettings({"Schedulers=2", "StackPages=16", "DynamicSchedulersEnabled=1", "LogToFile=1",
+                         "PrintToConsole=0", "StallReportMs=100", "SetThreadPriority=1", "EnableLargePages=1"});
     static uint32_t indicator;
     const std::string traces = gFolder + "/";
-    InitParams params{&indicator, nullptr, traces.c_str(), 0, stress::Lookup};
+    InitParams params{&indicator, nullptr, traces.c_str(), 0, nullptr};
     InitUserThreadScheduler(MainRoutine, nullptr, &params);
     return 1;
 }

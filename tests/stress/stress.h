@@ -1,5 +1,5 @@
-// tests/stress/stress.h - what the stress programs share: options, the start of the library, threads and the end by a
-// failure.
+// tests/stress/stress.h - what the stress host and the fault host share: the end by a failure, operations with
+// routines, and settings.
 #ifndef ZVX_TESTS_STRESS_STRESS_H
 #define ZVX_TESTS_STRESS_STRESS_H
 
@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "alloc/alloc.h"
@@ -22,17 +21,12 @@
 
 namespace stress {
 
-struct Options {
-    uint32_t Schedulers = 2, Seconds = 5;
-    uint64_t Seed = 0;
-    std::vector<std::pair<std::string, std::string>> Settings{{"StackPages", "16"}};
-};
-inline Options gOptions;
+inline uint64_t gSeed = 0;
 
 [[noreturn]] inline void Fail(const char *what, uint64_t a = 0, uint64_t b = 0) {
     std::fflush(stdout);
     std::fprintf(stderr, "FAILED: %s (%llu, %llu) seed %llu\n", what, static_cast<unsigned long long>(a),
-                 static_cast<unsigned long long>(b), static_cast<unsigned long long>(gOptions.Seed));
+                 static_cast<unsigned long long>(b), static_cast<unsigned long long>(gSeed));
     std::abort();
 }
 
@@ -42,8 +36,6 @@ inline int64_t ChunksInUse(uint32_t type) {
     return sum;
 }
 
-// ---- On user threads ---------------------------------------------------------------------------------
-
 template <typename Condition>
 void Await(const char *what, Condition condition) {
     for (int i = 0; i < 4000; ++i) {
@@ -51,19 +43,6 @@ void Await(const char *what, Condition condition) {
         zvx::Sleep(5);
     }
     Fail(what);
-}
-
-inline HANDLE Start(LPTHREAD_START_ROUTINE routine, uintptr_t param = 0, DWORD flags = 0) {
-    const HANDLE thread = zvx::CreateThread(nullptr, 0, routine, reinterpret_cast<void *>(param), flags, nullptr);
-    if (thread == nullptr) Fail("CreateThread", os::GetLastError());
-    return thread;
-}
-
-inline void Join(HANDLE thread, DWORD wanted) {
-    DWORD code = 0;
-    if (zvx::WaitForSingleObject(thread, 60000) != WAIT_OBJECT_0) Fail("a thread does not end", wanted);
-    if (!zvx::GetExitCodeThread(thread, &code) || code != wanted) Fail("exit code", code, wanted);
-    zvx::CloseHandle(thread);
 }
 
 // An operation with a routine, for files and, with one more argument, for sockets.
@@ -87,32 +66,12 @@ inline sockaddr_in Loopback(uint16_t port) {
     return name;
 }
 
-// ---- The start ---------------------------------------------------------------------------------------
-
-inline int Lookup(const char *name, char *buffer, int capacity) {
-    for (const auto &[key, value] : gOptions.Settings)
-        if ("ZVX_FIBERS_" + key == name)
-            return std::snprintf(buffer, static_cast<size_t>(capacity), "%s", value.c_str());
-    return zvx::LookupEnvironment(name, buffer, capacity);
-}
-
-// The whole of main. Does not return when the library starts.
-inline int Main(int argc, char **argv, LPTHREAD_START_ROUTINE mainRoutine) {
-    gOptions.Seed = os::GetTickCount64() ^ (uint64_t{os::GetCurrentProcessId()} << 20);
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string name = argv[i];
-        const uint64_t value = std::strtoull(argv[i + 1], nullptr, 10);
-        if (name == "--schedulers") gOptions.Schedulers = static_cast<uint32_t>(value);
-        if (name == "--seconds") gOptions.Seconds = static_cast<uint32_t>(value);
-        if (name == "--seed") gOptions.Seed = value;
+// For a library that has not started: KEY=VALUE. What the environment says already stays.
+inline void SetSettings(std::initializer_list<std::string> settings) {
+    for (const std::string &setting : settings) {
+        const size_t at = setting.find('=');
+        setenv(("ZVX_FIBERS_" + setting.substr(0, at)).c_str(), setting.c_str() + at + 1, 0);
     }
-    gOptions.Settings.emplace_back("Schedulers", std::to_string(gOptions.Schedulers));
-    std::printf("stress: seed %llu\n", static_cast<unsigned long long>(gOptions.Seed));
-    std::fflush(stdout);
-    static uint32_t indicator;
-    zvx::InitParams params{&indicator, nullptr, nullptr, 0, Lookup};
-    zvx::InitUserThreadScheduler(mainRoutine, nullptr, &params);
-    return 1;
 }
 
 }  // namespace stress

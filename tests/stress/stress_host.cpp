@@ -20,6 +20,21 @@ using namespace zvx;
 using namespace stress;
 using Random = std::mt19937_64;
 
+uint64_t gSeconds = 5;
+
+HANDLE Start(LPTHREAD_START_ROUTINE routine, uintptr_t param = 0, DWORD flags = 0) {
+    const HANDLE thread = CreateThread(nullptr, 0, routine, reinterpret_cast<void *>(param), flags, nullptr);
+    if (thread == nullptr) Fail("CreateThread", os::GetLastError());
+    return thread;
+}
+
+void Join(HANDLE thread, DWORD wanted) {
+    DWORD code = 0;
+    if (WaitForSingleObject(thread, 60000) != WAIT_OBJECT_0) Fail("a thread does not end", wanted);
+    if (!GetExitCodeThread(thread, &code) || code != wanted) Fail("exit code", code, wanted);
+    CloseHandle(thread);
+}
+
 // What was done, each told at the end.
 enum Count { kActions, kChildren, kTerminated, kReads, kPosts, kEntries, kUnits, kMoves, kInjected, kEchoes, kCounts };
 constexpr const char *kCountNames[kCounts] = {"actions", "children", "terminated", "reads",    "posts",
@@ -403,7 +418,7 @@ void UsePools(Random &rng) {
 }
 
 DWORD Outsider(void *) {
-    Random rng(gOptions.Seed);
+    Random rng(gSeed);
     while (!gStop.load(std::memory_order_relaxed)) UsePools<os::WaitForSingleObject, os::WaitForMultipleObjects>(rng);
     return 0;
 }
@@ -413,7 +428,7 @@ DWORD Outsider(void *) {
 DWORD Worker(void *param) {
     const auto self = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(param));
     Slot *const mine = &gSlots[self];
-    Random rng(gOptions.Seed * 1000003 + self * 7919 + mine->Runs.load());
+    Random rng(gSeed * 1000003 + self * 7919 + mine->Runs.load());
     static const DWORD slot = [] { return TlsAlloc(); }();
     os::TlsSetValue(slot, mine);
     static const char *const tags[] = {"SHAD", "P001", "DBW0", "PMON"};
@@ -486,7 +501,7 @@ DWORD MainRoutine(void *) {
     DWORD outsiderId;
     const HANDLE outsider = os::CreateThread(nullptr, 0, Outsider, nullptr, 0, &outsiderId);
     for (uint32_t i = 0; i < kWorkers; ++i) Spawn(i);
-    const uint64_t end = os::GetTickCount64() + gOptions.Seconds * 1000ull;
+    const uint64_t end = os::GetTickCount64() + gSeconds * 1000;
     while (os::GetTickCount64() < end) {
         for (uint32_t i = 0; i < kWorkers; ++i) {
             if (WaitForSingleObject(gSlots[i].Thread.load(), 0) != WAIT_OBJECT_0) continue;
@@ -542,7 +557,18 @@ DWORD MainRoutine(void *) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    gOptions.Settings.emplace_back("QuantumLengthMs", "30");
-    gOptions.Settings.emplace_back("DynamicSchedulersEnabled", "1");
-    return Main(argc, argv, MainRoutine);
+    gSeed = os::GetTickCount64() ^ (uint64_t{os::GetCurrentProcessId()} << 20);
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string name = argv[i];
+        if (name == "--schedulers") SetSettings({std::string("Schedulers=") + argv[i + 1]});
+        if (name == "--seconds") gSeconds = std::strtoull(argv[i + 1], nullptr, 10);
+        if (name == "--seed") gSeed = std::strtoull(argv[i + 1], nullptr, 10);
+    }
+    SetSettings({"Schedulers=2", "StackPages=16", "QuantumLengthMs=30", "DynamicSchedulersEnabled=1"});
+    std::printf("stress: seed %llu\n", static_cast<unsigned long long>(gSeed));
+    std::fflush(stdout);
+    static uint32_t indicator;
+    InitParams params{&indicator, nullptr, nullptr, 0, nullptr};
+    InitUserThreadScheduler(MainRoutine, nullptr, &params);
+    return 1;
 }
