@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
 #include <vector>
 
 #include "alloc/alloc.h"
@@ -30,7 +31,7 @@ namespace script = os::script;
 namespace {
 
 constexpr uint32_t kMaxChoices = 4096;
-constexpr uint32_t kMaxWords = 4096;
+constexpr uint32_t kMaxWords = 1024;
 constexpr uint32_t kMaxActors = 4;
 constexpr uint32_t kMaxIdleMs = 5000;    // of model time, without an end: the scenario hangs
 constexpr uint32_t kMaxSteps = 400'000;  // accesses of one run: it goes round in circles
@@ -60,36 +61,19 @@ SharedState *gShared;
 // ---- Words -------------------------------------------------------------------------------------------
 
 struct Word {
-    const volatile void *Address;
-    uint8_t Readers, Writers;  // masks of actors
-    bool Contended;            // a place for choices
-    bool Ignored;
+    uint8_t Readers = 0, Writers = 0;  // masks of actors
+    bool Contended = false;            // a place for choices
+    bool Ignored = false;
 };
-Word gWords[kMaxWords];
-uint32_t gNumWords;
-
-Word *WordAt(const volatile void *address) {
-    uint64_t at = (reinterpret_cast<uintptr_t>(address) >> 2) * 0x9E3779B97F4A7C15ull >> 52;
-    while (gWords[at].Address != address) {
-        if (gWords[at].Address == nullptr) {
-            if (++gNumWords > kMaxWords / 2) Violation("too many words");
-            gWords[at].Address = address;
-            break;
-        }
-        at = (at + 1) % kMaxWords;
-    }
-    return &gWords[at];
-}
+std::unordered_map<const volatile void *, Word> gWords;
 
 // ---- Actors ------------------------------------------------------------------------------------------
-
-enum ActorState : uint8_t { kReady, kBlocked };
 
 struct Actor {
     Scheduler *S;
     os::FiberContext *Context;
     os::ThreadBlock Block;  // Slots, StaticTls, LastError, InlineBudget, SpinLocksHeld, Io
-    ActorState State;
+    bool Blocked;
     uint64_t WakeAt;  // blocked: tick at which the wait ends by itself
     // Preempted: the access that it was about to make, and whether anybody made it matter.
     const volatile void *Pending;
@@ -141,11 +125,11 @@ void Trace(const void *pc, const char *format, ...) {
 
 [[noreturn]] void EndRun(Outcome outcome) {
     gShared->Steps += gRun.Steps;
-    for (const Word &word : gWords) {
-        if (word.Address == nullptr || word.Contended || word.Ignored || word.Writers == 0) continue;
+    for (const auto &[address, word] : gWords) {
+        if (word.Contended || word.Ignored || word.Writers == 0) continue;
         const uint32_t users = word.Readers | word.Writers;
-        if ((users & (users - 1)) == 0 || gShared->NumContended == kMaxWords / 4) continue;
-        gShared->Contended[gShared->NumContended++] = word.Address;
+        if ((users & (users - 1)) == 0 || gShared->NumContended == kMaxWords) continue;
+        gShared->Contended[gShared->NumContended++] = address;
     }
     _exit(outcome);
 }
@@ -185,7 +169,7 @@ void AdoptScheduler(Scheduler *S) {
     // No part of a protocol: a hint to a running user thread, and the count for placing new ones.
     for (const volatile void *word :
          std::initializer_list<const volatile void *>{&S->QuantumStartTick, &S->FiberCount, &S->DebugRequest})
-        WordAt(word)->Ignored = true;
+        gWords[word].Ignored = true;
 }
 
 // A word of a scheduler by its place in it, another by its address.
@@ -222,7 +206,7 @@ void Fire(uint32_t index) {
 void EndWait(Actor *actor) {
     const uint64_t now = os::GetTickCount64();
     if (!HasNews(*actor) && actor->WakeAt > now) script::AdvanceClock(actor->WakeAt - now);
-    actor->State = kReady;
+    actor->Blocked = false;
 }
 
 // Decides who goes on; true when that is the running scheduler. `canGoOn`: it is not blocked. `mustGive`: it spins, and
@@ -237,7 +221,7 @@ bool Decide(bool canGoOn, bool mustGive) {
             for (uint32_t step = 1; step <= gNumActors; ++step) {  // in turn
                 const auto i = static_cast<uint8_t>((gRun.Current + step) % gNumActors);
                 if (i == gRun.Current && canGoOn) continue;
-                if (gActors[i].State == kReady || HasNews(gActors[i])) options[n++] = {Option::kSwitch, i};
+                if (!gActors[i].Blocked || HasNews(gActors[i])) options[n++] = {Option::kSwitch, i};
             }
             const bool nobody = !canGoOn && n == 0;
             for (uint8_t i = 0; i < gEvents.size(); ++i)
@@ -245,7 +229,7 @@ bool Decide(bool canGoOn, bool mustGive) {
             if (nobody && n != 0) options[n++] = {Option::kPass, 0};
             if (gRun.Ticks < gBounds.Ticks && !nobody && (paid || (!canGoOn && n != 0))) {
                 for (uint8_t i = 0; i < gNumActors; ++i)
-                    if (gActors[i].State == kBlocked && !HasNews(gActors[i])) options[n++] = {Option::kTick, i};
+                    if (gActors[i].Blocked && !HasNews(gActors[i])) options[n++] = {Option::kTick, i};
             }
         }
         if (n == 0) {
@@ -273,7 +257,7 @@ bool Decide(bool canGoOn, bool mustGive) {
             gRun.Ticks++;
             Trace(nullptr, "    the wait of S%u ends early", taken.Index);
         }
-        if (next.State == kBlocked) EndWait(&next);
+        if (next.Blocked) EndWait(&next);
         gRun.Next = taken.Index;
         return false;
     }
@@ -303,7 +287,7 @@ void OnPortWait(HANDLE port, DWORD ms) {
     if (ms == 0) {  // it polls and polls
         if (!Decide(true, true)) Leave();
     } else if (!HasNews(actor)) {
-        actor.State = kBlocked;
+        actor.Blocked = true;
         actor.WakeAt = os::GetTickCount64() + ms;
         Trace(nullptr, "S%u waits in its port, %u ms", gRun.Current, ms);
         if (!Decide(false, false)) Leave();
@@ -334,7 +318,7 @@ bool PassTime(uint64_t started) {
     if (now - started > kMaxIdleMs) Violation("it does not come to an end");
     if (next > now) script::AdvanceClock(next - now);
     for (uint32_t i = 0; i < gNumActors; ++i)
-        if (gActors[i].WakeAt <= os::GetTickCount64()) gActors[i].State = kReady;
+        if (gActors[i].WakeAt <= os::GetTickCount64()) gActors[i].Blocked = false;
     return true;
 }
 
@@ -363,7 +347,7 @@ void RunAll() {
 void Run() {
     gSearching = true;
     const uint64_t started = os::GetTickCount64();
-    for (Actor &actor : gActors) actor.State = kReady;
+    for (Actor &actor : gActors) actor.Blocked = false;
     do {
         RunAll();
     } while (PassTime(started));
@@ -406,7 +390,7 @@ Outcome RunChild() {
 }
 
 void LearnWords() {
-    for (uint32_t i = 0; i < gShared->NumContended; ++i) WordAt(gShared->Contended[i])->Contended = true;
+    for (uint32_t i = 0; i < gShared->NumContended; ++i) gWords[gShared->Contended[i]].Contended = true;
 }
 
 // The next path in depth-first order; false when there is none.
@@ -477,7 +461,7 @@ Outcome Search() {
 // ---- For scenarios -----------------------------------------------------------------------------------
 
 void RunToRest() {
-    for (Actor &actor : gActors) actor.State = kReady;
+    for (Actor &actor : gActors) actor.Blocked = false;
     RunAll();
 }
 
@@ -511,7 +495,7 @@ void Violation(const char *format, ...) {
 void BeforeAccess(const volatile void *address, bool write, const void *pc) {
     gInScheduler = false;
     CountStep();
-    Word *word = WordAt(address);
+    Word *word = &gWords[address];
     if (!word->Ignored) {
         Actor &actor = gActors[gRun.Current];
         if (word->Contended) {
@@ -564,7 +548,7 @@ uint32_t RunningScheduler() {
 }
 
 void NoteDelayedStore(const volatile void *address) {
-    if (gSearching) WordAt(address)->Writers |= static_cast<uint8_t>(1u << gRun.Current);
+    if (gSearching) gWords[address].Writers |= static_cast<uint8_t>(1u << gRun.Current);
     gRun.Writes++;
     for (Actor &other : gActors)
         if (other.Pending == address) other.Useful = true;

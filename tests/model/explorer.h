@@ -1,29 +1,16 @@
 // tests/model/explorer.h - runs the library's own code under every schedule of a few schedulers, up to a bound.
 //
-// The library is compiled a second time with the compiler's instrumentation for race detection, but the functions
-// that it calls are the explorer's own: so every atomic operation of the real code is a place where another scheduler
-// may come in between. Schedulers are fibers of one kernel thread on the scripted operating system; one runs at a time.
-//
-// A run is a list of choices. The parent process builds the scenario once; each run is a fork of it that follows the
-// choices of a prefix and then takes the first option every time, noting how many there were. The parent goes on with
-// the last choice that has an option left, until none has: a depth-first search.
-//
-// Where there is a choice:
-//   - before an access to a word that two schedulers share and one of them writes. Which words those are is learned:
-//   the
-//     search starts again when a run has found a new one. Going on costs nothing, switching to another scheduler costs
-//     one preemption;
+// How the search goes is in docs/testing.md. The parent process builds the scenario once; each run is a fork of it. There
+// is a choice
+//   - before an access to a word that two schedulers share and one of them writes. Going on costs nothing, switching to
+//     another scheduler costs one preemption;
 //   - before the lock of the ports' queues, which stands for the operating system's calls about ports;
 //   - when a scheduler blocks in its port or spins: the next in turn, or at the cost of one turn another;
 //   - an event of the scenario (an operation ends) may come in instead, at the price of a preemption, or of a turn
 //     where nobody runs. A wait in a port may time out early, at the price of a preemption and a tick.
 //
-// A preemption that turns out to have been in vain is cut off: if nobody touched the word that the preempted scheduler
-// was about to use, the same run is reached by preempting it later.
-//
-// What is seen is every interleaving of whole operations (sequential consistency); orders that only the processor's
-// store buffers allow are seen with the option "buffers", where stores that are not sequentially consistent stay unseen
-// by others until the next locked operation or fence.
+// What is seen is every interleaving of whole operations (sequential consistency); with the option "buffers" stores that
+// are not sequentially consistent stay unseen by others until the next locked operation or fence.
 #ifndef ZVX_TESTS_MODEL_EXPLORER_H
 #define ZVX_TESTS_MODEL_EXPLORER_H
 
