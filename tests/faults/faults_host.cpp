@@ -399,11 +399,12 @@ DWORD MainRoutine(void *) {
     const auto round = [&] {
         if (gScenario == "startup") {
             // The thread that writes the ring log opens its file when it first runs.
-            Await("no ring log", [] {
+            const auto opened = [] {
                 for (const auto &entry : std::filesystem::directory_iterator(gFolder))
                     if (entry.path().string().ends_with("fiber_stats.txt")) return true;
                 return false;
-            });
+            };
+            for (int i = 0; i < 600 && !opened(); ++i) Sleep(5);
             const HANDLE threads[] = {Start(Returns), Start(Exits), Start(Moves)};
             for (DWORD i = 0; i < 3; ++i) Join(threads[i], i == 2 ? 24 : 21 + i);
         } else if (gScenario == "session") {

@@ -1,5 +1,5 @@
-// tests/integration/dedicated_test.cpp - calls on threads of their own and injected routines, on real schedulers; and
-// other processes as user threads see them.
+// tests/integration/dedicated_test.cpp - calls on threads of their own, on real schedulers; and other processes as user
+// threads see them. Injected routines: tests/model, tests/stress and tests/soak.
 #include "support/host_runner.h"
 
 using namespace hosttest;
@@ -7,40 +7,6 @@ using namespace hosttest;
 namespace {
 
 class DedicatedCalls : public HostTest {};
-
-// A user thread that is identified by an event, and so can be reached.
-struct Reachable {
-    HANDLE Event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    std::atomic<bool> Known{false};
-    HostThread Thread;
-    explicit Reachable(std::function<DWORD(HANDLE)> body)
-        : Thread([this, body = std::move(body)]() -> DWORD {
-              IdentifyUserThread("OTHR", Event);
-              Known = true;
-              const DWORD result = body(Event);
-              UnidentifyUserThread(0);
-              return result;
-          }) {
-        while (!Known) Sleep(1);
-        Sleep(20);  // and in its wait
-    }
-};
-
-std::atomic<uint32_t> gRan{0};
-std::atomic<DWORD> gRanOn{0};
-
-// Injects a routine and waits until it has run.
-void Inject(const Reachable &target) {
-    const uint32_t before = gRan;
-    HOST_CHECK(UserThreadExecRoutine(target.Event, [] {
-        gRanOn = GetCurrentThreadId();
-        Sleep(2);
-        gRan++;
-    }));
-    const ULONGLONG limit = GetTickCount64() + 20000;
-    while (gRan == before && GetTickCount64() < limit) Sleep(1);
-    HOST_CHECK(gRan != before && gRanOn == target.Thread.Id);
-}
 
 using DirectoryQuery = DWORD (*)(const char *, const char *, const void *, const char *, DWORD, void **);
 
@@ -72,36 +38,6 @@ TEST_P(DedicatedCalls, TheDirectoryServiceIsAskedOnAThreadOfItsOwn) {
         // Freeing the module and ending a user thread leaves its scheduler alive.
         HostThread leaver([&]() -> DWORD { return FreeLibraryAndExitThread(module, 44), 1; });
         HOST_EQ(44u, leaver.Join());
-    }));
-}
-
-// Waits for operations: tests/unit and tests/model.
-TEST_P(DedicatedCalls, ARoutineReachesEveryWait) {
-    EXPECT_HOST_OK(RunHost(Options(), [] {
-        const ULONGLONG start = GetTickCount64();
-        Reachable sleeper([](HANDLE) -> DWORD { return Sleep(1500), 1; });
-        Reachable poster([](HANDLE event) -> DWORD { return WaitForUserThreadPost(event, INFINITE); });
-        const HANDLE go = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-        Reachable waiter([&](HANDLE) -> DWORD { return WaitForSingleObject(go, INFINITE); });
-        Reachable stopped([&](HANDLE) -> DWORD {
-            while (WaitForSingleObject(go, 0) != WAIT_OBJECT_0) Sleep(5);
-            return 3;
-        });
-        SuspendThread(stopped.Thread.Handle);
-        for (int round = 0; round < 3; round++)
-            for (const Reachable *one : {&sleeper, &poster, &waiter, &stopped})
-                if (one != &sleeper || GetTickCount64() < start + 500) Inject(*one);
-        HOST_EQ(1u, sleeper.Thread.Join());
-        HOST_CHECK(GetTickCount64() >= start + 1500);
-        for (const Reachable *one : {&poster, &waiter, &stopped})
-            HOST_EQ(WAIT_TIMEOUT, WaitForSingleObject(one->Thread.Handle, 0));
-        HOST_CHECK(PostUserThread(poster.Event));
-        HOST_EQ(WAIT_OBJECT_0, poster.Thread.Join());
-        SetEvent(go);
-        HOST_EQ(WAIT_OBJECT_0, waiter.Thread.Join());
-        HOST_EQ(WAIT_TIMEOUT, WaitForSingleObject(stopped.Thread.Handle, 20));
-        HOST_EQ(1u, ResumeThread(stopped.Thread.Handle));
-        HOST_EQ(3u, stopped.Thread.Join());
     }));
 }
 

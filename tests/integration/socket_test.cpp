@@ -1,6 +1,6 @@
 // tests/integration/socket_test.cpp - sockets as user threads see them, on real connections.
 //
-// The other end is mostly the test's own, on the kernel's sockets (support/net_peer.h). Large transfers: tests/faults.
+// Large transfers and select: tests/faults.
 #include "zvxkvt/sockets.h"
 
 #include "support/host_runner.h"
@@ -121,36 +121,6 @@ TEST_P(Sockets, OneSocketOnManySchedulers) {
             }
         }));
     }
-}
-
-TEST_P(Sockets, SelectAndEvents) {
-    EXPECT_HOST_OK(RunHost(Options(), [] {
-        const Listener listener;
-        Pair pair(listener);
-        fd_set read;
-        const auto look = [&](timeval *limit) {
-            FD_ZERO(&read);
-            FD_SET(listener.Socket, &read);
-            FD_SET(pair.Socket, &read);
-            return select(0, &read, nullptr, nullptr, limit);
-        };
-        timeval timeout{0, 100000};
-        const auto start = GetTickCount64();
-        HOST_EQ(0, look(&timeout));
-        HOST_CHECK(GetTickCount64() - start >= 88 && read.fd_count == 0);
-        // What comes later is found by a thread that already waits.
-        HostThread waiter([&]() -> DWORD { return static_cast<DWORD>(look(nullptr)); });
-        Sleep(50);
-        netpeer::WriteAll(pair.Peer, "x", 1);
-        HOST_EQ(1u, waiter.Join());
-        HOST_CHECK(FD_ISSET(pair.Socket, &read) && !FD_ISSET(listener.Socket, &read));
-        const WSAEVENT event = WSACreateEvent();
-        WSANETWORKEVENTS seen{};
-        HOST_EQ(0, WSAEventSelect(pair.Socket, event, FD_READ));
-        HOST_EQ(WSA_WAIT_EVENT_0, WSAWaitForMultipleEvents(1, &event, FALSE, 10000, TRUE));
-        HOST_EQ(0, WSAEnumNetworkEvents(pair.Socket, event, &seen));
-        HOST_EQ(LONG{FD_READ}, seen.lNetworkEvents);
-    }));
 }
 
 INSTANTIATE_TEST_SUITE_P(Schedulers, Sockets, testing::Values(1u, 2u, 4u), testing::PrintToStringParamName());

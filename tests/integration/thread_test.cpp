@@ -52,33 +52,4 @@ TEST_P(Thread, TerminationAndStaleHandles) {
     }));
 }
 
-// Waves of short threads use records, stacks, handles and table entries again and again; slots and last error are each
-// thread's own whatever runs between, and a thousand parked ones cost no kernel threads.
-TEST_P(Thread, ManyThreadsComeAndGo) {
-    EXPECT_HOST_OK(RunHost(Options(), [] {
-        const DWORD slot = TlsAlloc(), before = ZvxKernelThreadCount();
-        const HANDLE release = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-        for (const uint32_t count : {100u, 100u, 100u, 1000u}) {
-            std::atomic<uint32_t> parked{0};
-            std::deque<HostThread> threads;
-            ResetEvent(release);
-            for (uint32_t i = 0; i < count; i++) {
-                threads.emplace_back([&, i]() -> DWORD {
-                    if (TlsGetValue(slot) != nullptr) return 1;
-                    TlsSetValue(slot, reinterpret_cast<void *>(uintptr_t{i} + 1));
-                    SetLastError(i);
-                    parked++;
-                    if (i % 2 != 0) Sleep(1);
-                    if (WaitForSingleObject(release, INFINITE) != WAIT_OBJECT_0 || GetLastError() != i) return 2;
-                    return TlsGetValue(slot) == reinterpret_cast<void *>(uintptr_t{i} + 1) ? 0 : 3;
-                });
-            }
-            while (parked < count) Sleep(1);
-            HOST_CHECK(ZvxKernelThreadCount() <= before + 2);
-            SetEvent(release);
-            for (HostThread &thread : threads) HOST_EQ(0u, thread.Join());
-        }
-    }));
-}
-
 INSTANTIATE_TEST_SUITE_P(Schedulers, Thread, testing::Values(1u, 2u, 4u), testing::PrintToStringParamName());
