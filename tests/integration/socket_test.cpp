@@ -123,4 +123,21 @@ TEST_P(Sockets, OneSocketOnManySchedulers) {
     }
 }
 
+TEST_P(Sockets, Events) {
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        const Listener listener;
+        const Pair pair(listener);
+        const WSAEVENT event = WSACreateEvent();
+        HOST_EQ(0, WSAEventSelect(pair.Socket, event, FD_READ));
+        HOST_EQ(WSA_WAIT_TIMEOUT, WSAWaitForMultipleEvents(1, &event, FALSE, 20, TRUE));
+        HostThread waiter([&] { return WSAWaitForMultipleEvents(1, &event, FALSE, 10000, TRUE); });
+        Sleep(30);
+        netpeer::WriteAll(pair.Peer, "x", 1);
+        HOST_EQ(WSA_WAIT_EVENT_0, waiter.Join());
+        WSANETWORKEVENTS seen{};
+        HOST_EQ(0, WSAEnumNetworkEvents(pair.Socket, event, &seen));
+        HOST_EQ(LONG{FD_READ}, seen.lNetworkEvents);
+    }));
+}
+
 INSTANTIATE_TEST_SUITE_P(Schedulers, Sockets, testing::Values(1u, 2u, 4u), testing::PrintToStringParamName());

@@ -319,6 +319,51 @@ void NoPacketOwed() {
     for (const FIBEROVERLAPPED &rec : gTarget->OwnOvs) MUST(rec.Io.PacketsQueued == 0 && rec.SkipPackets == 0);
 }
 
+// A thread in a read runs a routine while the read ends.
+void ReadAndRoutine() {
+    static PSEHAND *entry = test::NewEntry(gSchedulers[1], PHAND_HTYPE_CreateFileA);
+    gTarget = AddFiber(1, [](Fiber *F) {
+        IdentifyAtGate(F);
+        MUST(test::ReadOn(F, entry) == STATUS_SUCCESS && F->OwnOvs[0].Ov.InternalHigh == 1);
+        AwaitRoutine();
+    });
+    OpenAtRest({gTarget});
+    RunToRest();
+    AddFiber(0, [](Fiber *) { MUST(Inject()); });
+    EndOfRead("the read ends", &gTarget, entry, 1);
+}
+
+// A thread waits alertably for two reads with routines, and is asked for something meanwhile. Each routine runs once,
+// or not at all when the thread is ended.
+Shared<uint32_t> gCompletions[2];
+OVERLAPPED gReads[2];
+void Alertable(Ask ask) {
+    AddThread(1, [](Fiber *F) {
+        const HANDLE file = CreateFileA("name", GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+        static char buffer[2];
+        for (int i = 0; i < 2; ++i)
+            MUST(ReadFileEx(file, buffer + i, 1, &gReads[i],
+                            [](DWORD, DWORD, OVERLAPPED *ov) { gCompletions[ov - gReads]++; }));
+        IdentifyAtGate(F);
+        while (gCompletions[0] + gCompletions[1] < 2) SleepEx(10, TRUE);
+        UnidentifyUserThread(0);
+        CloseHandle(file);
+        gTargetGone = true;
+    });
+    OpenAtRest({gTarget});
+    AddFiber(0, [=](Fiber *) {
+        ask();
+        const DWORD code = AwaitEnd();
+        for (Shared<uint32_t> &count : gCompletions) MUST(code == 7 ? count <= 1 : count == 1);
+    });
+    for (ListLink *link : {gTarget->FileOvs.Ends.Next, gTarget->FileOvs.Ends.Prev}) {
+        OVERLAPPED *ov = &OvOfLink(link)->Ov;
+        AddEvent(
+            "a read ends", [=] { return script::RunningOn(ov) != nullptr; },
+            [=] { script::EndOperation(ov, STATUS_SUCCESS, 1); }, gSchedulers[1]->Io->Tail);
+    }
+}
+
 // ---- 4. Exit against message -------------------------------------------------------------------------
 
 // A thread ends while something is asked of it; its record becomes another thread's, of which nothing was asked.
@@ -549,6 +594,9 @@ const Scenario gScenarios[] = {
     {"section-post", 2, kLong, SectionAndPost, nullptr, {1, 1, 0}, {3, 1, 1}},
     {"section-end", 2, kLong, [] { SectionAnd(true, Terminate); }, nullptr, {1, 1, 0}, {3, 1, 1}},
     {"section-routine", 2, kLong, [] { SectionAnd(false, InjectSurely); }, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
+    {"read-routine", 2, kLong, ReadAndRoutine, RoutineRanOnce, {1, 1, 0}, {3, 1, 1}},
+    {"alertable-routine", 2, kLong, [] { Alertable(Inject); }, nullptr, {1, 1, 0}, {3, 1, 1}},
+    {"alertable-terminate", 2, kLong, [] { Alertable(Terminate); }, nullptr, {1, 1, 0}, {3, 1, 1}},
     {"cancel", 2, kLong, [] { CancelAgainstEnd(false, false); }, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
     {"cancel-held", 2, kLong, [] { CancelAgainstEnd(false, true); }, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
     {"cancel-foreign", 2, kLong, [] { CancelAgainstEnd(true, true); }, NoPacketOwed, {1, 1, 0}, {3, 1, 1}},
