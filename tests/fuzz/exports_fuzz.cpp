@@ -121,7 +121,7 @@ void CloseOne(size_t index) {
 
 // One of the calls. The first kFiles end the process by design on a socket; the first kRefuse must say FALSE, with a
 // reason, of what is no handle.
-constexpr uint32_t kFiles = 4, kPrepared = 7, kRefuse = 14, kCalls = 35;
+constexpr uint32_t kFiles = 4, kPrepared = 7, kRefuse = 13, kCalls = 31;
 BOOL Use(uint32_t what, const Picked &picked, uint8_t how) {
     const HANDLE h = picked.Value, process = GetCurrentProcess();
     const SOCKET s = reinterpret_cast<SOCKET>(h);
@@ -142,82 +142,60 @@ BOOL Use(uint32_t what, const Picked &picked, uint8_t how) {
         case 5: return Started(ConnectNamedPipe(h, ov));
         case 6: return LockFileEx(h, LOCKFILE_FAIL_IMMEDIATELY | (how & LOCKFILE_EXCLUSIVE_LOCK), 0, Word(), how, ov);
         case 7: return GetExitCodeThread(h, &gDone);
-        case 8: {
-            ULONG argument = how % 2;
-            return ioctlsocket(s, static_cast<LONG>(Word()), &argument) == 0;
-        }
-        case 9: return setsockopt(s, static_cast<int>(gIn.Number(2)), how, gMemory, Byte()) == 0;
-        case 10: return send(s, gMemory, static_cast<int>(gSize), how) >= 0;
-        case 11: return SetEvent(h);
-        case 12: return ResetEvent(h);
-        case 13: return CancelIo(h);
-        case 14:
+        case 8: return setsockopt(s, static_cast<int>(gIn.Number(2)), how, gMemory, Byte()) == 0;
+        case 9: return send(s, gMemory, static_cast<int>(gSize), how) >= 0;
+        case 10: return SetEvent(h);
+        case 11: return ResetEvent(h);
+        case 12: return CancelIo(h);
+        case 13:
             if (picked.Live)
                 CloseOne(how % gHeld.size());
             else if (h != gStale.Value && !picked.Own())
                 fuzz::Require(!CloseHandle(h) && GetLastError() != 0, "no handle is closed", GetLastError());
             return TRUE;
-        case 15: {
+        case 14: {
             const DWORD access = how & 16 ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE, disposition = Byte() % 7;
             const DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE, flags = how & 8 ? FILE_FLAG_OVERLAPPED : 0;
             const char *const name = how & 32 ? "/nowhere/at/all" : gPath.c_str();
             return Hold(CreateFileA(name, access, share, nullptr, disposition, flags, nullptr), Kind::kFile);
         }
-        case 16: return Hold(CreateEventA(nullptr, how & 8, how & 16, nullptr), Kind::kEvent);
-        case 17: {
+        case 15: return Hold(CreateEventA(nullptr, how & 8, how & 16, nullptr), Kind::kEvent);
+        case 16: {
             const DWORD flags = how & 16 ? CREATE_SUSPENDED : 0;
             return Hold(CreateThread(nullptr, 0, Worker, how & 8 ? gMemory : nullptr, flags, nullptr), Kind::kThread);
         }
-        case 18: return Hold(reinterpret_cast<HANDLE>(socket(how & 16 ? AF_INET : how, SOCK_STREAM, 0)), Kind::kSocket);
-        case 19: {
+        case 17: return Hold(reinterpret_cast<HANDLE>(socket(how & 16 ? AF_INET : how, SOCK_STREAM, 0)), Kind::kSocket);
+        case 18: {
             const DWORD mode = PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED;
             return Hold(CreateNamedPipeA(gPipeName.c_str(), mode, how % 8, Byte(), 0, 0, 0, nullptr), Kind::kPipe);
         }
-        case 20:  // Another process would end this one by design; what stands for the thread itself is not to be
-                  // suspended.
+        // Another process would end this one by design; what stands for the thread itself is not to be suspended.
+        case 19:
             return picked.Live && DuplicateHandle(process, h, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS) &&
                    Hold(copy, picked.Is);
-        case 21: return (picked.Live || h == nullptr) && SuspendThread(h) != 0xFFFFFFFF;
-        case 22: return picked.Live && TerminateThread(h, 9);
-        case 23: return ResumeThread(h) != 0xFFFFFFFF;
-        case 24: return UserThreadExecRoutine(h, [] {});
-        case 25: return PostUserThread(h);
-        case 26: return DisconnectNamedPipe(h);
+        case 20: return (picked.Live || h == nullptr) && SuspendThread(h) != 0xFFFFFFFF;
+        case 21: return picked.Live && TerminateThread(h, 9);
+        case 22: return ResumeThread(h) != 0xFFFFFFFF;
+        case 23: return UserThreadExecRoutine(h, [] {});
+        case 24: return PostUserThread(h);
+        case 25: return DisconnectNamedPipe(h);
         // Not to be waited for: what is outstanding on a pipe ends with its handle only.
-        case 27: return GetOverlappedResult(h, &gCalls[how % std::size(gCalls)].Ov, &gDone, FALSE);
+        case 26: return GetOverlappedResult(h, &gCalls[how % std::size(gCalls)].Ov, &gDone, FALSE);
+        case 27: return WSAEventSelect(s, Pick().Value, static_cast<LONG>(gIn.Number(2))) == 0;
         case 28: {
-            LONG high = static_cast<LONG>(Byte()) - 128;
-            return SetFilePointer(h, static_cast<LONG>(Word()), how & 16 ? &high : nullptr, how % 5) != 0xFFFFFFFF;
-        }
-        case 29: return WSAEventSelect(s, Pick().Value, static_cast<LONG>(gIn.Number(2))) == 0;
-        case 30: {
-            const timeval none{0, 1000};
-            fd_set set{how % 3u, {s, s}};
-            return select(0, &set, nullptr, nullptr, &none) >= 0;
-        }
-        case 31: {
             static const DWORD counts[] = {0, 1, 2, 4, 63, 64, 65, 70};
             for (HANDLE &one : many) one = h;
             for (uint32_t i = 0; how % 4 == 1 && i < 4; i++) many[i] = Pick().Value;
             return WaitForMultipleObjectsEx(counts[how / 16 % 8], many, how % 2, how % 3, (how & 4) != 0) !=
                    WAIT_FAILED;
         }
-        case 32: {  // What means the process or the thread itself is waited for in vain.
+        case 29: {  // What means the process or the thread itself is waited for in vain.
             const DWORD result = WaitForSingleObjectEx(h, how % 3, (how & 4) != 0);
             const bool ended = result != WAIT_FAILED && result != WAIT_IO_COMPLETION;
             fuzz::Require(picked.Live || picked.Own() || !ended, "a wait for no handle", result);
             return ended;
         }
-        case 33: return SleepEx(how / 64, TRUE) == 0;
-        default: {
-            const DWORD slot = how % 2 != 0 ? TlsAlloc() : Word();
-            const bool mine = how % 2 != 0 && slot != 0xFFFFFFFF;
-            if (!mine && slot < 64 + 1024) return FALSE;
-            fuzz::Require(!!TlsSetValue(slot, gMemory) == mine, "a slot that is none", slot);
-            fuzz::Require((TlsGetValue(slot) == gMemory) == mine, "a slot's value", slot);
-            fuzz::Require(!!TlsFree(slot) == mine, "a slot that is none is freed", slot);
-            return TRUE;
-        }
+        default: return SleepEx(how / 64, TRUE) == 0;
     }
 }
 

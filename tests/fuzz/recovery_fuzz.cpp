@@ -105,10 +105,34 @@ void PutAt(std::string *bytes, size_t at, const Pod &pod) {
     std::memcpy(bytes->data() + at, &pod, sizeof pod);
 }
 
-uint32_t RecordCrc(const std::string &bytes, size_t at, uint32_t length) {
-    const auto header = At<RecordHeader>(bytes, at);
-    const uint32_t crc = Crc32c(Crc32c(0, bytes.data() + at + sizeof header, length - sizeof header), &header.Seq, 16);
-    return Crc32c(crc, &header.Length, 4);
+// Puts every checksum right, and the chain of a segment's batches, whose last checksum it returns.
+uint32_t Seal(std::string *file, bool checkpoint) {
+    for (size_t at = 0; checkpoint && at + kPage <= file->size(); at += kPage)
+        PutAt(file, at + 4, Crc32c(0, file->data() + at + 8, kPage - 8));
+    if (checkpoint) return 0;
+    const auto segment = At<SegmentHeader>(*file, 0);
+    PutAt(file, 4, HeaderCrc(segment));
+    uint32_t previous = segment.Previous;
+    for (size_t at = kLogBlock; at + sizeof(BatchHeader) <= file->size();) {
+        auto batch = At<BatchHeader>(*file, at);
+        if (batch.Magic != kBatchMagic) break;
+        size_t place = at + sizeof batch;
+        batch.RecordsCrc = 0;
+        for (uint32_t i = 0; i < batch.Count && place + sizeof(RecordHeader) <= file->size(); i++) {
+            const auto record = At<RecordHeader>(*file, place);
+            if (record.Length < sizeof record || record.Length > file->size() - place) break;
+            uint32_t crc = Crc32c(0, file->data() + place + sizeof record, record.Length - sizeof record);
+            crc = Crc32c(Crc32c(crc, &record.Seq, 16), &record.Length, 4);
+            PutAt(file, place + offsetof(RecordHeader, Crc), crc);
+            batch.RecordsCrc = Crc32c(batch.RecordsCrc, &crc, 4);
+            place += record.Length;
+        }
+        batch.Previous = previous;
+        previous = batch.Crc = HeaderCrc(batch);
+        PutAt(file, at, batch);
+        at += RoundUp(sizeof batch + batch.Bytes, kLogAlign);
+    }
+    return previous;
 }
 
 struct History {
@@ -125,7 +149,7 @@ std::string ItemOf(const std::string &key, const std::string &value) {
     return std::string(Raw(item)) + key + value;
 }
 
-// A batch of up to four records of small keys; some values are large enough to fill segments.
+// A batch of up to four records of small keys; the largest one just fits into a segment.
 void AddBatch(History *h, fuzz::Input *input, uint64_t durable) {
     std::string body;
     BatchHeader header{};
@@ -144,32 +168,25 @@ void AddBatch(History *h, fuzz::Input *input, uint64_t durable) {
         if (flush) h->Now.clear();
         for (uint32_t k = 0; k < record.Items; k++) {
             const std::string key(1 + (what + k) % 3u, static_cast<char>('a' + (what / 16u + k) % 4u));
-            const std::string value(set ? (what % 8 == 4 ? 900 : what % 32u) : 0, static_cast<char>('0' + h->Seq % 10));
+            const std::string value(set ? (what % 8 == 4 ? 190 : what % 32u) : 0, static_cast<char>('0' + h->Seq % 10));
             items += ItemOf(key, value);
             h->Now.erase(key);
             if (set) h->Now[key] = value;
         }
         record.Length += static_cast<uint32_t>(items.size());
-        std::string whole = std::string(Raw(record)) + items;
-        record.Crc = RecordCrc(whole, 0, record.Length);
-        PutAt(&whole, 0, record);
-        header.RecordsCrc = Crc32c(header.RecordsCrc, &record.Crc, 4);
-        body += whole;
+        body.append(Raw(record)).append(items);
     }
     header.Bytes = static_cast<uint32_t>(body.size());
     const size_t size = RoundUp(sizeof header + body.size(), kLogAlign);
     if (h->Segments.empty() || h->Files[h->Segments.back()].size() + size > kSegment) {
         h->Segments.push_back(SegmentName(static_cast<uint32_t>(h->Segments.size())));
-        SegmentHeader segment{kSegmentMagic, 0, kLogId, h->Segments.size(), durable, h->Previous, 0};
-        segment.Crc = HeaderCrc(segment);
+        const SegmentHeader segment{kSegmentMagic, 0, kLogId, h->Segments.size(), durable, h->Previous, 0};
         h->Files[h->Segments.back()] = std::string(Raw(segment)).append(kLogBlock - sizeof segment, '\0');
     }
-    header.Previous = h->Previous;
-    header.Crc = HeaderCrc(header);
-    h->Previous = header.Crc;
     std::string &file = h->Files[h->Segments.back()];
     file.append(Raw(header)).append(body);
     file.resize(RoundUp(file.size(), kLogAlign));
+    h->Previous = Seal(&file, false);
     h->States[h->Seq] = h->Now;
 }
 
@@ -190,34 +207,6 @@ void AddCheckpoint(History *h) {
         SealPage(file.data() + (i + 1) * kPage, kCheckpointId, i + 1, pages, i, static_cast<uint32_t>(part.size()));
     }
     h->Files[CheckpointName()] = file;
-}
-
-// Every checksum, and the chain of the batches, as if whoever changed the files had known them.
-void Forge(std::string *file, bool checkpoint) {
-    for (size_t at = 0; checkpoint && at + kPage <= file->size(); at += kPage)
-        PutAt(file, at + 4, Crc32c(0, file->data() + at + 8, kPage - 8));
-    if (checkpoint) return;
-    SegmentHeader segment = At<SegmentHeader>(*file, 0);
-    PutAt(file, 4, HeaderCrc(segment));
-    uint32_t previous = segment.Previous;
-    for (size_t at = kLogBlock; at + sizeof(BatchHeader) <= file->size();) {
-        BatchHeader batch = At<BatchHeader>(*file, at);
-        if (batch.Magic != kBatchMagic) break;
-        size_t record = at + sizeof batch;
-        batch.RecordsCrc = 0;
-        for (uint32_t i = 0; i < batch.Count && record + sizeof(RecordHeader) <= file->size(); i++) {
-            const uint32_t length = At<RecordHeader>(*file, record).Length;
-            if (length < sizeof(RecordHeader) || length > file->size() - record) break;
-            const uint32_t crc = RecordCrc(*file, record, length);
-            PutAt(file, record + offsetof(RecordHeader, Crc), crc);
-            batch.RecordsCrc = Crc32c(batch.RecordsCrc, &crc, 4);
-            record += length;
-        }
-        batch.Previous = previous;
-        previous = batch.Crc = HeaderCrc(batch);
-        PutAt(file, at, batch);
-        at += RoundUp(sizeof batch + batch.Bytes, kLogAlign);
-    }
 }
 
 // What the headers that are still whole say to have been durable.
@@ -297,7 +286,8 @@ void RunInput(fuzz::Input input) {
         for (uint64_t i = 1; (how & 8) != 0 && i < begin.Segment; i++) h.Files.erase(h.Segments[i - 1]);
     }
     bool gone = false;
-    for (uint32_t changes = 0; !input.Empty() && !h.Files.empty() && changes < (forged ? 8 : 3); changes++) {
+    uint32_t changes = 0;
+    for (; !input.Empty() && !h.Files.empty() && changes < (forged ? 8 : 3); changes++) {
         const uint8_t what = input.Byte();
         auto victim = std::next(h.Files.begin(), what % static_cast<int>(h.Files.size()));
         std::string &file = victim->second;
@@ -324,18 +314,20 @@ void RunInput(fuzz::Input input) {
     std::filesystem::remove_all(gOptions.Dir);
     std::filesystem::create_directories(gOptions.Dir);
     for (auto &[name, file] : h.Files) {
-        if (forged && file.size() >= kLogBlock) Forge(&file, name == CheckpointName());
+        if (forged && file.size() >= kLogBlock) Seal(&file, name == CheckpointName());
         std::ofstream(PathOf(name), std::ios::binary) << file;
     }
 
     Recovered result;
     const bool good = Recover(&result);
     const State state = Contained();
+    fuzz::Require(good || changes != 0, "a whole log is refused");
     if (!good || forged) return;
     const uint64_t end = result.Log.End.Seq;
     // A checkpoint that is gone takes what says so with it, when the log from its beginning is there.
     fuzz::Require(end >= DurableBy(h), "a durable record is lost", end, DurableBy(h));
     if (!gone) fuzz::Require(end >= checkpointSeq, "a checkpoint is lost", end, checkpointSeq);
+    if (changes == 0) fuzz::Require(end == h.Seq, "a whole log is not recovered", end, h.Seq);
     fuzz::Require(h.States.count(end) != 0, "half a batch", end);
     fuzz::Require(state == h.States[end], "another state", end, state.size());
 }
