@@ -1,0 +1,211 @@
+// tests/integration/calls_test.cpp - files, pipes, threads, calls on threads of their own and other processes as user
+// threads see them. Injected routines: tests/model, tests/stress and tests/soak.
+#include "support/host_runner.h"
+
+using namespace hosttest;
+
+namespace {
+
+class Calls : public HostTest {};
+
+const std::string kName = "\\\\.\\pipe\\zvx-host-" + std::to_string(getpid());
+
+HANDLE Create(DWORD flags = 0) {
+    return CreateNamedPipeA(kName.c_str(), PIPE_ACCESS_DUPLEX | flags, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE,
+                            PIPE_UNLIMITED_INSTANCES, 0, 0, 0, nullptr);
+}
+// The answer, with the error behind it.
+std::string Call(std::string text, DWORD room) {
+    std::string out(room, 0);
+    DWORD got = 0;
+    const BOOL done =
+        CallNamedPipeA(kName.c_str(), text.data(), static_cast<DWORD>(text.size()), out.data(), room, &got, 5000);
+    out.resize(got);
+    return done ? out : out + "!" + std::to_string(GetLastError());
+}
+
+DWORD WINAPI Echo(LPVOID pipe) {
+    std::string text(1 << 20, 0);
+    for (;;) {
+        DWORD got = 0;
+        if (!ConnectNamedPipe(pipe, nullptr) && GetLastError() != ERROR_PIPE_CONNECTED) return GetLastError();
+        if (ReadFile(pipe, text.data(), 1 << 20, &got, nullptr) && text[0] != '-')
+            HOST_CHECK(WriteFile(pipe, text.data(), got, nullptr, nullptr));
+        HOST_CHECK(DisconnectNamedPipe(pipe));
+    }
+}
+
+using DirectoryQuery = DWORD (*)(const char *, const char *, const void *, const char *, DWORD, void **);
+
+}  // namespace
+
+TEST_P(Calls, PositionFollowsReadsWritesAndDuplicates) {
+    const ScratchFolder scratch;
+    EXPECT_HOST_OK(RunHost(Options(), [&scratch] {
+        const HANDLE file = CreateFileA(scratch.File("file").c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
+                                        nullptr, CREATE_NEW, 0, nullptr);
+        const HANDLE process = GetCurrentProcess();
+        DWORD moved = 77;
+        char buffer[32] = {};
+        HOST_CHECK(WriteFile(file, "abcdefghijklmno", 15, &moved, nullptr) && moved == 15);
+        HOST_CHECK(ReadFile(file, buffer, 4, &moved, nullptr) && moved == 0);  // at the end: no error, nothing read
+        HOST_EQ(3u, SetFilePointer(file, 3, nullptr, FILE_BEGIN));
+        HOST_CHECK(ReadFile(file, buffer, 8, &moved, nullptr) && memcmp(buffer, "defghijk", 8) == 0);
+        // An OVERLAPPED says where, gets the result, and moves the position too.
+        OVERLAPPED ov{};
+        ov.Offset = 5;
+        HOST_CHECK(ReadFile(file, buffer, 3, &moved, &ov) && memcmp(buffer, "fgh", 3) == 0);
+        // Duplicates, and duplicates of duplicates, share one position; it outlives the first handle.
+        HANDLE second = nullptr, third = nullptr;
+        HOST_CHECK(DuplicateHandle(process, file, process, &second, 0, FALSE, DUPLICATE_SAME_ACCESS));
+        HOST_CHECK(DuplicateHandle(process, second, process, &third, 0, FALSE, DUPLICATE_SAME_ACCESS));
+        HOST_CHECK(ReadFile(third, buffer, 1, &moved, nullptr) && buffer[0] == 'i');
+        HOST_CHECK(CloseHandle(file) && !ReadFile(file, buffer, 1, &moved, nullptr));
+        HOST_CHECK(ReadFile(second, buffer, 1, &moved, nullptr) && buffer[0] == 'j');
+        // Beyond four gigabytes a write carries into the high word.
+        LONG high = 1;
+        HOST_EQ(0xFFFFFFFEu, SetFilePointer(third, -2, &high, FILE_BEGIN));
+        HOST_CHECK(WriteFile(third, "wxyz", 4, &moved, nullptr));
+        high = 0;
+        HOST_EQ(2u, SetFilePointer(third, 0, &high, FILE_CURRENT));
+        HOST_EQ(2, high);
+    }));
+}
+
+// Nothing here may block: with one scheduler a server and a client that waited in the system would wait for ever.
+TEST_P(Calls, ServersAndClientsOfPipes) {
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        for (int i = 0; i < 2; i++) CloseHandle(CreateThread(nullptr, 0, Echo, Create(), 0, nullptr));
+        std::deque<HostThread> clients;
+        for (char c : {'a', 'b', 'c', 'd'})
+            clients.emplace_back([c]() -> DWORD {
+                const std::string big(300000, c);
+                for (int i = 0; i < 5; i++) HOST_CHECK(Call(big, 300000) == big);
+                return 1;
+            });
+        for (HostThread &client : clients) HOST_EQ(1u, client.Join());
+        HOST_EQ("does not!234", Call("does not fit", 8));
+        HOST_EQ("!109", Call("-", 8));
+    }));
+}
+
+TEST_P(Calls, AHostsOwnOperationOnAPipeAndACallerThatIsEnded) {
+    HostOptions options = Options();
+    options.Settings.emplace_back("NumContextSwitchesBeforePolling", "0");  // pipes are on the port all the same
+    EXPECT_HOST_OK(RunHost(options, [] {
+        const HANDLE pipe = Create(FILE_FLAG_OVERLAPPED);
+        OVERLAPPED ov{};
+        ov.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+        HOST_CHECK(!ConnectNamedPipe(pipe, &ov) && GetLastError() == ERROR_IO_PENDING);
+        HOST_EQ(1u, reinterpret_cast<uintptr_t>(ov.hEvent) & 1);
+        HostThread caller([]() -> DWORD { return WaitNamedPipeA(kName.c_str(), 5000) && Call("x", 8).empty(); });
+        HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(ov.hEvent, 5000));
+        DWORD moved = 0;
+        HOST_CHECK(GetOverlappedResult(pipe, &ov, &moved, TRUE));
+        // Ended inside its call, it leaves nothing that the server would wait for.
+        char text[8];
+        HOST_CHECK(ReadFile(pipe, text, 8, &moved, nullptr) && moved == 1);
+        TerminateThread(caller.Handle, 7);
+        HOST_CHECK(!ReadFile(pipe, text, 8, &moved, nullptr) && GetLastError() == ERROR_BROKEN_PIPE);
+    }));
+}
+
+// Terminated whatever it does. A handle outlives its thread, and the thread's record may stand for another one by then:
+// nothing may reach that.
+TEST_P(Calls, TerminationAndStaleHandles) {
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+        std::atomic<uint32_t> running{0};
+        for (int doing = 0; doing < 4; doing++) {
+            running = 0;
+            HostThread thread([&]() -> DWORD {
+                running = 1;
+                while (doing == 0) Sleep(0);
+                if (doing == 1) SuspendThread(GetCurrentThread());
+                return doing == 2 ? WaitForSingleObject(event, INFINITE) : SleepEx(INFINITE, FALSE);
+            });
+            while (running == 0) Sleep(1);
+            Sleep(5);
+            HOST_CHECK(TerminateThread(thread.Handle, 1234));
+            HOST_EQ(1234u, thread.Join(0));  // it had ended when TerminateThread returned
+        }
+        HostThread unstarted([]() -> DWORD { return 1; }, CREATE_SUSPENDED);
+        HOST_CHECK(TerminateThread(unstarted.Handle, 55));
+        HOST_EQ(55u, unstarted.Join());
+        HostThread self([]() -> DWORD { return TerminateThread(GetCurrentThread(), 66), 1; });
+        HOST_EQ(66u, self.Join());
+
+        // Its record stands for one of these by now, or may at any time.
+        std::atomic<bool> stop{false};
+        std::deque<HostThread> others;
+        for (int i = 0; i < 16; i++)
+            others.emplace_back([&]() -> DWORD {
+                while (!stop) Sleep(1);
+                return 0;
+            });
+        Sleep(20);
+        HOST_EQ(0xFFFFFFFFu, SuspendThread(self.Handle));
+        HOST_EQ(0xFFFFFFFFu, ResumeThread(self.Handle));
+        HOST_CHECK(!TerminateThread(self.Handle, 1));
+        HOST_EQ(ERROR_INVALID_HANDLE, GetLastError());
+        stop = true;
+        for (HostThread &other : others) HOST_EQ(0u, other.Join());
+    }));
+}
+
+TEST_P(Calls, TheDirectoryServiceIsAskedOnAThreadOfItsOwn) {
+    const HMODULE present = LoadLibraryA("netapi32.dll");
+    if (present == nullptr) GTEST_SKIP() << "run with the folder of the stand-in in LD_LIBRARY_PATH";
+    FreeLibrary(present);
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        const HMODULE module = LoadLibraryA("netapi32.dll");
+        const auto query = reinterpret_cast<DirectoryQuery>(
+            reinterpret_cast<void *>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "DsGetDcNameA")));
+        HOST_CHECK(query != nullptr);
+        void *result = nullptr;
+        HOST_EQ(0u, query("box", "slow", nullptr, nullptr, 7, &result));
+        HOST_EQ(std::string("box/slow/-/7/0"), std::string(static_cast<char *>(result)));
+        for (const char *fault : {"crash", "divide", "throw"}) {
+            HOST_EQ(1212u, query(nullptr, fault, nullptr, nullptr, 7, &result));
+            HOST_EQ(ERROR_INVALID_PARAMETER, GetLastError());
+        }
+        // While one is stuck the others of its scheduler go on, and it can be ended.
+        std::atomic<bool> asks{false};
+        HostThread stuck([&]() -> DWORD { return asks = true, query(nullptr, "stuck", nullptr, nullptr, 0, &result); });
+        while (!asks) Sleep(1);
+        Sleep(30);
+        HOST_CHECK(TerminateThread(stuck.Handle, 5));
+        HOST_EQ(5u, stuck.Join());
+        // Freeing the module and ending a user thread leaves its scheduler alive.
+        HostThread leaver([&]() -> DWORD { return FreeLibraryAndExitThread(module, 44), 1; });
+        HOST_EQ(44u, leaver.Join());
+    }));
+}
+
+TEST_P(Calls, OtherProcessesAndTheirNames) {
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        char line[] = "sh -c \"sleep 0.2; exit 9\"";
+        STARTUPINFOA startup{};
+        PROCESS_INFORMATION child{};
+        HOST_CHECK(CreateProcessA(nullptr, line, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &child));
+        // A mutex by name belongs to the user thread that took it, not to its scheduler.
+        const std::string name = "Global\\zvx_host_" + std::to_string(GetCurrentProcessId());
+        const HANDLE mutex = CreateMutexA(nullptr, TRUE, name.c_str());
+        std::atomic<bool> tried{false};
+        HostThread second([&]() -> DWORD {
+            const HANDLE same = OpenMutexA(MUTEX_ALL_ACCESS, FALSE, name.c_str());
+            HOST_EQ(WAIT_TIMEOUT, WaitForSingleObject(same, 5));
+            HOST_CHECK(!ReleaseMutex(same) && GetLastError() == ERROR_NOT_OWNER);
+            tried = true;
+            return WaitForSingleObject(same, 20000);
+        });
+        while (!tried) Sleep(1);
+        HOST_CHECK(ReleaseMutex(mutex));
+        HOST_EQ(WAIT_OBJECT_0, second.Join());
+        HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(child.hProcess, 20000));
+        DWORD code = 0;
+        HOST_CHECK(GetExitCodeProcess(child.hProcess, &code) && code == 9);
+    }));
+}
+
+INSTANTIATE_TEST_SUITE_P(Schedulers, Calls, testing::Values(1u, 2u, 4u), testing::PrintToStringParamName());
