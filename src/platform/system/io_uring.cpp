@@ -26,6 +26,7 @@ struct RingState {
     uint32_t PreparedSeen; // entries prepared at the latest reap
     unsigned EnterFd;      // what the kernel is entered with: the registered index or the descriptor
     unsigned EnterFlags;   // IORING_ENTER_REGISTERED_RING with an index
+    uint32_t DirectPrepared;  // operations past the page cache among the prepared ones
     bool WakeArmed;        // a read of WakeFd is prepared or running
     bool PollFirst;        // receives may say that they expect to wait
 };
@@ -41,6 +42,11 @@ constexpr uint32_t kCompletionEntries = 4096;
 // the scheduler, below a microsecond: what a lone operation loses by waiting for company.
 constexpr uint32_t kSubmitBatch = 64;
 constexpr uint32_t kSubmitCalls = 16;
+// Operations past the page cache go to the device in smaller groups: the kernel passes none of a group on before it has
+// prepared them all, so a device that answers groups at once would idle while the next one gathers, and keep its users in
+// step. file_bench direct, medians of reads a second with groups of up to 64, 8, 4, 2 and 1: 16 readers 52,000, 58,000,
+// 62,000, 64,000, 59,000; 64 readers 70,000, 78,000, 84,000, 82,000, 78,000.
+constexpr uint32_t kDirectBatch = 4;
 
 // user_data of entries that are no request; requests are aligned.
 constexpr uint64_t kIgnored = 1;
@@ -92,6 +98,7 @@ int Enter(RingState *state, bool events, unsigned waitFor, __kernel_timespec *li
     if (const int error = ShouldFailInside("io_uring_enter")) return -error;
     io_uring_sq *queue = &state->Ring.sq;
     uint32_t tail = *queue->ktail;
+    state->DirectPrepared = 0;
     for (; queue->sqe_head != queue->sqe_tail; queue->sqe_head++)
         queue->array[tail++ & queue->ring_mask] = queue->sqe_head & queue->ring_mask;
     io_uring_smp_store_release(queue->ktail, tail);
@@ -270,6 +277,8 @@ bool RingStart(Engine *engine, Request *request) {
         }
     }
     Prepare(engine, request);
+    // A system call inside of the user thread's, which a quarter of the operations pay: the device is what they wait for.
+    if (request->Call.Target->Direct && ++engine->Ring->DirectPrepared >= kDirectBatch) Submit(engine, false);
     return false;
 }
 
