@@ -144,10 +144,10 @@ DWORD FinishCheckpoint(const LogPosition &begin, uint64_t refused, Waiter *waite
     SealPage(page.data(), gWriters.Id, 0, 1, 0, sizeof header);
     const DWORD error = WriteBlocks(gWriters.File, 0, page.data(), kPage, kPage);
     if (error != ERROR_SUCCESS) return error;
+    if (!FlushFileBuffers(gWriters.File)) return GetLastError();
     return RunBlocking([] {
         const std::string name = PathOf(CheckpointName());
-        return FlushFileBuffers(gWriters.File) && MoveFileExA((name + ".new").c_str(), name.c_str(),
-                                                              MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)
+        return MoveFileExA((name + ".new").c_str(), name.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)
                    ? DWORD{ERROR_SUCCESS}
                    : GetLastError();
     });

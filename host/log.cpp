@@ -83,7 +83,7 @@ bool Always() {
     return gOptions.Sync == Durability::kAlways;
 }
 
-// What was written before the call is durable after it. Blocks the kernel thread.
+// What was written before the call is durable after it. Waits for the disk.
 DWORD FlushLog() {
     const uint64_t written = gLog.Written.load();
     if (gLog.File.load() == nullptr) return ERROR_SUCCESS;
@@ -217,10 +217,9 @@ DWORD CreateSegment() {
             std::memset(zeros.data(), 0, sizeof header);
         }
         if (error == ERROR_SUCCESS) {
-            error = RunBlocking([&] {
-                return FlushFileBuffers(file) && MoveFileExA(fresh.c_str(), name.c_str(), MOVEFILE_WRITE_THROUGH)
-                           ? DWORD{ERROR_SUCCESS}
-                           : GetLastError();
+            error = !FlushFileBuffers(file) ? GetLastError() : RunBlocking([&] {
+                return MoveFileExA(fresh.c_str(), name.c_str(), MOVEFILE_WRITE_THROUGH) ? DWORD{ERROR_SUCCESS}
+                                                                                         : GetLastError();
             });
         }
         CloseHandle(file);
@@ -266,7 +265,7 @@ DWORD NextSegment(size_t size) {
     }
     // One file is flushed at a time: the next begins when this one is durable.
     if (!Always()) {
-        const DWORD error = RunBlocking(FlushLog);
+        const DWORD error = FlushLog();
         if (error != ERROR_SUCCESS) return error;
     }
     char block[sizeof(SegmentHeader)];
@@ -593,7 +592,7 @@ uint64_t LastSeq() {
 
 void SyncLog(Waiter *waiter) {
     AwaitSettled(waiter, gLog.Last.load(), true);
-    if (!Always()) RunBlocking(FlushLog);
+    if (!Always()) FlushLog();
 }
 
 void ForgetWaiter(Waiter *waiter) {

@@ -30,7 +30,9 @@ ZVXKVT_API void WINAPI GetLocalTime(LPSYSTEMTIME time);
 
 /* ---- Files ------------------------------------------------------------------------------------------- */
 
-/* Data and metadata are on the medium when it returns. Blocks. */
+/* What was written before is on the medium when it returns, with the metadata that reading it back needs. Any thread; a
+   user thread parks, a thread of the operating system blocks. FALSE with ERROR_INVALID_HANDLE, with ERROR_ACCESS_DENIED
+   when the file is not open for writing, or with the error of the medium. */
 ZVXKVT_API BOOL WINAPI FlushFileBuffers(HANDLE file);
 /* Cuts or grows the file to the operating system's position, which SetFilePointer with FILE_BEGIN or FILE_END sets. */
 ZVXKVT_API BOOL WINAPI SetEndOfFile(HANDLE file);

@@ -94,7 +94,7 @@ DWORD FiberLogger(void *) {
             WriteBatch(batch, length, &position);
             wrote = true;
         }
-        if (wrote) os::FlushFileBuffers(gRingFile);
+        if (wrote) FlushFileBuffers(gRingFile);
         Sleep(kLookMs);
     }
 }

@@ -242,7 +242,7 @@ void GetLocalTime(LPSYSTEMTIME time) {
     os::GetLocalTime(time);
 }
 BOOL FlushFileBuffers(HANDLE file) {
-    return os::FlushFileBuffers(file);
+    return zvx::FlushFileBuffers(file);
 }
 BOOL SetEndOfFile(HANDLE file) {
     return os::SetEndOfFile(file);

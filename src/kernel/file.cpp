@@ -211,6 +211,25 @@ BOOL WriteFile(HANDLE file, const void *buffer, DWORD count, DWORD *put, OVERLAP
     return TransferFile(F, Transfer{file, const_cast<void *>(buffer), count, true}, put, overlapped);
 }
 
+// A disk takes milliseconds: the caller parks, as for a transfer, and the position stays.
+BOOL FlushFileBuffers(HANDLE file) {
+    Fiber *F = CallingFiber();
+    PSEHAND *entry = F != nullptr ? LookUpHandle(file) : nullptr;
+    if (entry == nullptr) return os::FlushFileBuffers(file);
+    FIBEROVERLAPPED *rec = PrepareOwnOv(F, nullptr, entry, false, OP_FLUSH_FILE);
+    if (os::FlushFileBuffers(file, &rec->Ov, &rec->Io)) {
+        AccountPacket(rec);
+        return TRUE;
+    }
+    if (os::GetLastError() == ERROR_IO_PENDING) {
+        WaitForCurOv(F);
+        DWORD bytes;
+        return os::GetOverlappedResult(file, &rec->Ov, &bytes, FALSE);
+    }
+    ForgetFailedOv(rec);
+    return FALSE;
+}
+
 // ---- The file position -------------------------------------------------------------------------------
 
 namespace {

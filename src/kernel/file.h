@@ -18,6 +18,7 @@ enum OpCode : uint32_t {
     OP_CONNECT_NAMED_PIPE = 5,
     OP_READ_FILE_EX = 6,
     OP_WRITE_FILE_EX = 7,
+    OP_FLUSH_FILE = 8,
 };
 
 // The event with its low bit set, AvoidCompletionEvent where there is none: no packet goes to the port.
@@ -38,6 +39,7 @@ HANDLE CreateFileW(const WCHAR *name, DWORD access, DWORD share, SECURITY_ATTRIB
                    DWORD flags, HANDLE templateFile);
 BOOL ReadFile(HANDLE file, void *buffer, DWORD count, DWORD *got, OVERLAPPED *overlapped);
 BOOL WriteFile(HANDLE file, const void *buffer, DWORD count, DWORD *put, OVERLAPPED *overlapped);
+BOOL FlushFileBuffers(HANDLE file);
 BOOL ReadFileEx(HANDLE file, void *buffer, DWORD count, OVERLAPPED *overlapped,
                 LPOVERLAPPED_COMPLETION_ROUTINE routine);
 BOOL WriteFileEx(HANDLE file, const void *buffer, DWORD count, OVERLAPPED *overlapped,

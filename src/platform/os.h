@@ -373,6 +373,8 @@ DWORD SetFilePointer(HANDLE file, LONG distance, LONG *distanceHigh, DWORD metho
 BOOL SetEndOfFile(HANDLE file);
 BOOL SetFileLength(HANDLE file, uint64_t bytes);  // grows or cuts the file, whatever its position
 BOOL FlushFileBuffers(HANDLE file);               // data and metadata are durable on return
+// The same as an overlapped operation, of a handle opened for either use: durable at its end.
+BOOL FlushFileBuffers(HANDLE file, OVERLAPPED *overlapped, struct IoOp *op);
 BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER *size);
 DWORD GetFileSize(HANDLE file, DWORD *high);
 BOOL DeleteFileA(const char *name);

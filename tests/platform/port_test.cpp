@@ -132,3 +132,27 @@ TEST(Port, CachedReadsFinishAtOnceUntilTheBudgetIsSpent) {
         EXPECT_EQ(0u, Io()->Outstanding);
     }
 }
+
+// The disk is awaited as for a transfer; what has no disk behind it is flushed already.
+TEST(Overlapped, FlushesEndLater) {
+    Scratch file(65536);
+    const HANDLE port = NewPort(), handle = file.Open(), event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    const HANDLE null =
+        os::CreateFileA("/dev/null", GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+    const HANDLE readOnly = file.Open(FILE_FLAG_OVERLAPPED, GENERIC_READ);
+    ASSERT_NE(nullptr, os::CreateIoCompletionPort(handle, port, 7, 0));
+    const struct {
+        HANDLE On;
+        DWORD Answer;
+    } cases[] = {{handle, ERROR_IO_PENDING}, {null, 0}, {readOnly, ERROR_ACCESS_DENIED}, {event, ERROR_INVALID_HANDLE}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(&c - cases);
+        Operation a;
+        EXPECT_EQ(c.Answer, FailureOf(os::FlushFileBuffers(c.On, &a.Ov, &a.Op)));
+        if (c.Answer != ERROR_IO_PENDING) continue;
+        EXPECT_EQ(STATUS_SUCCESS, Await(port, &a.Ov));
+        EXPECT_EQ(&a.Op, os::TakeEndedOps(Io()));
+        EXPECT_EQ(0u, a.Ov.InternalHigh);
+    }
+    EXPECT_EQ(0u, Io()->Outstanding);
+}

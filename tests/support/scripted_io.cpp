@@ -300,8 +300,12 @@ BOOL CancelIoEx(HANDLE file, OVERLAPPED *overlapped) {
 }
 
 BOOL FlushFileBuffers(HANDLE) {
+    Misuse("a flush that blocks");
+}
+
+BOOL FlushFileBuffers(HANDLE file, OVERLAPPED *overlapped, IoOp *op) {
     gScript.Flushes++;
-    return TRUE;
+    return Issue("FlushFileBuffers", {file, 0, overlapped, op}, nullptr);
 }
 
 uint32_t IoOutstandingInRange(const void *low, const void *high) {

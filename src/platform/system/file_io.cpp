@@ -270,6 +270,26 @@ BOOL WriteFile(HANDLE file, const void *buffer, DWORD count, DWORD *put, OVERLAP
     return Transfer(RequestKind::kWrite, file, bytes, count, put, overlapped, op);
 }
 
+BOOL FlushFileBuffers(HANDLE file, OVERLAPPED *overlapped, IoOp *op) {
+    if (ShouldFail("FlushFileBuffers")) return FALSE;
+    IoObject *object = RefIoObject(file);
+    if (object == nullptr) return FALSE;
+    IoCall call;
+    call.Target = object;
+    call.Ov = overlapped;
+    call.Op = op;
+    call.Kind = RequestKind::kFlush;
+    call.ThreadId = GetCurrentThreadId();
+    if (object->Type == ObjectType::kSocket) return Refuse(&call, ERROR_INVALID_HANDLE);
+    if (object->Type == ObjectType::kFile && !static_cast<FileObject *>(object)->CanWrite)
+        return Refuse(&call, ERROR_ACCESS_DENIED);
+    if (!TakeEvent(&call)) return Refuse(&call, ERROR_INVALID_HANDLE);
+    Engine *engine = CurrentEngine();
+    if (object->Seekable) return IssueCall(engine, &call);
+    FinishAtOnce(engine, &call);  // streams buffer nothing of ours
+    return TRUE;
+}
+
 BOOL ReadFileEx(HANDLE file, void *buffer, DWORD count, OVERLAPPED *overlapped,
                 LPOVERLAPPED_COMPLETION_ROUTINE routine) {
     if (ShouldFail("ReadFileEx")) return FALSE;

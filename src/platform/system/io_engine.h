@@ -95,6 +95,7 @@ enum class RequestKind : uint8_t {
     kPipeRead,
     kPipeWrite,
     kPipeConnect,
+    kFlush,  // of a file: transfers nothing, and is final when what was written before is durable
 };
 
 constexpr uint32_t kInlineParts = 8;  // buffers of one operation that need no memory of their own
@@ -346,7 +347,7 @@ inline bool IsSocketKind(RequestKind kind) {
     return kind >= RequestKind::kReceive && kind <= RequestKind::kAccept;
 }
 inline bool IsPipeKind(RequestKind kind) {
-    return kind >= RequestKind::kPipeRead;
+    return kind >= RequestKind::kPipeRead && kind <= RequestKind::kPipeConnect;
 }
 // pipe_channel.cpp: tries an operation of a pipe without blocking, in full. True when it is final: *status, Call.Done.
 // Results of the back end only say that the time has come to try again, or that it was cancelled.

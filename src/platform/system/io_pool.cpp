@@ -130,6 +130,8 @@ DWORD RunBlocking(IoCall *call, const std::atomic<bool> *cancelled) {
                 errno = static_cast<int>(-moved);
                 moved = -1;
             }
+        } else if (call->Kind == RequestKind::kFlush) {
+            moved = fdatasync(fd);
         } else if (call->Append) {
             iovec part{at, left};
             moved = pwritev2(fd, &part, 1, 0, RWF_APPEND);

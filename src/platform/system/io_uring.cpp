@@ -221,6 +221,10 @@ void PrepareSocket(const RingState *state, io_uring_sqe *entry, Request *request
 }
 
 void PrepareFile(io_uring_sqe *entry, const IoCall &call) {
+    if (call.Kind == RequestKind::kFlush) {
+        io_uring_prep_fsync(entry, call.Target->Fd, IORING_FSYNC_DATASYNC);
+        return;
+    }
     const uint32_t left = ShortOf(call.Count - call.Done);
     const uint32_t length = left < kMaxTransfer ? left : kMaxTransfer;
     const uint64_t offset = call.Target->Seekable && !call.Append ? call.Offset + call.Done : ~0ull;
