@@ -1,5 +1,5 @@
-// tests/stress/stress.h - what the stress host and the fault host share: the end by a failure, operations with
-// routines, and settings.
+// tests/stress/stress.h - what the stress programs and the fault host share: the end by a failure, threads,
+// operations with routines, settings and the start.
 #ifndef ZVX_TESTS_STRESS_STRESS_H
 #define ZVX_TESTS_STRESS_STRESS_H
 
@@ -22,6 +22,7 @@
 namespace stress {
 
 inline uint64_t gSeed = 0;
+inline uint32_t gSeconds = 5;
 
 [[noreturn]] inline void Fail(const char *what, uint64_t a = 0, uint64_t b = 0) {
     std::fflush(stdout);
@@ -43,6 +44,19 @@ void Await(const char *what, Condition condition) {
         zvx::Sleep(5);
     }
     Fail(what);
+}
+
+inline HANDLE Start(LPTHREAD_START_ROUTINE routine, uintptr_t param = 0, DWORD flags = 0) {
+    const HANDLE thread = zvx::CreateThread(nullptr, 0, routine, reinterpret_cast<void *>(param), flags, nullptr);
+    if (thread == nullptr) Fail("CreateThread", os::GetLastError());
+    return thread;
+}
+
+inline void Join(HANDLE thread, DWORD wanted) {
+    DWORD code = 0;
+    if (zvx::WaitForSingleObject(thread, 60000) != WAIT_OBJECT_0) Fail("a thread does not end", wanted);
+    if (!zvx::GetExitCodeThread(thread, &code) || code != wanted) Fail("exit code", code, wanted);
+    zvx::CloseHandle(thread);
 }
 
 // An operation with a routine, for files and, with one more argument, for sockets.
@@ -72,6 +86,24 @@ inline void SetSettings(std::initializer_list<std::string> settings) {
         const size_t at = setting.find('=');
         setenv(("ZVX_FIBERS_" + setting.substr(0, at)).c_str(), setting.c_str() + at + 1, 0);
     }
+}
+
+// Options, then the library: --schedulers N, --seconds N, --seed N.
+inline int Main(int argc, char **argv, std::initializer_list<std::string> settings, LPTHREAD_START_ROUTINE routine) {
+    gSeed = os::GetTickCount64() ^ (uint64_t{os::GetCurrentProcessId()} << 20);
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string name = argv[i];
+        if (name == "--schedulers") SetSettings({std::string("Schedulers=") + argv[i + 1]});
+        if (name == "--seconds") gSeconds = static_cast<uint32_t>(std::strtoul(argv[i + 1], nullptr, 10));
+        if (name == "--seed") gSeed = std::strtoull(argv[i + 1], nullptr, 10);
+    }
+    SetSettings(settings);
+    std::printf("stress: seed %llu\n", static_cast<unsigned long long>(gSeed));
+    std::fflush(stdout);
+    static uint32_t indicator;
+    zvx::InitParams params{&indicator, nullptr, nullptr, 0, nullptr};
+    zvx::InitUserThreadScheduler(routine, nullptr, &params);
+    return 1;
 }
 
 }  // namespace stress

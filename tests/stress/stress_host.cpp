@@ -20,20 +20,6 @@ using namespace zvx;
 using namespace stress;
 using Random = std::mt19937_64;
 
-uint64_t gSeconds = 5;
-
-HANDLE Start(LPTHREAD_START_ROUTINE routine, uintptr_t param = 0, DWORD flags = 0) {
-    const HANDLE thread = CreateThread(nullptr, 0, routine, reinterpret_cast<void *>(param), flags, nullptr);
-    if (thread == nullptr) Fail("CreateThread", os::GetLastError());
-    return thread;
-}
-
-void Join(HANDLE thread, DWORD wanted) {
-    DWORD code = 0;
-    if (WaitForSingleObject(thread, 60000) != WAIT_OBJECT_0) Fail("a thread does not end", wanted);
-    if (!GetExitCodeThread(thread, &code) || code != wanted) Fail("exit code", code, wanted);
-    CloseHandle(thread);
-}
 
 // What was done, each told at the end.
 enum Count { kActions, kChildren, kTerminated, kReads, kPosts, kEntries, kUnits, kMoves, kInjected, kEchoes, kCounts };
@@ -501,7 +487,7 @@ DWORD MainRoutine(void *) {
     DWORD outsiderId;
     const HANDLE outsider = os::CreateThread(nullptr, 0, Outsider, nullptr, 0, &outsiderId);
     for (uint32_t i = 0; i < kWorkers; ++i) Spawn(i);
-    const uint64_t end = os::GetTickCount64() + gSeconds * 1000;
+    const uint64_t end = os::GetTickCount64() + gSeconds * 1000ull;
     while (os::GetTickCount64() < end) {
         for (uint32_t i = 0; i < kWorkers; ++i) {
             if (WaitForSingleObject(gSlots[i].Thread.load(), 0) != WAIT_OBJECT_0) continue;
@@ -557,18 +543,6 @@ DWORD MainRoutine(void *) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    gSeed = os::GetTickCount64() ^ (uint64_t{os::GetCurrentProcessId()} << 20);
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string name = argv[i];
-        if (name == "--schedulers") SetSettings({std::string("Schedulers=") + argv[i + 1]});
-        if (name == "--seconds") gSeconds = std::strtoull(argv[i + 1], nullptr, 10);
-        if (name == "--seed") gSeed = std::strtoull(argv[i + 1], nullptr, 10);
-    }
-    SetSettings({"Schedulers=2", "StackPages=16", "QuantumLengthMs=30", "DynamicSchedulersEnabled=1"});
-    std::printf("stress: seed %llu\n", static_cast<unsigned long long>(gSeed));
-    std::fflush(stdout);
-    static uint32_t indicator;
-    InitParams params{&indicator, nullptr, nullptr, 0, nullptr};
-    InitUserThreadScheduler(MainRoutine, nullptr, &params);
-    return 1;
+    return Main(argc, argv, {"Schedulers=2", "StackPages=16", "QuantumLengthMs=30", "DynamicSchedulersEnabled=1"},
+                MainRoutine);
 }
