@@ -16,17 +16,14 @@
 
 namespace netpeer {
 
-// A connection to 127.0.0.1; -1 when it is refused. *ownPort (may be null) receives the local port.
-inline int Connect(uint16_t port, uint16_t *ownPort = nullptr) {
+// A connection to 127.0.0.1; -1 when it is refused.
+inline int Connect(uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = __builtin_bswap16(port);
     address.sin_addr.s_addr = __builtin_bswap32(0x7F000001);
     const int fd = static_cast<int>(syscall(SYS_socket, AF_INET, 1, 0));
     if (syscall(SYS_connect, fd, &address, sizeof address) != 0) return close(fd), -1;
-    unsigned length = sizeof address;
-    syscall(SYS_getsockname, fd, &address, &length);
-    if (ownPort != nullptr) *ownPort = __builtin_bswap16(address.sin_port);
     return fd;
 }
 
@@ -50,10 +47,6 @@ inline bool SeesTheEnd(int fd, int ms) {
     pollfd one{fd, POLLIN, 0};
     char byte;
     return poll(&one, 1, ms) == 1 && read(fd, &byte, 1) <= 0;
-}
-
-inline void EndSending(int fd) {
-    syscall(SYS_shutdown, fd, 1);
 }
 
 // Ends the connection by a reset.
