@@ -35,7 +35,7 @@ done
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name zvxkvt.pc)")
 export PKG_CONFIG_PATH LD_LIBRARY_PATH=${library%/*}
 [ "$(pkg-config --modversion zvxkvt)" = "$version" ] || fail "pkg-config does not say $version"
-sed -n '/^```cpp$/,/^```$/p' "$source/README.md" | sed '/^```/d' >"$work/readme.c"
+sed -n '/^```c$/,/^```$/p' "$source/README.md" | sed '/^```/d' >"$work/readme.c"
 grep -q InitUserThreadScheduler "$work/readme.c" || fail "no host in README.md"
 flags=$(pkg-config --cflags --libs zvxkvt)
 "$cc" -Wall -Wextra -Werror "$work/readme.c" -o "$work/readme" $flags || fail "the README's host is no C"
