@@ -57,7 +57,7 @@ int main(int argc, char **argv) {
         "user\n"
         "threads that wait with and without a limit, for an operation, or are suspended. OPS: operations under way.\n"
         "SWITCHES, POSTS, POLLED, PACKETS: so often since the start; the last two are operations that ended. LONGEST\n"
-        "HOLD: the longest time without a yield in this second, and whose.");
+        "HOLD: the longest time without a yield in this second and the one before, and whose.");
 
     pid_t usagePid = 0;
     command = withPid(app.add_subcommand("usage", "What the library holds: handles, records, operations, memory"),
