@@ -24,7 +24,7 @@ import tempfile
 import threading
 import time
 
-FAULTS, KEYHOST = os.environ["ZVX_FAULTS"], os.environ["KEYHOST"]
+FAULTS, KEYHOST = (os.path.abspath(os.environ[name]) for name in ("ZVX_FAULTS", "KEYHOST"))
 FOLDER = tempfile.mkdtemp(prefix="zvx_faults_")
 LIMIT = 60  # seconds a run may take on a loaded machine
 
