@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# host/bench.sh KEYHOST [PEER]   redis-benchmark against the server: with user threads and with kernel threads, and
-# against redis-server with appendfsync always beside them. Requests per second and processor time of the server for
-# each request. Both are on one machine: compare columns, not machines. SCALE=0.1 makes it shorter.
+# host/bench.sh KEYHOST   redis-benchmark against the server: with user threads and with kernel threads, and, where it is
+# installed, against redis-server with appendfsync always. Requests per second and processor time of the server for each
+# request. Both are on one machine: compare columns, not machines. SCALE=0.1 makes it shorter.
 set -euo pipefail
+[ $# -eq 1 ] || { sed -n '2,4s/^# //p' "$0" >&2 && exit 2; }
 keyhost=$1
 scale=${SCALE:-1}
 work=$(mktemp -d)
