@@ -86,7 +86,7 @@ ZVXKVT_API BOOL WINAPI VirtualFree(LPVOID address, SIZE_T bytes, DWORD type);
 /* ---- For tools and examples -------------------------------------------------------------------------- */
 
 ZVXKVT_API const char *WINAPI ZvxIoBackendName(void); /* "io_uring" or "epoll" */
-/* A line for the operator when another back end had to be used than the one asked for; else empty. */
+/* A line for the operator when io_uring is refused by this machine and epoll is used for that reason; else empty. */
 ZVXKVT_API const char *WINAPI ZvxIoBackendNote(void);
 ZVXKVT_API DWORD WINAPI ZvxKernelThreadCount(void); /* kernel threads of this process now */
 ZVXKVT_API DWORD WINAPI ZvxSchedulerCount(void);    /* static schedulers; 0 outside fiber mode */

@@ -41,7 +41,8 @@ typedef struct _ZVXKVT_INIT_PARAMS {
     uint32_t *QuantumIndicator;      /* the library writes 1 while some user thread has run for too long, else 0; null
                                         for none. Must stay valid for the life of the process. */
     void *Reserved;                  /* not read */
-    const char *TraceDirectory;      /* where the trace log goes; null for the current directory */
+    const char *TraceDirectory;      /* where the trace log, dumps and the ring log go; null for the current
+                                        directory. Copied. */
     unsigned char DebugGlobal;       /* non-zero: the debugger event is named in the global namespace */
     ZVXKVT_LOOKUP_VALUE LookupValue; /* null: settings come from the environment */
 } ZVXKVT_INIT_PARAMS;
@@ -193,8 +194,8 @@ ZVXKVT_API DWORD WINAPI SetOSThreadAffinityMask(HANDLE thread, DWORD mask);
 /* ---- Waits and events -------------------------------------------------------------------------------- */
 
 /* Yields until the object is signalled or `ms` milliseconds have passed (0 tests once, INFINITE waits for good).
- * WAIT_OBJECT_0, WAIT_ABANDONED_0, WAIT_TIMEOUT or WAIT_FAILED. A busy scheduler looks every few milliseconds
- * (setting "TimerInterval"). */
+ * WAIT_OBJECT_0, WAIT_ABANDONED_0, WAIT_TIMEOUT or WAIT_FAILED. A change that another process makes to a named object is
+ * seen at the next look, every few milliseconds (setting "TimerInterval"). */
 ZVXKVT_API DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD ms);
 /* The same for 1 to 64 objects, one of them (result plus its index) or all of them at one time. */
 ZVXKVT_API DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE *handles, BOOL waitAll, DWORD ms);
