@@ -164,12 +164,15 @@ void FreeContents(Contents *contents) {
     *contents = Contents{};
 }
 
-uint64_t KeyCount() {
+uint64_t KeyCount(uint64_t *expiring) {
     uint64_t count = 0;
+    uint64_t withTime = 0;
     for (Shard &shard : gShards) {
         Guard guard(&shard.Section);
         count += shard.Count;
+        withTime += shard.Expiring;
     }
+    if (expiring != nullptr) *expiring = withTime;
     return count;
 }
 

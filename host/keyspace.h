@@ -108,7 +108,8 @@ uint64_t VisitShard(Shard *shard, uint64_t from, Visit visit, Enough enough, boo
 // ---- Without -----------------------------------------------------------------------------------------
 
 void FreeContents(Contents *contents);
-uint64_t KeyCount();
+// Keys; *expiring (may be null) receives how many of them have a time to live.
+uint64_t KeyCount(uint64_t *expiring = nullptr);
 // Removes up to a few hundred expired keys; how many. For the process monitor.
 uint64_t SweepExpired();
 

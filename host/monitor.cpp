@@ -155,8 +155,9 @@ std::string InfoText(std::string_view section) {
         }
     }
     if (text.Section("keyspace", "Keyspace")) {
-        const uint64_t keys = KeyCount();
-        if (keys != 0) text.Line("db0", "keys=" + std::to_string(keys) + ",expires=0,avg_ttl=0");
+        uint64_t expiring = 0;
+        const uint64_t keys = KeyCount(&expiring);
+        if (keys != 0) text.Line("db0", "keys=" + std::to_string(keys) + ",expires=" + std::to_string(expiring));
     }
     return text.Out;
 }
