@@ -188,6 +188,7 @@ void StopHandler(int) {
 }
 
 DWORD WINAPI MainRoutine(LPVOID) {
+    gOptions.Threads = ZvxSchedulerCount() == 0;  // a setting in the environment may have asked for it
     InitKeyspace();
     InitSessions();
     InitCommands();
