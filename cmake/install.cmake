@@ -25,7 +25,8 @@ configure_file(cmake/zvxkvt.pc.in ${CMAKE_BINARY_DIR}/zvxkvt.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/zvxkvt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
 
 file(GLOB ZVX_DOCUMENTS CONFIGURE_DEPENDS docs/*.md)
-install(FILES README.md ${ZVX_DOCUMENTS} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
+install(FILES README.md CHANGES.md ${ZVX_DOCUMENTS} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
+install(DIRECTORY docs/charts DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
 install(DIRECTORY examples/consumer DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT Development)
 
 # A man page goes with its program.
