@@ -18,7 +18,8 @@
  *
  * Results. SOCKET_ERROR, or INVALID_SOCKET where a SOCKET is returned, is a failure, with a WSAE code in
  * WSAGetLastError, which is one value with GetLastError; each user thread has its own. A connection that the other side
- * reset gives WSAECONNRESET; no signal is ever raised.
+ * reset gives WSAECONNRESET; no signal is ever raised. Every function may be called from any thread; one of which neither
+ * yielding nor blocking is said does neither.
  */
 #ifndef ZVXKVT_SOCKETS_H
 #define ZVXKVT_SOCKETS_H

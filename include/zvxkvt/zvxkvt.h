@@ -12,8 +12,9 @@
  * Pass-through. Where fiber mode is not active, or the caller is not a user thread, each function is the operating
  * system's function of that name and blocks where it waits.
  *
- * Every function may be called from any thread. A failure is the return value that is named, with the reason in
- * GetLastError; each user thread has its own. A failure of the library's own has the reason 0xFFFFFFFF.
+ * Every function may be called from any thread, and does what is said of neither yielding nor blocking without either. A
+ * failure is the return value that is named, else FALSE or null, with the reason in GetLastError; each user thread has its
+ * own. A failure of the library's own has the reason 0xFFFFFFFF. Handles that stand for nothing give ERROR_INVALID_HANDLE.
  */
 #ifndef ZVXKVT_ZVXKVT_H
 #define ZVXKVT_ZVXKVT_H
@@ -103,8 +104,9 @@ ZVXKVT_API BOOL WINAPI DuplicateHandle(HANDLE sourceProcess, HANDLE source, HAND
 /* ---- Files ------------------------------------------------------------------------------------------- */
 
 /* Opens or creates a file; the name is taken literally. INVALID_HANDLE_VALUE on failure. Blocks for as long as the
- * file system takes. Without FILE_FLAG_OVERLAPPED in `flags` the handle has a file position, shared by its
- * duplicates, and reads and writes wait by yielding; with it the caller drives its own operations. */
+ * file system takes. `share`, `security` and `templateFile` are not read: every file is shared. Without
+ * FILE_FLAG_OVERLAPPED in `flags` the handle has a file position, shared by its duplicates, and reads and writes wait by
+ * yielding; with it the caller drives its own operations. */
 ZVXKVT_API HANDLE WINAPI CreateFileA(LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                                      DWORD disposition, DWORD flags, HANDLE templateFile);
 ZVXKVT_API HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
@@ -296,6 +298,8 @@ ZVXKVT_API BOOL WINAPI CreateProcessW(LPCWSTR application, WCHAR *commandLine, L
                                       LPSECURITY_ATTRIBUTES threadSecurity, BOOL inherit, DWORD flags,
                                       LPVOID environment, LPCWSTR directory, LPSTARTUPINFOW startup,
                                       LPPROCESS_INFORMATION information);
+/* A handle that is signalled when the process has ended; null with ERROR_INVALID_PARAMETER when there is none. `access` and
+ * `inherit` are not read. */
 ZVXKVT_API HANDLE WINAPI OpenProcess(DWORD access, BOOL inherit, DWORD processId);
 
 /* Waits until a process waits for its user's input. No process here has windows: WAIT_FAILED with
@@ -312,8 +316,8 @@ ZVXKVT_API BOOL WINAPI ReadConsoleA(HANDLE console, LPVOID buffer, DWORD charact
 /* Has the user thread that is identified by the post event `thread` run the routine on its own stack, at its next
  * dispatch, whatever it waits for; afterwards it goes back to that wait, an alertable one without operations excepted,
  * which ends as if a completion routine had run. While one routine is pending for a thread another one is dropped. FALSE with
- * ERROR_INVALID_HANDLE when the event identifies no living user thread, with 0xFFFFFFFF outside fiber mode. Does not
- * yield. */
+ * ERROR_INVALID_HANDLE when the event identifies no living user thread, with 0xFFFFFFFF outside fiber mode. Yields only
+ * while that thread is on its way to a scheduler of its own. */
 ZVXKVT_API BOOL WINAPI UserThreadExecRoutine(HANDLE thread, ZVXKVT_ROUTINE routine);
 
 /* Queues routine(data) for the next alertable wait of a kernel thread. The handle of a user thread stands for its
@@ -331,6 +335,7 @@ ZVXKVT_API HMODULE WINAPI GetModuleHandleA(LPCSTR name);
  * `file` must be null; DONT_RESOLVE_DLL_REFERENCES delays the binding of symbols, other flags have no effect. */
 ZVXKVT_API HMODULE WINAPI LoadLibraryA(LPCSTR name);
 ZVXKVT_API HMODULE WINAPI LoadLibraryExA(LPCSTR name, HANDLE file, DWORD flags);
+/* Runs the object's finalisers when it was the last user of it, and blocks meanwhile. */
 ZVXKVT_API BOOL WINAPI FreeLibrary(HMODULE module);
 /* Then ends the calling thread, as ExitThread does. */
 ZVXKVT_API void WINAPI FreeLibraryAndExitThread(HMODULE module, DWORD exitCode);
