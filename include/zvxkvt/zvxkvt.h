@@ -12,9 +12,9 @@
  * Pass-through. Where fiber mode is not active, or the caller is not a user thread, each function is the operating
  * system's function of that name and blocks where it waits.
  *
- * Every function may be called from any thread, and does what is said of neither yielding nor blocking without either. A
- * failure is the return value that is named, else FALSE or null, with the reason in GetLastError; each user thread has its
- * own. A failure of the library's own has the reason 0xFFFFFFFF. Handles that stand for nothing give ERROR_INVALID_HANDLE.
+ * Every function may be called from any thread; one of which neither yielding nor blocking is said does neither. A failure
+ * is the return value that is named, else FALSE or null, with the reason in GetLastError; each user thread has its own. A
+ * failure of the library's own has the reason 0xFFFFFFFF. Handles that stand for nothing give ERROR_INVALID_HANDLE.
  */
 #ifndef ZVXKVT_ZVXKVT_H
 #define ZVXKVT_ZVXKVT_H
