@@ -53,6 +53,7 @@ TEST(FileLock, ExcludesBetweenHandlesAndProcessesAndIsReleasedRangeByRange) {
     EXPECT_TRUE(FreeElsewhere(file, 550, 20) && !FreeElsewhere(file, 579, 1) && FreeElsewhere(file, 580, 70));
     os::CloseHandle(a);
     EXPECT_TRUE(TryLock(b, 570, 10)) << "closing releases";
+    os::CloseHandle(b);
 }
 
 TEST(FileLock, IsGrantedLaterOrCancelled) {

@@ -100,8 +100,9 @@ TEST_F(Named, NamesAreOnesOwnUntilTheLastHandleAndProcessIsGone) {
     peer.Kill();
     EXPECT_EQ(ErrorOf(os::OpenEventA(0, FALSE, gName.c_str())), ERROR_FILE_NOT_FOUND)
         << "the name of a process that died";
-    os::CreateSemaphoreA(nullptr, 1, 1, gName.c_str());
+    const HANDLE semaphore = os::CreateSemaphoreA(nullptr, 1, 1, gName.c_str());
     EXPECT_EQ(os::GetLastError(), ERROR_SUCCESS) << "free for another type";
+    os::CloseHandle(semaphore);
 }
 
 TEST_F(Named, EventsWakeSleepersOfOtherProcesses) {
@@ -126,6 +127,7 @@ TEST_F(Named, EventsWakeSleepersOfOtherProcesses) {
         EXPECT_EQ(os::WaitForSingleObject(event, 20000), WAIT_OBJECT_0);
         EXPECT_EQ(one.Answer(), 0u);
     }
+    os::CloseHandle(event);
 }
 
 TEST_F(Named, AKilledOwnerLeavesAnAbandonedMutex) {
@@ -155,6 +157,7 @@ TEST_F(Named, AKilledOwnerLeavesAnAbandonedMutex) {
     Peer last;
     EXPECT_EQ(last.Ask(Open<os::OpenMutexA>), ERROR_SUCCESS);
     EXPECT_EQ(last.Ask(Wait, 20000), WAIT_ABANDONED_0);
+    os::CloseHandle(mutex);
 }
 
 TEST_F(Named, WaitForAllTakesSharedObjectsInOneStep) {
@@ -183,6 +186,7 @@ TEST_F(Named, WaitForAllTakesSharedObjectsInOneStep) {
     EXPECT_EQ(os::WaitForMultipleObjects(2, both, FALSE, 0), WAIT_TIMEOUT);
     peer.Tell(Release, 2);
     EXPECT_EQ(os::WaitForMultipleObjects(2, both, FALSE, 20000), WAIT_OBJECT_0);
+    for (const HANDLE handle : both) os::CloseHandle(handle);
 }
 
 TEST_F(Named, ADeathUnderTheLockOfTheTableStopsNobody) {
@@ -190,6 +194,7 @@ TEST_F(Named, ADeathUnderTheLockOfTheTableStopsNobody) {
     EXPECT_EQ(SIGKILL, RunChild([] { os::LockShared(), raise(SIGKILL); }).Signal);
     EXPECT_TRUE(os::SetEvent(event));
     EXPECT_EQ(os::WaitForSingleObject(event, 1000), WAIT_OBJECT_0);
+    os::CloseHandle(event);
 }
 
 TEST(NamedInOneProcess, WithoutSharedMemory) {
