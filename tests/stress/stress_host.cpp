@@ -68,12 +68,12 @@ void CheckBytes(const char *buffer, uint64_t offset, uint32_t bytes) {
 
 HANDLE OpenFile(DWORD flags) {
     const HANDLE file =
-        CreateFileA(gFileName.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, flags, nullptr);
+        CreateFileA(gFileName.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, flags, nullptr);
     if (file == INVALID_HANDLE_VALUE) Fail("CreateFileA", os::GetLastError(), flags);
     return file;
 }
 
-// Synchronous reads from consecutive positions.
+// Synchronous reads from consecutive positions; a flush between them moves none.
 void ReadSync(Random &rng) {
     const HANDLE file = OpenFile(0);
     char buffer[4096];
@@ -85,6 +85,7 @@ void ReadSync(Random &rng) {
         if (got != sizeof buffer && offset + got != kFileBytes) Fail("short read", offset, got);
         CheckBytes(buffer, offset, got);
         offset += got;
+        if (rng() % 8 == 0 && !FlushFileBuffers(file)) Fail("FlushFileBuffers", os::GetLastError());
     }
     if (!CloseHandle(file)) Fail("CloseHandle(file)", os::GetLastError());
     Add(kReads, 3);
