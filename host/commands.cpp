@@ -3,11 +3,13 @@
 // Runs on sessions. A command enters the section of its shard (or of all its shards, by rising index), looks, appends a
 // record to the log, applies it and leaves; nothing in between waits except for the log's section. Whether the record
 // is durable is awaited later, once for all that the client has sent.
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstring>
 
 #include "commands.h"
+#include "glob.h"
 
 namespace host {
 
@@ -15,6 +17,7 @@ namespace {
 
 constexpr std::string_view kSyntax = "syntax error";
 constexpr std::string_view kNoInteger = "value is not an integer or out of range";
+constexpr std::string_view kLongPattern = "pattern is too long";
 constexpr std::string_view kTooLong = "string exceeds maximum allowed size";
 
 // The section of one shard, or of the shards of many keys.
@@ -416,12 +419,17 @@ void Type(Session &s, const Arguments &a) {
     s.Put(key.Find(s) != nullptr ? "+string\r\n" : "+none\r\n");
 }
 
-// Keys that match, from whole buckets.
-struct Collected {
-    std::string Bulks;
-    size_t Count = 0;
+// Keys that match, from whole buckets. What they take counts with the requests that are not complete, as it is for a
+// client to say how much it will be.
+class Collected {
+  public:
+    Collected() = default;
+    Collected(const Collected &) = delete;
+    ~Collected() { gCounters.BufferBytes.fetch_sub(Held, std::memory_order_relaxed); }
 
     void Add(std::string_view key) {
+        const size_t size = Bulks.size() + key.size() + 32;
+        if (Full || (size > Held && !Grow(size))) return;
         Bulks += '$';
         Bulks += std::to_string(key.size());
         Bulks += "\r\n";
@@ -429,32 +437,74 @@ struct Collected {
         Bulks += "\r\n";
         Count++;
     }
+    bool Full = false;  // there is no room for all
+
+    // Answers with `outer` and the keys, or with an error.
+    void Put(Session &s, std::string_view outer) const {
+        if (Full) return s.PutError("too many keys match for the memory of --max-buffers; SCAN asks for fewer");
+        s.Put(outer);
+        s.PutArray(Count);
+        for (size_t at = 0; at < Bulks.size(); at += kSpillBytes) {
+            s.Put(std::string_view(Bulks).substr(at, kSpillBytes));
+            if (s.OutUsed >= kSpillBytes && !s.Spill()) return;
+        }
+    }
+
+  private:
+    bool Grow(size_t size) {
+        const size_t larger = std::max(size, std::max<size_t>(4096, 2 * Held));
+        const size_t more = larger - Held;
+        if (gCounters.BufferBytes.fetch_add(more, std::memory_order_relaxed) + more > gOptions.MaxBuffers) {
+            gCounters.BufferBytes.fetch_sub(more, std::memory_order_relaxed);
+            Full = true;
+            return false;
+        }
+        Held = larger;
+        Bulks.reserve(larger);
+        return true;
+    }
+    std::string Bulks;
+    size_t Held = 0;  // counted, of the bulks
+    size_t Count = 0;
+};
+
+// What is looked at in one go, with the section of a shard held: many short keys or few long ones.
+struct Stretch {
+    uint32_t Entries = 0;
+    size_t Bytes = 0;
+
+    void Count(const Entry *entry) {
+        Entries++;
+        Bytes += entry->Key().size();
+    }
+    bool Over() const { return Entries >= 1000 || Bytes >= 100000; }
 };
 
 void Keys(Session &s, const Arguments &a) {
+    if (a[1].size() > kMostPattern) return s.PutError(kLongPattern);
+    const Glob pattern(a[1]);
     Collected found;
     const int64_t now = NowMs();
-    for (uint32_t i = 0; i < kShards; i++) {
+    for (uint32_t i = 0; i < kShards && !found.Full; i++) {
         uint64_t position = uint64_t{i} << (64 - kShardBits);
-        for (bool done = false; !done;) {
-            uint32_t seen = 0;
+        for (bool done = false; !done && !found.Full;) {
+            Stretch stretch;
             {
                 Guard guard(&gShards[i].Section);
                 position = VisitShard(
                     &gShards[i], position,
                     [&](const Entry *entry) {
-                        seen++;
+                        stretch.Count(entry);
                         if (entry->Expire != kNever && entry->Expire <= now) return;
-                        if (GlobMatch(a[1], entry->Key())) found.Add(entry->Key());
+                        if (pattern.Matches(entry->Key())) found.Add(entry->Key());
                     },
-                    [&] { return seen >= 1000; }, &done);
+                    [&] { return stretch.Over() || found.Full; }, &done);
             }
             GiveWay();
         }
     }
     s.DependOn(LastSeq());
-    s.PutArray(found.Count);
-    s.Put(found.Bulks);
+    found.Put(s, "");
 }
 
 constexpr uint32_t kCursorShift = 16;  // low bits of a position, which are always 0: cursors stay below 2^48
@@ -466,13 +516,14 @@ void Scan(Session &s, const Arguments &a) {
     if (parsed.ec != std::errc() || parsed.ptr != text.data() + text.size() || cursor >> (64 - kCursorShift) != 0) {
         return s.PutError("invalid cursor");
     }
-    std::string_view pattern = "*";
+    std::string_view matching = "*";
     int64_t count = 10;
     bool strings = true;
     for (uint32_t i = 2; i < a.Count; i += 2) {
         if (i + 1 >= a.Count) return s.PutError(kSyntax);
         if (a.Is(i, "MATCH")) {
-            pattern = a[i + 1];
+            matching = a[i + 1];
+            if (matching.size() > kMostPattern) return s.PutError(kLongPattern);
         } else if (a.Is(i, "COUNT")) {
             if (!ToInteger(a[i + 1], &count)) return s.PutError(kNoInteger);
             if (count < 1) return s.PutError(kSyntax);
@@ -482,6 +533,7 @@ void Scan(Session &s, const Arguments &a) {
             return s.PutError(kSyntax);
         }
     }
+    const Glob pattern(matching);
     Collected found;
     const int64_t now = NowMs();
     uint64_t position = cursor << kCursorShift;
@@ -490,31 +542,32 @@ void Scan(Session &s, const Arguments &a) {
     for (;;) {
         const uint32_t index = ShardOf(position);
         bool done = false;
+        Stretch stretch;
         {
             Guard guard(&gShards[index].Section);
             next = VisitShard(
                 &gShards[index], position,
                 [&](const Entry *entry) {
                     seen++;
+                    stretch.Count(entry);
                     if (entry->Expire != kNever && entry->Expire <= now) return;
-                    if (strings && GlobMatch(pattern, entry->Key())) found.Add(entry->Key());
+                    if (strings && pattern.Matches(entry->Key())) found.Add(entry->Key());
                 },
-                [&] { return ++buckets / 10 >= count || seen >= count; }, &done);
+                [&] { return ++buckets / 10 >= count || seen >= count || stretch.Over() || found.Full; },
+                &done);
         }
         if (done && index + 1 == kShards) {
             next = 0;
             break;
         }
         if (done) next = uint64_t{index + 1} << (64 - kShardBits);
-        if (seen >= count || buckets / 10 >= count) break;
+        if (seen >= count || buckets / 10 >= count || found.Full) break;
         position = next;
         GiveWay();
     }
     s.DependOn(LastSeq());
-    s.PutArray(2);
-    s.PutBulk(std::to_string(next >> kCursorShift));
-    s.PutArray(found.Count);
-    s.Put(found.Bulks);
+    const std::string at = std::to_string(next >> kCursorShift);
+    found.Put(s, "*2\r\n$" + std::to_string(at.size()) + "\r\n" + at + "\r\n");
 }
 
 void DbSize(Session &s, const Arguments &) {

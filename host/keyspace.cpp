@@ -41,27 +41,6 @@ void Resize(Shard *shard, uint32_t bits) {
     std::free(old);
 }
 
-bool MatchSet(std::string_view pattern, size_t *at, char c) {
-    size_t i = *at + 1;
-    const bool negated = i < pattern.size() && pattern[i] == '^';
-    if (negated) i++;
-    bool found = false;
-    for (; i < pattern.size() && pattern[i] != ']'; i++) {
-        if (pattern[i] == '\\' && i + 1 < pattern.size()) i++;
-        char low = pattern[i];
-        char high = low;
-        if (i + 2 < pattern.size() && pattern[i + 1] == '-' && pattern[i + 2] != ']') {
-            high = pattern[i + 2];
-            i += 2;
-        }
-        if (static_cast<uint8_t>(low) > static_cast<uint8_t>(high)) std::swap(low, high);
-        const auto byte = static_cast<uint8_t>(c);
-        if (byte >= static_cast<uint8_t>(low) && byte <= static_cast<uint8_t>(high)) found = true;
-    }
-    *at = i < pattern.size() ? i + 1 : i;
-    return found != negated;
-}
-
 }  // namespace
 
 Value *NewValue(size_t length) {
@@ -202,43 +181,6 @@ uint64_t SweepExpired() {
     }
     Count(gCounters.Expired, removed);
     return removed;
-}
-
-// On a mismatch only the last star is tried again, so that no pattern takes more than pattern times text.
-bool GlobMatch(std::string_view pattern, std::string_view text) {
-    size_t p = 0, t = 0, star = pattern.npos, mark = 0;
-    while (t < text.size()) {
-        bool matched = false;
-        if (p < pattern.size()) {
-            size_t next = p + 1;
-            switch (pattern[p]) {
-                case '*':
-                    star = p++;
-                    mark = t;
-                    continue;
-                case '?': matched = true; break;
-                case '[':
-                    next = p;
-                    matched = MatchSet(pattern, &next, text[t]);
-                    break;
-                case '\\':
-                    if (p + 1 < pattern.size()) next = p + 2;
-                    [[fallthrough]];
-                default: matched = pattern[next - 1] == text[t]; break;
-            }
-            if (matched) p = next;
-        }
-        if (matched) {
-            t++;
-        } else if (star != pattern.npos) {
-            p = star + 1;
-            t = ++mark;
-        } else {
-            return false;
-        }
-    }
-    while (p < pattern.size() && pattern[p] == '*') p++;
-    return p == pattern.size();
 }
 
 }  // namespace host

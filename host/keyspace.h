@@ -113,9 +113,6 @@ uint64_t KeyCount(uint64_t *expiring = nullptr);
 // Removes up to a few hundred expired keys; how many. For the process monitor.
 uint64_t SweepExpired();
 
-// Whether `text` matches the pattern: * ? [a-c] [^a] and backslash.
-bool GlobMatch(std::string_view pattern, std::string_view text);
-
 }  // namespace host
 
 #endif  // HOST_KEYSPACE_H

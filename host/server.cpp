@@ -1,10 +1,13 @@
 // host/server.cpp - the dispatch of requests, and the commands that are not about keys.
 //
 // Runs on sessions. Nothing here waits except for room in the log.
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "checkpoint.h"
 #include "commands.h"
+#include "glob.h"
 
 namespace host {
 
@@ -63,16 +66,17 @@ void Config(Session &s, const Arguments &a) {
         {"proto-max-bulk-len", std::to_string(gOptions.MaxValue)},
         {"timeout", std::to_string(gOptions.IdleTimeout)},
     };
-    std::vector<const std::pair<std::string_view, std::string> *> found;
-    for (const auto &pair : known) {
-        bool matches = false;
-        for (uint32_t i = 2; i < a.Count; i++) matches |= GlobMatch(a[i], pair.first);
-        if (matches) found.push_back(&pair);
+    bool asked[std::size(known)] = {};
+    for (uint32_t i = 2; i < a.Count; i++) {
+        if (a[i].size() > kMostPattern) return s.PutError("pattern is too long");
+        const Glob pattern(a[i]);
+        for (size_t k = 0; k < std::size(known); k++) asked[k] |= pattern.Matches(known[k].first);
     }
-    s.PutArray(2 * found.size());
-    for (const auto *pair : found) {
-        s.PutBulk(pair->first);
-        s.PutBulk(pair->second);
+    s.PutArray(2 * static_cast<size_t>(std::count(std::begin(asked), std::end(asked), true)));
+    for (size_t k = 0; k < std::size(known); k++) {
+        if (!asked[k]) continue;
+        s.PutBulk(known[k].first);
+        s.PutBulk(known[k].second);
     }
 }
 

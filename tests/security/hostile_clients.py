@@ -13,6 +13,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 PATIENCE = 60
@@ -34,7 +35,8 @@ class Server:
     def __init__(self, program, folder):
         command = [program, "--port", "0", "--dir", folder, "--segment", "16777216", "--max-value", "2097152", "--max-buffers", str(MAX_BUFFERS),
                    "--max-sessions", "600", "--send-timeout", "3", "--request-timeout", "3", "--schedulers", "2"]
-        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+        environment = dict(os.environ, ZVX_FIBERS_QuantumLengthMs="30")  # a time in which some hundred requests are done
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True, env=environment)
         self.port = None
         for line in self.process.stdout:
             ready = re.search(r"ready on [^:]*:(\d+),", line)
@@ -56,11 +58,7 @@ class Server:
     def ask(self, data=request("PING"), want=b"+PONG\r\n"):
         """Somebody else is served."""
         self.witness.sendall(data)
-        got = b""
-        while len(got) < len(want):
-            more = self.witness.recv(4096)
-            check(more, "the witness lost its connection")
-            got += more
+        got = receive(self.witness, len(want))
         check(got == want, f"the witness got {got!r}")
 
     def figure(self, name):
@@ -78,6 +76,15 @@ class Server:
         while self.figure("connected_clients") != 1:
             check(time.monotonic() < until, "sessions of clients that are gone stay")
             time.sleep(0.05)
+
+
+def receive(client, size):
+    got = b""
+    while len(got) < size:
+        more = client.recv(1 << 20)
+        check(more, "the connection has ended")
+        got += more
+    return got
 
 
 def rest(client):
@@ -213,6 +220,36 @@ def nonsense(server):
     yield 8 << 20
 
 
+def work_without_end(server):
+    """A pattern that nearly matches everywhere in long keys, and a long pipeline: the others of the scheduler are
+    answered before the work is done."""
+    keys = [b"%03d" % number + b"a" * 100000 for number in range(500)]
+    server.ask(b"".join(request("SET", key, "v") for key in keys), b"+OK\r\n" * len(keys))
+    clients = [server.connect() for _ in range(8)]
+    for data, end in ((request("KEYS", b"*a" * 100 + b"a" * 800 + b"b"), b"*0\r\n"),
+                      (request("PING") * 300000, b"+PONG\r\n" * 300000)):
+        greedy, got = server.connect(), []
+        threads = [threading.Thread(target=greedy.sendall, args=(data,)),
+                   threading.Thread(target=lambda: got.append(receive(greedy, len(end))))]
+        for thread in threads:
+            thread.start()
+        turns = 0
+        while threads[1].is_alive():
+            for client in clients:
+                client.sendall(request("PING"))
+            for client in clients:
+                check(receive(client, 7) == b"+PONG\r\n", "an answer")
+            turns += threads[1].is_alive()
+        for thread in threads:
+            thread.join()
+        check(got == [end], f"the answer to {data[:30]!r}")
+        check(turns > 0, f"nobody else was answered before {data[:30]!r} was done")
+    # The keys themselves, which are more than the memory for requests and answers.
+    server.ask(request("KEYS", "*"), b"-ERR too many keys match for the memory of --max-buffers; SCAN asks for fewer\r\n")
+    server.ask(request("FLUSHALL"), b"+OK\r\n")
+    yield 256 << 20
+
+
 def main():
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
@@ -223,7 +260,7 @@ def main():
         server = Server(sys.argv[1], os.path.join(folder, "data"))
         check(os.stat(os.path.join(folder, "data")).st_mode & 0o777 == 0o700, "a data folder of the server's making is its user's alone")
         for case in (announced_but_never_sent, half_requests, pipelines_that_nobody_reads, a_byte_now_and_then,
-                     more_than_there_is_room_for, nonsense):
+                     more_than_there_is_room_for, nonsense, work_without_end):
             before = server.resident()
             course = case(server)
             allowed = next(course)

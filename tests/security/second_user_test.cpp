@@ -5,6 +5,8 @@
 #include <grp.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 
 #include <filesystem>
@@ -228,6 +230,27 @@ TEST_F(SecondUser, LocksOnAPipeThatIsEverybodys) {
         EXPECT_EQ(0u, ErrorOf(Serve(0, 3, Everybody()))) << "no instance was used up";
         EXPECT_EQ(ERROR_PIPE_BUSY, ErrorOf(Serve(0, 3, Everybody())));
     });
+}
+
+// Whose folder it is may put another socket in the place of an instance: a client looks whose it is, and, as that may
+// have been another one yet at the look, asks the kernel who serves it.
+TEST_F(SecondUser, APipeThatSomebodyElseServes) {
+    const std::string all = In("zvxkvt-pipes-1-all");
+    As(kEnemy, [&] { EXPECT_EQ(0, mkdir(all.c_str(), 0777) + chmod(all.c_str(), 01777)); });
+    const As victim(kVictim, [] { EXPECT_EQ(0u, ErrorOf(Serve(0, 2, Everybody()))); });
+    std::string instance;
+    for (const auto &entry : std::filesystem::directory_iterator(all))
+        if (entry.is_socket()) instance = entry.path();
+    const As enemy(kEnemy, [&] {
+        sockaddr_un address{AF_UNIX, {}};
+        instance.copy(address.sun_path, sizeof address.sun_path - 1);
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(0, unlink(instance.c_str()));
+        EXPECT_EQ(0, bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) + listen(fd, 8));
+    });
+    As(kVictim, [] { EXPECT_EQ(ERROR_ACCESS_DENIED, ErrorOf(Connect())); });
+    EXPECT_EQ(0, chown(instance.c_str(), kVictim, kVictim)) << "by the superuser, for the look to be too early";
+    As(kVictim, [] { EXPECT_EQ(ERROR_ACCESS_DENIED, ErrorOf(Connect())); });
 }
 
 // Dumps and logs tell what is in memory, and their names can be foreseen.
