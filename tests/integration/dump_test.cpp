@@ -63,7 +63,7 @@ TEST(Dumps, OfAFatalErrorInAUserThread) {
     const ScratchFolder folder;
     HostOptions options;
     options.TraceDirectory = folder.Name;
-    const HostResult host = RunHost(options, [] {
+    const ChildResult host = RunHost(options, [] {
         const auto start = [](const char *tag, std::function<DWORD()> body) {
             new HostThread([tag, body] { return IdentifyUserThread(tag, nullptr), body(); });
         };
@@ -73,8 +73,8 @@ TEST(Dumps, OfAFatalErrorInAUserThread) {
         Sleep(100);
         LeavesASectionTwice();
     });
-    EXPECT_EQ(host.Exit, 1) << host.Err;
-    EXPECT_EQ(host.Out.rfind("ZORVEX KILLED: Couldn't free critical section: ", 0), 0u) << host.Out;
+    EXPECT_EQ(host.ExitCode, 1);
+    EXPECT_EQ(host.Output.rfind("ZORVEX KILLED: Couldn't free critical section: ", 0), 0u) << host.Output;
     const std::map<std::string, Texts> frames = {
         {"FMAIN", {"WriteDumpOnHelperThread", "FatalExit", "LeavesASectionTwice", "HostMain", "FiberStart"}},
         {"SHAD", {"DumpFiberHook", "SchedYield", "SessionReads(depth=0)", "SessionReads(depth=3)", "FiberStart"}},

@@ -89,12 +89,12 @@ TEST_P(Migration, SixteenAtOnceThenReusedAndASeventeenthIsFatal) {
             Sleep(20);  // a thread gives its scheduler back a moment after its handle is signalled
         }
     }));
-    const HostResult result = RunHost(Enabled("1"), [] {
+    const ChildResult result = RunHost(Enabled("1"), [] {
         std::deque<Moved> all;
         for (int i = 0; i < 17; i++) all.emplace_back("DBW0");
     });
-    EXPECT_NE(0, result.Exit);
-    EXPECT_NE(std::string::npos, (result.Out + result.Err).find("Can not spawn any more dynamic schedulers MAX[16]"));
+    EXPECT_EQ(1, result.ExitCode);
+    EXPECT_NE(std::string::npos, result.Output.find("Can not spawn any more dynamic schedulers MAX[16]"));
 }
 
 // With the operating system's events for posts; the library's own messages are the stress host's.

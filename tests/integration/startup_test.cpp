@@ -20,15 +20,15 @@ TEST(StartUp, SchedulersAtTheEdge) {
         SCOPED_TRACE(c.Schedulers);
         HostOptions options;
         options.Settings = {{"Schedulers", c.Schedulers}, c.Setting};
-        const HostResult result = RunHost(options, [&c] {
+        const ChildResult result = RunHost(options, [&c] {
             HOST_EQ(c.Count, ZvxSchedulerCount());
             DWORD process = 0, system = 0;
             HOST_CHECK(GetProcessAffinityMask(GetCurrentProcess(), &process, &system));
             HOST_CHECK(c.Setting.first != "Affinity" || process == 1);
             HOST_EQ(5u, HostThread([]() -> DWORD { return 5; }).Join());
         });
-        EXPECT_EQ(result.Exit, c.Text == nullptr ? 0 : 1) << result.Err;
+        EXPECT_EQ(result.ExitCode, c.Text == nullptr ? 0 : 1);
         const std::string begin = c.Text == nullptr ? "" : "ZORVEX KILLED: " + std::string(c.Text) + " (see ";
-        EXPECT_EQ(result.Out.rfind(begin, 0), 0u) << result.Out;
+        EXPECT_EQ(result.Output.rfind(begin, 0), 0u) << result.Output;
     }
 }

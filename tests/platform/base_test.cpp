@@ -1,6 +1,5 @@
 // tests/platform/base_test.cpp - slots, routines of a thread and the end of the process.
 #include "platform/base/alertable.h"
-#include "platform/base/fiber_internal.h"  // which sanitizer this build has
 #include "support.h"
 
 using namespace os;
@@ -70,7 +69,7 @@ TEST(Process, ExitFlushesWhatIsFreeAndWaitsForNoLock) {
 #if defined(ZVX_TSAN)
     GTEST_SKIP() << "the sanitizer itself flushes the streams when a process ends, and waits for their locks";
 #endif
-    const ChildResult locked = RunChild([] {
+    const ChildResult locked = RunInChild([] {
         atexit([] { puts("destructors ran"); });
         fputs("buffered ", stderr);
         std::thread([] {

@@ -5,13 +5,9 @@
 
 #include <algorithm>
 #include <exception>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 
-#include "platform/base/fiber_internal.h"
 #include "support.h"
-#include "support/sanitizers.h"
 
 using namespace os;
 
@@ -52,8 +48,8 @@ __attribute__((noinline)) int &Errno() {
 }
 
 size_t CountMaps() {
-    std::ifstream maps("/proc/self/maps");
-    return static_cast<size_t>(std::count(std::istreambuf_iterator<char>(maps), {}, '\n'));
+    const std::string maps = ReadWhole("/proc/self/maps");
+    return static_cast<size_t>(std::count(maps.begin(), maps.end(), '\n'));
 }
 
 }  // namespace
@@ -149,7 +145,7 @@ TEST(Fiber, AFiberThatMovedUsesTheNewThreadsBlockAndErrno) {
 
 TEST(Fiber, TenThousandParkedFibersCostFewMapsAndAreRecycled) {
     ConvertThreadToFiber(nullptr);
-    constexpr size_t kMany = kAddressSanitizer || kThreadSanitizer ? 2000 : 10000;
+    constexpr size_t kMany = kSanitized ? 2000 : 10000;
     std::vector<Worker> parked(kMany);
     const size_t mapsBefore = CountMaps();
     for (Worker &worker : parked) {
@@ -157,7 +153,7 @@ TEST(Fiber, TenThousandParkedFibersCostFewMapsAndAreRecycled) {
         worker.Resume();
     }
     alignas(4096) static char probe[4096];
-    const bool cheap = !kAddressSanitizer && !kThreadSanitizer && madvise(probe, 4096, 102) == 0;
+    const bool cheap = !kSanitized && madvise(probe, 4096, 102) == 0;
     EXPECT_TRUE(!cheap || CountMaps() <= mapsBefore + 200) << "a guard must not cost a map";
     for (Worker &worker : parked) {
         worker.Resume();

@@ -21,7 +21,7 @@ bool Unlock(HANDLE file, DWORD offset, DWORD length) {
 
 // Whether another process could take the range now.
 bool FreeElsewhere(const Scratch &file, off_t offset, off_t length) {
-    return RunChild([&] {
+    return RunInChild([&] {
                struct flock range {};
                range.l_type = F_WRLCK;
                range.l_start = offset;

@@ -4,11 +4,9 @@
 
 #include <signal.h>
 
-#include <fstream>
 #include <map>
 
 #include "support.h"
-#include "support/sanitizers.h"
 
 namespace {
 
@@ -25,8 +23,7 @@ struct Dump {
         EXPECT_TRUE(os::MiniDumpWriteDump(os::GetCurrentProcess(), os::GetCurrentProcessId(), file,
                                           os::kMiniDumpWithHandleData, nullptr, nullptr, nullptr));
         os::CloseHandle(file);
-        std::ifstream stream(scratch.Name, std::ios::binary);
-        Bytes.assign(std::istreambuf_iterator<char>(stream), {});
+        Bytes = ReadWhole(scratch.Name);
         const Header header = At<Header>(0);
         EXPECT_TRUE(header.Signature == kSignature && (header.Version & 0xFFFF) == kVersion);
         for (uint32_t i = 0; i < header.StreamCount; i++) {
@@ -64,8 +61,9 @@ struct Dump {
             if (thread.Id != static_cast<uint32_t>(tid)) continue;
             found++;
             const Context context = At<Context>(thread.Context.Rva);
-            // ThreadSanitizer holds signals back until the thread makes a call.
-            EXPECT_TRUE(kThreadSanitizer || context.Flags == registers) << context.Flags;
+#if !defined(ZVX_TSAN)  // which holds signals back until the thread makes a call
+            EXPECT_EQ(context.Flags, registers);
+#endif
             EXPECT_TRUE(context.Rip != 0 && context.Rsp <= marker);
             EXPECT_EQ(Word(marker), 0x5A5A0000u + static_cast<uint64_t>(tid));
         }

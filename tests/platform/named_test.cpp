@@ -191,7 +191,7 @@ TEST_F(Named, WaitForAllTakesSharedObjectsInOneStep) {
 
 TEST_F(Named, ADeathUnderTheLockOfTheTableStopsNobody) {
     const HANDLE event = os::CreateEventA(nullptr, FALSE, FALSE, gName.c_str());
-    EXPECT_EQ(SIGKILL, RunChild([] { os::LockShared(), raise(SIGKILL); }).Signal);
+    EXPECT_EQ(SIGKILL, RunInChild([] { os::LockShared(), raise(SIGKILL); }).Signal);
     EXPECT_TRUE(os::SetEvent(event));
     EXPECT_EQ(os::WaitForSingleObject(event, 1000), WAIT_OBJECT_0);
     os::CloseHandle(event);

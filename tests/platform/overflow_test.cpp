@@ -3,9 +3,7 @@
 
 #include <regex>
 
-#include "platform/base/fiber_internal.h"
 #include "support.h"
-#include "support/sanitizers.h"
 
 using namespace os;
 
@@ -40,29 +38,29 @@ void WriteWild(void *) {
 // The text is exactly one line; the address at its end is any.
 TEST(Overflow, IsReportedWithTheTagOnceAndKillsBySignal) {
     for (const char *guard : {"", "mprotect"}) {
-        const ChildResult result = RunChild([guard] {
+        const ChildResult result = RunInChild([guard] {
             setenv("ZVXKVT_GUARD", guard, 1);
             RunFiber(Overflow, 131072);
         });
         EXPECT_EQ(result.Signal, SIGSEGV);
-        const char *size = kAddressSanitizer || kThreadSanitizer ? "524288" : "131072";
+        const char *size = kSanitized ? "524288" : "131072";
         const std::regex line("zvxkvt: stack overflow in user thread SHAD \\(stack of " + std::string(size) +
                               " bytes at 0x[0-9a-f]+\\)\n");
         EXPECT_TRUE(std::regex_match(result.Output, line)) << result.Output;
     }
     // A kernel thread that is no fiber is reported by its identifier.
-    const ChildResult plain = RunChild([] { Together([] { ArmStackOverflowReport(), Overflow(nullptr); }); });
+    const ChildResult plain = RunInChild([] { Together([] { ArmStackOverflowReport(), Overflow(nullptr); }); });
     EXPECT_EQ(plain.Signal, SIGSEGV);
     EXPECT_EQ(plain.Output.find("zvxkvt: stack overflow in kernel thread "), 0u) << plain.Output;
 }
 
 TEST(Overflow, OtherFaultsTakeTheirOwnCourse) {
     // No handler before ours: the plain death of a wild pointer, without a word.
-    const ChildResult wild = RunChild([] { RunFiber(WriteWild, 65536); });
+    const ChildResult wild = RunInChild([] { RunFiber(WriteWild, 65536); });
     EXPECT_EQ(wild.Output.find("zvxkvt"), std::string::npos) << wild.Output;
-    EXPECT_TRUE(kAddressSanitizer || kThreadSanitizer || (wild.Signal == SIGSEGV && wild.Output.empty()));
+    EXPECT_TRUE(kSanitized || (wild.Signal == SIGSEGV && wild.Output.empty()));
     // A host's handler that was there first gets what is not ours.
-    const ChildResult chained = RunChild([] {
+    const ChildResult chained = RunInChild([] {
         struct sigaction action = {};
         action.sa_flags = SA_SIGINFO;
         action.sa_sigaction = [](int, siginfo_t *info, void *) {

@@ -4,8 +4,6 @@
 #include <stdlib.h>
 
 #include <csignal>
-#include <fstream>
-#include <iterator>
 #include <memory>
 
 #include "platform/base/command_line.h"
@@ -54,8 +52,7 @@ std::string OutputOf(const std::string &commands, DWORD flags = 0, void *environ
     startup.hStdOutput = out.Open(0);
     EXPECT_EQ(Start("sh -c " + commands, flags, "/", environment, &startup)->End(), 7u);
     for (const HANDLE handle : {startup.hStdInput, startup.hStdOutput}) os::CloseHandle(handle);
-    std::ifstream file(out.Name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    return ReadWhole(out.Name);
 }
 
 }  // namespace
@@ -118,7 +115,7 @@ TEST(Process, HandlesTellTheEndAndHow) {
     EXPECT_EQ(os::WaitForSingleObject(stranger, 20000), WAIT_OBJECT_0);
     EXPECT_FALSE(os::GetExitCodeProcess(stranger, &code));
     EXPECT_EQ(ErrorOf(os::OpenProcess(0, FALSE, 0x7FFFFFF0)), ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(RunChild([] { os::TerminateProcess(os::GetCurrentProcess(), 21); }).ExitCode, 21);
+    EXPECT_EQ(RunInChild([] { os::TerminateProcess(os::GetCurrentProcess(), 21); }).ExitCode, 21);
     // Many at once; those whose handles are closed while they run are reaped as well.
     std::vector<std::unique_ptr<Started>> children;
     for (int i = 0; i < 50; i++) {

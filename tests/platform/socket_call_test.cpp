@@ -3,10 +3,6 @@
 
 namespace {
 
-DWORD Set(SOCKET s, int level, int name, auto value) {
-    return SocketError(os::setsockopt(s, level, name, reinterpret_cast<char *>(&value), sizeof value));
-}
-
 int Get(SOCKET s, int level, int name) {
     int value = -1, length = sizeof value;
     EXPECT_EQ(0, os::getsockopt(s, level, name, reinterpret_cast<char *>(&value), &length)) << name;

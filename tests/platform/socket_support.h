@@ -68,6 +68,10 @@ DWORD SocketError(Result result) {
     return result == static_cast<Result>(-1) ? os::GetLastError() : 0;
 }
 
+DWORD Set(SOCKET s, int level, int name, auto value) {
+    return SocketError(os::setsockopt(s, level, name, reinterpret_cast<char *>(&value), sizeof value));
+}
+
 struct SocketOperation : Operation {
     char Areas[64];
     DWORD Receive(SOCKET s, void *buffer, size_t bytes, DWORD flags = 0) {

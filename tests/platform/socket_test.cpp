@@ -10,10 +10,7 @@ TEST(Socket, NoDescriptorBeforeACallNeedsOne) {
     EXPECT_EQ(WSAENOTCONN, SocketError(os::recv(s, &byte, 1, 0)));
     EXPECT_EQ(before, OpenDescriptors());
     // Of many first users one makes it.
-    AtOnce([&] {
-        int value = 1;
-        EXPECT_EQ(0, os::setsockopt(s, IPPROTO_TCP, ZVX_TCP_NODELAY, reinterpret_cast<char *>(&value), sizeof value));
-    });
+    AtOnce([&] { EXPECT_EQ(0u, Set(s, IPPROTO_TCP, ZVX_TCP_NODELAY, 1)); });
     EXPECT_EQ(before + 1, OpenDescriptors());
     const sockaddr_in address = Loopback();
     EXPECT_EQ(0, os::bind(s, Plain(address), sizeof address));
@@ -28,10 +25,7 @@ TEST(Socket, SendsAreTakenWholeAndInOrder) {
     Pair pair;
     const HANDLE port = NewPort();
     for (const SOCKET s : {pair.Client, pair.Server})
-        for (const int name : {ZVX_SO_SNDBUF, ZVX_SO_RCVBUF}) {
-            int size = 32768;
-            EXPECT_EQ(0, os::setsockopt(s, ZVX_SOL_SOCKET, name, reinterpret_cast<char *>(&size), sizeof size));
-        }
+        for (const int name : {ZVX_SO_SNDBUF, ZVX_SO_RCVBUF}) EXPECT_EQ(0u, Set(s, ZVX_SOL_SOCKET, name, 32768));
     const std::string data = Pattern(3000000);
     std::string received;
     std::thread reader([&] { Pause(50), received = ReceiveAll(pair.Client); });
@@ -108,8 +102,7 @@ TEST(Socket, HowAConnectionEnds) {
         EXPECT_TRUE(send(polite.Server) == WSAESHUTDOWN && receive(polite.Server) == WSAESHUTDOWN);
         SocketOperation waiting;
         const DWORD reset = overlapped ? waiting.Receive(rude.Server, &byte, 1) : 0;
-        const zvx_linger hard{1, 0};
-        os::setsockopt(rude.Client, ZVX_SOL_SOCKET, ZVX_SO_LINGER, reinterpret_cast<const char *>(&hard), sizeof hard);
+        EXPECT_EQ(0u, Set(rude.Client, ZVX_SOL_SOCKET, ZVX_SO_LINGER, zvx_linger{1, 0}));
         EXPECT_EQ(0, os::closesocket(rude.Client));
         EXPECT_EQ(WSAECONNRESET, overlapped ? waiting.End(port, reset) : receive(rude.Server));
         EXPECT_EQ(WSAECONNRESET, receive(rude.Server)) << "still";
@@ -171,8 +164,7 @@ TEST(Socket, AcceptExGivesConnectionsInTheirOrder) {
         for (int i = 0; i < 4; i++) {
             fresh[i] = NewSocket();
             // One with a descriptor of its own already.
-            int keep = 1;
-            if (i == 1) os::setsockopt(fresh[i], ZVX_SOL_SOCKET, ZVX_SO_KEEPALIVE, reinterpret_cast<char *>(&keep), 4);
+            if (i == 1) Set(fresh[i], ZVX_SOL_SOCKET, ZVX_SO_KEEPALIVE, 1);
             ASSERT_EQ(ERROR_IO_PENDING, ops[i].Accept(listener, fresh[i]));
         }
         SocketOperation wrong;

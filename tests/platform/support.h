@@ -18,8 +18,15 @@
 #include <vector>
 
 #include "../support/run_child.h"
+#include "platform/base/fiber_internal.h"  // which sanitizer this build has
 #include "platform/base/object.h"
 #include "platform/os.h"
+
+#if defined(ZVX_ASAN) || defined(ZVX_TSAN)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
 
 inline double MillisecondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
@@ -67,11 +74,6 @@ inline void ExpectOnlyTheHandle(HANDLE handle) {
     EXPECT_EQ(object->Refs.load(), 2u) << "a lost or leaked reference";
     EXPECT_EQ(object->Waiters, nullptr);
     os::UnrefObject(object);
-}
-
-template <typename Body>
-ChildResult RunChild(Body body) {
-    return RunInChild(body, 0, true);
 }
 
 // Bytes that tell their own place.

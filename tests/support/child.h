@@ -5,45 +5,25 @@
 #ifndef ZVX_TESTS_SUPPORT_CHILD_H
 #define ZVX_TESTS_SUPPORT_CHILD_H
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <regex>
-#include <string>
 
 #include "diag/trace.h"
 #include "run_child.h"
+#include "scripted_os.h"
 
 namespace zvx::test {
 
-inline std::string ReadWhole(const std::string &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-// A fresh folder, removed with the object. One at a time in a process.
-struct Folder {
-    Folder() {
-        std::filesystem::remove_all(Path);
-        std::filesystem::create_directories(Path);
-    }
-    ~Folder() { std::filesystem::remove_all(Path); }
-    Folder(const Folder &) = delete;
-    Folder &operator=(const Folder &) = delete;
-
+struct Folder : ScratchFolder {
     // The name of the only file; empty when there is not exactly one.
     std::string OnlyFile() const {
         std::string name;
-        for (const auto &entry : std::filesystem::directory_iterator(Path)) {
+        for (const auto &entry : std::filesystem::directory_iterator(Name)) {
             if (!name.empty()) return "";
             name = entry.path().filename().string();
         }
         return name;
     }
-    std::string Text() const { return ReadWhole(Path + "/" + OnlyFile()); }
-    // Without a separator at its end.
-    const std::string Path =
-        (std::filesystem::temp_directory_path() / ("zvx_unit_" + std::to_string(getpid()))).string();
+    std::string Text() const { return ReadWhole(File(OnlyFile())); }
 };
 
 // How FatalExit ended the process that ran body().
@@ -56,12 +36,17 @@ template <typename Body>
 Killed Kill(Body body) {
     const Folder folder;
     const auto traced = [&] {
-        TraceInit(folder.Path.c_str());
+        TraceInit(folder.Name.c_str());
+        // Short but real, so that threads that wait for one another make progress.
+        os::script::gScript.OnSleep = [](DWORD ms) {
+            os::script::AdvanceClock(ms);
+            usleep(ms == 0 ? 0 : 200);
+        };
         body();
     };
     const ChildResult child = RunInChild(traced, 99, false);
     std::string output = child.ExitCode == 1 ? child.Output : std::to_string(child.ExitCode) + ": " + child.Output;
-    const std::string see = " (see " + folder.Path + "/" + folder.OnlyFile() + ")\n";
+    const std::string see = " (see " + folder.File(folder.OnlyFile()) + ")\n";
     for (size_t at; (at = output.find(see)) != output.npos;) output.replace(at, see.size(), "|");
     return {output, std::regex_replace(folder.Text(), std::regex("(^|\n)\\[[^\\]]*\\] "), "$1")};
 }

@@ -6,8 +6,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <thread>
@@ -16,21 +14,20 @@
 #include "child.h"
 #include "config/settings.h"
 #include "sched/records.h"
-#include "scripted_os.h"
 
 namespace zvx {
 namespace {
 
 namespace fs = std::filesystem;
 using os::script::gScript;
-using test::ReadWhole;
+using test::Kill;
 
 std::string ExpectedName(const std::string &sid) {
     return "zvxkvt_" + sid + "_pid_" + std::to_string(getpid()) + "_2005_9_3_14_7_9.txt";
 }
 
 struct Trace : testing::Test {
-    void Start() { TraceInit(Dir.Path.c_str()); }
+    void Start() { TraceInit(Dir.Name.c_str()); }
     const test::Folder Dir;
 };
 
@@ -54,7 +51,7 @@ TEST_F(Trace, NameAndLineFormats) {
 
 TEST_F(Trace, Directories) {
     unsetenv("ZORVEX_SID");
-    const std::string base = Dir.Path, name = ExpectedName("");
+    const std::string base = Dir.Name, name = ExpectedName("");
     fs::create_directories(base + "/C:\\logs");
     fs::current_path(base);
     const auto write = [](const std::string &dir, const char *line) {
@@ -81,7 +78,7 @@ TEST_F(Trace, CutsFallBetweenCharacters) {
             const std::string head(1023 - before, 'a');
             const std::string whole = head + wide + "tail";
             Start();
-            fs::remove(Dir.Path + "/" + gTraceFileName);
+            fs::remove(Dir.Name + "/" + gTraceFileName);
             TraceLog(false, true, false, "%s", whole.c_str());
             EXPECT_EQ(Dir.Text(), before < wide.size() ? head : whole.substr(0, 1023)) << wide << before;
         }
@@ -89,7 +86,7 @@ TEST_F(Trace, CutsFallBetweenCharacters) {
 
 TEST_F(Trace, PrefixAndLastError) {
     Start();
-    const std::string path = Dir.Path + "/" + gTraceFileName;
+    const std::string path = Dir.Name + "/" + gTraceFileName;
     fs::create_directory(path);  // the line cannot be written, which sets errors of its own
     fs::current_path("/proc");
     os::SetLastError(1234);
@@ -117,7 +114,7 @@ TEST_F(Trace, PrefixAndLastError) {
 
 // Latecomers to the set-up wait for it, and lines of several threads never mix while the name changes under them.
 TEST_F(Trace, ManyThreads) {
-    const std::string dirs[] = {Dir.Path + "/a", Dir.Path + "/b"};
+    const std::string dirs[] = {Dir.Name + "/a", Dir.Name + "/b"};
     for (const std::string &dir : dirs) fs::create_directory(dir);
     fs::current_path(dirs[0]);
     std::vector<std::thread> writers;
@@ -139,16 +136,6 @@ TEST_F(Trace, ManyThreads) {
 }
 
 // ---- The end of the process ---------------------------------------------------------------------------
-
-// Sleeps in the child are short but real, so that threads that wait for one another make progress.
-template <typename Body>
-test::Killed Kill(Body body) {
-    gScript.OnSleep = [](DWORD ms) {
-        os::script::AdvanceClock(ms);
-        usleep(ms == 0 ? 0 : 200);
-    };
-    return test::Kill(body);
-}
 
 TEST(FatalExit, WritesDumpsThenTells) {
     // With crash dumps that were written before: no second set, but both lines.
