@@ -10,7 +10,6 @@
 #include "alloc/alloc.h"
 #include "diag/stats.h"
 #include "diag/trace.h"
-#include "kernel/handles.h"
 #include "sched/startup.h"
 
 namespace zvx::test {
@@ -146,7 +145,7 @@ PSEHAND *NewEntry(Scheduler *S, uint32_t type) {
     return entry;
 }
 
-DWORD ReadOn(Fiber *F, PSEHAND *entry) {
+DWORD ReadOn(Fiber *F, PSEHAND *entry, const std::function<void()> &between) {
     FIBEROVERLAPPED *rec = &F->OwnOvs[0];
     F->CurOv = &rec->Ov;
     rec->OpArg = 3;
@@ -161,6 +160,7 @@ DWORD ReadOn(Fiber *F, PSEHAND *entry) {
         return 0;
     }
     if (os::GetLastError() != ERROR_IO_PENDING) std::abort();
+    if (between) between();
     WaitForCurOv(F);
     return os::LoadStatus(&rec->Ov);
 }

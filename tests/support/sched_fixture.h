@@ -59,16 +59,18 @@ Names TakeNotes();
 // A handle entry of the given type for a scripted file, inserted in the table and bound to S's port.
 PSEHAND *NewEntry(Scheduler *S, uint32_t type);
 // Issues an operation of F's embedded record on `entry` as the file functions do, which the script must answer as
-// pending, and waits for it. Returns the final status.
-DWORD ReadOn(Fiber *F, PSEHAND *entry);
+// pending, and waits for it, after `between`. Returns the final status.
+DWORD ReadOn(Fiber *F, PSEHAND *entry, const std::function<void()> &between = nullptr);
 
-// One scheduler, checked at the end.
+// One scheduler; it, and any other one, is checked at the end.
 struct SchedTest : testing::Test {
     void SetUp() override {
         InitLibrary();
         S = NewScheduler();
     }
-    void TearDown() override { CheckScheduler(S); }
+    void TearDown() override {
+        for (uint32_t i = 0; i < gNumSchedulers; i++) CheckScheduler(gSchedulers[i]);
+    }
     // Runs body as a user thread until it parks or ends.
     Fiber *Run(std::function<void(Fiber *)> body, uint32_t role = ROLE_OTHER) {
         Fiber *F = NewFiber(S, std::move(body));
@@ -99,15 +101,15 @@ struct CallTest : SchedTest {
         Run([&](Fiber *F) { body(F), ended = true; });
         EXPECT_TRUE(ended) << "it waits";
     }
-    // Ends F's oldest operation that has a routine, of a file or else of a socket; below, the one that F waits for.
-    void EndRoutineOf(Fiber *F, DWORD status, DWORD bytes) {
-        ListHead *ovs = F->FileOvs.Count != 0 ? &F->FileOvs : &F->SocketOvs;
-        script::EndOperation(&ZVX_RECORD_OF(FirstLink(ovs), FIBEROVERLAPPED, Link)->Ov, status, bytes);
+    void End(OVERLAPPED *ov, DWORD status = STATUS_SUCCESS, DWORD bytes = 1) {
+        script::EndOperation(ov, status, bytes);
         RunUntilIdle(S);
     }
-    void EndWaitOf(Fiber *F, DWORD status, DWORD bytes) {
-        script::EndOperation(&F->OwnOvs[0].Ov, status, bytes);
-        RunUntilIdle(S);
+    // Ends the operation that F waits for; below, F's oldest one that has a routine, of a file or else of a socket.
+    void EndWaitOf(Fiber *F, DWORD status = STATUS_SUCCESS, DWORD bytes = 1) { End(&F->OwnOvs[0].Ov, status, bytes); }
+    void EndRoutineOf(Fiber *F, DWORD status, DWORD bytes) {
+        ListHead *ovs = F->FileOvs.Count != 0 ? &F->FileOvs : &F->SocketOvs;
+        End(&ZVX_RECORD_OF(FirstLink(ovs), FIBEROVERLAPPED, Link)->Ov, status, bytes);
     }
     static void Answer(script::IoAnswer answer) {
         script::gScript.OnIo = [answer](const script::IoCall &) { return answer; };
@@ -122,10 +124,6 @@ struct TwoSchedulers : CallTest {
     void SetUp() override {
         CallTest::SetUp();
         Other = NewScheduler();
-    }
-    void TearDown() override {
-        CheckScheduler(Other);
-        CallTest::TearDown();
     }
     Scheduler *Other = nullptr;
 };

@@ -96,11 +96,6 @@ void MakeFinal(const IoCall &call, DWORD status, DWORD bytes) {
     StateOf(file->Port)->Queue.push_back({bytes, file->Key, ov, ErrorOfStatus(status), call.Op});
 }
 
-void Cancel(HANDLE file, OVERLAPPED *ov) {
-    gScript.Cancels.push_back({file, 0, ov, nullptr});
-    if (RunningOn(ov) == file && !gScript.HoldCancels) EndOperation(ov, STATUS_CANCELLED, 0);
-}
-
 BOOL Issue(const char *name, const IoCall &call, DWORD *moved) {
     if (ShouldFail(name) || FileOf(call.File) == nullptr) return FALSE;
     if (call.Ov == nullptr) Misuse("a synchronous operation");
@@ -291,16 +286,10 @@ BOOL HasOverlappedIoCompleted(OVERLAPPED *overlapped) {
 }
 
 BOOL CancelIoEx(HANDLE file, OVERLAPPED *overlapped) {
-    if (ShouldFail("CancelIoEx")) return FALSE;
-    const Request *request = RequestOf(overlapped);
-    const bool found = request != nullptr && request->Call.File == file;
-    Cancel(file, overlapped);
-    if (!found) SetLastError(ERROR_NOT_FOUND);
+    gScript.Cancels++;
+    const bool found = RunningOn(overlapped) == file;
+    if (found && !gScript.HoldCancels) EndOperation(overlapped, STATUS_CANCELLED, 0);
     return found;
-}
-
-BOOL FlushFileBuffers(HANDLE) {
-    Misuse("a flush that blocks");
 }
 
 BOOL FlushFileBuffers(HANDLE file, OVERLAPPED *overlapped, IoOp *op) {
@@ -320,30 +309,8 @@ uint32_t CancelIoInRange(const void *low, const void *high) {
     for (const Request &request : requests)
         if (request.Thread == CurrentThreadBlock()->Io && request.Call.Ov >= low && request.Call.Ov < high &&
             !request.Ended)
-            Cancel(request.Call.File, request.Call.Ov);
+            CancelIoEx(request.Call.File, request.Call.Ov);
     return IoOutstandingInRange(low, high);
 }
-
-const char *IoBackendName() {
-    return "scripted";
-}
-const char *IoBackendNote() {
-    return "";
-}
-
-// ---- What the library refers to and no unit test comes to --------------------------------------------
-
-#define ZVX_NEVER(type, name, ...) \
-    type name(__VA_ARGS__) {       \
-        Misuse(#name);             \
-    }
-ZVX_NEVER(DWORD, SleepEx, DWORD, BOOL)
-ZVX_NEVER(BOOL, ReadFileEx, HANDLE, void *, DWORD, OVERLAPPED *, LPOVERLAPPED_COMPLETION_ROUTINE)
-ZVX_NEVER(BOOL, WriteFileEx, HANDLE, const void *, DWORD, OVERLAPPED *, LPOVERLAPPED_COMPLETION_ROUTINE)
-ZVX_NEVER(HANDLE, CreateFileW, const WCHAR *, DWORD, DWORD, SECURITY_ATTRIBUTES *, DWORD, DWORD, HANDLE)
-ZVX_NEVER(BOOL, LockFileEx, HANDLE, DWORD, DWORD, DWORD, DWORD, OVERLAPPED *)
-ZVX_NEVER(DWORD, SetFilePointer, HANDLE, LONG, LONG *, DWORD)
-ZVX_NEVER(BOOL, SetEndOfFile, HANDLE)
-#undef ZVX_NEVER
 
 }  // namespace os

@@ -106,13 +106,9 @@ BOOL GetProcessAffinityMask(HANDLE, uint32_t *processMask, uint32_t *systemMask)
 }
 
 BOOL SetProcessAffinityMask(HANDLE, uint32_t mask) {
-    if (ShouldFail("SetProcessAffinityMask")) return FALSE;
-    if (mask == 0 || (mask & ~gScript.SystemMask) != 0) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
-    gScript.ProcessMask = mask;
-    return TRUE;
+    const bool valid = mask != 0 && (mask & ~gScript.SystemMask) == 0;
+    if (valid) gScript.ProcessMask = mask;
+    return valid;
 }
 
 // ---- Kernel threads ----------------------------------------------------------------------------------
@@ -209,10 +205,6 @@ HANDLE CreateThread(SECURITY_ATTRIBUTES *, size_t, LPTHREAD_START_ROUTINE start,
     RefObject(object);
     gWaiting.push_back({object, start, param});
     return NewHandle(object);
-}
-
-void ExitThread(DWORD) {
-    script::Misuse("a kernel thread was to end itself");
 }
 
 }  // namespace os

@@ -18,7 +18,7 @@
 //     as many reads of the cycle counter by one fiber, with nothing else happening, OnSpin is called.
 //   - os::CreateThread only records; RunThread runs what it recorded, and EndThread ends one, even one that
 //     TerminateThread was called for. Masks and priorities are kept as values, and every change of one is recorded.
-//   - A socket is a scripted file. Every call of a socket function is noted in gSockets.Calls, as its name and what the
+//   - A socket is a scripted file. Every call of a socket function is noted in SocketCalls, as its name and what the
 //     library chose for it.
 //   - os::FailCall makes the nth call of a named function fail, here as on the real platform.
 //
@@ -98,25 +98,24 @@ struct Script {
     std::function<BOOL(void *buffer, DWORD characters, DWORD *read)> OnReadConsole;
     bool HoldCancels = false;  // a cancelled operation goes on until the test ends it
     std::vector<IoCall> Calls;
-    std::vector<IoCall> Cancels;       // File and Ov of every operation that was to be cancelled
+    uint32_t Cancels = 0;              // operations that were to be cancelled
     std::vector<uintptr_t> BoundKeys;  // of every handle that was associated with a port
     uint32_t Flushes = 0;              // by FlushFileBuffers
     std::vector<Packet> Posted;        // by PostQueuedCompletionStatus
     DWORD LastPortWaitMs = 0;
+
+    // Sockets.
+    std::vector<std::string> SocketCalls;
+    std::set<SOCKET> OpenSockets;
+    // Rewrites the sets as select does; without one nothing is ever ready.
+    std::function<int(zvx_fd_set *read, zvx_fd_set *write, zvx_fd_set *error)> OnSelect;
 };
 
 extern Script gScript;
 
 constexpr char kPeerAddress[] = "address of peer";  // 16 bytes
 
-struct Sockets {
-    std::vector<std::string> Calls;
-    std::set<SOCKET> Open;
-    // Rewrites the sets as select does; without one nothing is ever ready.
-    std::function<int(zvx_fd_set *read, zvx_fd_set *write, zvx_fd_set *error)> OnSelect;
-};
-extern Sockets gSockets;
-// The calls since the last time.
+// The calls of socket functions since the last time.
 std::vector<std::string> TakeCalls();
 SOCKET NewSocket();
 

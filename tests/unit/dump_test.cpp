@@ -79,8 +79,7 @@ TEST(DumpHelper, IsAwaitedByItsHandle) {
 }
 
 struct Sweep : testing::Test {
-    void SetUp() override { Init(); }
-    void Init() {
+    void SetUp() override {
         setenv("ZORVEX_SID", "X", 1);
         InitLibrary();
         RecordNames();
@@ -184,15 +183,9 @@ TEST_F(Sweep, AsTheTimerCheckServesIt) {
     EXPECT_EQ(TakeNotes(), (Names{"1 exited", "A"}));
 }
 
-// Everything happens in a child.
-struct FatalSweep : Sweep {
-    void SetUp() override {}
-};
-
-TEST_F(FatalSweep, WithinASweepAndWithinItsOwnDumps) {
+TEST_F(Sweep, FatalErrorsWithinItAndWithinItsOwnDumps) {
     // The second dump of a sweep ends the process; so does, once more, the third of those that it writes.
     const Killed killed = Kill([&] {
-        Init();
         gDumpProcess = DumpForFatalExit;
         Fiber *origin = NewParked("ORIGIN", [](Fiber *) { DumpProcess("debug"); });
         NewParked("A");

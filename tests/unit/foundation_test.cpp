@@ -29,10 +29,8 @@ std::map<std::string, std::string> gValues;  // what the host knows, by full nam
 int HostLookup(const char *name, char *buffer, int capacity) {
     const auto found = gValues.find(name);
     if (found == gValues.end()) return 0;
-    const std::string value = found->second.substr(0, static_cast<size_t>(capacity));
     std::memset(buffer, '7', static_cast<size_t>(capacity) + 1);
-    std::memcpy(buffer, value.data(), value.size());
-    return static_cast<int>(value.size());
+    return static_cast<int>(found->second.copy(buffer, static_cast<size_t>(capacity)));
 }
 
 // Reads the settings afresh, with `keys` under their common names, and returns the start-up text.

@@ -21,6 +21,15 @@ uint32_t FlagsOf(HANDLE handle) {
     return LookUpHandle(handle)->Flags.load();
 }
 
+// An entry for a value that the operating system need not know.
+PSEHAND *Insert(Scheduler *S, uintptr_t handle) {
+    PSEHAND *entry = AllocHandleEntry(S, kOwnNode);
+    entry->Handle = static_cast<uint32_t>(handle);
+    entry->Type = PHAND_HTYPE_CreateFileA;
+    InsertHandle(entry);
+    return entry;
+}
+
 // An association that is refused without a reason counts as made for a file, never for a pipe; the polling model binds
 // pipes only.
 TEST_F(IoCall, OpeningBinds) {
@@ -153,11 +162,8 @@ TEST_F(IoCall, ACloseDuringTheWaitTakesThePositionAway) {
         Note("read " + std::to_string(got));
     });
     RunToEnd([&](Fiber *) { CloseHandle(file); });
-    PSEHAND *young = AllocHandleEntry(S, kOwnNode);  // as if the value had been given out again
-    young->Type = PHAND_HTYPE_CreateFileA;
-    young->Handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(file));
+    PSEHAND *young = Insert(S, reinterpret_cast<uintptr_t>(file));  // as if the value had been given out again
     young->FilePosition.store(7);
-    InsertHandle(young);
     EndWaitOf(F, STATUS_SUCCESS, 40);
     EXPECT_EQ(TakeNotes(), Names{"read 40"});
     EXPECT_EQ(young->FilePosition.load(), 7u);
@@ -191,23 +197,14 @@ TEST_F(IoCall, RoutineRecordsAreCountedAndGivenBack) {
 
 // ---- The table of handles: growth, and families of duplicates. Entries under a reader: tests/model ----
 
-struct HandleTable : CallTest {
-    // An entry for a value that the operating system need not know.
-    PSEHAND *Insert(uint32_t handle) {
-        PSEHAND *entry = AllocHandleEntry(S, kOwnNode);
-        entry->Handle = handle;
-        entry->Type = PHAND_HTYPE_CreateFileA;
-        InsertHandle(entry);
-        return entry;
-    }
-};
+using HandleTable = CallTest;
 
 TEST_F(HandleTable, GrowthKeepsEveryEntryAndTheArrayBefore) {
-    PSEHAND *low = Insert(400);
-    PSEHAND *last = Insert((0x200000 - 1) * 4);
+    PSEHAND *low = Insert(S, 400);
+    PSEHAND *last = Insert(S, (0x200000 - 1) * 4);
     EXPECT_EQ(gHandleTableSize.load(), 0x200000u);
     EXPECT_EQ(LookUpHandle(0x200000 * 4), nullptr) << "the first slot beyond the array";
-    PSEHAND *high = Insert(20'000'000);  // two doublings at once
+    PSEHAND *high = Insert(S, 20'000'000);  // two doublings at once
     EXPECT_EQ(gHandleTableSize.load(), 8'388'608u);
     EXPECT_EQ(gRetiredHandleTable[100].load(), low) << "a late reader of the array before finds what was there";
     EXPECT_TRUE(LookUpHandle(400) == low && LookUpHandle((0x200000 - 1) * 4) == last &&
@@ -216,7 +213,7 @@ TEST_F(HandleTable, GrowthKeepsEveryEntryAndTheArrayBefore) {
         EXPECT_EQ(LookUpHandle(never), nullptr);
 
     // A value that was given out again: the old entry leaves the slot to the new one.
-    PSEHAND *young = Insert(400);
+    PSEHAND *young = Insert(S, 400);
     EXPECT_FALSE(RemoveHandle(low));
     EXPECT_EQ(LookUpHandle(400), young);
     EXPECT_TRUE(RemoveHandle(young));
@@ -294,7 +291,6 @@ TEST_F(RingLog, BatchesGoOutInOrderAndARefusedOneIsTriedAgain) {
 
 // ---- Sockets -----------------------------------------------------------------------------------------
 
-using script::gSockets;
 using script::TakeCalls;
 
 struct NetCall : CallTest {
@@ -494,11 +490,11 @@ TEST_F(NetCall, AFailureClosesWhatWasMade) {
             EXPECT_EQ(os::GetLastError(), WSA_OPERATION_ABORTED);
             Note("failed");
         });
-        EXPECT_EQ(gSockets.Open.size(), 2u);
+        EXPECT_EQ(gScript.OpenSockets.size(), 2u);
         if (terminated) SendOne(S, MSG_TERMINATE, F, Generation(F), 5);
         terminated ? RunUntilIdle(S) : EndWaitOf(F, STATUS_CANCELLED, 0);
         EXPECT_EQ(TakeNotes(), terminated ? Names{} : Names{"failed"});
-        EXPECT_EQ(gSockets.Open, std::set<SOCKET>{listener});
+        EXPECT_EQ(gScript.OpenSockets, std::set<SOCKET>{listener});
         EXPECT_EQ(gHandleCount, 1u);
     }
 }
@@ -536,7 +532,7 @@ TEST_F(NetCall, EveryLookAsksTheWholeQuestion) {
     read.Sockets[399] = 8;
     zvx_fd_set write{1, {8}};
     uint32_t looks = 0, readyAt = 0;
-    gSockets.OnSelect = [&](zvx_fd_set *reads, zvx_fd_set *writes, zvx_fd_set *error) {
+    gScript.OnSelect = [&](zvx_fd_set *reads, zvx_fd_set *writes, zvx_fd_set *error) {
         SOCKET *const sockets = reads->fd_array;
         EXPECT_TRUE(reads->fd_count == 400 && sockets[399] == 8 && writes->fd_count == 1 && error == nullptr);
         const bool ready = ++looks == readyAt;

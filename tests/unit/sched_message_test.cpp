@@ -52,10 +52,6 @@ struct CompletionTest : CallTest {
         CallTest::SetUp();
         File = NewEntry(S, PHAND_HTYPE_CreateFileA);
     }
-    void End(OVERLAPPED *ov, DWORD status = STATUS_SUCCESS, DWORD bytes = 1) {
-        script::EndOperation(ov, status, bytes);
-        RunUntilIdle(S);
-    }
     // A read with a routine, in an operation of the library's.
     OVERLAPPED *Issue(Fiber *F, HANDLE file, LPOVERLAPPED_COMPLETION_ROUTINE routine) {
         EXPECT_TRUE(ReadFileEx(file, nullptr, 1, &Callers[Issued++], routine));
@@ -92,7 +88,7 @@ TEST_F(CompletionTest, HowAnEndIsToBeNoticed) {
         EXPECT_EQ(rec.Flags, c.Flags);
         EXPECT_TRUE(S->PolledCount == c.Polled && S->PortCount == c.Port);
         EXPECT_EQ(WithoutPacket(AvoidCompletionEvent) == rec.Ov.hEvent, c.Flags == OV_FILE);
-        End(&F->OwnOvs[0].Ov);
+        EndWaitOf(F);
         EXPECT_EQ(TakeNotes(), Names{"read"});
         EXPECT_EQ(S->PolledCount + S->PortCount + script::QueuedPackets(S->Port), 0u);
         EXPECT_EQ(script::QueuedPackets(other->Port), 0u);
@@ -117,7 +113,7 @@ TEST_F(CompletionTest, APolledEndLeavesAPacketThatIsDropped) {
     EXPECT_EQ(skipped, 1u) << "found by polling: the packet still comes";
     EXPECT_EQ(TakeNotes(), Names{}) << "the old packet does not end the new operation";
     EXPECT_EQ(F->OwnOvs[0].SkipPackets, 0u);
-    End(&F->OwnOvs[0].Ov);
+    EndWaitOf(F);
     EXPECT_EQ(TakeNotes(), Names{"again"});
 }
 
@@ -142,17 +138,9 @@ TEST_F(CompletionTest, SeveralEndsAreServedInTheOrderOfFiling) {
 // The operation ends, and is reaped, between its issue and the yield.
 TEST_F(CompletionTest, AnEndBeforeTheFilingIsNotLost) {
     Fiber *F = Run([&](Fiber *self) {
-        FIBEROVERLAPPED *rec = &self->OwnOvs[0];
-        self->CurOv = &rec->Ov;
-        rec->HandleRec = File;
-        rec->OsHandle = HandleValue(File);
-        PacketOrPoll(S, rec, File, OV_FILE, false);
-        DWORD got;
-        ASSERT_FALSE(os::ReadFile(rec->OsHandle, nullptr, 1, &got, &rec->Ov, &rec->Io));
-        script::EndOperation(&rec->Ov, 0, 7);
-        os::ReapIo(S->Io);
-        WaitForCurOv(self);
-        Note("ended with " + std::to_string(rec->Ov.InternalHigh));
+        OVERLAPPED *ov = &self->OwnOvs[0].Ov;
+        ReadOn(self, File, [&] { script::EndOperation(ov, 0, 7), os::ReapIo(S->Io); });
+        Note("ended with " + std::to_string(ov->InternalHigh));
     });
     EXPECT_EQ(TakeNotes(), Names{"ended with 7"});
     EXPECT_EQ(F->OwnOvs[0].EndedIn, kEndedNowhere);
@@ -172,7 +160,7 @@ TEST_F(CompletionTest, AnExitWaitsForTheOperationsOnItsStack) {
     });
     const uint32_t generation = Generation(F);
     RunUntilIdle(S);
-    EXPECT_FALSE(script::gScript.Cancels.empty());
+    EXPECT_NE(script::gScript.Cancels, 0u);
     EXPECT_EQ(Generation(F), generation) << "the operation still runs";
     End(onStack, STATUS_CANCELLED, 0);
     EXPECT_EQ(Generation(F), generation + 1);

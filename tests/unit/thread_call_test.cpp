@@ -149,11 +149,7 @@ TEST_F(WaitCall, AlertableWaitsEndForRoutines) {
 std::function<void()> gRoutine;
 
 // A target that is identified and parked, and what reaches it.
-struct Dedicated : CallTest {
-    void SetUp() override {
-        CallTest::SetUp();
-        Event = NewEvent(false, false);
-    }
+struct Dedicated : WaitCall {
     // Parks the target in `wait`, whose result it notes.
     void Park(std::function<std::string(Fiber *)> wait) {
         Target = Run([=, this](Fiber *F) {
@@ -178,15 +174,12 @@ struct Dedicated : CallTest {
         Pass(4 + gTimerInterval);
         EXPECT_EQ(TakeNotes(), Names{note});
     }
-    HANDLE Event = nullptr;
     Fiber *Target = nullptr;
 };
 
 std::string Said(DWORD result) {
     return std::to_string(result) + " error " + std::to_string(os::GetLastError());
 }
-
-// ---- Injected routines -------------------------------------------------------------------------------
 
 TEST_F(Dedicated, AWaitGoesOnForWhatIsLeft) {
     Park([](Fiber *) {
@@ -271,17 +264,17 @@ TEST_F(Dedicated, OneRoutineAtATime) {
 std::string ReadInto(char *buffer, DWORD room) {
     DWORD got = 99;
     os::SetLastError(12345);
+    script::gScript.OnReadConsole = [](void *to, DWORD characters, DWORD *read) -> BOOL {
+        memset(to, 'x', characters);  // of the caller, who may be gone
+        *read = 3;
+        os::SetLastError(77);  // also after success
+        return TRUE;
+    };
     const BOOL done = ReadConsoleA(nullptr, buffer, room, &got, nullptr);
     return std::to_string(done) + " " + Said(got);
 }
 
 TEST_F(Dedicated, ACallGivesBackWhatItWroteAndSaid) {
-    script::gScript.OnReadConsole = [](void *buffer, DWORD room, DWORD *read) -> BOOL {
-        memset(buffer, 'x', room);
-        *read = 3;
-        os::SetLastError(77);  // also after success
-        return TRUE;
-    };
     char buffer[9] = "--------";
     Park([&](Fiber *) { return ReadInto(buffer, 8); });
     EXPECT_EQ(script::gScript.Priorities.back(), THREAD_PRIORITY_ABOVE_NORMAL);
@@ -297,11 +290,6 @@ TEST_F(Dedicated, ACallGivesBackWhatItWroteAndSaid) {
 }
 
 TEST_F(Dedicated, ATerminatedCallerLeavesItsCallToTheThread) {
-    script::gScript.OnReadConsole = [](void *buffer, DWORD room, DWORD *read) -> BOOL {
-        memset(buffer, 'x', room);  // the stack of the caller is gone by now
-        *read = room;
-        return TRUE;
-    };
     const auto read = [](Fiber *) {
         char buffer[256];
         return ReadInto(buffer, sizeof buffer);
