@@ -27,6 +27,7 @@ TEST_P(OperatorFiles, ALineASecondTellsWhatWasDoneAndWhoHeldItsScheduler) {
     options.TraceDirectory = folder.Name;
     options.Settings.emplace_back("LogToFile", "1");
     EXPECT_HOST_OK(RunHost(options, [&folder] {
+        const ULONGLONG start = GetTickCount64();
         const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
         std::atomic<bool> stop{false}, known{false};
         HostThread session([&]() -> DWORD {
@@ -37,34 +38,35 @@ TEST_P(OperatorFiles, ALineASecondTellsWhatWasDoneAndWhoHeldItsScheduler) {
         });
         while (!known) Sleep(1);
         uint64_t posts = 0;
-        const ULONGLONG start = GetTickCount64();
-        for (bool kept = false; GetTickCount64() < start + 3300; posts++) {
+        // In every second: on a busy machine another thread may have been the longest in one of them.
+        for (ULONGLONG keep = start + 300; GetTickCount64() < start + 3300; posts++) {
             HOST_CHECK(PostUserThread(event));
             Sleep(posts % 50 == 0 ? 1 : 0);
-            if (kept || GetTickCount64() < start + 1300) continue;
-            kept = true;
+            if (GetTickCount64() < keep) continue;
+            keep += 1000;
             KeepTheProcessorBusy(80);
         }
         stop = true;
         session.Join();
+        const ULONGLONG took = GetTickCount64() - start;
         std::ifstream file(folder.File("SID_pid_" + std::to_string(getpid()) + "_fiber_stats.txt"));
         // The shape that whoever reads the file relies on.
         const std::regex shape(
             "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d sessions (\\d+) threads \\d+ switches (\\d+)/s posts (\\d+)/s "
             "polled \\d+/s packets \\d+/s hold ([0-9.]+) ms \\[(.*)\\] on \\d+ dropped 0");
         bool held = false, worked = false;
-        int lines = 0;
+        ULONGLONG lines = 0;
         for (std::string line; std::getline(file, line); lines++) {
             std::smatch is;
             HOST_CHECK(std::regex_match(line, is, shape));
             if (is.empty()) continue;
             const double ms = std::stod(is[4]);
-            held |= ms >= 70 && ms < 1000 && is[5] == "FMAIN";
+            held |= ms >= 70 && ms < static_cast<double>(took) && is[5] == "FMAIN";
             worked |= std::stoul(is[3]) > 100 && std::stoul(is[2]) > 100 && is[1] == "1";
         }
         HOST_CHECK(held);
         HOST_CHECK(worked);
-        HOST_CHECK(lines >= 2 && lines <= 4);
+        HOST_CHECK(lines >= 2 && lines <= took / 1000 + 1);
     }));
 }
 
