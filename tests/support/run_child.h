@@ -13,25 +13,24 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <utility>
 
 struct ChildResult {
     int Signal = 0;      // that ended it, 0 if none did
     int ExitCode = -1;   // without a signal
     std::string Output;  // what it wrote
-    std::string Errors;  // what it wrote to its standard error, unless that was its output too
 };
 
-// Runs body() in a child, which ends with `code` when it returns. A signal ends it after 25 seconds.
+// Runs body() in a child, which ends with `code` when it returns. Its standard error is its output too, or else the
+// test's. A signal ends it after 25 seconds.
 template <typename Body>
 ChildResult RunInChild(Body body, int code = 0, bool errorsToOutput = true) {
     ChildResult result;
     std::fflush(nullptr);
-    const int output = memfd_create("output", MFD_CLOEXEC), errors = memfd_create("errors", MFD_CLOEXEC);
+    const int output = memfd_create("output", MFD_CLOEXEC);
     const pid_t child = fork();
     if (child == 0) {
         dup2(output, STDOUT_FILENO);
-        dup2(errorsToOutput ? output : errors, STDERR_FILENO);
+        if (errorsToOutput) dup2(output, STDERR_FILENO);
         alarm(25);
         body();
         _exit(code);
@@ -40,12 +39,9 @@ ChildResult RunInChild(Body body, int code = 0, bool errorsToOutput = true) {
     waitpid(child, &status, 0);
     if (WIFSIGNALED(status)) result.Signal = WTERMSIG(status);
     if (WIFEXITED(status)) result.ExitCode = WEXITSTATUS(status);
-    for (auto [file, text] : {std::pair{output, &result.Output}, {errors, &result.Errors}}) {
-        text->resize(static_cast<size_t>(lseek(file, 0, SEEK_END)));
-        if (pread(file, text->data(), text->size(), 0) < 0) text->clear();
-        close(file);
-    }
-    std::fputs(result.Errors.c_str(), stderr);
+    result.Output.resize(static_cast<size_t>(lseek(output, 0, SEEK_END)));
+    if (pread(output, result.Output.data(), result.Output.size(), 0) < 0) result.Output.clear();
+    close(output);
     return result;
 }
 
