@@ -15,7 +15,7 @@ namespace host {
 namespace {
 
 constexpr DWORD kLongestRequest = 256;
-constexpr uint32_t kPatience = 5;  // seconds from a client's coming to its having the answer
+constexpr uint32_t kPatience = 5;  // seconds for a client to ask, and once more for it to take the answer
 
 // Since says whose turn it is to disconnect: 0 and a second are the thread's, kEnding is the monitor's for as long as
 // it takes, kEnded the thread's again.
@@ -98,13 +98,25 @@ std::string Answer(std::string_view request) {
     return "unknown command";
 }
 
-// One client, from its coming to its answer.
-void ServeClient(HANDLE pipe) {
+// Begins or ends the time in which the client must do something. False when the monitor was faster: the client is gone.
+bool SetSince(Instance *instance, uint32_t *since, uint32_t next) {
+    uint32_t set = *since;
+    if (!instance->Since.compare_exchange_strong(set, next)) return false;
+    *since = next;
+    return true;
+}
+
+// One client, from its coming to its answer. `*since` is what this thread has set.
+void ServeClient(Instance *instance, uint32_t *since) {
+    const HANDLE pipe = instance->Pipe;
     char request[kLongestRequest];
     DWORD size = 0;
     std::string answer;
     if (ReadFile(pipe, request, sizeof request, &size, nullptr)) {
+        // How long the answer takes is not the client's doing.
+        if (!SetSince(instance, since, 0)) return;
         answer = Answer({request, size});
+        if (!SetSince(instance, since, gSeconds.load() + 1)) return;
     } else {
         // Read to its end, or its sender would not come to hear the answer.
         while (GetLastError() == ERROR_MORE_DATA && answer.empty()) {
@@ -126,8 +138,8 @@ DWORD WINAPI Administrator(LPVOID argument) {
         }
         uint32_t since = gSeconds.load() + 1;
         instance->Since = since;
-        ServeClient(instance->Pipe);
-        if (!instance->Since.compare_exchange_strong(since, 0)) {
+        ServeClient(instance, &since);
+        if (!SetSince(instance, &since, 0)) {
             // The monitor is about to disconnect, and must not hit the next client.
             while (instance->Since.load() != kEnded) Sleep(1);
             instance->Since = 0;

@@ -2,6 +2,7 @@
 //
 // "PMON" runs once a second, at background class. It ends connections whose client lets the server wait, cleans up
 // after sessions whose thread was ended by somebody else, and removes expired keys.
+#include <algorithm>
 #include <cstdio>
 #include <vector>
 
@@ -13,6 +14,7 @@ namespace host {
 
 namespace {
 
+std::atomic<ULONGLONG> sStart{0};      // the monitor's
 constexpr uint32_t kGraceSeconds = 5;  // from the end of a connection to the end of a thread that does not notice
 
 // Seconds are whole and begin at any time within one, so that a limit is over only when one more has begun.
@@ -57,10 +59,18 @@ DWORD WINAPI Monitor(LPVOID event) {
     IdentifyUserThread("PMON", event);
     std::vector<HANDLE> hopeless;
     std::vector<Session *> dead;
-    const ULONGLONG start = GetTickCount64();
+    // The clock by which clients are judged. Time in which this process did not run, because it or its machine was
+    // stopped, is no client's slowness: what they sent meanwhile has not been looked at.
+    constexpr ULONGLONG kLongestStep = 2000;
+    ULONGLONG counted = 0;
+    ULONGLONG last = GetTickCount64();
+    sStart = last;
     for (;;) {
         WaitForUserThreadPost(event, 1000);
-        gSeconds = static_cast<uint32_t>((GetTickCount64() - start) / 1000);
+        const ULONGLONG now = GetTickCount64();
+        counted += std::min(now - last, kLongestStep);
+        last = now;
+        gSeconds = static_cast<uint32_t>(counted / 1000);
         hopeless.clear();
         dead.clear();
         LookAtSessions(gSeconds.load(), &hopeless, &dead);
@@ -107,7 +117,7 @@ std::string InfoText(std::string_view section) {
         text.Line("server_name", "keyhost");
         text.Line("process_id", GetCurrentProcessId());
         text.Line("tcp_port", gOptions.Port);
-        text.Line("uptime_in_seconds", gSeconds.load());
+        text.Line("uptime_in_seconds", (GetTickCount64() - sStart.load()) / 1000);
         text.Line("io_backend", ZvxIoBackendName());
         text.Line("kernel_threads", ZvxKernelThreadCount());
     }

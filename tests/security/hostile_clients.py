@@ -9,6 +9,7 @@ import random
 import re
 import resource
 import shutil
+import signal
 import socket
 import subprocess
 import sys
@@ -177,6 +178,20 @@ def a_byte_now_and_then(server):
     yield 8 << 20
 
 
+def not_to_blame(server):
+    """A server that was stopped for longer than any limit is not kept waiting by its clients."""
+    client, data = server.connect(), request("PING")
+    client.sendall(data[:9])
+    server.ask()
+    server.process.send_signal(signal.SIGSTOP)
+    time.sleep(6)
+    server.process.send_signal(signal.SIGCONT)
+    time.sleep(1.5)
+    client.sendall(data[9:])
+    check(client.recv(100) == b"+PONG\r\n", "who was in the middle of a request goes on")
+    yield 8 << 20
+
+
 def more_than_there_is_room_for(server):
     clients, refused = [], 0
     for _ in range(900):
@@ -259,7 +274,7 @@ def main():
         os.umask(0)
         server = Server(sys.argv[1], os.path.join(folder, "data"))
         check(os.stat(os.path.join(folder, "data")).st_mode & 0o777 == 0o700, "a data folder of the server's making is its user's alone")
-        for case in (announced_but_never_sent, half_requests, pipelines_that_nobody_reads, a_byte_now_and_then,
+        for case in (announced_but_never_sent, half_requests, pipelines_that_nobody_reads, a_byte_now_and_then, not_to_blame,
                      more_than_there_is_room_for, nonsense, work_without_end):
             before = server.resident()
             course = case(server)
