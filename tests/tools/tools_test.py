@@ -297,10 +297,12 @@ def case_Stripped():
     for tag, state, waits, _ in PARKED:
         row = rows[tag][0]
         check(row[4] == state and row[5].startswith(waits) and re.match(r"host\+0x|\(its scheduler", row[-1]), f"{row}")
-    check("> EnterCriticalSection" in rows["CRIT"][0][-1], f"the call of the library: {rows['CRIT'][0]}")
+    # Where the compiler made a jump of the exported function's call, there is no frame with a name.
+    optimised = "> EnterCriticalSection" not in rows["CRIT"][0][-1]
+    check(not optimised or "> libzvxkvt.so.3+0x" in rows["CRIT"][0][-1], f"the call of the library: {rows['CRIT'][0]}")
     text = gdb(["-p", str(host.pid)], "zvx threads", "zvx bt CRIT")
     check(re.search(r"CRIT +x\w+ +\d +TIMED_WAIT +critical section", text), text)
-    check(re.search(r"^#\d+ .* EnterCriticalSection \(\)", text, re.M), text)
+    check(optimised or re.search(r"^#\d+ .* EnterCriticalSection \(\)", text, re.M), text)
 
 
 # ---- A server ----------------------------------------------------------------------------------------
