@@ -8,15 +8,12 @@
 //
 // Built on the internals, for those counts. The points of `startup` come in the environment, so that they count from
 // the first call of the process; those of the others are armed after the first round.
-#include <fcntl.h>
-
 #include <filesystem>
 
 #include "dedicated/dedicated.h"
 #include "diag/trace.h"
 #include "kernel/critsec.h"
 #include "kernel/file.h"
-#include "platform/base/minidump.h"
 #include "postwait/postwait.h"
 #include "stress/stress.h"
 #include "support/net_peer.h"
@@ -24,46 +21,10 @@
 namespace {
 
 using namespace zvx;
-using stress::Await, stress::ChunksInUse, stress::Fail, stress::Loopback, stress::OnRoutine, stress::Routine;
+using namespace stress;
 
 std::string gScenario, gFolder, gPoints;
 constexpr DWORD kLong = 30000;
-
-// Makes a call until it succeeds. One fault makes one call fail.
-template <typename Call>
-void Try(const char *name, Call call) {
-    os::SetLastError(0);
-    if (call()) return;
-    std::printf("refused %s %u\n", name, os::GetLastError());
-    os::SetLastError(0);
-    if (!call()) Fail(name, os::GetLastError());
-}
-
-HANDLE Start(LPTHREAD_START_ROUTINE routine, void *param = nullptr, DWORD flags = 0) {
-    HANDLE thread = nullptr;
-    Try("CreateThread", [&] { return (thread = CreateThread(nullptr, 0, routine, param, flags, nullptr)) != nullptr; });
-    return thread;
-}
-
-void Close(HANDLE handle) {
-    Try("CloseHandle", [&] { return CloseHandle(handle); });
-}
-
-void Wait(HANDLE handle) {
-    Try("WaitForSingleObject", [&] {
-        const DWORD result = WaitForSingleObject(handle, kLong);
-        if (result == WAIT_TIMEOUT) Fail("a wake-up was lost");
-        return result == WAIT_OBJECT_0;
-    });
-}
-
-void Join(HANDLE thread, DWORD wanted) {
-    Wait(thread);
-    DWORD code = 0;
-    Try("GetExitCodeThread", [&] { return GetExitCodeThread(thread, &code); });
-    if (code != wanted) Fail("exit code", code, wanted);
-    Close(thread);
-}
 
 HANDLE NewEvent(bool manual) {
     HANDLE event = nullptr;
@@ -76,35 +37,10 @@ HANDLE NewEvent(bool manual) {
 constexpr int kBlock = 300000;  // more than a socket takes at once
 uint16_t gPort;
 
-void Send(SOCKET s, const char *data, int bytes) {
-    Try("send", [&] { return zvx::send(s, data, bytes, 0) == bytes; });
-}
-
-void Receive(SOCKET s, char *data, int bytes) {
-    for (int done = 0; done < bytes;) {
-        int got = 0;
-        Try("recv", [&] { return (got = zvx::recv(s, data + done, bytes - done, 0)) != SOCKET_ERROR; });
-        if (got <= 0) Fail("the connection ended", static_cast<uint64_t>(done));
-        done += got;
-    }
-}
-
-void CloseSocket(SOCKET s) {
-    Try("closesocket", [&] { return closesocket(s) == 0; });
-}
-
-SOCKET Connect() {
-    SOCKET s = INVALID_SOCKET;
-    Try("socket", [&] { return (s = zvx::socket(AF_INET, SOCK_STREAM, 0)) != INVALID_SOCKET; });
-    sockaddr_in name = Loopback(gPort);
-    Try("connect", [&] { return os::connect(s, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0; });
-    return s;
-}
-
 // The other end, a user thread too: connecting to a socket that listens blocks nobody.
 DWORD Client(void *) {
     static char out[kBlock], in[kBlock];
-    SOCKET s = Connect();
+    SOCKET s = Connect(gPort);
     // An accept that fails after the client has come takes the connection with it.
     for (int got = -1; got != 1;) {
         Try("recv", [&] {
@@ -114,7 +50,7 @@ DWORD Client(void *) {
         });
         if (got == 1) break;
         CloseSocket(s);
-        s = Connect();
+        s = Connect(gPort);
     }
     for (int i = 0; i < kBlock; ++i) out[i] = static_cast<char>(static_cast<uint32_t>(i) * 2654435761u >> 13);
     Send(s, out, kBlock);
@@ -166,22 +102,6 @@ void ServeSocket(SOCKET s) {
     const DWORD got = AwaitRoutine("WSARecv", routine);
     if (routine.Error == 0 && (got == 0 || text[0] != 'r')) Fail("a routine's bytes", got);
     if (got < 7) Receive(s, text, static_cast<int>(7 - got));
-}
-
-// On a free port of this machine.
-SOCKET Listen(uint16_t *port) {
-    SOCKET listener = INVALID_SOCKET;
-    Try("WSASocketA", [&] {
-        return (listener = WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED)) != INVALID_SOCKET;
-    });
-    sockaddr_in name = Loopback(0);
-    auto *address = reinterpret_cast<sockaddr *>(&name);
-    int length = sizeof name;
-    Try("bind", [&] { return os::bind(listener, address, length) == 0; });
-    Try("listen", [&] { return os::listen(listener, 10) == 0; });
-    Try("getsockname", [&] { return os::getsockname(listener, address, &length) == 0; });
-    *port = __builtin_bswap16(name.sin_port);
-    return listener;
 }
 
 // `before`: what comes before every try.
@@ -236,7 +156,7 @@ void Objects() {
     shared.Done = NewEvent(false);
     shared.Post = NewEvent(false);
     IdentifyUserThread("MAIN", shared.Post);
-    const HANDLE partners[] = {Start(Partner, &shared)};
+    const HANDLE partners[] = {Start(Partner, reinterpret_cast<uintptr_t>(&shared))};
     Sleep(1);
     EnterCriticalSection(&shared.Lock);
     Try("SetEvent", [&] { return SetEvent(shared.Go); });
@@ -311,7 +231,7 @@ DWORD SleepsForEver(void *) {
 }
 // In a receive that nobody answers, with a read of its own on its stack.
 DWORD Receives(void *param) {
-    const auto s = *static_cast<SOCKET *>(param);
+    const auto s = reinterpret_cast<SOCKET>(param);
     char byte;
     for (;;) zvx::recv(s, &byte, 1, 0);
 }
@@ -334,7 +254,7 @@ void Terminate(HANDLE thread, DWORD code) {
 void Ends() {
     Join(Start(Returns), 21);
     Join(Start(Exits), 22);
-    const HANDLE suspended = Start(Returns, nullptr, CREATE_SUSPENDED);
+    const HANDLE suspended = Start(Returns, 0, CREATE_SUSPENDED);
     Try("ResumeThread", [&] { return ResumeThread(suspended) == 1; });
     Join(suspended, 21);
     const HANDLE asleep = Start(SleepsForEver);
@@ -348,7 +268,7 @@ void Ends() {
         close(peer);
         peer = netpeer::Connect(port);
     });
-    const HANDLE receiving = Start(Receives, &s);
+    const HANDLE receiving = Start(Receives, s);
     Sleep(2);
     Terminate(receiving, 32);
     CloseSocket(s);
@@ -356,44 +276,14 @@ void Ends() {
     close(peer);
     Shared shared{};
     Try("InitializeCriticalSection", [&] { return InitializeCriticalSectionAndSpinCount(&shared.Lock, 0); });
-    Join(Start(OwnsSection, &shared), 23);
+    Join(Start(OwnsSection, reinterpret_cast<uintptr_t>(&shared)), 23);
     if (!TryEnterCriticalSection(&shared.Lock)) Fail("a section is owned by a thread that has ended");
     LeaveCriticalSection(&shared.Lock);
     DeleteCriticalSection(&shared.Lock);
     Join(Start(Moves), 24);
 }
 
-// ---- What must be back -------------------------------------------------------------------------------
-
-// What a scenario takes, by name.
-using Counts = std::vector<std::pair<const char *, int64_t>>;
-Counts TakeCounts() {
-    int64_t userThreads = 0, osHandles = 0, descriptors = 0, operations = ChunksInUse(ALLOC_FIBEROVERLAPPED);
-    for (uint32_t i = 0; i < gSchedulersMade.load(); ++i) {
-        userThreads += gSchedulers[i]->FiberCount.load();
-        operations -= gSchedulers[i]->FreeOvs.Count;  // free for their scheduler's next
-    }
-    os::VisitHandles([](HANDLE, const os::Object *, void *count) { ++*static_cast<int64_t *>(count); }, &osHandles);
-    for (int fd = 0; fd < 1024; ++fd) descriptors += fcntl(fd, F_GETFD) >= 0;
-    return {{"user threads", userThreads},
-            {"handles", gHandleCount},
-            {"operations", operations},
-            {"sections", ChunksInUse(ALLOC_FIBER_CRITICAL_SECTION)},
-            {"messages", ChunksInUse(ALLOC_FIBER_MESSAGE)},
-            {"dynamic schedulers", gNumDynamicSchedulers.load()},
-            {"handles of the platform", osHandles},
-            {"descriptors", descriptors}};
-}
-
-void CheckAll(const Counts &before) {
-    // A handle that cannot be closed stays open, whoever closes it.
-    const bool mayStay = gPoints.find(",CloseHandle:") != gPoints.npos || gPoints.find(",closesocket:") != gPoints.npos;
-    for (size_t i = 0; i < before.size(); ++i)
-        Await(before[i].first, [&] { return TakeCounts()[i].second <= before[i].second + (mayStay && i >= 6); });
-    Await("handle entries", [] { return ChunksInUse(ALLOC_PSEHAND) == static_cast<int64_t>(gHandleCount); });
-    CheckHandleTable();
-    CheckScheduler(SchedOf(CallingFiber()));
-}
+// ---- The course of a run -----------------------------------------------------------------------------
 
 DWORD MainRoutine(void *) {
     const auto round = [&] {
@@ -424,10 +314,15 @@ DWORD MainRoutine(void *) {
         // Twice: what is made once and kept is made by now.
         round();
         Sleep(20);
-        const Counts before = TakeCounts();
+        const auto before = TakeCounts();
         os::ArmFailPoints(gPoints.c_str());
         round();
-        CheckAll(before);
+        // A handle that cannot be closed stays open, whoever closes it.
+        const bool open =
+            gPoints.find(",CloseHandle:") != gPoints.npos || gPoints.find(",closesocket:") != gPoints.npos;
+        for (size_t i = 0; i < before.size(); ++i)
+            Await(before[i].first, [&] { return TakeCounts()[i].second <= before[i].second + (open && i >= 6); });
+        CheckTables();
     }
     if (gScenario == "fatal") FatalExit("the end of the test %d\n", 7);
     std::printf("whole %s\n", os::IoBackendName());
@@ -441,11 +336,8 @@ int main(int argc, char **argv) {
     gScenario = argv[1];
     gFolder = argv[2];
     if (argc > 3) gPoints = argv[3];
-    stress::SetSettings({"Schedulers=2", "StackPages=16", "DynamicSchedulersEnabled=1", "LogToFile=1",
-                         "PrintToConsole=0", "StallReportMs=100", "SetThreadPriority=1", "EnableLargePages=1"});
-    static uint32_t indicator;
-    const std::string traces = gFolder + "/";
-    InitParams params{&indicator, nullptr, traces.c_str(), 0, nullptr};
-    InitUserThreadScheduler(MainRoutine, nullptr, &params);
-    return 1;
+    gOneFails = true;
+    return Begin({"Schedulers=2", "StackPages=16", "DynamicSchedulersEnabled=1", "LogToFile=1", "PrintToConsole=0",
+                  "StallReportMs=100", "SetThreadPriority=1", "EnableLargePages=1"},
+                 MainRoutine, (gFolder + "/").c_str());
 }

@@ -47,9 +47,6 @@ DWORD gSize, gDone;  // of the bytes to be moved, and moved
 uint8_t Byte() {
     return gIn.Byte();
 }
-DWORD Word() {
-    return static_cast<DWORD>(gIn.Number(4));
-}
 HANDLE Value(uint64_t value) {
     return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(value));
 }
@@ -140,7 +137,9 @@ BOOL Use(uint32_t what, const Picked &picked, uint8_t how) {
             return Started(WSARecv(s, buffers, how % 3u, &gDone, &flags, ov, nullptr) == 0);
         }
         case 5: return Started(ConnectNamedPipe(h, ov));
-        case 6: return LockFileEx(h, LOCKFILE_FAIL_IMMEDIATELY | (how & LOCKFILE_EXCLUSIVE_LOCK), 0, Word(), how, ov);
+        case 6:
+            return LockFileEx(h, LOCKFILE_FAIL_IMMEDIATELY | (how & LOCKFILE_EXCLUSIVE_LOCK), 0,
+                              static_cast<DWORD>(gIn.Number(4)), how, ov);
         case 7: return GetExitCodeThread(h, &gDone);
         case 8: return setsockopt(s, static_cast<int>(gIn.Number(2)), how, gMemory, Byte()) == 0;
         case 9: return send(s, gMemory, static_cast<int>(gSize), how) >= 0;

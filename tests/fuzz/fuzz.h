@@ -24,11 +24,9 @@ inline void Require(bool holds, const char *what, uint64_t a = 0, uint64_t b = 0
 
 // A path of this process's own, in memory where there is a place for that; what is there is removed at the end.
 inline std::string Scratch(const std::string &name) {
-    static std::string path;
     const char *const shared = "/dev/shm";
-    path = std::filesystem::exists(shared) ? shared : std::filesystem::temp_directory_path().string();
-    std::random_device random;
-    path += "/fuzz_" + name + "_" + std::to_string(random());
+    const auto base = std::filesystem::exists(shared) ? shared : std::filesystem::temp_directory_path();
+    static const std::string path = base.string() + "/fuzz_" + name + "_" + std::to_string(std::random_device{}());
     const auto remove = [] {
         std::error_code ignored;
         std::filesystem::remove_all(path, ignored);
@@ -38,8 +36,8 @@ inline std::string Scratch(const std::string &name) {
     return path;
 }
 
-// Writes the input to the file that ZVX_FUZZ_KEEP names. An error that ends the process by the library's own hand leaves no
-// other trace of what led to it.
+// Writes the input to the file that ZVX_FUZZ_KEEP names. An error that ends the process by the library's own hand
+// leaves no other trace of what led to it.
 inline void Keep(const uint8_t *data, size_t size) {
     static const char *const path = std::getenv("ZVX_FUZZ_KEEP");
     if (path == nullptr) return;

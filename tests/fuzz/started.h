@@ -21,17 +21,6 @@ using Body = void (*)(Input input);
 inline Body gBody;
 inline Input gInput;
 inline std::atomic<uint32_t> gTurn{0};  // odd: the input is the user thread's
-inline uint32_t gIndicator;
-
-inline int Lookup(const char *name, char *buffer, int capacity) {
-    const std::string_view key = name;
-    const std::string_view value = key == "ZVX_FIBERS_Schedulers"       ? "1"
-                                   : key == "ZVX_FIBERS_StackPages"     ? "64"
-                                   : key == "ZVX_FIBERS_PrintToConsole" ? "0"
-                                                                        : "";
-    std::memcpy(buffer, value.data(), std::min(value.size(), static_cast<size_t>(capacity)));
-    return static_cast<int>(value.size());
-}
 
 inline DWORD WINAPI TakeInputs(LPVOID) {
     for (uint32_t turn = 1;; turn += 2) {
@@ -46,13 +35,10 @@ inline DWORD WINAPI TakeInputs(LPVOID) {
 inline void RunStarted(Body body, const uint8_t *data, size_t size) {
     if (gBody == nullptr) {
         gBody = body;
-        std::thread([] {
-            ZVXKVT_INIT_PARAMS params{};
-            params.QuantumIndicator = &gIndicator;
-            params.LookupValue = Lookup;
-            params.TraceDirectory = "./";
-            InitUserThreadScheduler(TakeInputs, nullptr, &params);
-        }).detach();
+        setenv("ZVX_FIBERS_Schedulers", "1", 1);
+        setenv("ZVX_FIBERS_StackPages", "64", 1);
+        setenv("ZVX_FIBERS_PrintToConsole", "0", 1);
+        std::thread([] { InitUserThreadScheduler(TakeInputs, nullptr, nullptr); }).detach();
     }
     gInput = Input{data, size};
     const uint32_t turn = ++gTurn;

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -149,7 +148,7 @@ struct Client {
         address.sin_family = AF_INET;
         address.sin_port = htons(server.Port);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        Connected = connect(Fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+        connect(Fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
     }
     ~Client() { fclose(In); }
     Client(const Client &) = delete;
@@ -198,7 +197,6 @@ struct Client {
 
     const int Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     FILE *const In = fdopen(Fd, "r");
-    bool Connected = false;
 };
 
 // The number behind "name:" in an INFO answer.

@@ -17,7 +17,6 @@
 #include <vector>
 
 #include "alloc/alloc.h"
-#include "hooks.h"
 #include "kernel/handles.h"
 #include "sched/internal.h"
 #include "sched_fixture.h"
@@ -36,7 +35,6 @@ constexpr uint32_t kMaxActors = 4;
 constexpr uint32_t kMaxIdleMs = 5000;    // of model time, without an end: the scenario hangs
 constexpr uint32_t kMaxSteps = 400'000;  // accesses of one run: it goes round in circles
 constexpr uint32_t kFairSteps = 100;     // accesses after which the others get their turn
-constexpr uint64_t kNever = UINT64_MAX;
 
 enum Outcome : int { kPassed = 0, kCutOff = 10, kViolated = 11 };
 
@@ -87,8 +85,8 @@ uint32_t gNumActors;
 
 struct Event {
     const char *Name;
-    std::function<bool()> Enabled;
-    std::function<void()> Fire;
+    std::function<OVERLAPPED *()> Running;
+    uint32_t Bytes;
     bool Fired;
 };
 std::vector<Event> gEvents;
@@ -158,20 +156,6 @@ void SaveBlock(os::ThreadBlock *to, const os::ThreadBlock *from) {
     to->Io = from->Io;
 }
 
-void AdoptScheduler(Scheduler *S) {
-    if (gNumActors == kMaxActors) Violation("too many schedulers");
-    Actor &actor = gActors[gNumActors];
-    actor.S = S;
-    actor.Context = S->InitFiber->OsFiber;
-    SaveBlock(&actor.Block, os::CurrentThreadBlock());
-    actor.Block.Io = S->Io;
-    gNumActors++;
-    // No part of a protocol: a hint to a running user thread, and the count for placing new ones.
-    for (const volatile void *word :
-         std::initializer_list<const volatile void *>{&S->QuantumStartTick, &S->FiberCount, &S->DebugRequest})
-        gWords[word].Ignored = true;
-}
-
 // A word of a scheduler by its place in it, another by its address.
 std::string NameOf(const volatile void *word) {
     char text[32];
@@ -193,15 +177,6 @@ struct Option {
     enum Kind : uint8_t { kGoOn, kSwitch, kTick, kEvent, kPass } What;
     uint8_t Index;
 };
-
-void Fire(uint32_t index) {
-    Event &event = gEvents[index];
-    Trace(nullptr, "    event: %s", event.Name);
-    event.Fired = true;
-    event.Fire();
-    gRun.Writes++;
-    for (Actor &actor : gActors) actor.Useful = true;
-}
 
 void EndWait(Actor *actor) {
     const uint64_t now = os::GetTickCount64();
@@ -225,7 +200,7 @@ bool Decide(bool canGoOn, bool mustGive) {
             }
             const bool nobody = !canGoOn && n == 0;
             for (uint8_t i = 0; i < gEvents.size(); ++i)
-                if (!gEvents[i].Fired && gEvents[i].Enabled()) options[n++] = {Option::kEvent, i};
+                if (!gEvents[i].Fired && gEvents[i].Running() != nullptr) options[n++] = {Option::kEvent, i};
             if (nobody && n != 0) options[n++] = {Option::kPass, 0};
             if (gRun.Ticks < gBounds.Ticks && !nobody && (paid || (!canGoOn && n != 0))) {
                 for (uint8_t i = 0; i < gNumActors; ++i)
@@ -249,7 +224,12 @@ bool Decide(bool canGoOn, bool mustGive) {
             return false;
         }
         if (taken.What == Option::kEvent) {
-            Fire(taken.Index);
+            Event &event = gEvents[taken.Index];
+            Trace(nullptr, "    event: %s", event.Name);
+            event.Fired = true;
+            script::EndOperation(event.Running(), STATUS_SUCCESS, event.Bytes);
+            gRun.Writes++;
+            for (Actor &actor : gActors) actor.Useful = true;
             continue;
         }
         Actor &next = gActors[taken.Index];
@@ -295,25 +275,18 @@ void OnPortWait(HANDLE port, DWORD ms) {
     gInScheduler = true;
 }
 
-bool Left(const Scheduler *S, const char **what) {
-    *what = "a post in a lane";
-    if (PostsWaiting(S)) return true;
-    for (const FIBER_MESSAGE *msg = S->Messages.load(std::memory_order_relaxed); msg != nullptr; msg = msg->Next) {
-        *what = "a message";
-        if (msg->Kind == MSG_POST || msg->Kind == MSG_OBJECTS || gPortWaitMs > 1) return true;
-    }
-    return false;
-}
-
 // Everybody is blocked. False when the scenario has come to its end; else time passes until somebody can go on.
 bool PassTime(uint64_t started) {
+    uint64_t next = UINT64_MAX;
     for (uint32_t i = 0; i < gNumActors; ++i) {
-        const char *what;
-        if (Left(gActors[i].S, &what)) Violation("S%u sleeps in its port, and %s waits for it", i, what);
+        const Scheduler *S = gActors[i].S;
+        next = std::min(next, gActors[i].WakeAt);
+        if (PostsWaiting(S)) Violation("S%u sleeps in its port, and a post in a lane waits for it", i);
+        for (const FIBER_MESSAGE *msg = S->Messages.load(std::memory_order_relaxed); msg != nullptr; msg = msg->Next)
+            if (msg->Kind == MSG_POST || msg->Kind == MSG_OBJECTS || gPortWaitMs > 1)
+                Violation("S%u sleeps in its port, and a message waits for it", i);
     }
     if (AllEnded()) return false;
-    uint64_t next = kNever;
-    for (uint32_t i = 0; i < gNumActors; ++i) next = std::min(next, gActors[i].WakeAt);
     const uint64_t now = os::GetTickCount64();
     if (now - started > kMaxIdleMs) Violation("it does not come to an end");
     if (next > now) script::AdvanceClock(next - now);
@@ -344,7 +317,7 @@ void RunAll() {
     }
 }
 
-void Run() {
+[[noreturn]] void Run() {
     gSearching = true;
     const uint64_t started = os::GetTickCount64();
     for (Actor &actor : gActors) actor.Blocked = false;
@@ -374,10 +347,7 @@ Outcome RunChild() {
         std::perror("fork");
         std::exit(1);
     }
-    if (child == 0) {
-        Run();
-        _exit(1);
-    }
+    if (child == 0) Run();
     int status = 0;
     waitpid(child, &status, 0);
     gExecutions++;
@@ -406,11 +376,7 @@ bool NextPath() {
 void BuildScenario() {
     test::InitLibrary();
     script::gScript.OnPortWait = OnPortWait;
-    script::gScript.OnSpin = [] {
-        gInScheduler = false;
-        if (!Decide(true, true)) Leave();
-        gInScheduler = true;
-    };
+    script::gScript.OnSpin = [] { MayStop(true); };
     script::gScript.OnSleep = [](DWORD) { WhileSpinning(); };
     gExplorer = os::CurrentThreadBlock()->Current;
     // The handle table is made now, and its empty pages are forgotten again: they would be copied for every run.
@@ -425,8 +391,16 @@ void BuildScenario() {
     gPortWaitMs = gScenario->PortWaitMs;
     for (uint32_t i = 0; i < gScenario->Schedulers; ++i) {
         Scheduler *S = test::NewScheduler();
-        AdoptScheduler(S);
         S->AffinityMask = 1u << i;
+        Actor &actor = gActors[gNumActors++];
+        actor.S = S;
+        actor.Context = S->InitFiber->OsFiber;
+        SaveBlock(&actor.Block, os::CurrentThreadBlock());
+        actor.Block.Io = S->Io;
+        // No part of a protocol: a hint to a running user thread, and the count for placing new ones.
+        for (const volatile void *word :
+             std::initializer_list<const volatile void *>{&S->QuantumStartTick, &S->FiberCount, &S->DebugRequest})
+            gWords[word].Ignored = true;
     }
     BeginScenario();
     gScenario->Setup();
@@ -465,18 +439,18 @@ void RunToRest() {
     RunAll();
 }
 
-void MayStop() {
+void MayStop(bool mustGive) {
     gInScheduler = false;
-    if (!Decide(true, false)) {
+    if (!Decide(true, mustGive)) {
         Trace(__builtin_return_address(0), "S%u stopped", gRun.Current);
         Leave();
     }
     gInScheduler = true;
 }
 
-void AddEvent(const char *name, std::function<bool()> enabled, std::function<void()> fire, const void *word) {
-    gEvents.push_back({name, std::move(enabled), std::move(fire), false});
-    if (word != nullptr) gShared->Contended[gShared->NumContended++] = word;
+void AddEnd(const char *name, std::function<OVERLAPPED *()> running, uint32_t bytes) {
+    gEvents.push_back({name, std::move(running), bytes, false});
+    gShared->Contended[gShared->NumContended++] = gActors[1].S->Io->Tail;
     LearnWords();
 }
 
@@ -493,6 +467,7 @@ void Violation(const char *format, ...) {
 // ---- Hooks -------------------------------------------------------------------------------------------
 
 void BeforeAccess(const volatile void *address, bool write, const void *pc) {
+    if (!gInScheduler) return;
     gInScheduler = false;
     CountStep();
     Word *word = &gWords[address];
@@ -525,6 +500,7 @@ void BeforeAccess(const volatile void *address, bool write, const void *pc) {
 }
 
 void WhileSpinning() {
+    if (!gInScheduler) return;
     gInScheduler = false;
     CountStep();
     FlushStores();

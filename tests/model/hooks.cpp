@@ -3,7 +3,7 @@
 // Not instrumented itself. Plain reads and writes are let through: what two schedulers share without an atomic is
 // protected by one, and races on it are the business of ThreadSanitizer's own run. The operating system's locks and the
 // spinning functions are wrapped by the linker, because only one scheduler runs at a time and the others must get on.
-#include "hooks.h"
+#include "explorer.h"
 
 #include <pthread.h>
 
@@ -42,8 +42,14 @@ bool ReadDelayed(const volatile void *address, uint64_t *value) {
     return false;
 }
 
+void BeforeLocked(const volatile void *address, const void *pc) {
+    BeforeAccess(address, true, pc);
+    if (gInScheduler) FlushStores();
+}
+
 // A plain store to memory that a delayed one goes to comes after it.
-void BeforePlainStore(const void *address, size_t bytes) {
+void BeforePlain(const void *address, size_t bytes) {
+    if (!gInScheduler) return;
     const auto *at = static_cast<const char *>(address);
     for (uint32_t i = 0; i < gBuffered; ++i) {
         const auto *delayed = const_cast<const char *>(static_cast<volatile char *>(gDelayed[i].Address));
@@ -74,29 +80,8 @@ void FlushStores() {
     gInScheduler = running;
 }
 
-}  // namespace zvx::model
-
-using zvx::model::BeforeAccess;
-using zvx::model::gBuffered;
-using zvx::model::gBuffering;
-using zvx::model::gInScheduler;
-
 #define HOOK extern "C" __attribute__((visibility("default")))
 #define PC __builtin_return_address(0)
-
-namespace {
-inline void Before(const volatile void *address, bool write, const void *pc) {
-    if (gInScheduler) BeforeAccess(address, write, pc);
-}
-inline void BeforeLocked(const volatile void *address, const void *pc) {
-    if (!gInScheduler) return;
-    BeforeAccess(address, true, pc);
-    zvx::model::FlushStores();
-}
-inline void BeforePlain(const void *at, size_t bytes) {
-    if (gBuffered != 0 && gInScheduler) zvx::model::BeforePlainStore(at, bytes);
-}
-}  // namespace
 
 #define CHANGE(bits, Int, operation, builtin)                                        \
     HOOK Int __tsan_atomic##bits##_##operation(volatile Int *word, Int value, int) { \
@@ -109,32 +94,32 @@ inline void BeforePlain(const void *at, size_t bytes) {
         return __atomic_compare_exchange_n(word, seen, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);         \
     }
 // The memory orders are the compiler's: 5 is sequentially consistent.
-#define FOR_SIZE(bits, Int)                                                                                      \
-    HOOK Int __tsan_atomic##bits##_load(const volatile Int *word, int) {                                         \
-        Before(word, false, PC);                                                                                 \
-        uint64_t own;                                                                                            \
-        if (gBuffered != 0 && gInScheduler && zvx::model::ReadDelayed(word, &own)) return static_cast<Int>(own); \
-        return __atomic_load_n(word, __ATOMIC_SEQ_CST);                                                          \
-    }                                                                                                            \
-    HOOK void __tsan_atomic##bits##_store(volatile Int *word, Int value, int order) {                            \
-        if (gBuffering && gInScheduler && order != __ATOMIC_SEQ_CST) {                                           \
-            zvx::model::DelayStore(word, value, sizeof(Int));                                                    \
-            return;                                                                                              \
-        }                                                                                                        \
-        BeforeLocked(word, PC);                                                                                  \
-        __atomic_store_n(word, value, __ATOMIC_SEQ_CST);                                                         \
-    }                                                                                                            \
-    CHANGE(bits, Int, exchange, exchange_n)                                                                      \
-    CHANGE(bits, Int, fetch_add, fetch_add)                                                                      \
-    CHANGE(bits, Int, fetch_sub, fetch_sub)                                                                      \
-    CHANGE(bits, Int, fetch_and, fetch_and)                                                                      \
-    CHANGE(bits, Int, fetch_or, fetch_or)                                                                        \
-    COMPARE(bits, Int, strong)                                                                                   \
-    COMPARE(bits, Int, weak)                                                                                     \
-    HOOK Int __tsan_atomic##bits##_compare_exchange_val(volatile Int *word, Int seen, Int value, int, int) {     \
-        BeforeLocked(word, PC);                                                                                  \
-        __atomic_compare_exchange_n(word, &seen, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);              \
-        return seen;                                                                                             \
+#define FOR_SIZE(bits, Int)                                                                                  \
+    HOOK Int __tsan_atomic##bits##_load(const volatile Int *word, int) {                                     \
+        BeforeAccess(word, false, PC);                                                                       \
+        uint64_t own;                                                                                        \
+        if (gBuffered != 0 && gInScheduler && ReadDelayed(word, &own)) return static_cast<Int>(own);         \
+        return __atomic_load_n(word, __ATOMIC_SEQ_CST);                                                      \
+    }                                                                                                        \
+    HOOK void __tsan_atomic##bits##_store(volatile Int *word, Int value, int order) {                        \
+        if (gBuffering && gInScheduler && order != __ATOMIC_SEQ_CST) {                                       \
+            DelayStore(word, value, sizeof(Int));                                                            \
+            return;                                                                                          \
+        }                                                                                                    \
+        BeforeLocked(word, PC);                                                                              \
+        __atomic_store_n(word, value, __ATOMIC_SEQ_CST);                                                     \
+    }                                                                                                        \
+    CHANGE(bits, Int, exchange, exchange_n)                                                                  \
+    CHANGE(bits, Int, fetch_add, fetch_add)                                                                  \
+    CHANGE(bits, Int, fetch_sub, fetch_sub)                                                                  \
+    CHANGE(bits, Int, fetch_and, fetch_and)                                                                  \
+    CHANGE(bits, Int, fetch_or, fetch_or)                                                                    \
+    COMPARE(bits, Int, strong)                                                                               \
+    COMPARE(bits, Int, weak)                                                                                 \
+    HOOK Int __tsan_atomic##bits##_compare_exchange_val(volatile Int *word, Int seen, Int value, int, int) { \
+        BeforeLocked(word, PC);                                                                              \
+        __atomic_compare_exchange_n(word, &seen, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);          \
+        return seen;                                                                                         \
     }
 FOR_SIZE(8, uint8_t)
 FOR_SIZE(16, uint16_t)
@@ -142,7 +127,7 @@ FOR_SIZE(32, uint32_t)
 FOR_SIZE(64, uint64_t)
 
 HOOK void __tsan_atomic_thread_fence(int order) {
-    if (gInScheduler && order == __ATOMIC_SEQ_CST) zvx::model::FlushStores();
+    if (gInScheduler && order == __ATOMIC_SEQ_CST) FlushStores();
 }
 HOOK void __tsan_atomic_signal_fence(int) {}
 
@@ -178,19 +163,19 @@ extern "C" int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
     return __real_pthread_mutex_lock(mutex);
 }
 
-namespace os {
 void WrappedCpuRelax() __asm__("__wrap__ZN2os8CpuRelaxEv");
 void WrappedYieldProcessor() __asm__("__wrap__ZN2os14YieldProcessorEv");
-void WrappedEnter(CriticalSection *section) __asm__("__wrap__ZN2os20EnterCriticalSectionEPNS_15CriticalSectionE");
+void WrappedEnter(os::CriticalSection *section) __asm__("__wrap__ZN2os20EnterCriticalSectionEPNS_15CriticalSectionE");
 
 void WrappedCpuRelax() {
-    if (gInScheduler) zvx::model::WhileSpinning();
+    WhileSpinning();
 }
 void WrappedYieldProcessor() {
-    if (gInScheduler) zvx::model::WhileSpinning();
+    WhileSpinning();
 }
-void WrappedEnter(CriticalSection *section) {
+void WrappedEnter(os::CriticalSection *section) {
     BeforeLocked(section, PC);
-    while (!TryEnterCriticalSection(section)) zvx::model::WhileSpinning();
+    while (!os::TryEnterCriticalSection(section)) WhileSpinning();
 }
-}  // namespace os
+
+}  // namespace zvx::model

@@ -269,14 +269,10 @@ void SectionAnd(bool ends, Ask ask) {
 
 // ---- 3. Cancel against completion --------------------------------------------------------------------
 
-// A read of `*reader` (null until it is known) ends, when it runs on `entry`.
-void EndOfRead(const char *name, Fiber *const *reader, const PSEHAND *entry, uint32_t bytes) {
-    const auto runs = [=] {
-        return *reader != nullptr && script::RunningOn(&(*reader)->OwnOvs[0].Ov) == HandleValue(entry);
-    };
-    AddEvent(
-        name, runs, [=] { script::EndOperation(&(*reader)->OwnOvs[0].Ov, STATUS_SUCCESS, bytes); },
-        gSchedulers[1]->Io->Tail);
+// The read of a thread (null until it is known) that runs on `entry`.
+OVERLAPPED *ReadOf(Fiber *reader, const PSEHAND *entry) {
+    OVERLAPPED *ov = reader == nullptr ? nullptr : &reader->OwnOvs[0].Ov;
+    return ov != nullptr && script::RunningOn(ov) == HandleValue(entry) ? ov : nullptr;
 }
 
 Fiber *gAgain;
@@ -310,8 +306,10 @@ void CancelAgainstEnd(bool foreign, bool hold) {
         Terminate();
         CloseHandle(gThread);
     });
-    EndOfRead("the first read ends", &F, entries[0], 1);
-    EndOfRead("the second read ends", &second, entries[1], 2);
+    AddEnd(
+        "the first read ends", [] { return ReadOf(F, entries[0]); }, 1);
+    AddEnd(
+        "the second read ends", [] { return ReadOf(second, entries[1]); }, 2);
     DrainShells();
 }
 // No packet is taken for a record that has been given to somebody else since.
@@ -330,7 +328,8 @@ void ReadAndRoutine() {
     OpenAtRest({gTarget});
     RunToRest();
     AddFiber(0, [](Fiber *) { MUST(Inject()); });
-    EndOfRead("the read ends", &gTarget, entry, 1);
+    AddEnd(
+        "the read ends", [] { return ReadOf(gTarget, entry); }, 1);
 }
 
 // A thread waits alertably for two reads with routines, and is asked for something meanwhile. Each routine runs once,
@@ -358,9 +357,8 @@ void Alertable(Ask ask) {
     });
     for (ListLink *link : {gTarget->FileOvs.Ends.Next, gTarget->FileOvs.Ends.Prev}) {
         OVERLAPPED *ov = &OvOfLink(link)->Ov;
-        AddEvent(
-            "a read ends", [=] { return script::RunningOn(ov) != nullptr; },
-            [=] { script::EndOperation(ov, STATUS_SUCCESS, 1); }, gSchedulers[1]->Io->Tail);
+        AddEnd(
+            "a read ends", [=] { return script::RunningOn(ov) != nullptr ? ov : nullptr; }, 1);
     }
 }
 
@@ -497,29 +495,23 @@ void Suspenders(int sender, Ask second) {
         },
         true);
     OpenAtRest({gTarget});
-    const auto send = [](int on, Ask ask) {
-        AddFiber(on, [=](Fiber *) {
+    for (int i = 0; i < 2; ++i)
+        AddFiber(i == 0 ? 0 : sender, [ask = i == 0 ? SuspendAndResume : second](Fiber *) {
             ask();
             if (++sent == 2) PostUserThread(gEvent);
         });
-    };
-    send(0, SuspendAndResume);
-    send(sender, std::move(second));
 }
+
 // ---- 7. Waits for objects ----------------------------------------------------------------------------
 
 HANDLE gUnits;
 
-void MakeUnits() {
-    gUnits = os::CreateSemaphoreA(nullptr, 0, 9, nullptr);
-}
 void Give() {
     MUST(os::ReleaseSemaphore(gUnits, 1, nullptr));
 }
 
 // Units come while waits for them run out of time, on both sides.
 void ObjectAndTimeout() {
-    MakeUnits();
     Fiber *waiters[2];
     for (int i = 0; i < 2; ++i)
         waiters[i] = AddFiber(i, [](Fiber *F) {
@@ -536,7 +528,6 @@ void ObjectAndTimeout() {
 }
 
 void ObjectAnd(bool ends, bool routine, Ask ask) {
-    MakeUnits();
     TwoInLine([] { MUST(WaitForSingleObject(gUnits, INFINITE) == WAIT_OBJECT_0); }, ends, routine, std::move(ask));
 }
 // What comes while the first one is stopped is the next one's.
@@ -572,6 +563,7 @@ void InjectSurely() {
 
 void BeginScenario() {
     gEvent = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    gUnits = os::CreateSemaphoreA(nullptr, 0, 9, nullptr);
 }
 bool AllEnded() {
     return gEnded == gToEnd;

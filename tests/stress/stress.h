@@ -1,8 +1,9 @@
-// tests/stress/stress.h - what the stress programs and the fault host share: the end by a failure, threads,
-// operations with routines, settings and the start.
+// tests/stress/stress.h - what the stress programs and the fault host share: calls and the end by a failure, threads,
+// sockets, operations with routines, what must be back, settings and the start.
 #ifndef ZVX_TESTS_STRESS_STRESS_H
 #define ZVX_TESTS_STRESS_STRESS_H
 
+#include <fcntl.h>
 #include <netinet/in.h>
 
 #include <cstdio>
@@ -17,6 +18,7 @@
 #include "kernel/thread.h"
 #include "kernel/wait.h"
 #include "net/net.h"
+#include "platform/base/minidump.h"
 #include "sched/sched.h"
 #include "sched/startup.h"
 
@@ -47,17 +49,70 @@ void Await(const char *what, Condition condition) {
     Fail(what);
 }
 
+// A call that must succeed; where one call of the platform is made to fail, at the second time.
+inline bool gOneFails = false;
+template <typename Call>
+void Try(const char *name, Call call) {
+    for (bool again = gOneFails;; again = false) {
+        os::SetLastError(0);
+        if (call()) return;
+        if (!again) Fail(name, os::GetLastError());
+        std::printf("refused %s %u\n", name, os::GetLastError());
+    }
+}
+
 inline HANDLE Start(LPTHREAD_START_ROUTINE routine, uintptr_t param = 0, DWORD flags = 0) {
-    const HANDLE thread = zvx::CreateThread(nullptr, 0, routine, reinterpret_cast<void *>(param), flags, nullptr);
-    if (thread == nullptr) Fail("CreateThread", os::GetLastError());
+    HANDLE thread = nullptr;
+    auto *const argument = reinterpret_cast<void *>(param);
+    Try("CreateThread",
+        [&] { return (thread = zvx::CreateThread(nullptr, 0, routine, argument, flags, nullptr)) != nullptr; });
     return thread;
 }
 
+inline void Close(HANDLE handle) {
+    Try("CloseHandle", [&] { return zvx::CloseHandle(handle); });
+}
+
+inline void Wait(HANDLE handle) {
+    Try("WaitForSingleObject", [&] {
+        const DWORD result = zvx::WaitForSingleObject(handle, 50000);
+        if (result == WAIT_TIMEOUT) Fail("a wake-up was lost");
+        return result == WAIT_OBJECT_0;
+    });
+}
+
 inline void Join(HANDLE thread, DWORD wanted) {
+    Wait(thread);
     DWORD code = 0;
-    if (zvx::WaitForSingleObject(thread, 60000) != WAIT_OBJECT_0) Fail("a thread does not end", wanted);
-    if (!zvx::GetExitCodeThread(thread, &code) || code != wanted) Fail("exit code", code, wanted);
-    zvx::CloseHandle(thread);
+    Try("GetExitCodeThread", [&] { return zvx::GetExitCodeThread(thread, &code); });
+    if (code != wanted) Fail("exit code", code, wanted);
+    Close(thread);
+}
+
+// What a host takes and gives back, by name; the first six are the library's.
+inline std::vector<std::pair<const char *, int64_t>> TakeCounts() {
+    int64_t userThreads = 0, osHandles = 0, descriptors = 0, operations = ChunksInUse(zvx::ALLOC_FIBEROVERLAPPED);
+    for (uint32_t i = 0; i < zvx::gSchedulersMade.load(); ++i) {
+        userThreads += zvx::gSchedulers[i]->FiberCount.load();
+        operations -= zvx::gSchedulers[i]->FreeOvs.Count;  // free for their scheduler's next
+    }
+    os::VisitHandles([](HANDLE, const os::Object *, void *count) { ++*static_cast<int64_t *>(count); }, &osHandles);
+    for (int fd = 0; fd < 1024; ++fd) descriptors += fcntl(fd, F_GETFD) >= 0;
+    return {{"user threads", userThreads},
+            {"handles", zvx::gHandleCount},
+            {"operations", operations},
+            {"sections", ChunksInUse(zvx::ALLOC_FIBER_CRITICAL_SECTION)},
+            {"messages", ChunksInUse(zvx::ALLOC_FIBER_MESSAGE)},
+            {"dynamic schedulers", zvx::gNumDynamicSchedulers.load()},
+            {"handles of the platform", osHandles},
+            {"descriptors", descriptors}};
+}
+
+inline void CheckTables() {
+    // Retired records come back once every scheduler has gone idle or made a pass.
+    Await("handle entries", [] { return ChunksInUse(zvx::ALLOC_PSEHAND) == static_cast<int64_t>(zvx::gHandleCount); });
+    zvx::CheckHandleTable();
+    zvx::CheckScheduler(zvx::SchedOf(zvx::CallingFiber()));
 }
 
 // An operation with a routine, for files and, with one more argument, for sockets.
@@ -81,12 +136,58 @@ inline sockaddr_in Loopback(uint16_t port) {
     return name;
 }
 
+// On a free port of this machine.
+inline SOCKET Listen(uint16_t *port, DWORD flags = WSA_FLAG_OVERLAPPED) {
+    SOCKET s = INVALID_SOCKET;
+    Try("WSASocketA",
+        [&] { return (s = zvx::WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, flags)) != INVALID_SOCKET; });
+    sockaddr_in name = Loopback(0);
+    auto *const address = reinterpret_cast<sockaddr *>(&name);
+    int length = sizeof name;
+    Try("bind", [&] { return os::bind(s, address, length) == 0; });
+    Try("listen", [&] { return os::listen(s, 200) == 0; });
+    Try("getsockname", [&] { return os::getsockname(s, address, &length) == 0; });
+    *port = __builtin_bswap16(name.sin_port);
+    return s;
+}
+
+inline SOCKET Connect(uint16_t port) {
+    SOCKET s = INVALID_SOCKET;
+    Try("socket", [&] { return (s = zvx::socket(AF_INET, SOCK_STREAM, 0)) != INVALID_SOCKET; });
+    sockaddr_in name = Loopback(port);
+    Try("connect", [&] { return os::connect(s, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0; });
+    return s;
+}
+
+inline void Send(SOCKET s, const char *data, int bytes) {
+    Try("send", [&] { return zvx::send(s, data, bytes, 0) == bytes; });
+}
+
+inline void Receive(SOCKET s, char *data, int bytes) {
+    for (int done = 0, got = 0; done < bytes; done += got) {
+        Try("recv", [&] { return (got = zvx::recv(s, data + done, bytes - done, 0)) != SOCKET_ERROR; });
+        if (got == 0) Fail("the connection ended", static_cast<uint64_t>(done));
+    }
+}
+
+inline void CloseSocket(SOCKET s) {
+    Try("closesocket", [&] { return zvx::closesocket(s) == 0; });
+}
+
 // For a library that has not started: KEY=VALUE. What the environment says already stays.
 inline void SetSettings(std::initializer_list<std::string> settings) {
     for (const std::string &setting : settings) {
         const size_t at = setting.find('=');
         setenv(("ZVX_FIBERS_" + setting.substr(0, at)).c_str(), setting.c_str() + at + 1, 0);
     }
+}
+
+inline int Begin(std::initializer_list<std::string> settings, LPTHREAD_START_ROUTINE routine, const char *traces) {
+    SetSettings(settings);
+    static uint32_t indicator;
+    zvx::InitParams params{&indicator, nullptr, traces, 0, nullptr};
+    zvx::InitUserThreadScheduler(routine, nullptr, &params);
+    return 1;
 }
 
 // Options, then the library: --schedulers N, --seconds N, --seed N.
@@ -98,13 +199,9 @@ inline int Main(int argc, char **argv, std::initializer_list<std::string> settin
         if (name == "--seconds") gSeconds = static_cast<uint32_t>(std::strtoul(argv[i + 1], nullptr, 10));
         if (name == "--seed") gSeed = std::strtoull(argv[i + 1], nullptr, 10);
     }
-    SetSettings(settings);
     std::printf("stress: seed %llu\n", static_cast<unsigned long long>(gSeed));
     std::fflush(stdout);
-    static uint32_t indicator;
-    zvx::InitParams params{&indicator, nullptr, nullptr, 0, nullptr};
-    zvx::InitUserThreadScheduler(routine, nullptr, &params);
-    return 1;
+    return Begin(settings, routine, nullptr);
 }
 
 }  // namespace stress

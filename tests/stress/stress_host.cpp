@@ -20,7 +20,6 @@ using namespace zvx;
 using namespace stress;
 using Random = std::mt19937_64;
 
-
 // What was done, each told at the end.
 enum Count { kActions, kChildren, kTerminated, kReads, kPosts, kEntries, kUnits, kMoves, kInjected, kEchoes, kCounts };
 constexpr const char *kCountNames[kCounts] = {"actions", "children", "terminated", "reads",    "posts",
@@ -87,7 +86,7 @@ void ReadSync(Random &rng) {
         offset += got;
         if (rng() % 8 == 0 && !FlushFileBuffers(file)) Fail("FlushFileBuffers", os::GetLastError());
     }
-    if (!CloseHandle(file)) Fail("CloseHandle(file)", os::GetLastError());
+    Close(file);
     Add(kReads, 3);
 }
 
@@ -115,7 +114,7 @@ struct Reads {
                 Fail("an overlapped read", read.End.Error, read.End.Done);
             CheckBytes(read.Buffer, read.End.Ov.Offset, 2048);
         }
-        if (!CloseHandle(File)) Fail("CloseHandle(file)", os::GetLastError());
+        Close(File);
         Add(kReads, 3);
     }
 };
@@ -213,17 +212,6 @@ SOCKET gListener, gRough;  // whoever accepts on gRough may be terminated
 uint16_t gPort, gRoughPort;
 std::atomic<uint32_t> gRoughClients{0};
 
-SOCKET Listen(uint16_t *port, DWORD flags) {
-    const SOCKET s = WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, flags);
-    sockaddr_in name = Loopback(0);
-    int length = sizeof name;
-    if (os::bind(s, reinterpret_cast<sockaddr *>(&name), length) != 0 || os::listen(s, 200) != 0 ||
-        os::getsockname(s, reinterpret_cast<sockaddr *>(&name), &length) != 0)
-        Fail("no listening socket", os::GetLastError());
-    *port = __builtin_bswap16(name.sin_port);
-    return s;
-}
-
 // The bytes of a receive with a routine, -1 for an error.
 int ReceiveByRoutine(SOCKET s, char *buffer, ULONG room) {
     Routine state{};
@@ -243,7 +231,7 @@ DWORD Session(void *param) {
     int got;
     do got = routines ? ReceiveByRoutine(s, buffer, sizeof buffer) : zvx::recv(s, buffer, sizeof buffer, 0);
     while (got > 0 && zvx::send(s, buffer, got, 0) == got);
-    if (closesocket(s) != 0) Fail("closesocket", os::GetLastError());
+    CloseSocket(s);
     return 0;
 }
 
@@ -259,13 +247,6 @@ DWORD Acceptor(void *) {
     }
 }
 
-SOCKET Connect() {
-    const SOCKET s = zvx::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in name = Loopback(gPort);
-    if (os::connect(s, reinterpret_cast<sockaddr *>(&name), sizeof name) != 0) Fail("connect", os::GetLastError());
-    return s;
-}
-
 // A connection that is reset in the middle of an echo, or sends blocks, compares their echo and ends in order.
 void UseSockets(Random &rng) {
     std::vector<char> out(1 + rng() % 900), in;
@@ -276,21 +257,19 @@ void UseSockets(Random &rng) {
         netpeer::Reset(fd);
         return;
     }
-    const SOCKET s = Connect();
+    const SOCKET s = Connect(gPort);
     for (uint64_t rounds = rng() % 6; rounds != 0; rounds--) {
         if (rounds == 5) out.resize(60000);
         for (char &byte : out) byte = static_cast<char>(rng());
         in.assign(out.size(), '\0');
-        const int bytes = static_cast<int>(out.size());
-        if (zvx::send(s, out.data(), bytes, 0) != bytes) Fail("send", os::GetLastError());
-        for (int done = 0, got; done < bytes; done += got)
-            if ((got = zvx::recv(s, in.data() + done, bytes - done, 0)) <= 0) Fail("no echo", os::GetLastError());
+        Send(s, out.data(), static_cast<int>(out.size()));
+        Receive(s, in.data(), static_cast<int>(in.size()));
         if (in != out) Fail("an echo differs", out.size());
         Add(kEchoes);
     }
     os::shutdown(s, SD_SEND);
     if (zvx::recv(s, in.data(), 1, 0) != 0) Fail("the server does not end the connection", os::GetLastError());
-    if (closesocket(s) != 0) Fail("closesocket", os::GetLastError());
+    CloseSocket(s);
 }
 
 // ---- Children ----------------------------------------------------------------------------------------
@@ -353,7 +332,7 @@ void CreateAndTerminate(Random &rng) {
     static const LPTHREAD_START_ROUTINE kinds[] = {Sleeper, Contender, Mover, RoughAcceptor, Talker};
     size_t kind = rng() % 5;
     if (kind == 2 && !MayMove()) kind = 0;
-    const SOCKET s = kind == 4 ? Connect() : INVALID_SOCKET;
+    const SOCKET s = kind == 4 ? Connect(gPort) : INVALID_SOCKET;
     const HANDLE child = Start(kinds[kind], kind == 4 ? s : rng() & 0xFF);
     if (rng() & 1) Sleep(1);
     if (kind == 3 && gRoughClients.load() < 100) {  // fewer than are kept waiting for an accept
@@ -364,7 +343,7 @@ void CreateAndTerminate(Random &rng) {
     if (!TerminateThread(child, 77)) Fail("TerminateThread", os::GetLastError());
     Join(child, 77);
     if (kind == 2) gMovedNow.fetch_sub(1);
-    if (kind == 4 && closesocket(s) != 0) Fail("closesocket", os::GetLastError());
+    if (kind == 4) CloseSocket(s);
     Add(kTerminated);
 }
 
@@ -458,12 +437,6 @@ DWORD Worker(void *param) {
     return 0;
 }
 
-uint32_t UserThreads() {
-    uint32_t sum = 0;
-    for (uint32_t i = 0; i < gSchedulersMade.load(); ++i) sum += gSchedulers[i]->FiberCount.load();
-    return sum;
-}
-
 void Spawn(uint32_t i) {
     gSlots[i].Runs.fetch_add(1);
     gSlots[i].Thread.store(Start(Worker, i));
@@ -476,10 +449,11 @@ DWORD MainRoutine(void *) {
         pool.Units = os::CreateSemaphoreA(nullptr, kMostUnits, kMostUnits, nullptr);
         pool.Mutex = os::CreateMutexA(nullptr, FALSE, nullptr);
     }
-    for (uint32_t i = 0; i < kSections; ++i) InitializeCriticalSectionAndSpinCount(&gSections[i].Lock, i * 50);
     Sleep(20);
-    const uint32_t handles = gHandleCount, kernelThreads = os::KernelThreadCount();
+    const auto before = TakeCounts();
+    const uint32_t kernelThreads = os::KernelThreadCount();
     const int sockets = netpeer::OpenSockets();
+    for (uint32_t i = 0; i < kSections; ++i) InitializeCriticalSectionAndSpinCount(&gSections[i].Lock, i * 50);
     // Accepted sockets are of the same kind: those of the one kind wait for operations with a routine too.
     gListener = Listen(&gPort, WSA_FLAG_OVERLAPPED);
     gRough = Listen(&gRoughPort, 0);
@@ -500,7 +474,7 @@ DWORD MainRoutine(void *) {
     gStop = true;
     // A worker that a neighbour suspended last is let go by its own ResumeThread; wait for each.
     for (uint32_t i = 0; i < kWorkers; ++i) Join(gSlots[i].Thread.exchange(nullptr), 0);
-    if (WaitForSingleObject(outsider, 60000) != WAIT_OBJECT_0) Fail("the kernel thread did not end");
+    Wait(outsider);
     os::CloseHandle(outsider);
     closesocket(gListener);
     closesocket(gRough);
@@ -518,19 +492,11 @@ DWORD MainRoutine(void *) {
         DeleteCriticalSection(&section.Lock);  // fatal when somebody still waits
     }
     if (entries != gCounts[kEntries].load()) Fail("entries were lost", entries, gCounts[kEntries].load());
-    Await("user threads left behind", [] { return UserThreads() == 1; });
-    Await("section records left behind", [] { return ChunksInUse(ALLOC_FIBER_CRITICAL_SECTION) == 0; });
+    for (size_t i = 0; i < 6; ++i) Await(before[i].first, [&] { return TakeCounts()[i].second == before[i].second; });
     Await("sockets left behind", [&] { return netpeer::OpenSockets() == sockets; });
-    // Retired records come back once every scheduler has gone idle or made a pass.
-    Await("handles left behind", [&] { return gHandleCount == handles; });
-    Await("handle entries left behind",
-          [] { return ChunksInUse(ALLOC_PSEHAND) == static_cast<int64_t>(gHandleCount); });
-    CheckHandleTable();
-    CheckScheduler(SchedOf(CallingFiber()));
-    if (ChunksInUse(ALLOC_FIBER_MESSAGE) != 0) Fail("messages left behind");
+    CheckTables();
     // The kernel's workers of each ring go, all but one or two, five seconds after their last work.
     Await("kernel threads left behind", [&] { return os::KernelThreadCount() <= kernelThreads + 36; });
-    if (gNumDynamicSchedulers.load() != 0) Fail("dynamic schedulers in use at the end", gNumDynamicSchedulers.load());
     std::remove(gFileName.c_str());
     std::printf("stress: %u schedulers and %u of the library's making, %s, %u records:", gNumSchedulers,
                 gSchedulersMade.load() - gNumSchedulers, os::IoBackendName(), gShellSerial.load());

@@ -29,7 +29,7 @@ uint32_t gMany;
 std::atomic<uint32_t> gWaiting;
 CRITICAL_SECTION gSection;
 HANDLE gObject;
-HANDLE gPing, gPong;
+HANDLE gPosts[2];  // of the two that post each other
 
 // Where threads are parked, each in a function of its own. The call is not the last thing that it does: a tail call
 // would leave no frame of it behind.
@@ -58,6 +58,15 @@ PLACE(AwaitsAnObject, WaitForSingleObject(gObject, INFINITE))
 PLACE(AwaitsAClient, accept(Listen(), nullptr, nullptr))
 PLACE(NeverYields, for (;;) gWaiting.load(std::memory_order_relaxed))
 
+template <int Own>
+DWORD Posts(HANDLE event) {
+    gPosts[Own] = event;
+    for (;;) {
+        if (gPosts[1 - Own] != nullptr) PostUserThread(gPosts[1 - Own]);
+        WaitForUserThreadPost(event, 10);
+    }
+}
+
 struct Kind {
     const char *Tag;
     DWORD (*Place)(HANDLE event);
@@ -65,29 +74,18 @@ struct Kind {
 const Kind kParked[] = {{"ZZZ", SleepsForLong},  {"PMON", AwaitsAPost},   {"SHAD", AwaitsAPostInTime},
                         {"OWN", OwnsTheSection}, {"OBJ", AwaitsAnObject}, {"NET", AwaitsAClient}};
 const Kind kContender{"CRIT", AwaitsTheSection}, kSpinner{"SPIN", NeverYields}, kWaiter{"MANY", AwaitsAPost};
+const Kind kPing{"PING", Posts<0>}, kPong{"PONG", Posts<1>};
 
-HANDLE Identify(const char *tag) {
-    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    IdentifyUserThread(tag, event);
-    gWaiting++;
-    return event;
-}
 DWORD Park(LPVOID argument) {
     const auto *kind = static_cast<const Kind *>(argument);
-    return kind->Place(Identify(kind->Tag));
+    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    IdentifyUserThread(kind->Tag, event);
+    gWaiting++;
+    return kind->Place(event);
 }
 
-DWORD PingPong(LPVOID pong) {
-    HANDLE &own = pong != nullptr ? gPong : gPing, &other = pong != nullptr ? gPing : gPong;
-    own = Identify(pong != nullptr ? "PONG" : "PING");
-    for (;;) {
-        if (other != nullptr) PostUserThread(other);
-        WaitForUserThreadPost(own, 10);
-    }
-}
-
-void Start(LPTHREAD_START_ROUTINE routine, const Kind *kind = nullptr) {
-    const HANDLE thread = CreateThread(nullptr, 0, routine, const_cast<Kind *>(kind), 0, nullptr);
+void Start(const Kind &kind) {
+    const HANDLE thread = CreateThread(nullptr, 0, Park, const_cast<Kind *>(&kind), 0, nullptr);
     if (thread == nullptr) std::abort();
     CloseHandle(thread);
 }
@@ -101,22 +99,22 @@ DWORD MainRoutine(LPVOID) {
     InitializeCriticalSection(&gSection);
     gObject = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     if (gMode == "many") {
-        for (uint32_t i = 0; i < gMany; i++) Start(Park, &kWaiter);
+        for (uint32_t i = 0; i < gMany; i++) Start(kWaiter);
         while (gWaiting < gMany) Sleep(10);
     } else {
-        for (const Kind &kind : kParked) Start(Park, &kind);
+        for (const Kind &kind : kParked) Start(kind);
         while (gWaiting < 6) Sleep(1);
         Sleep(50);
-        Start(Park, &kContender);
+        Start(kContender);
         while (gWaiting < 7) Sleep(1);
         Sleep(50);
     }
     if (gMode == "load") {
-        Start(PingPong);
-        Start(PingPong, &kWaiter);
+        Start(kPing);
+        Start(kPong);
     }
     if (gMode == "hang" || gMode == "abort") {
-        Start(Park, &kSpinner);
+        Start(kSpinner);
         while (gWaiting < 8) {
             // With one scheduler this does not come back: the process hangs, and says so before.
             Announce();
