@@ -186,7 +186,7 @@ def not_to_blame(server):
     server.process.send_signal(signal.SIGSTOP)
     time.sleep(6)
     server.process.send_signal(signal.SIGCONT)
-    time.sleep(1.5)
+    time.sleep(0.5)
     client.sendall(data[9:])
     check(client.recv(100) == b"+PONG\r\n", "who was in the middle of a request goes on")
     yield 8 << 20
