@@ -492,7 +492,7 @@ DWORD MainRoutine(void *) {
         DeleteCriticalSection(&section.Lock);  // fatal when somebody still waits
     }
     if (entries != gCounts[kEntries].load()) Fail("entries were lost", entries, gCounts[kEntries].load());
-    for (size_t i = 0; i < 6; ++i) Await(before[i].first, [&] { return TakeCounts()[i].second == before[i].second; });
+    for (size_t i = 0; i < 5; ++i) Await(before[i].first, [&] { return TakeCounts()[i].second == before[i].second; });
     Await("sockets left behind", [&] { return netpeer::OpenSockets() == sockets; });
     CheckTables();
     // The kernel's workers of each ring go, all but one or two, five seconds after their last work.
