@@ -150,7 +150,9 @@ void WaiterCleanup(Fiber *F, Scheduler *S, uintptr_t *args, uint32_t code) {
                 F->TermCleanup.Args[TermCleanupFuncSet(F, WaiterCleanup)][0] = reinterpret_cast<uintptr_t>(r);
                 Queue(r, F);
                 queued = true;
-                if (spins == 1) spins = 2;  // one more look after queueing: the owner may have left in between
+                // Behind the queueing: who was seen before it may have left in between, and its record may stand for
+                // another thread by now. Whoever owns the section from here on posts when it leaves.
+                if ((owner = TryOwn(r, F)) == nullptr) break;
             }
             if (owner->Sched.load(std::memory_order_relaxed) == SchedOf(F) || --spins == 0) break;
             os::CpuRelax();
