@@ -95,21 +95,24 @@ BOOL WriteFileEx(HANDLE file, const void *buffer, DWORD count, OVERLAPPED *overl
 }
 
 void DeliverFileCompletion(FIBEROVERLAPPED *rec, Fiber *F) {
-    if ((rec->Flags & OV_CANCELLED) == 0) {
+    const auto routine = (rec->Flags & OV_CANCELLED) == 0 ? rec->CompletionRoutine : nullptr;
+    OVERLAPPED *const caller = rec->CallerOv;
+    DWORD bytes = rec->Ov.InternalHigh;
+    DWORD error = ERROR_SUCCESS;
+    if (routine != nullptr) {
         const DWORD status = os::LoadStatus(&rec->Ov);
-        DWORD bytes = rec->Ov.InternalHigh;
-        DWORD error = ERROR_SUCCESS;
-        rec->CallerOv->InternalHigh = bytes;
-        os::StoreStatus(rec->CallerOv, status);
+        caller->InternalHigh = bytes;
+        os::StoreStatus(caller, status);
         if (status != STATUS_SUCCESS && !os::GetOverlappedResult(rec->OsHandle, &rec->Ov, &bytes, FALSE)) {
             error = os::GetLastError();
         }
-        rec->CompletionRoutine(error, bytes, rec->CallerOv);
     }
-    F->ApcDelivered = 1;
+    // Before the routine, which may end the thread or take it to another scheduler: an end awaits what is counted, and
+    // the record belongs to the scheduler that its packets come to.
     F->PendingApcIos--;
-    // The routine may have yielded: the record goes to whichever scheduler has the thread now.
     FreeOv(rec, SchedOf(F));
+    if (routine != nullptr) routine(error, bytes, caller);
+    F->ApcDelivered = 1;
 }
 
 BOOL LockFileEx(HANDLE file, DWORD flags, DWORD reserved, DWORD low, DWORD high, OVERLAPPED *overlapped) {

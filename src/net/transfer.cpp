@@ -259,21 +259,24 @@ int send(SOCKET s, const char *buffer, int length, int flags) {
 }
 
 void DeliverSocketCompletion(FIBEROVERLAPPED *rec, Fiber *F) {
-    if ((rec->Flags & OV_CANCELLED) == 0) {
-        DWORD error = 0;
-        DWORD bytes = rec->Ov.InternalHigh;
-        DWORD flags = 0;
-        if (rec->CallerOv != nullptr) CopyOutcome(rec->CallerOv, rec);
+    void *const routine = (rec->Flags & OV_CANCELLED) == 0 ? rec->SocketRoutine : nullptr;
+    OVERLAPPED *const caller = rec->CallerOv;
+    DWORD error = 0;
+    DWORD bytes = rec->Ov.InternalHigh;
+    DWORD flags = 0;
+    if (routine != nullptr) {
+        if (caller != nullptr) CopyOutcome(caller, rec);
         if (os::LoadStatus(&rec->Ov) != STATUS_SUCCESS &&
             !os::WSAGetOverlappedResult(reinterpret_cast<SOCKET>(rec->OsHandle), &rec->Ov, &bytes, FALSE, &flags)) {
             error = os::GetLastError();
         }
-        reinterpret_cast<LPWSAOVERLAPPED_COMPLETION_ROUTINE>(rec->SocketRoutine)(error, bytes, rec->CallerOv, flags);
     }
-    F->ApcDelivered = 1;
+    // Before the routine, as with files.
     F->PendingApcIos--;
-    // The routine may have yielded: the record goes to whichever scheduler has the thread now.
     FreeOv(rec, SchedOf(F));
+    if (routine != nullptr)
+        reinterpret_cast<LPWSAOVERLAPPED_COMPLETION_ROUTINE>(routine)(error, bytes, caller, flags);
+    F->ApcDelivered = 1;
 }
 
 BOOL WSAGetOverlappedResult(SOCKET s, OVERLAPPED *overlapped, DWORD *bytes, BOOL wait, DWORD *flags) {

@@ -1,6 +1,10 @@
 // tests/unit/sched_message_test.cpp - requests between schedulers: where they go while their thread moves; the rest is
 // that of tests/model. Then packets against polling.
+#include <unistd.h>
+
+#include "child.h"
 #include "kernel/handles.h"
+#include "kernel/thread.h"
 #include "sched_fixture.h"
 
 namespace zvx::test {
@@ -117,6 +121,24 @@ TEST_F(CompletionTest, APolledEndLeavesAPacketThatIsDropped) {
     EXPECT_EQ(TakeNotes(), Names{"again"});
 }
 
+// What a move awaits may be a packet, which a scheduler that never idles used to look at once in 100,000 switches.
+TEST_F(CompletionTest, AMoveFindsItsPacketsOnABusyScheduler) {
+    const Killed killed = Kill([&] {
+        SetOption(su_DynamicSchedulersEnabled);
+        gNumSchedulers = kMaxSchedulers;  // so that whoever is through is told that there is no room
+        Answer(script::Done(1));
+        NewFiber(S, [&](Fiber *self) {
+            for (int turns = 0; turns < 1000; ++turns) SchedYield(self, Yield_USER);
+            _exit(3);
+        });
+        Run([&](Fiber *self) {
+            ReadOn(self, File);
+            if (self->OwnOvs[0].SkipPackets != 0) MoveToDynamicScheduler(self);
+        });
+    });
+    EXPECT_EQ(killed.Output, "ZORVEX KILLED: Can not spawn any more dynamic schedulers MAX[0]\n|");
+}
+
 // Ended in another order than filed, of two classes: the high one goes first, the others as they were filed.
 TEST_F(CompletionTest, SeveralEndsAreServedInTheOrderOfFiling) {
     std::vector<Fiber *> readers;
@@ -187,6 +209,25 @@ TEST_F(CompletionTest, AnyOwnEndWakesADeepPollAndATimeOutLeavesIt) {
     End(ovs[0], STATUS_CANCELLED, 0);
     EXPECT_EQ(S->AllFibers.Count + S->PollLists[kPollFile].Count + S->PortCount, 0u);
     EXPECT_TRUE(TakeNotes().empty()) << "a cancelled operation calls no routine";
+}
+
+// Its own operation has ended; the end of the thread does not wait for the routine in which it takes place.
+TEST_F(CompletionTest, AThreadMayEndInItsRoutine) {
+    const LPOVERLAPPED_COMPLETION_ROUTINE routines[] = {
+        [](DWORD, DWORD, OVERLAPPED *) { ExitThread(5); },
+        [](DWORD, DWORD, OVERLAPPED *) { Sleep(10000); },
+    };
+    for (const auto routine : routines) {
+        OVERLAPPED *ov = nullptr;
+        Fiber *F = Run([&](Fiber *self) {
+            ov = Issue(self, Open(), routine);
+            SleepEx(INFINITE, TRUE);
+        });
+        End(ov);
+        if (routine == routines[1]) SendOne(S, MSG_TERMINATE, F, Generation(F), 5);
+        Advance(100);
+        EXPECT_EQ(S->AllFibers.Count, 0u);
+    }
 }
 
 TEST_F(CompletionTest, SleepExNWaitsForAsManyAsAsked) {
