@@ -69,6 +69,14 @@ static uint32_t PortWait(const Scheduler *S) {
     return nearest < gPortWaitMs ? nearest : gPortWaitMs;
 }
 
+// A period of many log writes counts for as long as no scheduler with few sessions has nothing to do.
+static void ForgetLogActivity(const Scheduler *S) {
+    if (S->ShadowCount.load(std::memory_order_relaxed) > gLGWRHighActivityNumShadowsThreshold) return;
+    // Looked at first: the line belongs to the log writer's scheduler.
+    if (gLgwrWritesLastPeriod.load(std::memory_order_relaxed) != 0)
+        gLgwrWritesLastPeriod.store(0, std::memory_order_relaxed);
+}
+
 static bool Idle(Scheduler *S) {
     bool work = PollOvLists(S, false);
     S->IdleCalls++;
@@ -83,8 +91,7 @@ static bool Idle(Scheduler *S) {
 
     S->SelectPasses = 0;
     S->SwitchesSinceIdle = 0;
-    if (S->ShadowCount.load(std::memory_order_relaxed) <= gLGWRHighActivityNumShadowsThreshold)
-        gLgwrWritesLastPeriod.store(0, std::memory_order_relaxed);
+    ForgetLogActivity(S);
     bool lgwrActive = LogWriterActive();
     if (S->PolledCount == S->NetCount) {
         if (lgwrActive) {
@@ -116,6 +123,7 @@ static bool Idle(Scheduler *S) {
         NoteTimeline(S, kTimelineAwake, nullptr, 0);
         S->QuantumStartTick.store(gQuantumTick.load(std::memory_order_relaxed), std::memory_order_relaxed);
         if (PollOvLists(S, false) || S->BackgroundRunnable != 0) return true;
+        ForgetLogActivity(S);
         ChkTimeForTimerQ(S);
     } while (mayStay && S->PolledCount == 0 && !PollOvLists(S, true));
     return true;

@@ -22,7 +22,9 @@ bool UpdateQuantumIndicator(bool takeLock) {
     bool expired = false;
     for (uint32_t i = 0; i < gNumSchedulers && i < kMaxSchedulers; ++i) {
         const Scheduler *S = gSchedulers[i];
-        if (S != nullptr && ElapsedQuantumTicks(S) > 3) expired = true;
+        // One that waits in its port runs nobody, however long the host lets it wait.
+        if (S == nullptr || S->Idling.load(std::memory_order_relaxed) != 0) continue;
+        if (ElapsedQuantumTicks(S) > 3) expired = true;
     }
     if (gQuantumIndicator != nullptr)
         std::atomic_ref<uint32_t>(*gQuantumIndicator).store(expired ? 1 : 0, std::memory_order_relaxed);

@@ -6,6 +6,8 @@
 namespace zvx {
 
 void AppendRunQueue(Scheduler *S, uint32_t queue, Fiber *F) {
+    // Whoever waits for its place came before F, and is not to end up behind it.
+    if (S->Unsorted[queue] != 0) SortQueue(S, queue);
     AppendMasked(S, &S->RunQueues[queue], 1u << queue, F);
 }
 
@@ -17,7 +19,7 @@ void AppendReady(Scheduler *S, Fiber *F) { AppendMasked(S, &S->ReadyList, kMaskR
 // newcomer goes in front of the first fiber with an equal or smaller stamp, so that among equals it goes first. Fibers
 // mostly wake in the order in which they ran, so that its place is at the head. When it is not near, as in a batch of
 // ends in an order of their own, the newcomer and all that follow it are put at the head as they come, and sorted
-// together when somebody is picked: a walk for each would be quadratic with thousands of sessions.
+// together when somebody is picked, or appended: a walk for each would be quadratic with thousands of sessions.
 static void InsertByStamp(Scheduler *S, uint32_t queue, Fiber *F) {
     constexpr int kSteps = 8;
     ListHead *list = &S->RunQueues[queue];

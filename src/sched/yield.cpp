@@ -187,7 +187,7 @@ Fiber *SelectNext(Scheduler *S, bool *ranIdle) {
             S->BackgroundRunnable--;
             *ranIdle |= InitFiberRoutine(S);
             S->BackgroundRunnable++;
-            AppendMasked(S, &S->RunQueues[gORQ], 1u << gORQ, N);
+            AppendRunQueue(S, gORQ, N);
             continue;
         }
         if (N->State == FSTATE_SCHED_YIELD && S->BackgroundRunnable != 0) S->BackgroundRunnable--;
@@ -259,6 +259,7 @@ void SchedYield(Fiber *F, uint32_t reason) {
 
         if (reason == Yield_USER) {
             F->State = FSTATE_YIELDED;
+            if (S->Unsorted[gORQ] != 0) [[unlikely]] SortQueue(S, gORQ);  // as AppendRunQueue
             AppendMasked(S, &S->RunQueues[gORQ], 1u << gORQ, F);
         } else {
             FileOtherReason(S, F, reason);

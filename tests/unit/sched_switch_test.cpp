@@ -92,6 +92,25 @@ TEST_F(SwitchTest, ABatchInAnyOrderIsServedAsIfEachHadBeenPutInItsPlace) {
     }
 }
 
+TEST_F(SwitchTest, WhoeverIsAppendedLaterStaysBehindTheWoken) {
+    Fiber *woken = Parked("woken"), *later = Parked("later", ROLE_OTHER, CLASS_BACKGROUND);
+    std::vector<Fiber *> recent;
+    for (int i = 0; i < 9; ++i) recent.push_back(Parked(std::to_string(i)));
+    Names names;
+    for (uint32_t i = 0; i < 9; ++i) {
+        recent[i]->LastRunStamp = 1000 + i;
+        names.insert(names.begin(), std::to_string(i));
+        Wake(recent[i], gORQ);
+    }
+    woken->LastRunStamp = 1;
+    later->LastRunStamp = 2000;
+    Wake(woken, gORQ);
+    Wake(later, gORQ);
+    RunUntilIdle(S);
+    names.insert(names.end(), {"woken", "later"});
+    EXPECT_EQ(TakeNotes(), names);
+}
+
 // Under one that always wakes itself into a higher queue, without an idle moment.
 TEST_F(SwitchTest, FullSweepsServeALowQueueAndFreeWhatHasExited) {
     bool stop = false;
@@ -249,6 +268,9 @@ TEST_F(SchedTest, TheQuantumFollowsTheSlowestScheduler) {
         other->QuantumStartTick = c.OtherStart;
         EXPECT_EQ(UpdateQuantumIndicator(true), c.Expired);
     }
+    other->QuantumStartTick = 1;
+    other->Idling = 1;  // waits in its port, and keeps nobody from running
+    EXPECT_FALSE(UpdateQuantumIndicator(true));
     // The check yields only beyond the quantum, and starts a new one.
     Run([&](Fiber *) {
         for (const uint32_t ticks : {3u, 4u}) {
