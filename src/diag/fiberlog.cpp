@@ -1,8 +1,7 @@
 // diag/fiberlog.cpp - the user thread "FLOG", which writes the ring log to its file.
 //
-// It runs on scheduler 0 and writes as any host does, through the library's own file functions: while a batch is on its
-// way, other user threads run. Only the flush after the last batch blocks its scheduler's thread, once a second at
-// most.
+// It runs on scheduler 0 and writes as any host does, through the library's own file functions: while a batch or the
+// flush behind the last one is on its way, other user threads run.
 #include <cstdio>
 #include <cstring>
 
@@ -94,8 +93,10 @@ DWORD FiberLogger(void *) {
             WriteBatch(batch, length, &position);
             wrote = true;
         }
-        if (wrote) FlushFileBuffers(gRingFile);
-        Sleep(kLookMs);
+        if (wrote)
+            FlushFileBuffers(gRingFile);  // and look again: texts may have come meanwhile
+        else
+            Sleep(kLookMs);
     }
 }
 
