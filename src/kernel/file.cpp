@@ -90,7 +90,8 @@ FIBEROVERLAPPED *PrepareOwnOv(Fiber *F, const OVERLAPPED *given, PSEHAND *entry,
     if (given != nullptr) {
         rec->Ov.Offset = given->Offset;
         rec->Ov.OffsetHigh = given->OffsetHigh;
-        rec->Ov.hEvent = given->hEvent;
+        // Without the low bit of an earlier operation of the caller's: whether a packet comes is decided below.
+        rec->Ov.hEvent = reinterpret_cast<HANDLE>(reinterpret_cast<uintptr_t>(given->hEvent) & ~uintptr_t{1});
     } else {
         const uint64_t position = RootOf(entry)->FilePosition.load(std::memory_order_relaxed);
         rec->Ov.Offset = static_cast<DWORD>(position);

@@ -210,6 +210,9 @@ HANDLE CreateBackingThread(SECURITY_ATTRIBUTES *security, void (*capture)(void *
 HANDLE CreateEventA(SECURITY_ATTRIBUTES *security, BOOL manualReset, BOOL initiallySet, const char *name);
 BOOL SetEvent(HANDLE event);
 BOOL ResetEvent(HANDLE event);
+// Makes an event that nobody else knows yet signalled for good: it cannot be reset, CloseHandle answers TRUE and closes
+// nothing, and an operation that has it in hEvent leaves it alone. It should be a manual-reset one.
+BOOL KeepSignalled(HANDLE event);
 HANDLE CreateMutexA(SECURITY_ATTRIBUTES *security, BOOL initiallyOwned, const char *name);
 BOOL ReleaseMutex(HANDLE mutex);  // 288 (ERROR_NOT_OWNER) when the caller does not own it
 HANDLE CreateSemaphoreA(SECURITY_ATTRIBUTES *security, LONG initial, LONG maximum, const char *name);
@@ -305,8 +308,8 @@ IoOp *TakeEndedOps(IoThread *io);
 void SubmitIo(IoThread *io);
 
 // With INVALID_HANDLE_VALUE and a null port: a new port, owned by the calling thread, which gets its
-// IoThread. Otherwise associates the handle with the port under the key. Null on failure (87 when the
-// handle is bound to a port already, 6 for no such handle or port).
+// IoThread. Otherwise associates the handle with the port under the key, for operations issued from then on. Null on
+// failure (87 when the handle is bound to a port already, 6 for no such handle or port).
 HANDLE CreateIoCompletionPort(HANDLE file, HANDLE port, uintptr_t key, DWORD concurrency);
 // Takes one packet, waiting at most `ms` (blocks; submits everything prepared first; also returns early,
 // with FALSE, a null *overlapped and 258, when an operation without a packet has ended). Owner only.
@@ -331,6 +334,9 @@ BOOL HasOverlappedIoCompleted(OVERLAPPED *overlapped);
 // Asks for the end of exactly that operation of the calling thread (it still ends by being reaped, with
 // STATUS_CANCELLED or its own status). FALSE with ERROR_NOT_FOUND when there is none.
 BOOL CancelIoEx(HANDLE file, OVERLAPPED *overlapped);
+// The same for an operation issued with an IoOp, whatever became of its handle: with duplicates of that open, the
+// operation goes on when it is closed.
+BOOL CancelOp(const IoOp *op);
 BOOL CancelIo(HANDLE file);  // every operation of the calling thread on the handle
 // Asks for the end of each operation of the calling thread whose OVERLAPPED lies in [low, high); returns
 // how many are still outstanding. For a stack that is about to go away; operations issued with an IoOp are not

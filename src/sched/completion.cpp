@@ -396,7 +396,7 @@ void ProcessIOCPMessage(Scheduler *S, OVERLAPPED *overlapped, uintptr_t key) {
 void CancelOwnIo(Scheduler *S, Fiber *F) {
     (void)S;
     for (FIBEROVERLAPPED &rec : F->OwnOvs) {
-        if (!HasEnded(&rec)) os::CancelIoEx(rec.OsHandle, &rec.Ov);
+        if (!HasEnded(&rec)) os::CancelOp(&rec.Io);
         AccountPacket(&rec);
     }
 }
@@ -405,7 +405,7 @@ void CancelFiberOvs(Fiber *F) {
     for (ListHead *list : {&F->FileOvs, &F->SocketOvs}) {
         for (ListLink *link = FirstLink(list); link != &list->Ends; link = link->Next) {
             FIBEROVERLAPPED *rec = OvOfLink(link);
-            if (!HasEnded(rec)) os::CancelIoEx(rec->OsHandle, &rec->Ov);
+            if (!HasEnded(rec)) os::CancelOp(&rec->Io);
             rec->Flags |= OV_CANCELLED;
         }
     }

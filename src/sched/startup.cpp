@@ -261,7 +261,8 @@ void InitUserThreadScheduler(LPTHREAD_START_ROUTINE routine, void *param, const 
     os::SetFiberTagFunction(TagOfFiber);
     InitSchedulerGlobals();
     AvoidCompletionEvent = os::CreateEventA(nullptr, TRUE, TRUE, nullptr);
-    if (AvoidCompletionEvent == nullptr || AvoidCompletionEvent == INVALID_HANDLE_VALUE)
+    if (AvoidCompletionEvent == nullptr || AvoidCompletionEvent == INVALID_HANDLE_VALUE ||
+        !os::KeepSignalled(AvoidCompletionEvent))
         FatalExit("COULD NOT CREATE AVOID COMPLETION EVENT\n");
     StartDebuggerThread();
     if (gNumSchedulers >= kMaxSchedulers) FatalExit("sizeof(SchedBitMaskId) too small");

@@ -1,6 +1,7 @@
 // tests/integration/calls_test.cpp - files, pipes, threads, calls on threads of their own and other processes as user
 // threads see them. Injected routines: tests/model, tests/stress and tests/soak.
 #include "support/host_runner.h"
+#include "zvxkvt/sockets.h"
 
 using namespace hosttest;
 
@@ -72,6 +73,38 @@ TEST_P(Calls, PositionFollowsReadsWritesAndDuplicates) {
     }));
 }
 
+// The event that a lock gives the OVERLAPPED asks for no packet, which a read with the same one must not wait for.
+TEST_P(Calls, OneOverlappedForALockAndARead) {
+    const ScratchFolder scratch;
+    EXPECT_HOST_OK(RunHost(Options(), [&scratch] {
+        const HANDLE file = CreateFileA(scratch.File("file").c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
+                                        nullptr, CREATE_NEW, 0, nullptr);
+        HOST_CHECK(WriteFile(file, "abc", 3, nullptr, nullptr));
+        HostThread reader([file]() -> DWORD {
+            OVERLAPPED ov{};
+            char byte = 0;
+            HOST_CHECK(LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &ov));
+            HOST_CHECK(ReadFile(file, &byte, 1, nullptr, &ov));
+            return static_cast<DWORD>(byte);
+        });
+        HOST_EQ('a', reader.Join());
+    }));
+}
+
+TEST_P(Calls, DuplicatesAreOfThisProcess) {
+    const ChildResult host = RunHost(Options(), [] {
+        const HANDLE self = OpenProcess(PROCESS_ALL_ACCESS, FALSE, GetCurrentProcessId());
+        const HANDLE parent = OpenProcess(PROCESS_ALL_ACCESS, FALSE, static_cast<DWORD>(getppid()));
+        HANDLE copy = nullptr;
+        HOST_CHECK(self != nullptr && parent != nullptr);
+        HOST_CHECK(!DuplicateHandle(GetCurrentProcess(), self, parent, &copy, 0, FALSE, 0));
+        HOST_EQ(ERROR_INVALID_PARAMETER, GetLastError());
+        DuplicateHandle(self, self, self, &copy, 0, FALSE, 0);
+    });
+    EXPECT_EQ(1, host.ExitCode);
+    EXPECT_EQ(0u, host.Output.rfind("ZORVEX KILLED: DuplicateHandle: Must fix tph=", 0)) << host.Output;
+}
+
 // Nothing here may block: with one scheduler a server and a client that waited in the system would wait for ever.
 TEST_P(Calls, ServersAndClientsOfPipes) {
     EXPECT_HOST_OK(RunHost(Options(), [] {
@@ -95,18 +128,56 @@ TEST_P(Calls, AHostsOwnOperationOnAPipeAndACallerThatIsEnded) {
     EXPECT_HOST_OK(RunHost(options, [] {
         const HANDLE pipe = Create(FILE_FLAG_OVERLAPPED);
         OVERLAPPED ov{};
-        ov.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+        ov.hEvent = CreateEventA(nullptr, TRUE, TRUE, nullptr);
         HOST_CHECK(!ConnectNamedPipe(pipe, &ov) && GetLastError() == ERROR_IO_PENDING);
         HOST_EQ(1u, reinterpret_cast<uintptr_t>(ov.hEvent) & 1);
+        HOST_EQ(WAIT_TIMEOUT, WaitForSingleObject(ov.hEvent, 0));
         HostThread caller([]() -> DWORD { return WaitNamedPipeA(kName.c_str(), 5000) && Call("x", 8).empty(); });
         HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(ov.hEvent, 5000));
         DWORD moved = 0;
         HOST_CHECK(GetOverlappedResult(pipe, &ov, &moved, TRUE));
+        HOST_CHECK(CloseHandle(ov.hEvent) && !CloseHandle(ov.hEvent));
+        // Where there was no event it is the library's now, which closing as one's own does not take away.
+        ov.hEvent = nullptr;
+        const HANDLE second = Create(FILE_FLAG_OVERLAPPED);
+        for (int i = 0; i < 2; i++) {
+            HOST_CHECK(!ConnectNamedPipe(second, &ov) && GetLastError() == ERROR_IO_PENDING);
+            HOST_CHECK(CancelIoEx(second, &ov) && !GetOverlappedResult(second, &ov, &moved, TRUE));
+            HOST_CHECK(i == 0 ? CloseHandle(ov.hEvent) : WSACloseEvent(ov.hEvent));
+        }
+        HOST_CHECK(CloseHandle(second));
         // Ended inside its call, it leaves nothing that the server would wait for.
         char text[8];
         HOST_CHECK(ReadFile(pipe, text, 8, &moved, nullptr) && moved == 1);
         TerminateThread(caller.Handle, 7);
         HOST_CHECK(!ReadFile(pipe, text, 8, &moved, nullptr) && GetLastError() == ERROR_BROKEN_PIPE);
+    }));
+}
+
+// With a duplicate open, an operation goes on when its handle is closed; the end of its thread ends it all the same.
+TEST_P(Calls, AThreadEndsWhoseHandleWasClosed) {
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        for (const DWORD flags : {0u, static_cast<DWORD>(FILE_FLAG_OVERLAPPED)}) {
+            const HANDLE server = Create(), process = GetCurrentProcess();
+            const HANDLE pipe = flags == 0 ? server
+                                           : CreateFileA(kName.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                                         OPEN_EXISTING, flags, nullptr);
+            HANDLE copy = nullptr;
+            HOST_CHECK(DuplicateHandle(process, pipe, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS));
+            OVERLAPPED ov{};
+            char byte = 0;
+            HostThread thread([&]() -> DWORD {
+                if (flags == 0) return ConnectNamedPipe(pipe, nullptr);
+                HOST_CHECK(ReadFileEx(pipe, &byte, 1, &ov, [](DWORD, DWORD, LPOVERLAPPED) {}));
+                return SleepEx(INFINITE, TRUE);
+            });
+            Sleep(20);
+            HOST_CHECK(CloseHandle(pipe));
+            HOST_CHECK(TerminateThread(thread.Handle, 7));
+            HOST_EQ(7u, thread.Join());
+            CloseHandle(copy);
+            if (flags != 0) CloseHandle(server);
+        }
     }));
 }
 

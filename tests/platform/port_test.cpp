@@ -1,5 +1,6 @@
 // tests/platform/port_test.cpp - ports: order and number of packets, wake-ups of a blocked owner, closing, and what
 // needs no packet.
+#include "platform/os_process.h"
 #include "support.h"
 
 TEST(Port, PostersKeepTheirOrderAndLoseNothing) {
@@ -107,6 +108,52 @@ TEST(Port, PacketsFollowTheHandleToItsPortAndAClosedPortEndsTheWait) {
     owner.join();
     EXPECT_EQ(0u, a.Read(handle, buffer, 100));
     EXPECT_EQ(0u, a.Op.PacketsQueued);
+}
+
+// It is reset when the operation begins and set at its end; the low bit keeps the packet away and nothing else, and a
+// named event is meant by its name.
+TEST(Port, TheEventOfAnOperation) {
+    Fifo fifo;
+    const HANDLE port = NewPort(), pipe = fifo.Open();
+    char byte;
+    Operation put;
+    const auto end = [&](Operation &a, const OVERLAPPED *packet) {
+        put.Ov.hEvent = reinterpret_cast<HANDLE>(1);
+        put.Write(pipe, "x", 1);
+        const OVERLAPPED *got = nullptr;
+        while (os::LoadStatus(&a.Ov) == STATUS_PENDING || os::LoadStatus(&put.Ov) == STATUS_PENDING)
+            if (const OVERLAPPED *of = Take(port, 1000).Ov) got = of;
+        EXPECT_EQ(got, packet);
+    };
+    {
+        Operation early;
+        ASSERT_EQ(ERROR_IO_PENDING, early.Read(pipe, &byte, 1));
+        EXPECT_EQ(port, os::CreateIoCompletionPort(pipe, port, 5, 0));
+        end(early, nullptr);  // was issued when nobody was to be told
+    }
+    const std::string name = "zvx-test-" + std::to_string(getpid());
+    for (int way = 0; way < 4; way++) {
+        SCOPED_TRACE(way);
+        const HANDLE event = os::CreateEventA(nullptr, TRUE, TRUE, way < 2 ? nullptr : name.c_str());
+        const HANDLE other = way < 2 ? Duplicate(event) : os::OpenEventA(0, FALSE, name.c_str());
+        Operation a;
+        a.Ov.hEvent = reinterpret_cast<HANDLE>(reinterpret_cast<uintptr_t>(event) | (way & 1));
+        ASSERT_EQ(ERROR_IO_PENDING, a.Read(pipe, &byte, 1));
+        EXPECT_EQ(WAIT_TIMEOUT, os::WaitForSingleObject(other, 0));
+        end(a, way % 2 == 0 ? &a.Ov : nullptr);
+        EXPECT_EQ(WAIT_OBJECT_0, os::WaitForSingleObject(other, 0));
+        EXPECT_TRUE(os::ResetEvent(other));
+        EXPECT_EQ(WAIT_TIMEOUT, os::WaitForSingleObject(a.Ov.hEvent, 0));
+        EXPECT_TRUE(os::CloseHandle(a.Ov.hEvent));
+        EXPECT_EQ(ERROR_INVALID_HANDLE, ErrorOf(os::CloseHandle(event)));
+        os::CloseHandle(other);
+    }
+    Operation a;
+    a.Ov.hEvent = os::CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    EXPECT_TRUE(os::KeepSignalled(a.Ov.hEvent) && os::ResetEvent(a.Ov.hEvent) && os::CloseHandle(a.Ov.hEvent));
+    ASSERT_EQ(ERROR_IO_PENDING, a.Read(pipe, &byte, 1));
+    EXPECT_EQ(WAIT_OBJECT_0, os::WaitForSingleObject(a.Ov.hEvent, 0));
+    end(a, &a.Ov);
 }
 
 TEST(Port, CachedReadsFinishAtOnceUntilTheBudgetIsSpent) {

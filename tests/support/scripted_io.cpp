@@ -292,6 +292,10 @@ BOOL CancelIoEx(HANDLE file, OVERLAPPED *overlapped) {
     return found;
 }
 
+BOOL CancelOp(const IoOp *op) {
+    return CancelIoEx(RunningOn(op->Ov), op->Ov);
+}
+
 BOOL FlushFileBuffers(HANDLE file, OVERLAPPED *overlapped, IoOp *op) {
     gScript.Flushes++;
     return Issue("FlushFileBuffers", {file, 0, overlapped, op}, nullptr);

@@ -131,21 +131,35 @@ HANDLE OpenEventA(DWORD access, BOOL inherit, const char *name) {
     return MakeEvent(false, false, name, NameUse::kOpen);
 }
 
-BOOL SetEvent(HANDLE event) {
-    if (ShouldFail("SetEvent")) return FALSE;
-    Object *object = RefHandle(event, ObjectType::kEvent);
-    if (object == nullptr) return FALSE;
-    if (SharedSlot *slot = SlotOfObject(object); slot != nullptr) {
+void SetEventObject(Object *event) {
+    if (SharedSlot *slot = SlotOfObject(event); slot != nullptr) {
         {
             SharedGuard guard;
             StoreValue(slot, 1);
         }
-        OfferSlot(object, slot);
+        OfferSlot(event, slot);
     } else {
         // Not even a set event is spared the lock: whoever resets it at this moment must see what the caller
         // wrote before.
-        SignalObject(object);
+        SignalObject(event);
     }
+}
+
+void ResetEventObject(Object *event) {
+    if (event->Kept) return;
+    if (SharedSlot *slot = SlotOfObject(event); slot != nullptr) {
+        SharedGuard guard;
+        StoreValue(slot, 0);
+    } else {
+        UnsignalObject(event);
+    }
+}
+
+BOOL SetEvent(HANDLE event) {
+    if (ShouldFail("SetEvent")) return FALSE;
+    Object *object = RefHandle(event, ObjectType::kEvent);
+    if (object == nullptr) return FALSE;
+    SetEventObject(object);
     UnrefObject(object);
     return TRUE;
 }
@@ -154,12 +168,16 @@ BOOL ResetEvent(HANDLE event) {
     if (ShouldFail("ResetEvent")) return FALSE;
     Object *object = RefHandle(event, ObjectType::kEvent);
     if (object == nullptr) return FALSE;
-    if (SharedSlot *slot = SlotOfObject(object); slot != nullptr) {
-        SharedGuard guard;
-        StoreValue(slot, 0);
-    } else {
-        UnsignalObject(object);
-    }
+    ResetEventObject(object);
+    UnrefObject(object);
+    return TRUE;
+}
+
+BOOL KeepSignalled(HANDLE event) {
+    Object *object = RefHandle(event, ObjectType::kEvent);
+    if (object == nullptr) return FALSE;
+    SetEventObject(object);
+    object->Kept = true;
     UnrefObject(object);
     return TRUE;
 }

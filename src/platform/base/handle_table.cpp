@@ -65,7 +65,8 @@ bool ReserveSlotsLocked() {
 inline HandleSlot *SlotOf(HANDLE handle) {
     uintptr_t value = reinterpret_cast<uintptr_t>(handle);
     HandleSlot *slots = gSlots.load(std::memory_order_acquire);
-    if (slots == nullptr || (value & 3) != 0 || value / 4 >= gSlotLimit.load(std::memory_order_relaxed)) return nullptr;
+    // The two low bits are no part of a handle: hEvent carries a request to the ports in one of them.
+    if (slots == nullptr || value / 4 >= gSlotLimit.load(std::memory_order_relaxed)) return nullptr;
     return &slots[value / 4];
 }
 
@@ -131,6 +132,16 @@ bool TryRef(Object *object) {
         if (object->Refs.compare_exchange_weak(refs, refs + 1, std::memory_order_acquire, std::memory_order_relaxed))
             return true;
     return false;
+}
+
+// Whether the handle is one of this process, the pseudo handle or another.
+bool IsThisProcess(HANDLE handle) {
+    Object *object = RefHandle(handle, ObjectType::kProcess);
+    if (object == nullptr) return false;
+    const bool own = static_cast<ProcessObject *>(object)->Id.load(std::memory_order_relaxed) == GetCurrentProcessId();
+    UnrefObject(object);
+    if (!own) SetLastError(ERROR_INVALID_PARAMETER);
+    return own;
 }
 
 bool IsPseudoHandle(HANDLE handle) {
@@ -227,6 +238,7 @@ BOOL CloseHandle(HANDLE handle) {
     if (IsPseudoHandle(handle)) return TRUE;
     HandleSlot *slot = SlotOf(handle);
     Object *object = slot == nullptr ? nullptr : slot->Target.load(std::memory_order_acquire);
+    if (object != nullptr && object->Kept) return TRUE;
     // Of two that close the same handle at once, one finds it closed.
     if (object == nullptr || !slot->Target.compare_exchange_strong(object, nullptr, std::memory_order_seq_cst)) {
         SetLastError(ERROR_INVALID_HANDLE);
@@ -248,10 +260,7 @@ BOOL DuplicateHandle(HANDLE sourceProcess, HANDLE source, HANDLE targetProcess, 
     static_cast<void>(inherit);
     if (ShouldFail("DuplicateHandle")) return FALSE;
     if (target != nullptr) *target = nullptr;
-    if (sourceProcess != GetCurrentProcess() || targetProcess != GetCurrentProcess()) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
+    if (!IsThisProcess(sourceProcess) || !IsThisProcess(targetProcess)) return FALSE;
     Object *object = RefHandle(source);
     if (object == nullptr) return FALSE;
     if (target == nullptr) {

@@ -54,6 +54,7 @@ struct Object {
     // Changed under the dispatcher lock: places of parked waits in Waiters. Whoever closes a handle reads it without.
     std::atomic<uint32_t> Parked{0};
     ObjectType Type = ObjectType::kAny;
+    bool Kept = false;  // before others know the handle: an event that KeepSignalled made what it stays for ever
 };
 
 // A handle for `object`, taking over the caller's reference (Refs must be at least 1). Null with
@@ -78,6 +79,9 @@ void UnrefObject(Object *object);  // calls Destroy at 0
 // Marks a waitable object signalled or not, and wakes whoever waits for it. Takes the dispatcher lock.
 void SignalObject(Object *object);
 void UnsignalObject(Object *object);
+// event.cpp: the same for an event, which with a name is other processes' too. Takes the dispatcher lock or the table's.
+void SetEventObject(Object *event);
+void ResetEventObject(Object *event);
 
 }  // namespace os
 

@@ -368,6 +368,15 @@ BOOL CancelIoEx(HANDLE file, OVERLAPPED *overlapped) {
     return found ? TRUE : NotFound();
 }
 
+BOOL CancelOp(const IoOp *op) {
+    if (ShouldFail("CancelOp")) return FALSE;
+    Engine *engine = CurrentEngine();
+    Request *request = static_cast<Request *>(op->Request);
+    if (engine == nullptr || request == nullptr || request->Owner != engine) return NotFound();
+    CancelRequest(engine, request);
+    return TRUE;
+}
+
 BOOL CancelIo(HANDLE file) {
     if (ShouldFail("CancelIo")) return FALSE;
     IoObject *object = RefIoObject(file);

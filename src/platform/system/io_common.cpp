@@ -144,23 +144,11 @@ bool NoteEngine(Engine *engine, IoObject *object) {
     return object->Handles.load(std::memory_order_seq_cst) == 0;
 }
 
-void SignalQuietEvent(HANDLE handle) {
-    // Nearly always the permanently signalled event: two loads then, and no reference.
-    const Object *seen = PeekHandle(handle);
-    if (seen == nullptr || seen->Signalled.load(std::memory_order_relaxed) != 0) return;
-    if (Object *event = RefHandle(handle, ObjectType::kEvent)) {
-        SignalObject(event);
-        UnrefObject(event);
-    }
-}
-
 // The part of every successful or failed end that comes after Internal is final. The OVERLAPPED may be gone.
 void AnnounceEnd(Engine *engine, IoCall *call, DWORD status, DWORD bytes) {
     if (call->Event != nullptr) {
-        SignalObject(call->Event);
+        SetEventObject(call->Event);
         UnrefObject(call->Event);
-    } else if (call->QuietEvent != nullptr) {
-        SignalQuietEvent(call->QuietEvent);
     }
     PortObject *port = call->NoPacket ? nullptr : call->Target->Port.load(std::memory_order_acquire);
     if (port != nullptr) QueuePacket(engine, port, call->Target->Key, call->Op, call->Ov, status, bytes);
@@ -362,21 +350,19 @@ void CancelObject(IoObject *object) {
 bool TakeEvent(IoCall *call) {
     const uintptr_t value = reinterpret_cast<uintptr_t>(call->Ov->hEvent);
     if (value == 0) return true;
-    const HANDLE handle = reinterpret_cast<HANDLE>(value & ~static_cast<uintptr_t>(1));
+    const HANDLE handle = reinterpret_cast<HANDLE>(value);
     if ((value & 1) != 0) {
         call->NoPacket = true;
         if (value == 1) return true;
+        // Nearly always the event that stays signalled: two loads then, and no reference.
         const Object *seen = PeekHandle(handle);
-        if (seen != nullptr && seen->Type == ObjectType::kEvent) {
-            call->QuietEvent = handle;
-            return true;
-        }
-    } else if ((call->Event = RefHandle(handle, ObjectType::kEvent)) != nullptr) {
-        if (call->Event->Signalled.load(std::memory_order_relaxed) != 0) UnsignalObject(call->Event);
-        return true;
+        if (seen != nullptr && seen->Kept) return true;
     }
-    SetLastError(ERROR_INVALID_HANDLE);
-    return false;
+    call->Event = RefHandle(handle, ObjectType::kEvent);
+    if (call->Event == nullptr) return false;
+    if (call->Event->Ops->Shared || call->Event->Signalled.load(std::memory_order_relaxed) != 0)
+        ResetEventObject(call->Event);
+    return true;
 }
 
 void DropCall(IoCall *call) {
@@ -407,6 +393,8 @@ void FinishAtOnce(Engine *engine, IoCall *call) {
 }
 
 BOOL IssueCall(Engine *engine, IoCall *call) {
+    // Who is bound later reports what begins later: nobody expects a packet for this one, not even its issuer.
+    if (call->Target->Port.load(std::memory_order_acquire) == nullptr) call->NoPacket = true;
     if (engine == nullptr) {
         engine = ServiceEngine();
         if (engine == nullptr) return FailAtOnce(call, StatusOfError(GetLastError()));

@@ -117,7 +117,6 @@ struct IoCall {
     OVERLAPPED *Ov = nullptr;     // caller: until the end
     IoOp *Op = nullptr;           // caller: until it is handed over; null for the host's own operations
     Object *Event = nullptr;      // a reference; signalled at the end
-    HANDLE QuietEvent = nullptr;  // an event that came with the low bit: signalled at the end if it is not already
     EndRoutine *Routine = nullptr;
     char *Buffer = nullptr;  // caller: until the end
     // Several buffers of kReceive and kSend, null for one: an array that is consumed as the transfer goes on. Its
@@ -312,7 +311,7 @@ void CancelObject(IoObject *object);
 // Threads that sleep on the status word of an operation that they did not issue.
 extern std::atomic<uint32_t> gStatusWaiters;
 
-// Looks at hEvent: takes and resets the event, or notes the quiet one. False with ERROR_INVALID_HANDLE.
+// Looks at hEvent: takes and resets the event, unless it stays signalled. False with ERROR_INVALID_HANDLE.
 bool TakeEvent(IoCall *call);
 void DropCall(IoCall *call);  // lets go of the references of a call that was not issued
 // What only the operations of sockets hold; before the final status is stored, because it may be used again then.

@@ -109,7 +109,7 @@ void HandleReport(uint64_t tag, uint32_t seen) {
     if (found == 0) return;
     record->Recorded |= found;
     record->Disabled |= found;
-    SignalObject(record->Event);
+    SetEventObject(record->Event);
 }
 
 void *WatchMain(void *) {
@@ -277,7 +277,7 @@ int WSAEnumNetworkEvents(SOCKET s, WSAEVENT event, WSANETWORKEVENTS *result) {
         memset(result, 0, sizeof *result);
         InnerGuard guard(&gEventsLock);
         // In one step with the look: what is recorded later signals again.
-        if (object != nullptr) UnsignalObject(object);
+        if (object != nullptr) ResetEventObject(object);
         if (EventRecord *record = socket->Events.load(std::memory_order_relaxed)) {
             result->lNetworkEvents = record->Recorded;
             for (int bit = 0; bit < FD_MAX_EVENTS; bit++)
