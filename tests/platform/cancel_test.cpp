@@ -1,5 +1,6 @@
 // tests/platform/cancel_test.cpp - cancelling: exactly what was asked for, before and after submission, and against
 // completion. By closing: sockets and pipes.
+#include "platform/system/io_engine.h"
 #include "support.h"
 
 TEST(Cancel, EndsExactlyThatOperation) {
@@ -41,6 +42,27 @@ TEST(Cancel, EndsExactlyThatOperation) {
     EXPECT_EQ(0, byte[1]);
     if (a[2].Read(pipe, &byte[2], 1) != 0) Await(port, &a[2].Ov);
     EXPECT_EQ('q', byte[2]);
+}
+
+// A ring numbers its entries modulo 2^32. By the time of the cancel the number of an operation that ran for long may be
+// that of a newer one, of a newer one's place, or of a place where nothing is.
+TEST(Cancel, EndsAnOperationOlderThanItsNumber) {
+    Fifo quiet, busy;
+    const HANDLE port = NewPort(), parked = quiet.Open(), pipe = busy.Open();
+    os::Engine *engine = os::EngineOf(Io());
+    char byte[2];
+    for (const uint32_t beyond : {0u, 256u, 1u}) {
+        Operation old, young, put;
+        ASSERT_EQ(ERROR_IO_PENDING, old.Read(parked, &byte[0], 1));
+        os::SubmitIo(Io());
+        ASSERT_EQ(ERROR_IO_PENDING, young.Read(pipe, &byte[1], 1));
+        os::FindRequest(engine, &old.Ov)->Entry = os::FindRequest(engine, &young.Ov)->Entry + beyond;
+        EXPECT_TRUE(os::CancelIoEx(parked, &old.Ov));
+        EXPECT_EQ(STATUS_CANCELLED, Await(port, &old.Ov)) << beyond;
+        if (put.Write(pipe, "y", 1) != 0) Await(port, &put.Ov);
+        EXPECT_EQ(STATUS_SUCCESS, Await(port, &young.Ov)) << beyond;
+        os::TakeEndedOps(Io());
+    }
 }
 
 // Every byte is either in a read that succeeded or still in the pipe; every operation ends once.

@@ -294,20 +294,20 @@ void RingStartNext(Engine *engine, Request *request) {
 void RingCancel(Engine *engine, Request *request) {
     io_uring *ring = &engine->Ring->Ring;
     const uint32_t consumed = io_uring_smp_load_acquire(ring->sq.khead);
-    io_uring_sqe *entry;
+    const uint64_t data = reinterpret_cast<uint64_t>(request);
+    io_uring_sqe *entry = &ring->sq.sqes[request->Entry & ring->sq.ring_mask];
     if (request->Stage.load(std::memory_order_relaxed) == RequestStage::kParked) {
         entry = NextEntry(engine);
-    } else if (static_cast<int32_t>(request->Entry - consumed) >= 0) {
-        entry = &ring->sq.sqes[request->Entry & ring->sq.ring_mask];
-    } else {
+    } else if (request->Entry - consumed >= ring->sq.sqe_tail - consumed || entry->user_data != data) {
+        // The kernel has it. Numbers come again after 2^32, so one that lies among those that wait may be another's.
         entry = NextEntry(engine);
-        io_uring_prep_cancel64(entry, reinterpret_cast<uint64_t>(request), 0);
+        io_uring_prep_cancel64(entry, data, 0);
         entry->user_data = kIgnored;
         return;
     }
     // The kernel has not seen it: an empty operation takes its place, and the completion of that ends the request.
     io_uring_prep_nop(entry);
-    entry->user_data = reinterpret_cast<uint64_t>(request);
+    entry->user_data = data;
     request->Stage.store(RequestStage::kEnded, std::memory_order_relaxed);
 }
 
