@@ -1,4 +1,5 @@
 // tests/platform/socket_test.cpp - sockets: connections, transfers, how they end, accepts.
+#include "platform/system/io_engine.h"
 #include "socket_support.h"
 
 TEST(Socket, NoDescriptorBeforeACallNeedsOne) {
@@ -149,6 +150,27 @@ TEST(Socket, CancelledAndClosed) {
         EXPECT_EQ(0u, Io()->Outstanding);
         EXPECT_EQ(before, OpenDescriptors()) << how;
     }
+}
+
+// Closed after a call took its reference, and before what the call does could be found.
+TEST(Socket, CallsThatBeginWhileItIsClosed) {
+    Pair pair;
+    char byte;
+    OVERLAPPED ov[2] = {};
+    auto *object = static_cast<os::IoObject *>(os::RefHandle(reinterpret_cast<HANDLE>(pair.Server)));
+    for (int i = 0; i < 2; i++) {
+        os::IoCall call;
+        os::RefObject(call.Target = object);
+        call.Kind = os::RequestKind::kReceive;
+        call.Buffer = &byte;
+        call.Count = 1;
+        call.Ov = &ov[i];
+        EXPECT_EQ(ERROR_IO_PENDING, ErrorOf(os::IssueCall(nullptr, &call)));
+        if (i == 0) os::closesocket(pair.Server);
+        for (int tries = 0; tries < 1000 && os::LoadStatus(&ov[i]) == STATUS_PENDING; tries++) Pause(10);
+        EXPECT_EQ(STATUS_CANCELLED, os::LoadStatus(&ov[i])) << i;
+    }
+    os::UnrefObject(object);
 }
 
 TEST(Socket, AcceptExGivesConnectionsInTheirOrder) {

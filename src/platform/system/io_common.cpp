@@ -134,14 +134,19 @@ void FreeRequest(Engine *engine, Request *request) {
     engine->Io.Outstanding--;
 }
 
+bool IsClosed(const IoObject *object) {
+    return object->Handles.load(std::memory_order_seq_cst) == 0;
+}
+
 // Notes that the engine may have operations on the object, for CancelObject. Returns true when the last handle went
 // away meanwhile: its closer may have looked at the mask before, so the operation is to be cancelled by the issuer.
 bool NoteEngine(Engine *engine, IoObject *object) {
     const uint64_t bit = 1ull << (engine->Index & 63);
-    // A bit that is there already was seen by any closer, whose message this thread handles after the issue.
+    // A bit that is there already was seen by any closer, whose message this thread handles after the issue of its own
+    // call. A call that came in a message itself may be behind that one: IssueForOther looks.
     if ((object->EngineMask.load(std::memory_order_relaxed) & bit) != 0) return false;
     object->EngineMask.fetch_or(bit, std::memory_order_seq_cst);
-    return object->Handles.load(std::memory_order_seq_cst) == 0;
+    return IsClosed(object);
 }
 
 // The part of every successful or failed end that comes after Internal is final. The OVERLAPPED may be gone.
@@ -425,6 +430,8 @@ void IssueForOther(Engine *engine, IoCall *call) {
         EndCall(engine, call, StatusOfError(ERROR_NOT_ENOUGH_MEMORY));
     else if (BeginRequest(engine, request, *call))
         EndRequest(engine, request);
+    else if (IsClosed(call->Target) || (call->Accepted != nullptr && IsClosed(call->Accepted)))
+        CancelRequest(engine, request);  // the closer's message may have come before the call did
 }
 
 bool AccountTransfer(IoCall *call, int64_t result, bool cancelled, DWORD *status) {
