@@ -1,4 +1,5 @@
 // tests/platform/socket_call_test.cpp - sockets: duplicates, readiness, options, blocked threads, functions of files.
+#include "platform/system/socket.h"
 #include "socket_support.h"
 
 namespace {
@@ -196,6 +197,31 @@ TEST(Socket, BlockedThreadsAreWokenAndEnded) {
         Pause(30);
         EXPECT_TRUE(os::TerminateThread(thread, 9));
         EXPECT_EQ(WAIT_OBJECT_0, os::WaitForSingleObject(thread, 5000));
+    }
+}
+
+// A call that blocks is held up behind its reference, where a descriptor is being made, and its socket is closed.
+TEST(Socket, CallsThatFindTheirSocketClosed) {
+    static char byte;
+    static const sockaddr_in address = Loopback(1);
+    DWORD (*const calls[])(SOCKET) = {
+        [](SOCKET s) { return SocketError(os::accept(s, nullptr, nullptr)); },
+        [](SOCKET s) { return SocketError(os::recv(s, &byte, 1, 0)); },
+        [](SOCKET s) { return SocketError(os::recvfrom(s, &byte, 1, 0, nullptr, nullptr)); },
+        [](SOCKET s) { return SocketError(os::sendto(s, &byte, 1, 0, nullptr, 0)); },
+        [](SOCKET s) { return SocketError(os::connect(s, Plain(address), sizeof address)); },
+    };
+    for (const auto &call : calls) {
+        Pair pair;
+        const SOCKET s = call == calls[0] ? pair.Listener : pair.Client;
+        auto *object = static_cast<os::SocketObject *>(os::RefHandle(reinterpret_cast<HANDLE>(s)));
+        object->State = os::SocketState::kMaking;
+        std::thread caller([&] { EXPECT_EQ(WSAEINTR, call(s)) << "call " << &call - calls; });
+        while (object->Refs < 3) os::YieldProcessor();
+        os::closesocket(s);
+        object->State = os::SocketState::kReady;
+        caller.join();
+        os::UnrefObject(object);
     }
 }
 

@@ -247,7 +247,8 @@ BOOL CloseHandle(HANDLE handle) {
     // Either this sees a wait that was parked by the handle, or the one who parked it sees the handle closed.
     if (object->Parked.load(std::memory_order_seq_cst) != 0) WakeParkedOf(object);
     if (slot->State.fetch_and(~kOpen, std::memory_order_acq_rel) == kOpen) QueueFreeValue(slot);
-    if (object->Handles.fetch_sub(1, std::memory_order_acq_rel) == 1 && object->Ops->HandlesGone != nullptr)
+    // Likewise for one who is about to begin a call: either he is seen, or he sees that no handle is left.
+    if (object->Handles.fetch_sub(1, std::memory_order_seq_cst) == 1 && object->Ops->HandlesGone != nullptr)
         object->Ops->HandlesGone(object);
     UnrefObject(object);
     return TRUE;

@@ -108,7 +108,8 @@ void AfterSignal();  // a call was interrupted and will be made again
 // The mode of a descriptor that was put into the object, if it is not the kernel's default.
 void ApplyMode(SocketObject *socket);
 
-// Around a system call that may block: a closer then wakes it.
+// Around a system call that may block: a closer then wakes it. One that came before it found nobody to wake, so Closed
+// is asked once before the first call.
 struct Blocker {
     explicit Blocker(SocketObject *socket) : Socket(socket) {
         socket->Blockers.fetch_add(1, std::memory_order_seq_cst);

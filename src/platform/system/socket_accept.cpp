@@ -49,7 +49,7 @@ int AcceptDescriptor(SocketObject *listener, sockaddr_storage *address, socklen_
     }
     const bool nonBlocking = listener->NonBlocking.load(std::memory_order_relaxed);
     Blocker blocker(listener);
-    for (;;) {
+    while (!blocker.Closed()) {
         *length = sizeof *address;
         fd = static_cast<int>(
             syscall(SYS_accept4, listener->Fd, address, length, SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0)));
@@ -60,7 +60,6 @@ int AcceptDescriptor(SocketObject *listener, sockaddr_storage *address, socklen_
             AfterSignal();
         else if (errno != ECONNABORTED && errno != EPROTO)
             break;
-        if (blocker.Closed()) break;
     }
     *error = blocker.Closed() ? WSAEINTR : SocketErrorOfErrno(errno);
     return -1;

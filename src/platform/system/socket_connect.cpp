@@ -51,6 +51,7 @@ DWORD Connect(SocketObject *socket, const sockaddr *name, int length) {
     if ((FlagsOf(socket) & kSocketListening) != 0) return WSAEINVAL;
     const bool nonBlocking = socket->NonBlocking.load(std::memory_order_relaxed);
     Blocker blocker(socket);
+    if (blocker.Closed()) return WSAEINTR;
     // Before the call: the watcher of events may see its end before this thread does.
     if (nonBlocking) {
         AddFlags(socket, kSocketConnecting);

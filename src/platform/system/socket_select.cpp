@@ -97,8 +97,11 @@ int LookOnce(Selection *selection, int64_t ns, bool *unreported) {
     return ready;
 }
 
+// How many are ready, or -1 when one was closed. A closer sees that the socket is watched, or is seen here.
 int Run(Selection *selection, uint64_t deadline) {
     for (;;) {
+        for (uint32_t i = 0; i < selection->Count; i++)
+            if (selection->Entries[i].Socket->Handles.load(std::memory_order_seq_cst) == 0) return -1;
         int64_t left = 0;
         if (selection->Blocks) {
             const uint64_t now = deadline == kNoDeadline ? 0 : MonotonicNs();
@@ -107,8 +110,6 @@ int Run(Selection *selection, uint64_t deadline) {
         bool unreported;
         const int ready = LookOnce(selection, left, &unreported);
         if (ready != 0 || left == 0) return ready;
-        for (uint32_t i = 0; i < selection->Count; i++)
-            if (selection->Entries[i].Socket->Handles.load(std::memory_order_relaxed) == 0) return -1;
         // Something that is no reason to return, and stays: an error on a socket of which only the urgent data matters.
         for (uint32_t i = 0; i < selection->Count; i++)
             if (selection->Polls[i].revents != 0) {

@@ -69,6 +69,7 @@ DWORD TransferNow(SocketObject *socket, IoCall *call) {
     const bool receive = call->Kind == RequestKind::kReceive;
     const bool nonBlocking = socket->NonBlocking.load(std::memory_order_relaxed);
     Blocker blocker(socket);
+    if (blocker.Closed()) return StatusOfError(WSAEINTR);
     for (;;) {
         const int64_t moved = MoveSocket(call, nonBlocking ? MSG_DONTWAIT : 0);
         DWORD status;
@@ -383,10 +384,11 @@ int sendto(SOCKET s, const char *buffer, int length, int flags, const sockaddr *
     long moved = -1;
     if (error == 0) {
         Blocker blocker(socket);
-        while ((moved = syscall(SYS_sendto, socket->Fd, buffer, length, wanted | MSG_NOSIGNAL, to, toLength)) < 0 &&
+        while (!blocker.Closed() &&
+               (moved = syscall(SYS_sendto, socket->Fd, buffer, length, wanted | MSG_NOSIGNAL, to, toLength)) < 0 &&
                errno == EINTR)
             AfterSignal();
-        if (moved < 0) error = SocketErrorOfErrno(errno);
+        if (moved < 0) error = blocker.Closed() ? WSAEINTR : SocketErrorOfErrno(errno);
     }
     UnrefObject(socket);
     return error == 0 ? static_cast<int>(moved) : FailSocket(error);
@@ -402,10 +404,14 @@ int recvfrom(SOCKET s, char *buffer, int length, int flags, sockaddr *from, int 
     long moved = -1;
     if (error == 0) {
         Blocker blocker(socket);
-        while ((moved = syscall(SYS_recvfrom, socket->Fd, buffer, length, wanted, from, fromLength)) < 0 &&
+        while (!blocker.Closed() &&
+               (moved = syscall(SYS_recvfrom, socket->Fd, buffer, length, wanted, from, fromLength)) < 0 &&
                errno == EINTR)
             AfterSignal();
-        if (moved < 0) error = SocketErrorOfErrno(errno);
+        if (moved <= 0 && blocker.Closed())
+            error = WSAEINTR;
+        else if (moved < 0)
+            error = SocketErrorOfErrno(errno);
     }
     AfterCall(socket, FD_READ);
     UnrefObject(socket);
