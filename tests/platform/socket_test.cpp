@@ -70,6 +70,13 @@ TEST(Socket, EveryFlagOfAReceive) {
     EXPECT_EQ(0u, op.End(port, ERROR_IO_PENDING));
     EXPECT_STREQ("12345678", buffer);
     EXPECT_EQ(WSAEOPNOTSUPP, op.Receive(pair.Server, buffer, 8, 0x4000));
+    // Of datagrams it takes one, and a short one is not the last.
+    const SOCKET receiver = os::socket(AF_INET, SOCK_DGRAM, 0), sender = os::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in address = Loopback();
+    ASSERT_EQ(0, os::bind(receiver, Plain(address), sizeof address));
+    address = NameOf(receiver);
+    for (int i = 0; i < 3; i++) EXPECT_EQ(1, os::sendto(sender, "d", 1, 0, Plain(address), sizeof address));
+    for (int i = 0; i < 3; i++) EXPECT_TRUE(op.End(port, op.Receive(receiver, buffer, 20)) == 0 && op.Got == 1) << i;
     EXPECT_EQ(0u, Io()->Outstanding);
 }
 

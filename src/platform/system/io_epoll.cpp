@@ -15,7 +15,7 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
-#include "platform/system/io_engine.h"
+#include "platform/system/socket.h"
 
 namespace os {
 
@@ -71,9 +71,9 @@ void AskAgain(EpollState *state, const IoObject *object) {
     epoll_ctl(state->SetFd, EPOLL_CTL_MOD, object->Fd, &event);
 }
 
-// A receive that got less than it asked for has emptied the socket: the next one has to wait for a report anyway, and
-// is spared a call that would only say so. The end, an error and urgent data may have been reported together with what
-// was received, and are not reported again.
+// A receive that got less than it asked for has emptied the stream: the next one has to wait for a report anyway, and
+// is spared a call that would only say so. (Of datagrams it got one, and more may be there.) The end, an error and
+// urgent data may have been reported together with what was received, and are not reported again.
 void NoteDrained(Engine *engine, const IoCall &call) {
     Stream *stream = &engine->Streams[call.Target->Fd];
     stream->Drained[DirectionOf(call.Kind)] = !stream->Unsure;
@@ -92,7 +92,8 @@ bool Attempt(Engine *engine, Request *request) {
                 return false;
             }
             if (!AccountTransfer(call, moved, false, &request->Status)) continue;
-            if (call->Kind == RequestKind::kReceive && moved > 0 && moved < left && (call->MsgFlags & MSG_PEEK) == 0)
+            if (call->Kind == RequestKind::kReceive && moved > 0 && moved < left && (call->MsgFlags & MSG_PEEK) == 0 &&
+                static_cast<const SocketObject *>(call->Target)->SocketType == SOCK_STREAM)
                 NoteDrained(engine, *call);
             return true;
         }
