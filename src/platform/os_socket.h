@@ -10,9 +10,9 @@
 //
 // It is closed when the last handle is gone and the last operation has ended; a duplicate keeps the connection open. A
 // thread that sleeps in a call on a socket whose last handle is closed, or has just begun one, returns with WSAEINTR
-// (select: with the socket as ready, or WSAENOTSOCK), unless the socket has duplicates; only a connect that meets the
-// close before the kernel has begun it lasts until its own end. Nothing depends on WSAStartup. The first socket raises
-// the soft limit of descriptors to the hard one.
+// (select: with the socket as ready, or WSAENOTSOCK), unless it has duplicates, or had some that were used; only a
+// connect that meets the close before the kernel has begun it lasts until its own end. Nothing depends on WSAStartup.
+// The first socket raises the soft limit of descriptors to the hard one.
 #ifndef ZVX_PLATFORM_OS_SOCKET_H
 #define ZVX_PLATFORM_OS_SOCKET_H
 

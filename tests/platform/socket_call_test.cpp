@@ -10,6 +10,12 @@ int Get(SOCKET s, int level, int name) {
     return value;
 }
 
+SOCKET DuplicateSocket(SOCKET s) {
+    WSAPROTOCOL_INFOA info;
+    EXPECT_EQ(0, os::WSADuplicateSocketA(s, os::GetCurrentProcessId(), &info));
+    return os::WSASocketA(AF_INET, SOCK_STREAM, 0, &info, 0, WSA_FLAG_OVERLAPPED);
+}
+
 }  // namespace
 
 TEST(Socket, DuplicatesHereAndInAnotherProcess) {
@@ -32,8 +38,7 @@ TEST(Socket, DuplicatesHereAndInAnotherProcess) {
     EXPECT_EQ(before + 4, OpenDescriptors());
     for (const SOCKET s : {source, copy, visitor, taken}) EXPECT_EQ(0, os::closesocket(s));
     // Used, also after the source was closed.
-    ASSERT_EQ(0, os::WSADuplicateSocketA(pair.Client, self, &info));
-    copy = take();
+    copy = DuplicateSocket(pair.Client);
     EXPECT_EQ(0, os::closesocket(pair.Client));
     EXPECT_EQ(4, os::send(copy, "copy", 4, 0)) << os::GetLastError();
     EXPECT_EQ(0, os::closesocket(copy));
@@ -175,12 +180,16 @@ TEST(Socket, BlockedThreadsAreWokenAndEnded) {
     const ptrdiff_t before = OpenDescriptors();
     Pair pair;
     char byte;
+    // Duplicates that nobody used: one goes before the last handle of its source, one afterwards.
+    os::closesocket(DuplicateSocket(pair.Listener));
+    const SOCKET copy = DuplicateSocket(pair.Client);
     std::thread receiver([&] { EXPECT_EQ(WSAEINTR, SocketError(os::recv(pair.Client, &byte, 1, 0))); });
     std::thread acceptor([&] { EXPECT_EQ(WSAEINTR, SocketError(os::accept(pair.Listener, nullptr, nullptr))); });
     Pause(50);
-    for (const SOCKET s : {pair.Client, pair.Listener, pair.Server}) EXPECT_EQ(0, os::closesocket(s));
+    for (const SOCKET s : {pair.Client, pair.Listener, copy}) EXPECT_EQ(0, os::closesocket(s));
     receiver.join();
     acceptor.join();
+    EXPECT_EQ(0, os::closesocket(pair.Server));
     EXPECT_EQ(before, OpenDescriptors());
     // Ended in their calls.
     static Pair other;

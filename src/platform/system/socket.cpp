@@ -45,8 +45,15 @@ constexpr uint32_t kConsumed = 0x5A534443u;
 constexpr size_t kRecordAt = 64;
 static_assert(kRecordAt + sizeof(DuplicateRecord) <= sizeof(WSAPROTOCOL_INFOA::szProtocol));
 
-// The last handle is gone. Threads that sleep in the kernel hold references, so the descriptor stays; they are woken
-// by shutting the connection down, which a duplicate would feel: with duplicates about, they sleep on.
+// Threads that sleep in the kernel hold references, so the descriptor of a closed socket stays; they are woken by
+// shutting the connection down, which a duplicate would feel: with duplicates about, they sleep on.
+void WakeBlocked(SocketObject *socket) {
+    if (socket->Blockers.load(std::memory_order_seq_cst) != 0 && !HasDuplicates(socket) &&
+        socket->State.load(std::memory_order_acquire) == SocketState::kReady)
+        syscall(SYS_shutdown, socket->Fd, SHUT_RDWR);
+}
+
+// The last handle is gone.
 void SocketHandlesGone(Object *object) {
     SocketObject *socket = static_cast<SocketObject *>(object);
     if (socket->Events.load(std::memory_order_acquire) != nullptr) EndEvents(socket);
@@ -54,16 +61,22 @@ void SocketHandlesGone(Object *object) {
         socket->State.load(std::memory_order_acquire) == SocketState::kReady)
         FlushSends(socket);
     CancelObject(socket);
-    if (socket->Blockers.load(std::memory_order_seq_cst) == 0 || (FlagsOf(socket) & kSocketShared) != 0) return;
-    if (socket->State.load(std::memory_order_acquire) == SocketState::kReady)
-        syscall(SYS_shutdown, socket->Fd, SHUT_RDWR);
+    WakeBlocked(socket);
+}
+
+// A duplicate that never got a descriptor is gone. Of it and the source's last handle the second sees the other.
+void DropSource(SocketObject *source) {
+    if (source->LazyDuplicates.fetch_sub(1, std::memory_order_seq_cst) == 1 &&
+        source->Handles.load(std::memory_order_seq_cst) == 0)
+        WakeBlocked(source);
+    UnrefObject(source);
 }
 
 void SocketDestroy(Object *object) {
     SocketObject *socket = static_cast<SocketObject *>(object);
     // Somebody who still held a reference may have asked for events after the last handle was closed.
     if (socket->Events.load(std::memory_order_acquire) != nullptr) EndEvents(socket);
-    if (socket->Source != nullptr) UnrefObject(socket->Source);
+    if (socket->Source != nullptr) DropSource(socket->Source);
     socket->Source = nullptr;
     CloseDeferred(socket);
     EndIoObject(socket);
@@ -153,13 +166,15 @@ void LearnFlags(SocketObject *socket) {
 // A second socket for one of this process.
 SOCKET DuplicateHere(const WSAPROTOCOL_INFOA *info, const DuplicateRecord &record) {
     SocketObject *source = RefSocket(info->dwProviderReserved);
-    if (source != nullptr && source->Serial == record.Serial && source->Handles.load(std::memory_order_relaxed) != 0) {
-        SocketObject *socket = NewSocketObject(source->Family, source->SocketType, source->Protocol);
+    if (source != nullptr && source->Serial == record.Serial) {
+        source->LazyDuplicates.fetch_add(1, std::memory_order_seq_cst);
+        const bool open = source->Handles.load(std::memory_order_seq_cst) != 0;
+        SocketObject *socket = open ? NewSocketObject(source->Family, source->SocketType, source->Protocol) : nullptr;
         if (socket == nullptr) {
-            UnrefObject(source);
+            if (!open) SetLastError(WSAEINVAL);
+            DropSource(source);
             return INVALID_SOCKET;
         }
-        AddFlags(source, kSocketShared);
         socket->Flags.store((FlagsOf(source) & ~kSocketNeverBlocks) | kSocketDuplicate, std::memory_order_relaxed);
         socket->NonBlocking.store(source->NonBlocking.load(std::memory_order_relaxed), std::memory_order_relaxed);
         memcpy(socket->Fixed, source->Fixed, sizeof socket->Fixed);
@@ -295,14 +310,20 @@ DWORD MakeDescriptor(SocketObject *socket) {
                        : OpenKernelSocket(socket->Family, socket->SocketType, socket->Protocol, nonBlocking);
     if (fd < 0 && error == 0) error = SocketErrorOfErrno(errno);
     socket->Fd = fd;
-    if (fd >= 0) socket->Source = nullptr;
+    if (fd >= 0 && source != nullptr) {
+        AddFlags(source, kSocketShared);
+        AddFlags(socket, kSocketShared);
+        socket->Source = nullptr;
+    }
     socket->State.store(fd >= 0 ? SocketState::kReady : SocketState::kLazy, std::memory_order_seq_cst);
     LeaveInnerRegion();
     if (fd < 0) return error;
-    if (source != nullptr)
+    if (source != nullptr) {
+        source->LazyDuplicates.fetch_sub(1, std::memory_order_seq_cst);
         UnrefObject(source);
-    else if (socket->NonBlocking.load(std::memory_order_seq_cst) != nonBlocking)
+    } else if (socket->NonBlocking.load(std::memory_order_seq_cst) != nonBlocking) {
         ApplyMode(socket);
+    }
     return 0;
 }
 

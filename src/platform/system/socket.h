@@ -29,7 +29,7 @@ constexpr uint32_t kSocketConnected = 4;      // was at some time
 constexpr uint32_t kSocketSendShut = 8;       // shutdown by this process
 constexpr uint32_t kSocketReceiveShut = 16;   // the same
 constexpr uint32_t kSocketReset = 32;         // the kernel reports a reset once only; for the host it stays
-constexpr uint32_t kSocketShared = 64;        // has duplicates, here or in another process
+constexpr uint32_t kSocketShared = 64;        // its kernel socket is or was another's too, here or in another process
 constexpr uint32_t kSocketNeverBlocks = 128;  // NeverBlock was called
 constexpr uint32_t kSocketExclusive = 256;    // SO_EXCLUSIVEADDRUSE
 constexpr uint32_t kSocketDuplicate = 512;    // init: made as one; has a Source while it is kLazy
@@ -49,12 +49,13 @@ struct SocketObject : IoObject {
     int Protocol = 0;    // init
     // A reference on what it is to be a duplicate of, or null. Owned by who made the state kMaking, and by Destroy.
     SocketObject *Source = nullptr;
-    std::atomic<bool> NonBlocking{false};  // FIONBIO
-    std::atomic<uint32_t> Blockers{0};     // threads in a call that may block; see HandlesGone
-    std::atomic<DWORD> ReceiveTimeout{0};  // milliseconds, 0 for none
-    std::atomic<DWORD> SendTimeout{0};     // the same
-    socklen_t FixedLength = 0;             // written before kSocketListening: length of Fixed, 0 for none
-    alignas(4) char Fixed[32];             // the local address of every connection that is accepted here
+    std::atomic<bool> NonBlocking{false};     // FIONBIO
+    std::atomic<uint32_t> Blockers{0};        // threads in a call that may block; see WakeBlocked
+    std::atomic<uint32_t> LazyDuplicates{0};  // those that have this one as their Source
+    std::atomic<DWORD> ReceiveTimeout{0};     // milliseconds, 0 for none
+    std::atomic<DWORD> SendTimeout{0};        // the same
+    socklen_t FixedLength = 0;                // written before kSocketListening: length of Fixed, 0 for none
+    alignas(4) char Fixed[32];                // the local address of every connection that is accepted here
     InnerLock DeferLock;
     DeferredAccept *Deferred = nullptr;          // [DeferLock] oldest first
     std::atomic<uint32_t> DeferCount{0};         // changed under the lock, read without
@@ -68,6 +69,11 @@ inline uint32_t FlagsOf(const SocketObject *socket) {
 inline void AddFlags(SocketObject *socket, uint32_t flags) {
     // Mostly there already: the line stays shared then.
     if ((FlagsOf(socket) & flags) != flags) socket->Flags.fetch_or(flags, std::memory_order_release);
+}
+
+// As far as this process knows. A duplicate that gets its descriptor sets the flag before it leaves the count.
+inline bool HasDuplicates(const SocketObject *socket) {
+    return socket->LazyDuplicates.load(std::memory_order_seq_cst) != 0 || (FlagsOf(socket) & kSocketShared) != 0;
 }
 
 inline int FailSocket(DWORD error) {

@@ -111,11 +111,11 @@ DWORD ClaimFresh(SocketObject *accepted) {
     SocketState state = accepted->State.load(std::memory_order_acquire);
     if (state == SocketState::kReady) {
         // Made already by some call, such as one that set an option; not used for anything yet.
-        constexpr uint32_t kUsed = kSocketListening | kSocketConnecting | kSocketConnected | kSocketShared;
+        constexpr uint32_t kUsed = kSocketListening | kSocketConnecting | kSocketConnected;
         sockaddr_in name{};
         socklen_t length = sizeof name;
         syscall(SYS_getsockname, accepted->Fd, &name, &length);
-        if ((FlagsOf(accepted) & kUsed) != 0 || name.sin_port != 0 ||
+        if ((FlagsOf(accepted) & kUsed) != 0 || HasDuplicates(accepted) || name.sin_port != 0 ||
             accepted->EngineMask.load(std::memory_order_relaxed) != 0)
             return WSAEINVAL;
     } else if (state != SocketState::kLazy || (FlagsOf(accepted) & kSocketDuplicate) != 0) {
