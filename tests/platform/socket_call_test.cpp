@@ -43,7 +43,8 @@ TEST(Socket, DuplicatesHereAndInAnotherProcess) {
     EXPECT_EQ(4, os::send(copy, "copy", 4, 0)) << os::GetLastError();
     EXPECT_EQ(0, os::closesocket(copy));
     EXPECT_EQ("copy", ReceiveAll(pair.Server)) << "with the last of them the connection ended";
-    // Another process gets the listener and answers there.
+    // Another process gets the listener and answers there, after the time-out that the listener had here.
+    EXPECT_EQ(0u, Set(pair.Listener, ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO, 50));
     int ends[2], status = 0;
     ASSERT_EQ(0, pipe(ends));
     const pid_t child = fork();
@@ -51,7 +52,9 @@ TEST(Socket, DuplicatesHereAndInAnotherProcess) {
         if (read(ends[0], &info, sizeof info) != sizeof info) _exit(1);
         const SOCKET listener = take();
         if (listener == INVALID_SOCKET) _exit(os::GetLastError() == WSAEACCES ? 77 : 2);
-        _exit(os::send(os::accept(listener, nullptr, nullptr), "child", 5, 0) == 5 ? 0 : 3);
+        const SOCKET accepted = os::accept(listener, nullptr, nullptr);
+        if (SocketError(os::recv(accepted, info.szProtocol, 1, 0)) != WSAETIMEDOUT) _exit(3);
+        _exit(os::send(accepted, "child", 5, 0) == 5 ? 0 : 4);
     }
     ASSERT_EQ(0, os::WSADuplicateSocketA(pair.Listener, static_cast<DWORD>(child), &info));
     ASSERT_EQ(static_cast<ssize_t>(sizeof info), write(ends[1], &info, sizeof info));
@@ -168,12 +171,22 @@ TEST(Socket, OptionsHaveTheHostsNumbers) {
     EXPECT_EQ(0u, Set(s, ZVX_SOL_SOCKET, ZVX_SO_DONTLINGER, 1));
     EXPECT_EQ(1, Get(s, ZVX_SOL_SOCKET, ZVX_SO_DONTLINGER));
     EXPECT_EQ(WSAENOPROTOOPT, Set(s, ZVX_SOL_SOCKET, 0x7777, 1));
-    EXPECT_EQ(0u, Set(s, ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO, 40));
-    EXPECT_EQ(40, Get(s, ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO));
-    char byte;
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(WSAETIMEDOUT, SocketError(os::recv(s, &byte, 1, 0)));
-    EXPECT_GE(MillisecondsSince(start), 39);
+    // A connection has the time-outs of its listener, however it was taken, and a duplicate those of its source.
+    for (const SOCKET each : {s, pair.Listener}) EXPECT_EQ(0u, Set(each, ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO, 40));
+    const HANDLE port = NewPort();
+    const SOCKET fresh = NewSocket();
+    SocketOperation op;
+    const DWORD answer = op.Accept(pair.Listener, fresh);
+    ConnectTo(pair.Listener);
+    EXPECT_EQ(0u, op.End(port, answer));
+    ConnectTo(pair.Listener);
+    for (const SOCKET each : {s, fresh, os::accept(pair.Listener, nullptr, nullptr), DuplicateSocket(s)}) {
+        EXPECT_EQ(40, Get(each, ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO));
+        char byte;
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(WSAETIMEDOUT, SocketError(os::recv(each, &byte, 1, 0)));
+        EXPECT_GE(MillisecondsSince(start), 39);
+    }
 }
 
 TEST(Socket, BlockedThreadsAreWokenAndEnded) {

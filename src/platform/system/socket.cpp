@@ -18,6 +18,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "platform/base/object_pool.h"
@@ -161,6 +162,13 @@ void LearnFlags(SocketObject *socket) {
     if (!IsListening(socket)) IsConnected(socket);
     const int flags = fcntl(socket->Fd, F_GETFL);
     socket->NonBlocking.store((flags & O_NONBLOCK) != 0, std::memory_order_relaxed);
+    for (const int name : {SO_RCVTIMEO, SO_SNDTIMEO}) {
+        timeval limit{};
+        socklen_t length = sizeof limit;
+        syscall(SYS_getsockopt, socket->Fd, SOL_SOCKET, name, &limit, &length);
+        (name == SO_RCVTIMEO ? socket->ReceiveTimeout : socket->SendTimeout)
+            .store(static_cast<DWORD>(limit.tv_sec * 1000 + limit.tv_usec / 1000), std::memory_order_relaxed);
+    }
 }
 
 // A second socket for one of this process.
@@ -177,6 +185,7 @@ SOCKET DuplicateHere(const WSAPROTOCOL_INFOA *info, const DuplicateRecord &recor
         }
         socket->Flags.store((FlagsOf(source) & ~kSocketNeverBlocks) | kSocketDuplicate, std::memory_order_relaxed);
         socket->NonBlocking.store(source->NonBlocking.load(std::memory_order_relaxed), std::memory_order_relaxed);
+        CopyTimeouts(socket, source);
         memcpy(socket->Fixed, source->Fixed, sizeof socket->Fixed);
         socket->FixedLength = source->FixedLength;
         socket->Source = source;

@@ -76,6 +76,12 @@ inline bool HasDuplicates(const SocketObject *socket) {
     return socket->LazyDuplicates.load(std::memory_order_seq_cst) != 0 || (FlagsOf(socket) & kSocketShared) != 0;
 }
 
+// For a socket whose descriptor came from `from`, or will: the kernel's socket has its time-outs.
+inline void CopyTimeouts(SocketObject *socket, const SocketObject *from) {
+    socket->ReceiveTimeout.store(from->ReceiveTimeout.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    socket->SendTimeout.store(from->SendTimeout.load(std::memory_order_relaxed), std::memory_order_relaxed);
+}
+
 inline int FailSocket(DWORD error) {
     SetLastError(error);
     return SOCKET_ERROR;

@@ -65,12 +65,14 @@ int AcceptDescriptor(SocketObject *listener, sockaddr_storage *address, socklen_
     return -1;
 }
 
-// Makes a socket of an accepted descriptor, which it takes over. It has the listener's mode and event selection.
+// Makes a socket of an accepted descriptor, which it takes over. It has the listener's mode, time-outs and event
+// selection.
 SOCKET Adopt(SocketObject *listener, int fd) {
     SocketObject *socket = AdoptDescriptor(fd, listener->Family, listener->SocketType, listener->Protocol);
     if (socket == nullptr) return INVALID_SOCKET;
     AddFlags(socket, kSocketConnected);
     socket->NonBlocking.store(listener->NonBlocking.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    CopyTimeouts(socket, listener);
     RefObject(socket);
     const SOCKET s = PublishSocket(socket);
     if (s != INVALID_SOCKET && listener->Events.load(std::memory_order_relaxed) != nullptr)

@@ -303,6 +303,7 @@ bool AccountSocket(IoCall *call, int64_t result, bool cancelled, DWORD *status) 
             close(fd);
         }
         AddFlags(accepted, kSocketConnected);
+        CopyTimeouts(accepted, socket);
         if (accepted->NonBlocking.load(std::memory_order_seq_cst)) ApplyMode(accepted);
         accepted->State.store(SocketState::kReady, std::memory_order_seq_cst);
         *status = accepted->Handles.load(std::memory_order_relaxed) != 0 ? STATUS_SUCCESS : STATUS_CANCELLED;
