@@ -72,7 +72,7 @@ int LookUntilReady(Fiber *F, const AskedSet (&asked)[3], const os::TimeVal *time
     const os::TimeVal atOnce{0, 0};
     Remaining left{0, 0, 0};
     if (timeout != nullptr) left = {timeout->Seconds, timeout->Microseconds, os::GetTickCount()};
-    for (uint32_t looks = 0;; looks++) {
+    for (uint32_t looks = 0;; looks += looks < kEagerLooks) {
         if (looks != 0)
             for (const AskedSet &one : asked) Restore(one);
         const int ready = os::select(0, asked[0].Set, asked[1].Set, asked[2].Set, &atOnce);
