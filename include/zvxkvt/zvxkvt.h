@@ -148,10 +148,12 @@ ZVXKVT_API DWORD WINAPI SetFilePointer(HANDLE file, LONG distance, PLONG distanc
 /* A user thread that runs routine(param) on the scheduler with the least load; null on failure, the last error naming
  * the limit (ERROR_NOT_ENOUGH_MEMORY: no stack, ERROR_TOO_MANY_OPEN_FILES: no handle). `threadId` may be null. Flags:
  * CREATE_SUSPENDED. Stacks have the size of the setting "StackPages" whatever `stackBytes` says. The handle is
- * signalled when the thread has ended. */
+ * signalled when the thread has ended. Called by a thread that is no user thread it makes one that the operating system
+ * schedules, with a stack of `stackBytes`. */
 ZVXKVT_API HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES security, SIZE_T stackBytes, LPTHREAD_START_ROUTINE routine,
                                       LPVOID param, DWORD flags, LPDWORD threadId);
-/* The same on a scheduler that runs on a processor of `mask`; 0 for any. */
+/* The same on a scheduler that runs on a processor of `mask`; 0 for any. Where it makes no user thread the thread is
+ * bound to `mask`, and its stack has 1 MiB. */
 ZVXKVT_API HANDLE WINAPI ZCreateThreadWithAffinity(LPSECURITY_ATTRIBUTES security, SIZE_T stackBytes,
                                                    LPTHREAD_START_ROUTINE routine, LPVOID param, DWORD flags,
                                                    LPDWORD threadId, DWORD mask);

@@ -281,6 +281,7 @@ HANDLE ZCreateThreadWithAffinity(SECURITY_ATTRIBUTES *security, size_t stackByte
 
 HANDLE CreateThread(SECURITY_ATTRIBUTES *security, size_t stackBytes, LPTHREAD_START_ROUTINE routine, void *param,
                     DWORD flags, DWORD *threadId) {
+    if (CallingFiber() == nullptr) return os::CreateThread(security, stackBytes, routine, param, flags, threadId);
     return ZCreateThreadWithAffinity(security, stackBytes, routine, param, flags, threadId, 0);
 }
 

@@ -14,6 +14,13 @@ DWORD WINAPI CountUp(LPVOID) {
     return 12;
 }
 
+// Touches 4 MiB of its stack, from above.
+DWORD WINAPI UseStack(LPVOID) {
+    volatile char deep[4 << 20];
+    for (size_t i = sizeof deep; i > 0; i -= 4096) deep[i - 1] = 12;
+    return static_cast<DWORD>(deep[4095]);
+}
+
 // Operations of a thread that the operating system schedules, its completion routine above all, which runs in an
 // alertable wait and nowhere else; 0 when all of it works. Files, too: the example's test.
 DWORD UseFiles(const std::string &name) {
@@ -60,6 +67,10 @@ TEST(PassThrough, EverythingIsTheOperatingSystems) {
             InitUserThreadScheduler(CountUp, nullptr, nullptr);  // a second call does nothing, or the count were two
             HOST_EQ(0u, UseFiles(scratch.File("plain")));
             UseSockets();
+            const HANDLE deep = CreateThread(nullptr, 8 << 20, UseStack, nullptr, 0, nullptr);
+            DWORD code = 0;
+            HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(deep, 10000));
+            HOST_CHECK(GetExitCodeThread(deep, &code) && code == 12);
             // A mask makes a thread that is bound.
             DWORD process = 0, system = 0;
             GetProcessAffinityMask(GetCurrentProcess(), &process, &system);
