@@ -17,7 +17,7 @@ namespace zvx {
 
 namespace {
 
-std::atomic<uintptr_t> sSuspendSerial{0};  // names each request to suspend; never 0
+std::atomic<uintptr_t> sSuspendSerial{0};  // numbers the requests to suspend, from 1
 constexpr DWORD kSuspendFailed = 0xFFFFFFFF;
 constexpr uint32_t kMostSuspends = 127;
 constexpr size_t kPassThroughStack = 0x100000;
@@ -326,9 +326,10 @@ DWORD SuspendThread(HANDLE thread) {
         return kSuspendFailed;
     }
     const uintptr_t request = sSuspendSerial.fetch_add(1, std::memory_order_relaxed) + 1;
-    if (IsSame(target) && SendAbout(C, target, MSG_SUSPEND, reinterpret_cast<uintptr_t>(C), request)) {
+    auto *answer = &C->SuspendAnswer[(C->Flags & FIBER_EXEC_RUNNING) != 0];
+    if (IsSame(target) && SendAbout(C, target, MSG_SUSPEND, reinterpret_cast<uintptr_t>(answer), request)) {
         // Counted means stopped: the thread does not run again before it is resumed.
-        while (C->SuspendAnswer.load(std::memory_order_acquire) != request && IsSame(target)) Sleep(1);
+        while (answer->load(std::memory_order_acquire) != request && IsSame(target)) Sleep(1);
     }
     if (IsSame(target)) return previous;
     StaleHandle();

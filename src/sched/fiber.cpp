@@ -51,7 +51,7 @@ static void ResetFiber(Fiber *F, Scheduler *S) {
     F->TlsCaptured.store(0, std::memory_order_relaxed);
     F->RoutineEpoch.store(0, std::memory_order_relaxed);
     F->SuspendRequests.store(0, std::memory_order_relaxed);
-    F->SuspendAnswer.store(0, std::memory_order_relaxed);
+    for (auto &answer : F->SuspendAnswer) answer.store(0, std::memory_order_relaxed);
     F->LastRunStamp = 0;
     F->LastError = 0;
     F->Flags = FIBER_IN_USE;

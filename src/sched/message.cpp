@@ -140,17 +140,21 @@ static bool PassedOn(Scheduler *S, FIBER_MESSAGE *msg) {
 //
 // The sender waits for the answer to its own request: with two senders, a count of requests alone would let one
 // return before its request was handled, and its resume would then find nothing to take back. The answer goes to
-// the sender's record, which is never freed, and names the request, so that a record that was reused meanwhile
-// takes no harm.
+// the sender's record, which is never freed. Requests are numbered in their order and an answer only raises the word,
+// so that one which comes late, when the record stands for another thread, hides none of that thread's.
 static void ProcessSuspend(Scheduler *S, Fiber *F, const FIBER_MESSAGE *msg) {
     uint32_t count = F->SuspendCount.load(std::memory_order_relaxed);
     if (count < 127) F->SuspendCount.store(count + 1, std::memory_order_release);
     F->SuspendRequests.fetch_add(1, std::memory_order_release);
     // A suspended thread takes no object: it parks at the next selection, and waits anew when it is resumed.
     if (F->Flags & FIBER_OBJECT_WAIT) WakeFromObject(S, F);
-    auto *sender = reinterpret_cast<Fiber *>(msg->One.ExitCode);
-    if (sender != nullptr)
-        sender->SuspendAnswer.store(reinterpret_cast<uintptr_t>(msg->One.Routine), std::memory_order_release);
+    auto *answer = reinterpret_cast<std::atomic<uintptr_t> *>(msg->One.ExitCode);
+    if (answer == nullptr) return;
+    const auto request = reinterpret_cast<uintptr_t>(msg->One.Routine);
+    uintptr_t before = answer->load(std::memory_order_relaxed);
+    while (before < request &&
+           !answer->compare_exchange_weak(before, request, std::memory_order_release, std::memory_order_relaxed)) {
+    }
 }
 
 static bool ProcessResume(Scheduler *S, Fiber *F) {

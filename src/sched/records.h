@@ -175,8 +175,8 @@ struct FIBER_MESSAGE {
         Fiber *Fibers[16];  // kinds 1 and 2
         struct {
             Fiber *Target;
-            uintptr_t ExitCode;  // kind 5; kind 3: the Fiber that waits for the answer, or 0
-            void *Routine;       // kind 6; kind 3: what to store in its SuspendAnswer
+            uintptr_t ExitCode;  // kind 5; kind 3: the SuspendAnswer that its sender looks at, or 0
+            void *Routine;       // kind 6; kind 3: the number of the request, which is stored there
         } One;
     };
     uint32_t OtherGenerations[15];  // kind 1: those of the other targets
@@ -304,11 +304,13 @@ struct alignas(64) Fiber {
     std::atomic<uint32_t> Generation;     // atomic: owner of the free list writes, holders of old references read
     std::atomic<uint32_t> OsThreadId;     // atomic: owner writes, dumps and tools read
     std::atomic<uint32_t> TlsCaptured;    // atomic: FIBER_TLS_CAPTURED or 0, stored by capture and end
-    std::atomic<uint32_t> SuspendRequests;  // atomic: owner counts, SuspendThread waits for a change
+    std::atomic<uint32_t> SuspendRequests;  // atomic: owner counts those that it has handled
     // atomic: owner; odd while FIBER_EXEC_PENDING is set. Raised before the suspend count is put aside and after it is
     // back, so that who reads the same even number before and after the count has read the real one.
     std::atomic<uint32_t> RoutineEpoch;
-    std::atomic<uintptr_t> SuspendAnswer;   // atomic: the request of this thread that was handled last
+    // atomic: the request of this thread that was handled last; [1] of a routine injected into it, which may run while
+    // the thread waits for the answer to its own. Whoever handles a request raises it.
+    std::atomic<uintptr_t> SuspendAnswer[2];
     uint32_t ShellSerial;                 // init: kept across reuse; others read it while they record a timeline
     std::atomic<const char *> Tag;        // atomic: owner writes, dumps and the overflow report read
     FIBEROVERLAPPED OwnOvs[3];            // ordinary I/O; I/O of an injected routine; I/O of an exit

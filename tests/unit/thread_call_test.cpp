@@ -241,6 +241,23 @@ TEST_F(Dedicated, ASuspendedThreadRunsTheRoutineAndStopsAgain) {
     EXPECT_EQ(TakeNotes(), Names{"went on"});
 }
 
+// Each of the two finds the answer to its own request, although the routine's comes before the other is looked for.
+TEST_F(Dedicated, ARoutineSuspendsWhileItsThreadWaitsForASuspension) {
+    Scheduler *other = NewScheduler();
+    S->AffinityMask = 1, other->AffinityMask = 2;
+    HANDLE threads[2];
+    Park([&](Fiber *) {
+        for (HANDLE &thread : threads)
+            thread = ZCreateThreadWithAffinity(nullptr, 0, NoteAndReturn, nullptr, CREATE_SUSPENDED, nullptr, 2);
+        return Said(SuspendThread(threads[0]));
+    });
+    RunUntilIdle(other);
+    Inject([&] { Note("routine " + Said(SuspendThread(threads[1]))); });
+    RunUntilIdle(other);
+    Pass(10);
+    EXPECT_EQ(TakeNotes(), (Names{"routine 1 error 0", "1 error 0"}));
+}
+
 // A second one while the first is pending is dropped. A blocked scheduler is told where it may wait for long.
 TEST_F(Dedicated, OneRoutineAtATime) {
     Scheduler *other = NewScheduler();
