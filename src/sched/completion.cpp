@@ -55,7 +55,10 @@ FIBEROVERLAPPED *AllocOv(Fiber *F, PSEHAND *handleRec, uint32_t opArg) {
     return rec;
 }
 
-void FreeOv(FIBEROVERLAPPED *rec, Scheduler *S) { PushLink(&S->FreeOvs, &rec->Link); }
+void FreeOv(FIBEROVERLAPPED *rec, Scheduler *S) {
+    rec->Flags = 0;  // it may still be handed over, and is nobody's own operation any more
+    PushLink(&S->FreeOvs, &rec->Link);
+}
 
 bool AttachHandleToPort(Scheduler *S, PSEHAND *handleRec, HANDLE handle) {
     if (gNumContextSwitchesBeforePolling == 0) return true;
