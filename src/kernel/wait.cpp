@@ -63,6 +63,7 @@ bool AlertableTest(Fiber *F, uintptr_t a1, uintptr_t, uintptr_t, uintptr_t, uint
 
 DWORD RunWait(Fiber *F, ObjectWait *wait, DWORD ms, bool alertable) {
     F->WaitTimeoutMs = ms;
+    if (ms == 0) LookForEnded(SchedOf(F));
     if (!alertable) {
         const DWORD tested = TestNow(*wait);
         if (tested != WAIT_TIMEOUT || ms == 0) return tested;

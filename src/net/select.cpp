@@ -89,6 +89,8 @@ int LookUntilReady(Fiber *F, const AskedSet (&asked)[3], const os::TimeVal *time
 int select(int ignored, zvx_fd_set *read, zvx_fd_set *write, zvx_fd_set *error, const os::TimeVal *timeout) {
     Fiber *F = CallingFiber();
     if (F == nullptr || (timeout != nullptr && timeout->Seconds == 0 && timeout->Microseconds == 0)) {
+        // What the caller waits for may be the answer to what it has sent by an operation of its own.
+        if (F != nullptr) LookForEnded(SchedOf(F));
         return os::select(ignored, read, write, error, timeout);
     }
     AskedSet asked[3] = {{read, 0, nullptr}, {write, 0, nullptr}, {error, 0, nullptr}};
@@ -183,6 +185,7 @@ DWORD WSAWaitForMultipleEvents(DWORD count, const WSAEVENT *events, BOOL waitAll
     for (DWORD i = 0; i < count; i++) plain[i] = WithoutLowBit(events[i]);
     EventWait wait{count, plain, waitAll, alertable && HasOwnOperations(F), WSA_WAIT_TIMEOUT};
     F->WaitTimeoutMs = ms;
+    if (ms == 0) LookForEnded(SchedOf(F));
     if (!wait.Alertable) {
         const DWORD tested = os::WSAWaitForMultipleEvents(count, plain, waitAll, 0, FALSE);
         if (tested != WSA_WAIT_TIMEOUT || ms == 0) return tested;

@@ -326,8 +326,8 @@ BOOL WriteFile(HANDLE file, const void *buffer, DWORD count, DWORD *put, OVERLAP
 BOOL ReadFileEx(HANDLE file, void *buffer, DWORD count, OVERLAPPED *overlapped, LPOVERLAPPED_COMPLETION_ROUTINE routine);
 BOOL WriteFileEx(HANDLE file, const void *buffer, DWORD count, OVERLAPPED *overlapped,
                  LPOVERLAPPED_COMPLETION_ROUTINE routine);
-// Result of an operation that has ended (Internal is final), or waits for it when `wait` (blocks);
-// otherwise FALSE with 996.
+// Result of an operation that has ended, or waits for it when `wait` (blocks); without, reaps as below,
+// and FALSE with 996 when it has not ended.
 BOOL GetOverlappedResult(HANDLE file, OVERLAPPED *overlapped, DWORD *bytes, BOOL wait);
 // Reads Internal with acquire order, and reaps first when the calling thread has an IoThread.
 BOOL HasOverlappedIoCompleted(OVERLAPPED *overlapped);

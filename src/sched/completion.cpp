@@ -240,6 +240,13 @@ void HandOverEnded(Scheduler *S) {
     }
 }
 
+void LookForEnded(Scheduler *S) {
+    if (S->Io->Outstanding == 0) return;
+    // Always, and not only when the ring asks for it: a cancellation from another thread waits in the inbox.
+    os::ReapIo(S->Io);
+    if (S->Io->EndedHead != nullptr) HandOverEnded(S);
+}
+
 bool CompleteIo(FIBEROVERLAPPED *rec, Scheduler *S) {
     AccountPacket(rec);
     Fiber *F = rec->Fiber;

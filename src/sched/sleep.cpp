@@ -56,6 +56,7 @@ DWORD SleepEx(DWORD ms, BOOL alertable) {
         Sleep(ms);
         return 0;
     }
+    if (ms == 0) LookForEnded(SchedOf(F));
     ReapOwnOvs(F, 3);
     if (F->ApcDelivered) {
         F->ApcDelivered = 0;

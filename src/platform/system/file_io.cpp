@@ -323,6 +323,7 @@ void QueueEndRoutine(EndRoutine *routine, DWORD status, DWORD bytes) {
 BOOL GetOverlappedResult(HANDLE file, OVERLAPPED *overlapped, DWORD *bytes, BOOL wait) {
     static_cast<void>(file);
     if (ShouldFail("GetOverlappedResult")) return FALSE;
+    if (!wait) HasOverlappedIoCompleted(overlapped);
     DWORD status = LoadStatus(overlapped);
     if (status == STATUS_PENDING && wait) {
         Engine *engine = CurrentEngine();
