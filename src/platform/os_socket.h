@@ -96,7 +96,7 @@ BOOL WSACloseEvent(WSAEVENT event);
 BOOL WSAResetEvent(WSAEVENT event);
 BOOL WSASetEvent(WSAEVENT event);
 // Records network events of the socket and signals the event for those in `events` (FD_ bits; 0 ends it); makes the
-// socket non-blocking, as FIONBIO does. Level-triggered and re-enabled as the socket functions are called.
+// socket non-blocking, as FIONBIO does. Level-triggered and re-enabled as the socket functions end.
 int WSAEventSelect(SOCKET s, WSAEVENT event, LONG events);
 int WSAEnumNetworkEvents(SOCKET s, WSAEVENT event, WSANETWORKEVENTS *result);  // and resets `event` when not null
 DWORD WSAWaitForMultipleEvents(DWORD count, const WSAEVENT *events, BOOL waitAll, DWORD ms, BOOL alertable);

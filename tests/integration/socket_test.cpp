@@ -1,6 +1,8 @@
 // tests/integration/socket_test.cpp - sockets as user threads see them, on real connections.
 //
 // Large transfers and select: tests/faults.
+#include <chrono>
+
 #include "zvxkvt/sockets.h"
 
 #include "support/host_runner.h"
@@ -137,6 +139,19 @@ TEST_P(Sockets, Events) {
         WSANETWORKEVENTS seen{};
         HOST_EQ(0, WSAEnumNetworkEvents(pair.Socket, event, &seen));
         HOST_EQ(LONG{FD_READ}, seen.lNetworkEvents);
+        // A receive that parks while the byte is still there asks for the next one, however long it takes.
+        HostThread busy([]() -> DWORD {
+            const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+            while (std::chrono::steady_clock::now() < until) {
+            }
+            return 0;
+        });
+        char byte;
+        HOST_EQ(1, recv(pair.Socket, &byte, 1, 0));
+        HOST_EQ(0u, busy.Join());
+        HOST_EQ(WSA_WAIT_TIMEOUT, WSAWaitForMultipleEvents(1, &event, FALSE, 0, FALSE));
+        netpeer::WriteAll(pair.Peer, "y", 1);
+        HOST_EQ(WSA_WAIT_EVENT_0, WSAWaitForMultipleEvents(1, &event, FALSE, 10000, FALSE));
     }));
 }
 

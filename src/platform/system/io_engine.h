@@ -139,6 +139,7 @@ struct IoCall {
     bool Append = false;     // kWrite: at the end of the file, wherever that is
     bool Exclusive = false;  // kLock
     bool PartsOnHeap = false;
+    uint8_t Reenables = 0;  // kReceive, kAccept: FD_ bits that the end re-enables
 };
 
 enum class RequestStage : uint8_t {
@@ -317,7 +318,10 @@ void DropCall(IoCall *call);  // lets go of the references of a call that was no
 // What only the operations of sockets hold; before the final status is stored, because it may be used again then.
 void SettleAccept(IoCall *call);  // socket_accept.cpp
 void DropChannel(IoCall *call);   // pipe_channel.cpp: the same for those of pipes
+void ReenableEvents(const IoCall *call);  // socket_events.cpp
 inline void ReleaseExtras(IoCall *call) {
+    if (call->Reenables != 0) [[unlikely]]
+        ReenableEvents(call);
     if (call->PartsOnHeap) free(call->Parts);
     if (call->Accepted != nullptr) SettleAccept(call);
     if (call->Channel != nullptr) DropChannel(call);

@@ -3,7 +3,7 @@
 // One thread of the process, started by the first WSAEventSelect and never ended, sleeps in an epoll set of the sockets
 // that were asked about. What it finds it records in the socket's EventRecord and signals the event. An event that was
 // recorded is not recorded again until the host has called the function that makes room for the next (FD_READ: a
-// receive; FD_ACCEPT: an accept; FD_WRITE: a send that found no room); that function has the set report anew.
+// receive; FD_ACCEPT: an accept; FD_WRITE: a send that found no room); the end of that call has the set report anew.
 //
 // Records are never given back to the system, and the set knows them by index and generation, so that a report which
 // was on its way when the socket was closed finds nothing. One lock guards all of it. System calls are made under it,
@@ -218,6 +218,10 @@ void EnableEvents(SocketObject *socket, LONG events) {
     if (record == nullptr) return;
     record->Disabled &= ~events;
     ArmLocked(record, EPOLL_CTL_MOD);
+}
+
+void ReenableEvents(const IoCall *call) {
+    EnableEvents(static_cast<SocketObject *>(call->Target), call->Reenables);
 }
 
 void EndEvents(SocketObject *socket) {

@@ -228,17 +228,11 @@ BOOL IssueSocketCall(SocketObject *socket, IoCall *call) {
         block->InlineBudget = kInlineIoBudget;
         call->Later = true;
     }
-    const LONG events = call->Kind == RequestKind::kReceive  ? FD_READ
-                        : call->Kind == RequestKind::kAccept ? FD_ACCEPT
-                                                             : 0;
-    if (socket->Events.load(std::memory_order_relaxed) != nullptr && events != 0) [[unlikely]] {
-        // The call may end, and with it the last reference, at any time.
-        RefObject(socket);
-        const BOOL result = IssueCall(engine, call);
-        EnableEvents(socket, events);
-        UnrefObject(socket);
-        return result;
-    }
+    // When it ends: what it will take is still there until then, and would be reported once more.
+    if (socket->Events.load(std::memory_order_relaxed) != nullptr) [[unlikely]]
+        call->Reenables = call->Kind == RequestKind::kReceive  ? FD_READ
+                          : call->Kind == RequestKind::kAccept ? FD_ACCEPT
+                                                               : 0;
     const BOOL result = IssueCall(engine, call);
     if (result && engine != nullptr && block->InlineBudget != 0) block->InlineBudget--;
     return result;
