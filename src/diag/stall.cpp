@@ -27,7 +27,7 @@ struct Watched {
 bool RunsHostCode(const Scheduler *S) {
     return S->Running.load(std::memory_order_acquire) != 0 && S->Idling.load(std::memory_order_relaxed) == 0 &&
            S->BlockedInPort.load(std::memory_order_relaxed) == 0 &&
-           S->BlockedOutside.load(std::memory_order_relaxed) == 0;
+           S->BlockedOutside.load(std::memory_order_relaxed) != 1;
 }
 
 void Report(const Scheduler *S, uint64_t heldMs) {

@@ -38,7 +38,7 @@ extern "C" {
 
 ZVX_SHARED_NAME(SOCKET, socket, (int family, int type, int protocol), (family, type, protocol), zvx::socket)
 ZVX_SHARED_NAME(SOCKET, accept, (SOCKET s, struct sockaddr *address, int *length), (s, address, length), zvx::accept)
-ZVX_SHARED_NAME(int, connect, (SOCKET s, const struct sockaddr *name, int length), (s, name, length), os::connect)
+ZVX_SHARED_NAME(int, connect, (SOCKET s, const struct sockaddr *name, int length), (s, name, length), zvx::connect)
 ZVX_SHARED_NAME(int, recv, (SOCKET s, char *buffer, int length, int flags), (s, buffer, length, flags), zvx::recv)
 ZVX_SHARED_NAME(int, send, (SOCKET s, const char *buffer, int length, int flags), (s, buffer, length, flags), zvx::send)
 ZVX_SHARED_NAME(int, select,
@@ -88,7 +88,7 @@ SOCKET WSAAccept(SOCKET s, struct sockaddr *address, int *length, LPCONDITIONPRO
 }
 int WSAConnect(SOCKET s, const struct sockaddr *name, int length, LPWSABUF callerData, LPWSABUF calleeData, LPQOS sqos,
                LPQOS gqos) {
-    return os::WSAConnect(s, name, length, callerData, calleeData, sqos, gqos);
+    return zvx::WSAConnect(s, name, length, callerData, calleeData, sqos, gqos);
 }
 int ioctlsocket(SOCKET s, LONG command, ULONG *argument) {
     return os::ioctlsocket(s, command, argument);

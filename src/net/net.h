@@ -3,8 +3,8 @@
 // Every socket that a user thread makes is an overlapped socket with an entry in the handle table, whatever the host
 // asked for. Sending, receiving and accepting on it is an overlapped operation that parks only the calling user
 // thread; its scheduler runs others meanwhile. Calls on a socket without an entry, and calls of threads that are no
-// user threads, are the operating system's own. What the library leaves as it is (connect, options, WSAIoctl and the
-// like) has no function here: the exports name the operating system's.
+// user threads, are the operating system's own. What the library leaves as it is (options, WSAIoctl and the like) has no
+// function here: the exports name the operating system's.
 #ifndef ZVX_NET_NET_H
 #define ZVX_NET_NET_H
 
@@ -41,6 +41,10 @@ FIBEROVERLAPPED *AllocSocketOv(Fiber *F, PSEHAND *entry, uint32_t opArg);
 SOCKET WSASocketA(int family, int type, int protocol, WSAPROTOCOL_INFOA *info, DWORD group, DWORD flags);
 SOCKET socket(int family, int type, int protocol);
 SOCKET WSAAccept(SOCKET s, sockaddr *address, int *length, LPCONDITIONPROC condition, DWORD_PTR callbackData);
+// The operating system's, which block every user thread of the scheduler.
+int connect(SOCKET s, const sockaddr *name, int length);
+int WSAConnect(SOCKET s, const sockaddr *name, int length, WSABUF *callerData, WSABUF *calleeData, QOS *sqos,
+               QOS *gqos);
 int closesocket(SOCKET s);
 // Ends the process: datagrams are not supported, in any mode. The name is that of the function that was called.
 [[noreturn]] int RefuseDatagram(const char *name);

@@ -1,7 +1,7 @@
-// net/wrap.cpp - making and closing sockets, and the entries that wrap them.
+// net/wrap.cpp - making, connecting and closing sockets, and the entries that wrap them.
 //
-// Runs on the calling user thread. Nothing here yields; WSAAccept blocks the kernel thread, and every user thread of
-// the scheduler with it.
+// Runs on the calling user thread. Nothing here yields; WSAAccept and the connects block the kernel thread, and every
+// user thread of the scheduler with it.
 #include "diag/trace.h"
 #include "net/net.h"
 #include "sched/sched.h"
@@ -28,6 +28,37 @@ PSEHAND *NewSocketEntry(const Fiber *F) {
 SOCKET NotMade(const Fiber *F, PSEHAND *entry) {
     FreeHandleEntry(entry, SchedOf(F));
     return INVALID_SOCKET;
+}
+
+// Around a call that blocks: other schedulers reuse records meanwhile (sched/grace.cpp). Nothing that was looked up
+// before is used after it.
+struct BlockingCall {
+    explicit BlockingCall(Fiber *f) : F(f) { Set(2); }
+    ~BlockingCall() { Set(0); }
+    void Set(uint32_t blocked) { SchedOf(F)->BlockedOutside.store(blocked, std::memory_order_seq_cst); }
+    Fiber *const F;
+    LPCONDITIONPROC Condition = nullptr;
+    DWORD_PTR CallbackData = 0;
+};
+
+// The condition function is the host's code, which may look things up, and even yield.
+int AskOutside(WSABUF *callerId, WSABUF *callerData, QOS *sqos, QOS *gqos, WSABUF *calleeId, WSABUF *calleeData,
+               GROUP *group, DWORD_PTR call) {
+    auto *blocking = reinterpret_cast<BlockingCall *>(call);
+    blocking->Set(0);
+    const int answer = blocking->Condition(callerId, callerData, sqos, gqos, calleeId, calleeData, group,
+                                           blocking->CallbackData);
+    blocking->Set(2);
+    return answer;
+}
+
+SOCKET AcceptBlocking(Fiber *F, SOCKET s, sockaddr *address, int *length, LPCONDITIONPROC condition,
+                      DWORD_PTR callbackData) {
+    BlockingCall blocking(F);
+    if (condition == nullptr) return os::WSAAccept(s, address, length, nullptr, 0);
+    blocking.Condition = condition;
+    blocking.CallbackData = callbackData;
+    return os::WSAAccept(s, address, length, AskOutside, reinterpret_cast<DWORD_PTR>(&blocking));
 }
 
 }  // namespace
@@ -60,9 +91,24 @@ SOCKET WSAAccept(SOCKET s, sockaddr *address, int *length, LPCONDITIONPROC condi
     // Read now: the condition function is the host's, and may do anything.
     const bool added = (listener->Flags.load(std::memory_order_acquire) & PHAND_FLAG_ASYNC_ADDED) != 0;
     PSEHAND *entry = NewSocketEntry(F);
-    const SOCKET accepted = os::WSAAccept(s, address, length, condition, callbackData);
+    const SOCKET accepted = AcceptBlocking(F, s, address, length, condition, callbackData);
     if (accepted == INVALID_SOCKET) return NotMade(F, entry);
     return Wrap(F, entry, accepted, PHAND_HTYPE_WSASocket, added ? PHAND_FLAG_ASYNC_ADDED : PHAND_FLAG_ASYNC_CALLER);
+}
+
+int connect(SOCKET s, const sockaddr *name, int length) {
+    Fiber *F = CallingFiber();
+    if (F == nullptr) return os::connect(s, name, length);
+    const BlockingCall blocking(F);
+    return os::connect(s, name, length);
+}
+
+int WSAConnect(SOCKET s, const sockaddr *name, int length, WSABUF *callerData, WSABUF *calleeData, QOS *sqos,
+               QOS *gqos) {
+    Fiber *F = CallingFiber();
+    if (F == nullptr) return os::WSAConnect(s, name, length, callerData, calleeData, sqos, gqos);
+    const BlockingCall blocking(F);
+    return os::WSAConnect(s, name, length, callerData, calleeData, sqos, gqos);
 }
 
 int closesocket(SOCKET s) {

@@ -2,7 +2,8 @@
 //
 // A user thread of another scheduler may have looked the record up a moment before it was removed. It uses
 // it only until its next yield, so the record is free once every scheduler has made a selection pass since the
-// removal, or is blocked in its port (where no user thread runs, and from where the table is read anew).
+// removal, or is blocked in its port (where no user thread runs, and from where the table is read anew), or in a call
+// that uses nothing which was looked up before.
 //
 // A scheduler retires into RetireOpen; when RetireWaiting is empty the open ones move there with a snapshot of
 // every scheduler's SwitchCount, and are released when each has moved on. Owner thread only, except for the

@@ -386,7 +386,9 @@ struct alignas(64) Scheduler {
     std::atomic<uint32_t> BlockedInPort;     // atomic: the owner sets it around a wait in Port; a sender clears it
     std::atomic<uint32_t> LaneMask;          // atomic: by index, who has ever posted through a lane; bits are only set
     std::atomic<uint8_t> DebugRequest;       // atomic: a diagnostic request waits
-    std::atomic<uint32_t> BlockedOutside;    // atomic: the owner sets it around a wait that is not in Port
+    // atomic: the owner sets it around a wait that is not in Port: 1 of the only user thread that it has, 2 in a call
+    // that holds up its other user threads as well
+    std::atomic<uint32_t> BlockedOutside;
     std::atomic<uint32_t> InTransit;         // atomic: user threads created for this scheduler, not attached yet
     // -- identity and placement
     alignas(64) uint32_t OsThreadId;  // init

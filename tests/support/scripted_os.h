@@ -109,6 +109,7 @@ struct Script {
     std::set<SOCKET> OpenSockets;
     // Rewrites the sets as select does; without one nothing is ever ready.
     std::function<int(zvx_fd_set *read, zvx_fd_set *write, zvx_fd_set *error)> OnSelect;
+    std::function<void()> OnBlock = [] {};  // inside of a call that may block the kernel thread
 };
 
 extern Script gScript;

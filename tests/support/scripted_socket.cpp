@@ -69,13 +69,24 @@ using namespace script;
     }
 ZVX_AT_ONCE(SOCKET, socket, Made, int, int, int)
 ZVX_AT_ONCE(SOCKET, accept, Made, SOCKET, sockaddr *, int *)
-ZVX_AT_ONCE(SOCKET, WSAAccept, Made, SOCKET, sockaddr *, int *, LPCONDITIONPROC, DWORD_PTR)
 ZVX_AT_ONCE(int, recv, Simple, SOCKET, char *, int, int)
 ZVX_AT_ONCE(int, send, Simple, SOCKET, const char *, int, int)
 #undef ZVX_AT_ONCE
 
 SOCKET WSASocketA(int, int, int, WSAPROTOCOL_INFOA *info, DWORD, DWORD flags) {
     return Made("WSASocketA", std::string(" ") + std::to_string(flags) + (info != nullptr ? " info" : ""));
+}
+SOCKET WSAAccept(SOCKET, sockaddr *, int *, LPCONDITIONPROC condition, DWORD_PTR data) {
+    gScript.OnBlock();
+    if (condition != nullptr) condition(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, data);
+    return Made("WSAAccept");
+}
+int connect(SOCKET, const sockaddr *, int) {
+    gScript.OnBlock();
+    return Simple("connect");
+}
+int WSAConnect(SOCKET s, const sockaddr *name, int length, WSABUF *, WSABUF *, QOS *, QOS *) {
+    return connect(s, name, length);
 }
 int closesocket(SOCKET s) {
     NoteCall("closesocket");

@@ -448,6 +448,33 @@ TEST_F(NetCall, SocketsAreWrappedAsTheHostAsked) {
     });
 }
 
+// Other schedulers reuse records while a call blocks the thread of this one, but not while it runs the host's code.
+TEST_F(NetCall, ACallThatBlocksHoldsUpNoRecord) {
+    static Scheduler *other;
+    other = NewScheduler();
+    // Whether a record that is retired there now comes back before this scheduler's next pass.
+    static const auto reused = [] {
+        static bool released;
+        static RetireEntry entry{{}, [](Scheduler *, RetireEntry *) { released = true; }};
+        released = false;
+        RetireRecord(other, &entry);
+        for (int i = 0; i < 2; i++) ReleaseRetired(other);
+        if (!released) UnlinkFrom(&other->RetireWaiting, &entry.Link);
+        return released;
+    };
+    const auto condition = [](WSABUF *, WSABUF *, QOS *, QOS *, WSABUF *, WSABUF *, GROUP *, DWORD_PTR data) {
+        EXPECT_FALSE(reused() || data != 7);
+        return CF_ACCEPT;
+    };
+    gScript.OnBlock = [] { EXPECT_TRUE(reused()); };
+    RunToEnd([&](Fiber *) {
+        const SOCKET s = socket(2, 1, 0);
+        EXPECT_EQ(connect(s, nullptr, 0) + WSAConnect(s, nullptr, 0, nullptr, nullptr, nullptr, nullptr), 0);
+        EXPECT_NE(WSAAccept(s, nullptr, nullptr, condition, 7), INVALID_SOCKET);
+        EXPECT_FALSE(reused());
+    });
+}
+
 TEST_F(NetCall, AClientAtOnceOrLater) {
     const SOCKET listener = Make(), overlapped = Make(WSA_FLAG_OVERLAPPED);
     Answer(script::Done(0));
