@@ -147,11 +147,10 @@ TEST_F(WaitCall, AlertableWaitsEndForRoutines) {
 // A look at any operation makes others final as well, which are delivered before they are handed over. What is handed
 // over then is no operation of the thread any more.
 TEST_F(WaitCall, ADeliveredOperationIsHandedOverInVain) {
-    OVERLAPPED ov{}, other{};
+    OVERLAPPED ov{}, other{STATUS_PENDING, 0, 0, 0, nullptr};
     RunToEnd([&](Fiber *self) {
         EXPECT_TRUE(ReadFileEx(Open(), nullptr, 1, &ov, [](DWORD, DWORD, LPOVERLAPPED) {}));
         script::EndOperation(&ZVX_RECORD_OF(FirstLink(&self->FileOvs), FIBEROVERLAPPED, Link)->Ov, 0, 1);
-        other.Internal = STATUS_PENDING;
         os::HasOverlappedIoCompleted(&other);
         EXPECT_EQ(SleepEx(1, TRUE), WAIT_IO_COMPLETION);
         SchedYield(self, Yield_USER);
