@@ -13,6 +13,7 @@
 #include "config/settings.h"
 #include "diag/stats.h"
 #include "diag/trace.h"
+#include "sched/sched.h"
 
 namespace zvx {
 
@@ -186,12 +187,15 @@ void KVTAllocDebugInfo() {
     TraceLog(false, true, false, "Total VirtualAlloc'd = %u k bytes\n",
              gTotalVirtualAlloc.load(std::memory_order_relaxed) / 1024);
     for (const AllocType &type : gAllocTypes) {
-        // One scheduler may free what another allocated, so only the sum over all of them means anything.
+        // One scheduler may free what another allocated, so only the sum over all of them means anything. What moves
+        // while they are read may be seen freed and not allocated.
         int32_t chunks = 0;
-        for (Scheduler *sched : gSchedulers) {
-            if (sched == nullptr) continue;
-            chunks += sched->ChunkTypeCount[type.Id].load(std::memory_order_relaxed);
+        const uint32_t made = gSchedulersMade.load(std::memory_order_acquire);
+        for (uint32_t i = 0; i < made; ++i) {
+            const Scheduler *sched = gSchedulers[i];
+            if (sched != nullptr) chunks += sched->ChunkTypeCount[type.Id].load(std::memory_order_relaxed);
         }
+        if (chunks < 0) chunks = 0;
         TraceLog(false, true, false, "Chunks of type %s = %u k bytes\n", type.Name,
                  static_cast<uint32_t>(chunks) * gChunkSize / 1024);
     }

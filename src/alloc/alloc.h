@@ -50,7 +50,7 @@ void *KVTAlloc(uint32_t size, uint8_t node, bool pin, int32_t restorePriority, u
 void *KVTAllocSched(uint32_t size, Scheduler *sched, uint8_t node);  // by code running on `sched`'s thread
 void *KVTAllocNoSched(uint32_t size, uint8_t node);                  // any thread
 void KVTFree(void *memory, uint8_t node);                            // any thread; the node of the allocation
-void KVTAllocDebugInfo();                                            // any thread
+void KVTAllocDebugInfo();                                            // any thread, once the library is initialised
 uint32_t RoundUpPow2(uint32_t value);                                // 0 when there is no such power in 32 bits
 
 // Walks the shared lists and ends the process when one is inconsistent; debug builds and tests. Takes the locks.

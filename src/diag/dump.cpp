@@ -165,10 +165,10 @@ void FormatEventName(char *name) {
 }
 
 void AskForSweeps() {
-    KVTAllocDebugInfo();
-    DumpHandleTable();
     // A signal that comes during start-up is served when there are schedulers. Acquire: the flag is set after them.
     while ((OptionFlags.load(std::memory_order_acquire) & su_Initialized) == 0) os::Sleep(kStepMs);
+    KVTAllocDebugInfo();
+    DumpHandleTable();
     for (uint32_t n = 0; n < gNumSchedulers; ++n) {
         Scheduler *S = gSchedulers[n];
         S->DebugRequest.store(1, std::memory_order_release);

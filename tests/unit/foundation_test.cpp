@@ -11,11 +11,12 @@
 #include <set>
 
 #include "alloc/alloc.h"
+#include "child.h"
 #include "config/settings.h"
 #include "diag/stats.h"
 #include "diag/timesource.h"
 #include "diag/trace.h"
-#include "sched/records.h"
+#include "sched/sched.h"
 #include "scripted_os.h"
 
 namespace zvx {
@@ -242,6 +243,22 @@ TEST_F(Alloc, ChunksMoveInBundles) {
     EXPECT_EQ(taken, std::set<void *>(chunks.begin() + 513, chunks.begin() + 765));
     EXPECT_EQ(taker->ChunkCacheCount[2], 0u);
     EXPECT_EQ(CheckAllocator(2).Bundles, 4u);
+}
+
+// A chunk that moved between two looks counts as freed only.
+TEST_F(Alloc, DumpWithMoreFreedThanAllocated) {
+    const test::Killed killed = test::Kill([&] {
+        gSchedulers[0] = S.get();
+        gSchedulersMade = 1;
+        S->ChunkTypeCount[ALLOC_FIBER_MESSAGE] = -1;
+        S->ChunkTypeCount[ALLOC_PSEHAND] = 8;
+        Take(kRegion - 16);
+        KVTAllocDebugInfo();
+    });
+    for (const char *line :
+         {"debug info START\n", "\nTotal VirtualAlloc'd = 16384 k bytes\n",
+          "\nChunks of type FIBER_MESSAGE = 0 k bytes\n", "\nChunks of type PSEHAND = 2 k bytes\n", "debug info END\n"})
+        EXPECT_NE(killed.Lines.find(line), std::string::npos) << line << killed.Lines;
 }
 
 TEST_F(Alloc, BlocksSplitAndSort) {
