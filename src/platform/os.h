@@ -104,7 +104,7 @@ void ArmStackOverflowReport();
 // ---- Memory ------------------------------------------------------------------------------------------
 
 // Zero-filled pages, `type` of MEM_COMMIT, MEM_RESERVE and MEM_LARGE_PAGES. Null on failure: 1314 without
-// the large-page privilege, 1450 when the kernel has no large page free, 8 without memory.
+// the large-page privilege, 1450 when the kernel gives no large page, 8 without memory.
 void *VirtualAlloc(void *address, size_t bytes, DWORD type, DWORD protect);
 // The same inside one reserved range of 4 GiB, so that a 32-bit offset from RangeBase() names every byte the
 // allocator hands out (offset 0 is never handed out). Memory of the range is never given back.

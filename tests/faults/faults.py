@@ -32,7 +32,7 @@ LIMIT = 60  # seconds a run may take on a loaded machine
 # kernel, given here with what may come of them at the host.
 ERRORS = collections.defaultdict(lambda: [8])
 INSIDE = {
-    "object": [12], "handle_value": [24], "map_stacks": [12], "guard_stack": [12], "pthread_create": [11],
+    "object": [12], "handle_value": [24], "map_stacks": [12], "populate": [14], "guard_stack": [12], "pthread_create": [11],
     "eventfd": [24], "epoll_create": [24], "epoll_ctl": [12], "epoll_wait": [4], "io_uring_enter": [16, 11, 12],
     "io_uring_register": [22], "short_transfer": [1], "socket_call": [4, 105], "socket_descriptor": [24],
     "file_call": [4, 5], "request": [12], "messages": [12], "CreateFiberRecycled": [1],

@@ -85,3 +85,23 @@ TEST(Process, ExitFlushesWhatIsFreeAndWaitsForNoLock) {
     EXPECT_EQ(locked.ExitCode, 9) << "signal " << locked.Signal;
     EXPECT_EQ(locked.Output, "buffered out");
 }
+
+// Pages that are counted as free and yet not given are noticed before somebody touches them.
+TEST(Memory, LargePagesThatAreRefusedAtTheTouch) {
+    const DWORD type = MEM_COMMIT | MEM_LARGE_PAGES;
+    if (!EnableLockMemoryPrivilege()) GTEST_SKIP() << "the machine has no large page free";
+    FailCall("populate", 1, EFAULT);
+    EXPECT_TRUE(!EnableLockMemoryPrivilege() && GetLastError() == ERROR_PRIVILEGE_NOT_HELD);
+    for (const bool inRange : {true, false}) {
+        const auto get = [=] {
+            return static_cast<char *>(inRange ? VirtualAllocInRange(1, type, PAGE_READWRITE)
+                                               : VirtualAlloc(nullptr, 1, type, PAGE_READWRITE));
+        };
+        FailCall("populate", 1, EFAULT);
+        EXPECT_TRUE(get() == nullptr && GetLastError() == ERROR_NO_SYSTEM_RESOURCES);
+        char *page = get();
+        ASSERT_NE(page, nullptr) << "what was refused is not kept";
+        page[(2 << 20) - 1] = 1;
+        if (!inRange) EXPECT_TRUE(VirtualFree(page, 0, MEM_RELEASE));
+    }
+}

@@ -9,6 +9,7 @@
 
 #include <new>
 
+#include "platform/base/fail.h"
 #include "platform/base/fiber_internal.h"
 #include "platform/base/spin.h"
 #include "platform/os.h"
@@ -101,6 +102,15 @@ char *ReserveRangeLocked() {
     return base;
 }
 
+// Large pages are given where they are touched, and a container may be given fewer than are free: who touches one too
+// many is killed. So they are all asked for here, by the calling thread, which decides their node. A kernel before
+// 5.14 is believed.
+bool GetLargePages(void *at, size_t bytes, int access) {
+    if ((access & PROT_WRITE) == 0) return true;
+    if (ShouldFailInside("populate") != 0) return false;
+    return madvise(at, bytes, MADV_POPULATE_WRITE) == 0 || errno == EINVAL;
+}
+
 // Puts large pages over a part of the reserved range. On failure the kernel may have taken the reservation away; it is
 // put back if nobody has moved in meanwhile, and in either case the range does not use those addresses again.
 bool CommitLargePages(char *at, size_t bytes, int access) {
@@ -147,6 +157,12 @@ void *VirtualAllocInRange(size_t bytes, DWORD type, DWORD protect) {
             }
         }
     }
+    // Those addresses are this call's alone by now, whatever becomes of them.
+    if (large && result != nullptr && !GetLargePages(result, bytes, access)) {
+        mmap(result, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
+        error = ERROR_NO_SYSTEM_RESOURCES;
+        result = nullptr;
+    }
     errno = savedErrno;
     if (result == nullptr) SetLastError(error);
     return result;
@@ -183,6 +199,11 @@ void *VirtualAlloc(void *address, size_t bytes, DWORD type, DWORD protect) {
     if (address != nullptr) flags |= MAP_FIXED_NOREPLACE;
     if (access == PROT_NONE) flags |= MAP_NORESERVE;
     void *memory = mmap(address, bytes, access, flags, -1, 0);
+    if (large && memory != MAP_FAILED && !GetLargePages(memory, bytes, access)) {
+        munmap(memory, bytes);
+        memory = MAP_FAILED;
+        errno = ENOMEM;
+    }
     if (memory == MAP_FAILED) {
         const DWORD error = errno != ENOMEM ? kErrorInvalidAddress
                             : large         ? ERROR_NO_SYSTEM_RESOURCES
@@ -232,12 +253,13 @@ BOOL EnableLockMemoryPrivilege() {
     // Asked of the kernel itself: counts in /proc say nothing about limits of a container.
     void *page = mmap(nullptr, kLargePageBytes, PROT_READ | PROT_WRITE,
                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_HUGETLB | kHuge2M, -1, 0);
+    const bool had = page != MAP_FAILED && GetLargePages(page, kLargePageBytes, PROT_WRITE);
+    if (page != MAP_FAILED) munmap(page, kLargePageBytes);
     errno = savedErrno;
-    if (page == MAP_FAILED) {
+    if (!had) {
         SetLastError(ERROR_PRIVILEGE_NOT_HELD);
         return FALSE;
     }
-    munmap(page, kLargePageBytes);
     gMayUseLargePages.store(true, std::memory_order_relaxed);
     return TRUE;
 }
