@@ -217,7 +217,8 @@ ZVXKVT_API BOOL WINAPI ResetEvent(HANDLE event);
 /* ---- Identity, post and wait ------------------------------------------------------------------------- */
 
 /* Says who the calling user thread is, and by which event others post it (an event handle of its own that the host
- * made; nobody sets that event in fiber mode). Tags decide the scheduling class: null, "" or "SHAD" a session; "LGWR" the
+ * made; nobody sets that event in fiber mode). Without one, null, it cannot be posted, and WaitForUserThreadPost with
+ * null waits for the time-out. Tags decide the scheduling class: null, "" or "SHAD" a session; "LGWR" the
  * log writer; "DBW..." a database writer; "PMON" the monitor; "P" any character and two digits a slave; others are
  * background. The string is kept by pointer and must outlive the thread's identity. Identifying twice without
  * UnidentifyUserThread ends the process. Does nothing outside fiber mode. Does not yield. */
@@ -241,7 +242,7 @@ ZVXKVT_API BOOL WINAPI PostUserThread(HANDLE event);
  * the first event that could not be posted; those before it are posted all the same. Does not yield. */
 ZVXKVT_API int WINAPI PostMultipleUserThreads(const HANDLE *events);
 /* Yields until the caller is posted or `ms` milliseconds have passed: 0 or WAIT_TIMEOUT. `event` is the one the caller
- * identified itself with; any other is waited for as WaitForSingleObject does. */
+ * identified itself with, or null if that was null; any other is waited for as WaitForSingleObject does. */
 ZVXKVT_API DWORD WINAPI WaitForUserThreadPost(HANDLE event, DWORD ms);
 
 /* ---- Critical sections ------------------------------------------------------------------------------- */

@@ -159,7 +159,12 @@ DWORD WaitForUserThreadPost(HANDLE event, DWORD ms) {
     Fiber *F = CallingFiber();
     if (F == nullptr) return os::WaitForSingleObject(event, ms);
     const PSEHAND *entry = LookUpHandle(event);
-    if (entry == nullptr) return WaitForSingleObject(event, ms);
+    if (entry == nullptr) {
+        // Who is identified without an event sleeps all the same: a wait that fails at once is a loop without a pause.
+        if (event == nullptr && F->PostEvent != nullptr && F->PostEventHandle == 0)
+            return PostWait(F, ms, POST_HOST, true);
+        return WaitForSingleObject(event, ms);
+    }
     if (entry->Type == PHAND_HTYPE_PostEventNTHandle) {
         // The kernel thread itself waits; it serves this user thread alone. Others must not wait for its next pass
         // before they reuse a record, and nothing that was looked up is used after the wait.

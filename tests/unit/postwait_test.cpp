@@ -125,6 +125,20 @@ TEST_F(PostWaitCall, WhoCannotBePostedGetsTheEventOrTheIndex) {
     EXPECT_EQ(TakeNotes(), Names{"far"}) << "posted before the one that could not be";
 }
 
+TEST_F(PostWaitCall, WithoutAnEventAWaitTakesItsTime) {
+    Run([&](Fiber *) {
+        EXPECT_EQ(WaitForUserThreadPost(nullptr, 50), WAIT_FAILED);
+        IdentifyUserThread("PMON", nullptr);
+        EXPECT_EQ(WaitForUserThreadPost(nullptr, 50), WAIT_TIMEOUT);
+        Note("waited");
+        UnidentifyUserThread(0);
+    });
+    Pass(40);
+    EXPECT_EQ(TakeNotes(), Names{});
+    Pass(20);
+    EXPECT_EQ(TakeNotes(), Names{"waited"});
+}
+
 TEST_F(PostWaitCall, AHighClassPostHandsTheProcessorOver) {
     SetOption(su_GiveLGWRHighPriority);
     HANDLE writer = Waiter(S, "log writer", "LGWR", 3);
