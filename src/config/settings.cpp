@@ -40,7 +40,7 @@ uint32_t gLGWRHighActivityNumShadowsThreshold;
 uint32_t gQuantumUpdateInterval;
 uint32_t gFiberHistorySchedId;
 uint32_t gStallReportMs;
-uint32_t gPortWaitMs;
+uint32_t gPortWaitMs = 1;
 
 char initialOutputBuffer[INITIAL_OUTPUT_BUFFER_SIZE];
 uint32_t initialOutputBufferOffset;

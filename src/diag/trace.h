@@ -40,7 +40,7 @@ void CopyTraceDir(char *path);
 // Removes a character that was cut in two from the end of `text`, which was cut at `length` bytes; the new length.
 size_t DropPartialChar(char *text, size_t length);
 
-// What lies above registers itself at start: the internal-variable dump and the crash dumps.
+// What lies above registers itself (RegisterDumps): the internal-variable dump and the crash dumps. Null: there is none.
 extern void (*gDumpVariables)();
 extern void (*gDumpProcess)(const char *namePrefix);
 

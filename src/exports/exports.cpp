@@ -25,6 +25,10 @@ static_assert(offsetof(ZVXKVT_INIT_PARAMS, TraceDirectory) == offsetof(zvx::Init
 static_assert(offsetof(ZVXKVT_INIT_PARAMS, DebugGlobal) == offsetof(zvx::InitParams, DebugGlobal));
 static_assert(offsetof(ZVXKVT_INIT_PARAMS, LookupValue) == offsetof(zvx::InitParams, LookupValue));
 
+[[gnu::constructor]] static void AtLoad() {
+    zvx::RegisterDumps();
+}
+
 extern "C" {
 
 // ---- ZVXKVT_3.1: start-up, time, slots ---------------------------------------------------------------

@@ -211,12 +211,17 @@ static void RunHostRoutine(LPTHREAD_START_ROUTINE routine, void *param) {
     if (routine != nullptr) routine(param);
 }
 
+void RegisterDumps() {
+    gDumpVariables = DumpSchedInternalVariables;
+    gDumpProcess = DumpForFatalExit;
+}
+
 void InitUserThreadScheduler(LPTHREAD_START_ROUTINE routine, void *param, const InitParams *params) {
     static const InitParams kNoParams = {};
     if (params == nullptr) params = &kNoParams;
     if (gInitialised.load(std::memory_order_acquire)) return;
     TraceInit(params->TraceDirectory);
-    gDumpProcess = DumpForFatalExit;
+    RegisterDumps();
     gLookupValue = params->LookupValue != nullptr ? params->LookupValue : LookupEnvironment;
     if (gInitialised.exchange(true, std::memory_order_acq_rel)) return;
     uint32_t value = 0;
@@ -241,7 +246,6 @@ void InitUserThreadScheduler(LPTHREAD_START_ROUTINE routine, void *param, const 
     os::Sleep(100);
     StatsInit();
     ReadSchedulerSettings();
-    gDumpVariables = DumpSchedInternalVariables;
     uint32_t systemMask = 0;
     if (!os::GetProcessAffinityMask(os::GetCurrentProcess(), &gProcessAffinityMask, &systemMask))
         FatalExit("DetermineSchedThreadMask: Unable to GetProcessAffinityMask E[%d]\n", LastErrorNumber());

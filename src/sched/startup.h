@@ -20,6 +20,10 @@ struct InitParams {
 // does nothing.
 void InitUserThreadScheduler(LPTHREAD_START_ROUTINE routine, void *param, const InitParams *params);
 
+// Tells trace.h what writes the dumps of a fatal error. Start-up does it, and the library when it is loaded: an error
+// may come before start-up, or in a process that never starts it.
+void RegisterDumps();
+
 // Settings that unit tests prepare by themselves: the processor cursor and the process-wide lists.
 void InitSchedulerGlobals();
 extern uint8_t gDebugGlobal;                // init

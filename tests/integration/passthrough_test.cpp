@@ -86,6 +86,30 @@ TEST(PassThrough, EverythingIsTheOperatingSystems) {
     }
 }
 
+// An error that ends the process leaves the settings and a dump, without user threads and without a start too.
+TEST(PassThrough, AFatalErrorIsDumped) {
+    for (const bool started : {true, false}) {
+        SCOPED_TRACE(started);
+        const ScratchFolder folder;
+        const auto fail = [] { sendto(1, "", 0, 0, nullptr, 0); };
+        HostOptions options;
+        options.Settings.emplace_back("DisableFibers", "1");
+        options.TraceDirectory = folder.Name;
+        const ChildResult host = started ? RunHost(options, fail) : RunInChild([&] {
+            std::filesystem::current_path(folder.Name);
+            fail();
+        });
+        EXPECT_EQ(host.ExitCode, 1);
+        std::string text, dump;
+        for (const auto &entry : std::filesystem::directory_iterator(folder.Name)) {
+            const bool isDump = entry.path().extension() == ".dmp";
+            (isDump ? dump : text) += ReadWhole(entry.path());
+        }
+        EXPECT_NE(text.find("Sched Internal Variables:"), text.npos) << text;
+        EXPECT_EQ(dump.rfind("MDMP", 0), 0u);
+    }
+}
+
 // A kernel thread of a process in fiber mode is no user thread: its calls pass through, on wrapped handles too.
 TEST(PassThrough, KernelThreadsOfAHostWithUserThreads) {
     const ScratchFolder scratch;
