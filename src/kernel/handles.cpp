@@ -6,7 +6,8 @@
 //
 // Life of an entry: AllocHandleEntry -> completed by its maker -> InsertHandle -> RefCount 0 -> out of the table,
 // retired -> ReleaseRetiredHandle, when every scheduler has moved on. The handle value is pinned from insertion to
-// release, so a slot is never asked to hold two living entries.
+// release, so it is not given out again meanwhile. A post event leaves the table before RefCount is 0 when its thread
+// is unidentified while duplicates are open.
 #include "kernel/handles.h"
 
 #include <cstdio>
@@ -81,9 +82,32 @@ void GrowTableLocked() {
     gHandleTableSize.store(static_cast<uint32_t>(slots), std::memory_order_release);
 }
 
-// gHandleRefLock is held.
+void ReleaseRetiredHandle(Scheduler *S, RetireEntry *retired) {
+    PSEHAND *entry = ZVX_RECORD_OF(retired, PSEHAND, Retire);
+    os::UnpinHandleValue(HandleValue(entry));
+    FreeHandleEntry(entry, S);
+}
+
+// gHandleRefLock is held. Its memory, and its handle value, come back once no other scheduler can have it in hand.
 void DropRefLocked(PSEHAND *entry, Scheduler *S) {
-    if (--entry->RefCount == 0) DestroyHandleEntry(entry, S);
+    if (--entry->RefCount != 0) return;
+    RemoveHandle(entry);
+    entry->Retire.Release = ReleaseRetiredHandle;
+    RetireRecord(S, &entry->Retire);
+}
+
+// gHandleRefLock is held. The entry's own handle counts in its family no more.
+void DropOwnHandleLocked(PSEHAND *entry, Scheduler *S) {
+    PSEHAND *parent = entry->Parent;
+    if (parent != nullptr && parent->RefCount != 0) DropRefLocked(parent, S);
+    entry->Closed = true;
+    DropRefLocked(entry, S);
+}
+
+// gHandleRefLock is held. Out of the table although its handle may be open; duplicates of it keep it alive.
+void WithdrawLocked(PSEHAND *entry, Scheduler *S) {
+    RemoveHandle(entry);
+    if (!entry->Closed) DropOwnHandleLocked(entry, S);
 }
 
 }  // namespace
@@ -136,27 +160,25 @@ bool RemoveHandle(PSEHAND *entry) {
     return true;
 }
 
-static void ReleaseRetiredHandle(Scheduler *S, RetireEntry *retired) {
-    PSEHAND *entry = ZVX_RECORD_OF(retired, PSEHAND, Retire);
-    os::UnpinHandleValue(HandleValue(entry));
-    FreeHandleEntry(entry, S);
-}
-
-void DestroyHandleEntry(PSEHAND *entry, Scheduler *S) {
-    RemoveHandle(entry);
-    entry->Retire.Release = ReleaseRetiredHandle;
-    RetireRecord(S, &entry->Retire);
-}
-
 void ReleaseHandleRef(PSEHAND *entry, uintptr_t handle, Scheduler *S) {
     os::EnterCriticalSection(&gHandleRefLock);
+    // Another scheduler may have withdrawn it since it was looked up, perhaps for good. And what is in the table with
+    // its handle closed belongs to its duplicates.
+    if (LookUpHandle(handle) != entry || entry->Closed) {
+        os::LeaveCriticalSection(&gHandleRefLock);
+        return;
+    }
     if (entry->RefCount == 0) {
         os::LeaveCriticalSection(&gHandleRefLock);
         FatalExit("in CLOSE HANDLE REF ALREADY ZERO handle %d \n", static_cast<int>(handle));
     }
-    PSEHAND *parent = entry->Parent;
-    if (parent != nullptr && parent->RefCount != 0) DropRefLocked(parent, S);
-    DropRefLocked(entry, S);
+    DropOwnHandleLocked(entry, S);
+    os::LeaveCriticalSection(&gHandleRefLock);
+}
+
+void WithdrawPostEvent(HANDLE event, uint32_t serial, Scheduler *S) {
+    os::EnterCriticalSection(&gHandleRefLock);
+    if (PSEHAND *entry = SameHandle(event, serial); entry != nullptr) WithdrawLocked(entry, S);
     os::LeaveCriticalSection(&gHandleRefLock);
 }
 
@@ -282,12 +304,13 @@ void CheckHandleTable() {
                 rootRefs += entry->RefCount;
                 continue;
             }
-            children++;
             // A duplicate hangs on the first handle of its family, which outlives it.
+            const PSEHAND *root = entry->Parent;
             ZVX_CHECK(entry->RefCount == 1);
-            ZVX_CHECK(entry->Parent->Parent == nullptr);
-            ZVX_CHECK(table[entry->Parent->Handle >> 2].load(std::memory_order_relaxed) == entry->Parent);
-            ZVX_CHECK(entry->Type == entry->Parent->Type);
+            ZVX_CHECK(root->Parent == nullptr && root->RefCount != 0);
+            ZVX_CHECK(entry->Type == root->Type);
+            // One whose root is withdrawn is not counted, as the root is not.
+            if (table[root->Handle >> 2].load(std::memory_order_relaxed) == root) children++;
         }
         ZVX_CHECK(occupied == gHandleCount.load(std::memory_order_relaxed));
         // Every duplicate counts once in its root, and a root once more while its own handle is open.

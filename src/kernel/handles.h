@@ -62,11 +62,12 @@ void FreeHandleEntry(PSEHAND *entry, Scheduler *S);
 void InsertHandle(PSEHAND *entry);
 // Clears the entry's slot, if it is still this entry's; false otherwise.
 bool RemoveHandle(PSEHAND *entry);
-// Takes the entry out of the table; its memory, and its handle value, come back once no other scheduler can
-// have it in hand any more.
-void DestroyHandleEntry(PSEHAND *entry, Scheduler *S);
-// Drops one open handle of the entry and of its root, and destroys what nobody refers to any more.
+// Drops one open handle of the entry and of its root, and destroys what nobody refers to any more. `entry` is what
+// was looked up under `handle`; nothing happens when it is no longer there, or the handle was closed before.
 void ReleaseHandleRef(PSEHAND *entry, uintptr_t handle, Scheduler *S);
+// Takes the post event's entry of that serial out of the table, if the host has not closed the handle. Duplicates keep
+// the entry alive.
+void WithdrawPostEvent(HANDLE event, uint32_t serial, Scheduler *S);
 // Notes that `copy` is a new handle for what `source` stands for; nothing to note when `source` is not wrapped.
 void RecordDuplicate(HANDLE copy, HANDLE source, Scheduler *S, uint8_t node);
 // CloseHandle for code that already runs on S: drops the entry's reference, if any, and closes.

@@ -41,7 +41,7 @@ enum PsehandType : uint32_t {
 // entry across SchedYield without looking it up again and comparing Serial.
 //
 // Written before insertion and constant afterwards: Type, Handle, Parent, OwnerFiber, OwnerGeneration,
-// Serial, Hid, CreationTime, PortIndex. Changed later: RefCount (under gHandleRefLock), Flags (by the user
+// Serial, Hid, CreationTime, PortIndex. Changed later: RefCount and Closed (under gHandleRefLock), Flags (by the user
 // thread that associates the handle), and the atomics below.
 struct PSEHAND {
     std::atomic<uint32_t> Flags;         // PHAND_FLAG_ bits
@@ -50,6 +50,7 @@ struct PSEHAND {
     PSEHAND *Parent;                     // root entry of a duplicate; null for a root
     std::atomic<uint64_t> FilePosition;  // root: position of a synchronous-use file; last finisher wins
     uint32_t RefCount;                   // [gHandleRefLock] open handles that refer to this entry
+    bool Closed;                         // [gHandleRefLock] its own handle no longer counts in RefCount
     Fiber *OwnerFiber;                   // creator; for a thread or post event the user thread it stands for
     uint32_t OwnerGeneration;            // owner's Generation, for thread and post-event entries; else 0
     uint32_t Serial;                     // unique per entry ever made, never 0

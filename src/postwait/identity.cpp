@@ -82,8 +82,8 @@ void DropPostEvent(Fiber *F, Scheduler *S) {
     F->PostEvent = nullptr;
     if (F->PostEventHandle == 0) {
         FreeHandleEntry(entry, S);
-    } else if (SameHandle(reinterpret_cast<HANDLE>(uintptr_t{F->PostEventHandle}), F->PostEventSerial) == entry) {
-        DestroyHandleEntry(entry, S);
+    } else {
+        WithdrawPostEvent(reinterpret_cast<HANDLE>(uintptr_t{F->PostEventHandle}), F->PostEventSerial, S);
     }
     F->PostEventHandle = 0;
 }

@@ -431,6 +431,28 @@ void CloseAgainstLookUp() {
     OpenAtRest({reader, closer});
 }
 
+// The event by which a thread is identified is closed while the thread gives it up: its entry goes once.
+void CloseAgainstUnidentify() {
+    Fiber *owner = AddFiber(0, [](Fiber *F) {
+        IdentifyAtGate(F);
+        UnidentifyUserThread(0);
+    });
+    Fiber *closer = AddFiber(1, [](Fiber *F) {
+        Gate(F);
+        CloseHandle(gEvent);
+    });
+    OpenAtRest({owner, closer});
+}
+void OneEntryIsGone() {
+    int32_t entries = 0;
+    uint32_t retired = 0;
+    for (int i = 0; i < 2; ++i) {
+        entries += gSchedulers[i]->ChunkTypeCount[ALLOC_PSEHAND];
+        retired += gSchedulers[i]->RetireOpen.Count + gSchedulers[i]->RetireWaiting.Count;
+    }
+    MUST(LookUpHandle(gEvent) == nullptr && entries == static_cast<int32_t>(retired) && retired <= 1);
+}
+
 // ---- 5. Migration ------------------------------------------------------------------------------------
 
 Shared<uint32_t> gProgress;
@@ -596,6 +618,7 @@ const Scenario gScenarios[] = {
     {"exit-terminate", 2, kLong, [] { ExitAgainst(Terminate); }, nullptr, {1, 1, 0}, {2, 1, 1}},
     {"exit-routine", 2, kLong, [] { ExitAgainst(Inject); }, nullptr, {1, 1, 0}, {2, 1, 1}},
     {"close-lookup", 2, kLong, CloseAgainstLookUp, nullptr, {1, 1, 0}, {3, 1, 1}},
+    {"close-unidentify", 2, kLong, CloseAgainstUnidentify, OneEntryIsGone, {1, 1, 0}, {3, 1, 1}},
     {"move-suspend", 2, kLong, [] { Move(1, SuspendOnTheWay); }, nullptr, {1, 1, 0}, {2, 1, 1}},
     {"move-suspend-third", 3, kLong, [] { Move(2, SuspendOnTheWay); }, nullptr, {1, 1, 0}, {2, 1, 1}},
     {"move-terminate", 2, kLong, [] { Move(1, Terminate); }, nullptr, {1, 1, 0}, {2, 1, 1}},

@@ -4,6 +4,7 @@
 
 #include <map>
 
+#include "alloc/alloc.h"
 #include "kernel/critsec.h"
 #include "sched_fixture.h"
 
@@ -137,6 +138,37 @@ TEST_F(PostWaitCall, WithoutAnEventAWaitTakesItsTime) {
     EXPECT_EQ(TakeNotes(), Names{});
     Pass(20);
     EXPECT_EQ(TakeNotes(), Names{"waited"});
+}
+
+// An entry goes once, by whatever hand and in whatever order, and not before the duplicates of its event: a chunk that
+// is freed twice, or under a duplicate, would be a file's by then.
+TEST_F(PostWaitCall, APostEventsEntryGoesOnceAndAfterItsDuplicates) {
+    const auto grace = [&] {
+        for (int i = 0; i < 6; ++i) RunUntilIdle(i % 2 == 0 ? Other : S);
+    };
+    const auto entries = [&] { return S->ChunkTypeCount[ALLOC_PSEHAND].load(); };
+    PSEHAND *file = nullptr;
+    for (const bool closeFirst : {false, true})
+        for (const DWORD options : {DWORD{0}, DWORD{DUPLICATE_CLOSE_SOURCE}}) {
+            HANDLE event = NewEvent(false, false), copy = nullptr;
+            RunToEnd([&](Fiber *) {
+                IdentifyUserThread("SHAD", event);
+                const HANDLE process = os::GetCurrentProcess();
+                EXPECT_TRUE(DuplicateHandle(process, event, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS | options));
+                if (closeFirst) CloseHandle(event);
+                UnidentifyUserThread(0);
+                EXPECT_EQ(LookUpHandle(event), nullptr);
+            });
+            grace();
+            file = NewEntry(S, PHAND_HTYPE_CreateFileA);
+            RunToEnd(
+                [&](Fiber *) { EXPECT_TRUE(CloseHandle(copy) && (closeFirst || options != 0 || CloseHandle(event))); });
+            grace();
+            EXPECT_TRUE(LookUpHandle(HandleValue(file)) == file && file->RefCount == 1);
+            RunToEnd([&](Fiber *) { CloseHandle(HandleValue(file)); });
+            grace();
+            EXPECT_EQ(entries(), 0);
+        }
 }
 
 TEST_F(PostWaitCall, AHighClassPostHandsTheProcessorOver) {
