@@ -142,8 +142,7 @@ void InsertHandle(PSEHAND *entry) {
     const uint32_t slot = entry->Handle >> 2;
     SpinGuard guard(&HandHashQLock);
     while (slot >= gHandleTableSize.load(std::memory_order_relaxed)) GrowTableLocked();
-    // An occupied slot (a post event that is registered twice) is overwritten, and counts once. Release: a reader
-    // that finds the entry finds it complete.
+    // An occupied slot is overwritten, and counts once. Release: a reader that finds the entry finds it complete.
     HandleSlot &place = gHandleTable.load(std::memory_order_relaxed)[slot];
     if (place.load(std::memory_order_relaxed) == nullptr) gHandleCount.fetch_add(1, std::memory_order_relaxed);
     place.store(entry, std::memory_order_release);
@@ -173,6 +172,13 @@ void ReleaseHandleRef(PSEHAND *entry, uintptr_t handle, Scheduler *S) {
         FatalExit("in CLOSE HANDLE REF ALREADY ZERO handle %d \n", static_cast<int>(handle));
     }
     DropOwnHandleLocked(entry, S);
+    os::LeaveCriticalSection(&gHandleRefLock);
+}
+
+void InsertPostEvent(PSEHAND *entry, Scheduler *S) {
+    os::EnterCriticalSection(&gHandleRefLock);
+    if (PSEHAND *before = LookUpHandle(HandleValue(entry)); before != nullptr) WithdrawLocked(before, S);
+    InsertHandle(entry);
     os::LeaveCriticalSection(&gHandleRefLock);
 }
 

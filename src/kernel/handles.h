@@ -65,6 +65,9 @@ bool RemoveHandle(PSEHAND *entry);
 // Drops one open handle of the entry and of its root, and destroys what nobody refers to any more. `entry` is what
 // was looked up under `handle`; nothing happens when it is no longer there, or the handle was closed before.
 void ReleaseHandleRef(PSEHAND *entry, uintptr_t handle, Scheduler *S);
+// InsertHandle for a post event. An entry that its handle has already, of a thread that ended or goes on under another
+// event, gives way to it.
+void InsertPostEvent(PSEHAND *entry, Scheduler *S);
 // Takes the post event's entry of that serial out of the table, if the host has not closed the handle. Duplicates keep
 // the entry alive.
 void WithdrawPostEvent(HANDLE event, uint32_t serial, Scheduler *S);

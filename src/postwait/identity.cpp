@@ -122,7 +122,7 @@ void IdentifyUserThread(const char *tag, HANDLE postEvent) {
     F->PostEventHandle = 0;
     if (!PlausibleHandle(postEvent)) return;
     entry->Handle = F->PostEventHandle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(postEvent));
-    InsertHandle(entry);
+    InsertPostEvent(entry, S);
 }
 
 void UnidentifyUserThread(DWORD reserved) {

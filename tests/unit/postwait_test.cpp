@@ -169,6 +169,16 @@ TEST_F(PostWaitCall, APostEventsEntryGoesOnceAndAfterItsDuplicates) {
             grace();
             EXPECT_EQ(entries(), 0);
         }
+    // The event of a thread that has ended unidentified is its successor's.
+    HANDLE event = NewEvent(false, false);
+    Run([&](Fiber *) { IdentifyUserThread("SHAD", event); });
+    RunToEnd([&](Fiber *) {
+        IdentifyUserThread("SHAD", event);
+        UnidentifyUserThread(0);
+        EXPECT_TRUE(CloseHandle(event));
+    });
+    grace();
+    EXPECT_EQ(entries(), 0);
 }
 
 TEST_F(PostWaitCall, AHighClassPostHandsTheProcessorOver) {
