@@ -67,8 +67,9 @@ void Classify(Scheduler *S, Fiber *F, const char *tag) {
     }
 }
 
-// A value that is no handle gets an entry that nobody can look up: the table is indexed by the value, and posts and
-// waits that name it go to the operating system, which says what is wrong with it.
+// Stands in a record for the entry of a value that is no handle. The table is indexed by the value, so nobody could
+// look such an entry up: posts and waits that name it go to the operating system, which says what is wrong with it.
+PSEHAND gNoPostEvent;
 bool PlausibleHandle(HANDLE handle) {
     const uintptr_t value = reinterpret_cast<uintptr_t>(handle);
     DWORD flags = 0;
@@ -77,14 +78,9 @@ bool PlausibleHandle(HANDLE handle) {
 
 // The host may have closed the event, which takes its entry along.
 void DropPostEvent(Fiber *F, Scheduler *S) {
-    PSEHAND *entry = F->PostEvent;
-    if (entry == nullptr) return;
+    const auto event = reinterpret_cast<HANDLE>(uintptr_t{F->PostEventHandle});
+    if (event != nullptr) WithdrawPostEvent(event, F->PostEventSerial, S);
     F->PostEvent = nullptr;
-    if (F->PostEventHandle == 0) {
-        FreeHandleEntry(entry, S);
-    } else {
-        WithdrawPostEvent(reinterpret_cast<HANDLE>(uintptr_t{F->PostEventHandle}), F->PostEventSerial, S);
-    }
     F->PostEventHandle = 0;
 }
 
@@ -111,6 +107,10 @@ void IdentifyUserThread(const char *tag, HANDLE postEvent) {
     F->Tag.store(IsEmptyTag(tag) ? kNoTag : tag, std::memory_order_release);
     CountTag(S, F->Tag.load(std::memory_order_relaxed), 1);
     if (F->PostEvent != nullptr) FatalExit("PostEvent handle is not null\n");
+    if (!PlausibleHandle(postEvent)) {
+        F->PostEvent = &gNoPostEvent;
+        return;
+    }
     PSEHAND *entry = AllocHandleEntry(S, S->NumaNode);
     if (entry == nullptr) FatalExit("Could not allocate PostEvent handle\n");
     entry->OwnerFiber = F;
@@ -119,8 +119,6 @@ void IdentifyUserThread(const char *tag, HANDLE postEvent) {
                                                                                         : PHAND_HTYPE_PostEventHandle;
     F->PostEvent = entry;
     F->PostEventSerial = entry->Serial;
-    F->PostEventHandle = 0;
-    if (!PlausibleHandle(postEvent)) return;
     entry->Handle = F->PostEventHandle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(postEvent));
     InsertPostEvent(entry, S);
 }

@@ -171,7 +171,7 @@ TEST_F(PostWaitCall, APostEventsEntryGoesOnceAndAfterItsDuplicates) {
         }
     // The event of a thread that has ended unidentified is its successor's.
     HANDLE event = NewEvent(false, false);
-    Run([&](Fiber *) { IdentifyUserThread("SHAD", event); });
+    for (HANDLE given : {event, HANDLE{nullptr}}) Run([&](Fiber *) { IdentifyUserThread("SHAD", given); });
     RunToEnd([&](Fiber *) {
         IdentifyUserThread("SHAD", event);
         UnidentifyUserThread(0);
