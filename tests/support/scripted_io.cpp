@@ -293,7 +293,8 @@ BOOL CancelIoEx(HANDLE file, OVERLAPPED *overlapped) {
 }
 
 BOOL CancelOp(const IoOp *op) {
-    return CancelIoEx(RunningOn(op->Ov), op->Ov);
+    const HANDLE file = RunningOn(op->Ov);
+    return file != nullptr && CancelIoEx(file, op->Ov);
 }
 
 BOOL FlushFileBuffers(HANDLE file, OVERLAPPED *overlapped, IoOp *op) {

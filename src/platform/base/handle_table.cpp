@@ -136,6 +136,7 @@ bool TryRef(Object *object) {
 
 // Whether the handle is one of this process, the pseudo handle or another.
 bool IsThisProcess(HANDLE handle) {
+    if (handle == GetCurrentProcess()) return true;
     Object *object = RefHandle(handle, ObjectType::kProcess);
     if (object == nullptr) return false;
     const bool own = static_cast<ProcessObject *>(object)->Id.load(std::memory_order_relaxed) == GetCurrentProcessId();
