@@ -329,11 +329,13 @@ void Exists(Session &s, const Arguments &a) {
     s.PutInteger(count);
 }
 
-// Sets or removes the time of a key, with its section held.
+// Sets or removes the time of a key, with its section held. The record has the value, too: recovery may come when the
+// time that the record before it gives is over, and has not kept the key then.
 bool WriteExpire(Session &s, const Keyed &key, Entry *entry, int64_t expire) {
     const bool gone = expire != kNever && expire <= NowMs();
-    const LogItem item{key.Hash, key.Key, {}, expire, entry};
-    const uint64_t seq = AppendLog(gone ? RecordType::kDelete : RecordType::kExpire, &item, 1);
+    const std::string_view bytes = gone ? std::string_view() : entry->Val->View();
+    const LogItem item{key.Hash, key.Key, bytes, expire, entry};
+    const uint64_t seq = AppendLog(gone ? RecordType::kDelete : RecordType::kSet, &item, 1);
     if (seq == 0) {
         PutMisconf(s);
         return false;

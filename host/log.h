@@ -7,8 +7,9 @@
 // taken for part of the log, and says up to where the log was durable when it was written. That tells a torn end from
 // damage: what follows a record that cannot be read counts only when it says that the record had been durable.
 //
-// Records are physical: SET carries the whole value and the absolute time at which it ends. Applying one twice changes
-// nothing, so a checkpoint may be taken while sessions write, and is exact once the log from its beginning is applied.
+// Records are physical: SET carries the whole value and the absolute time at which it ends, also where only the time
+// changes, so that no record needs what an earlier one left. Applying one twice changes nothing, so a checkpoint may be
+// taken while sessions write, and is exact once the log from its beginning is applied.
 //
 // In memory a record is appended to the newest buffer while its shard's section is held, before it is applied: for each
 // key the order in the log is the order of application. A buffer becomes one batch.
@@ -54,7 +55,12 @@ struct SegmentHeader {
     uint32_t Reserved;
 };
 
-enum class RecordType : uint32_t { kSet = 1, kDelete, kExpire, kFlush };
+enum class RecordType : uint32_t {
+    kSet = 1,
+    kDelete,
+    kExpire,  // a time without the value: in older logs, and not written any more
+    kFlush
+};
 
 struct RecordHeader {
     uint32_t Length;  // with this header

@@ -112,5 +112,27 @@ TEST_P(Crash, NothingAcknowledgedIsLost) {
     EXPECT_GT(acknowledged.load(), static_cast<uint64_t>(rounds) * 10);
 }
 
+// A key whose time was put off outlives the time that it had first, which is over when the log is applied: one from the
+// log alone, one whose first time a checkpoint shows.
+TEST_P(Crash, TimesThatWerePutOff) {
+    ASSERT_TRUE(Host.Start({"--checkpoint", "4096"})) << Host.Text();
+    for (int ms = 400, done = 0;; ms *= 2) {
+        Client client(Host);
+        const std::string time = " v PX " + std::to_string(ms);
+        for (const char *key : {"a", "b"}) EXPECT_EQ(client.Ask("SET " + std::string(key) + time), "+OK");
+        client.Ask({"SET", "filler", std::string(5000, 'f')});
+        done++;
+        ASSERT_TRUE(Await([&] { return Figure(client, "checkpoints") >= done; })) << Host.Text();
+        for (const char *key : {"c", "d"}) EXPECT_EQ(client.Ask("SET " + std::string(key) + time), "+OK");
+        std::string all;
+        for (const char *ask : {"PERSIST a", "EXPIRE b 1000", "PERSIST c", "EXPIRE d 1000"}) all += client.Ask(ask);
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+        if (all == ":1:1:1:1") break;  // else the checkpoint took longer
+    }
+    Host.Kill();
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+    EXPECT_EQ(Client(Host).Ask("MGET a b c d"), "[v v v v]");
+}
+
 }  // namespace
 }  // namespace keyhost_test
