@@ -28,8 +28,8 @@ struct Keyed {
 
     explicit Keyed(std::string_view key) : Key(key), Hash(HashKey(key)), In(&gShards[ShardOf(Hash)]) {}
     CRITICAL_SECTION *Section() const { return &In->Section; }
-    Entry *Find(Session &s) const {
-        Entry *const entry = FindEntry(In, Hash, Key);
+    Entry *Find(Session &s, int64_t now = kNever) const {
+        Entry *const entry = FindEntry(In, Hash, Key, now);
         s.DependOn(entry != nullptr ? entry->Seq : In->RemoveSeq);
         return entry;
     }
@@ -254,10 +254,11 @@ void MSet(Session &s, const Arguments &a) {
     uint64_t mask = 0;
     std::vector<Keyed> keys = KeysOf(a, 1, 2, &mask);
     ManyGuard guard(mask);
+    const int64_t now = NowMs();
     std::vector<LogItem> items;
     items.reserve(keys.size());
     for (uint32_t i = 0; i < keys.size(); i++) {
-        Entry *const old = FindEntry(keys[i].In, keys[i].Hash, keys[i].Key);
+        Entry *const old = FindEntry(keys[i].In, keys[i].Hash, keys[i].Key, now);
         items.push_back(LogItem{keys[i].Hash, keys[i].Key, a[2 * i + 2], kNever, old});
     }
     const uint64_t seq = AppendLog(RecordType::kSet, items.data(), static_cast<uint32_t>(items.size()));
@@ -265,7 +266,7 @@ void MSet(Session &s, const Arguments &a) {
     for (const LogItem &item : items) {
         Shard *const shard = &gShards[ShardOf(item.Hash)];
         // Looked up once more: a key may be named twice.
-        StoreEntry(shard, FindEntry(shard, item.Hash, item.Key), item.Hash, item.Key, NewValue(item.Bytes), kNever,
+        StoreEntry(shard, FindEntry(shard, item.Hash, item.Key, now), item.Hash, item.Key, NewValue(item.Bytes), kNever,
                    seq);
     }
     s.DependOn(seq);
@@ -302,9 +303,10 @@ void Delete(Session &s, const Arguments &a) {
     uint64_t mask = 0;
     const std::vector<Keyed> keys = KeysOf(a, 1, 1, &mask);
     ManyGuard guard(mask);
+    const int64_t now = NowMs();
     std::vector<LogItem> items;
     for (const Keyed &key : keys) {
-        Entry *const entry = key.Find(s);
+        Entry *const entry = key.Find(s, now);
         bool twice = false;
         // A key that is named twice is deleted once. Long lists of keys are rare.
         for (size_t i = 0; entry != nullptr && i < items.size() && !twice; i++) twice = items[i].Old == entry;

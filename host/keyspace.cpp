@@ -67,10 +67,10 @@ void InitKeyspace() {
     }
 }
 
-Entry *FindEntry(Shard *shard, uint64_t hash, std::string_view key) {
+Entry *FindEntry(Shard *shard, uint64_t hash, std::string_view key, int64_t now) {
     Entry *entry = *BucketOf(shard, hash);
     while (entry != nullptr && (entry->Hash != hash || entry->Key() != key)) entry = entry->Next;
-    if (entry != nullptr && entry->Expire != kNever && entry->Expire <= NowMs()) [[unlikely]] {
+    if (entry != nullptr && entry->Expire != kNever && entry->Expire <= (now != kNever ? now : NowMs())) [[unlikely]] {
         Count(gCounters.Expired);
         RemoveEntry(shard, entry, entry->Seq);
         return nullptr;

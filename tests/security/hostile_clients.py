@@ -265,6 +265,19 @@ def work_without_end(server):
     yield 256 << 20
 
 
+def keys_named_often(server):
+    """One command with as many keys as it may have: the same one, whose time ends meanwhile, and all different."""
+    others = [word for number in range(60000) for word in (b"o%d" % number, b"v")]
+    commands = (request("DEL", *["k"] * 100000), request("MSET", "k", "a", *others, "k", "b"))
+    for turn in range(60):
+        client = server.witness
+        client.sendall(request("SET", "k", "v", "PX", 1 + turn // 2) + commands[turn % 2])
+        got = receive(client, 9 + turn % 2)
+        check(got in (b"+OK\r\n:1\r\n", b"+OK\r\n:0\r\n", b"+OK\r\n+OK\r\n"), f"turn {turn}: {got!r}")
+    yield 64 << 20
+    server.ask(request("FLUSHALL"), b"+OK\r\n")
+
+
 def main():
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
@@ -275,7 +288,7 @@ def main():
         server = Server(sys.argv[1], os.path.join(folder, "data"))
         check(os.stat(os.path.join(folder, "data")).st_mode & 0o777 == 0o700, "a data folder of the server's making is its user's alone")
         for case in (announced_but_never_sent, half_requests, pipelines_that_nobody_reads, a_byte_now_and_then, not_to_blame,
-                     more_than_there_is_room_for, nonsense, work_without_end):
+                     more_than_there_is_room_for, nonsense, work_without_end, keys_named_often):
             before = server.resident()
             course = case(server)
             allowed = next(course)
