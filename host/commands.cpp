@@ -307,11 +307,12 @@ void Delete(Session &s, const Arguments &a) {
     std::vector<LogItem> items;
     for (const Keyed &key : keys) {
         Entry *const entry = key.Find(s, now);
-        bool twice = false;
-        // A key that is named twice is deleted once. Long lists of keys are rare.
-        for (size_t i = 0; entry != nullptr && i < items.size() && !twice; i++) twice = items[i].Old == entry;
-        if (entry != nullptr && !twice) items.push_back(LogItem{key.Hash, key.Key, {}, kNever, entry});
+        if (entry != nullptr) items.push_back(LogItem{key.Hash, key.Key, {}, kNever, entry});
     }
+    // A key that is named twice is deleted once.
+    std::sort(items.begin(), items.end(), [](const LogItem &a, const LogItem &b) { return a.Old < b.Old; });
+    const auto same = [](const LogItem &a, const LogItem &b) { return a.Old == b.Old; };
+    items.erase(std::unique(items.begin(), items.end(), same), items.end());
     if (items.empty()) return s.PutInteger(0);
     const uint64_t seq = AppendLog(RecordType::kDelete, items.data(), static_cast<uint32_t>(items.size()));
     if (seq == 0) return PutMisconf(s);

@@ -274,6 +274,17 @@ def keys_named_often(server):
         client.sendall(request("SET", "k", "v", "PX", 1 + turn // 2) + commands[turn % 2])
         got = receive(client, 9 + turn % 2)
         check(got in (b"+OK\r\n:1\r\n", b"+OK\r\n:0\r\n", b"+OK\r\n+OK\r\n"), f"turn {turn}: {got!r}")
+    greedy, begin = server.connect(), time.monotonic()
+    for first in (0, 1):
+        server.ask(request("MSET", *[word for key in range(first, 130000, 2) for word in (key, "v")]), b"+OK\r\n")
+    filled = time.monotonic() - begin
+    greedy.sendall(request("DEL", *range(130000)))
+    time.sleep(0.2)  # until it has begun
+    begin = time.monotonic()
+    server.ask()
+    waited = time.monotonic() - begin
+    check(receive(greedy, 9) == b":130000\r\n", "all are deleted")
+    check(waited < 1 + filled, f"somebody else waited {waited:.1f} s for a DEL of many keys, which took {filled:.1f} s to set")
     yield 64 << 20
     server.ask(request("FLUSHALL"), b"+OK\r\n")
 
