@@ -5,6 +5,7 @@
 // its own shards from the whole segment, so that the order per key is kept without a section. No session exists yet.
 #include "recovery.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -347,6 +348,26 @@ void ReplayLog(const std::vector<SegmentFile> &files, Recovered *result) {
     }
 }
 
+// What was read may be in the system's memory alone, as a process leaves it that was killed between a write and its end
+// on the medium. The server goes on from it as from what is durable, so that it must be: the segments in use, and the
+// names in the folder, which moving one onto itself makes durable.
+void MakeDurable(const std::vector<SegmentFile> &files, const LogPosition &end) {
+    std::string name = gJob.Checkpoint.Pages != 0 ? CheckpointName() : std::string();
+    for (const SegmentFile &file : files) {
+        const uint64_t number = file.Opened.Number;
+        if (file.Opened.File == nullptr) continue;
+        name = file.Name;
+        if (number < std::max<uint64_t>(gJob.Checkpoint.Begin.Segment, 1) || number > end.Segment) continue;
+        if (!FlushFileBuffers(file.Opened.File)) Damaged(name, 0, ReasonOf(GetLastError()).c_str());
+    }
+    const std::string path = PathOf(name);
+    const DWORD error = name.empty() ? DWORD{ERROR_SUCCESS} : RunBlocking([&path] {
+        constexpr DWORD kHow = MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH;
+        return MoveFileExA(path.c_str(), path.c_str(), kHow) ? DWORD{ERROR_SUCCESS} : GetLastError();
+    });
+    if (error != ERROR_SUCCESS) Refuse("%s: %s", gOptions.Dir.c_str(), ReasonOf(error).c_str());
+}
+
 // ---- The checkpoint ----------------------------------------------------------------------------------
 
 bool OpenCheckpoint() {
@@ -455,6 +476,7 @@ Recovered RecoverDatabase() {
     } else if (log.LogId == 0) {
         log.LogId = RandomNumber() | 1;
     }
+    MakeDurable(files, log.End);
     RunJob(Job::Kind::kEnd);
     UnidentifyUserThread(0);
     for (const SegmentFile &file : files) {
