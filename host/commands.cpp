@@ -310,8 +310,8 @@ void Delete(Session &s, const Arguments &a) {
         if (entry != nullptr) items.push_back(LogItem{key.Hash, key.Key, {}, kNever, entry});
     }
     // A key that is named twice is deleted once.
-    std::sort(items.begin(), items.end(), [](const LogItem &a, const LogItem &b) { return a.Old < b.Old; });
-    const auto same = [](const LogItem &a, const LogItem &b) { return a.Old == b.Old; };
+    std::sort(items.begin(), items.end(), [](const LogItem &x, const LogItem &y) { return x.Old < y.Old; });
+    const auto same = [](const LogItem &x, const LogItem &y) { return x.Old == y.Old; };
     items.erase(std::unique(items.begin(), items.end(), same), items.end());
     if (items.empty()) return s.PutInteger(0);
     const uint64_t seq = AppendLog(RecordType::kDelete, items.data(), static_cast<uint32_t>(items.size()));
