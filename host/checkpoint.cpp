@@ -136,7 +136,8 @@ void CopyShards() {
 // What the copies show must be durable before the checkpoint is; records that were taken back while it ran may be in
 // it, and then it counts for nothing.
 DWORD FinishCheckpoint(const LogPosition &begin, uint64_t refused, Waiter *waiter) {
-    SyncLog(waiter);
+    const DWORD lost = SyncLog(waiter);
+    if (lost != ERROR_SUCCESS) return lost;
     if (RefusedCount() != refused) return ERROR_OPERATION_ABORTED;
     std::vector<char> page(kPage);
     const CheckpointHeader header{gWriters.LogId, gWriters.NextPage.load(), gWriters.Keys.load(), begin};

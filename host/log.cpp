@@ -3,6 +3,10 @@
 // Sessions append under the log's section and wait by post; "LGWR" writes one batch at a time and posts all whose
 // record was in it. A batch that cannot be written is taken back: the keyspace returns to what is durable, in reverse
 // order, those who wait are told, and writes are refused until a write succeeds again.
+//
+// Where nobody waits for the medium, files are flushed now and then. The system tells of a failed flush once, and drops
+// what it could not write: the next flush succeeds over what is lost. So after a failure no flush counts until the
+// writer has written anew, from a copy in memory, all that the segment got since it was begun.
 #include "log.h"
 
 #include <cstdio>
@@ -73,6 +77,10 @@ struct Log {
     std::atomic<uint64_t> Unflushed{0};  // batches that the flusher has not seen
     std::atomic<uint64_t> Written{0};    // sequence number of the last record that was written
     std::atomic<uint64_t> Durable{0};    // of the last that is known to be on the medium
+    std::atomic<bool> Flushing{false};   // somebody flushes, or writes anew: one at a time, as one alone hears of a failure
+    std::atomic<DWORD> FlushError{0};    // [Flushing] to write: of the flush that failed, until all is written anew
+    uint64_t CopyAt = 0;                 // the writer's: offset of Copy in the segment
+    std::string Copy;                    // the writer's: what the segment got, up to its end; not with --durability always
     std::string Tail;                    // the writer's: bytes of the last block before End.Offset
     uint64_t LogId = 0;                  // init
 };
@@ -83,14 +91,39 @@ bool Always() {
     return gOptions.Sync == Durability::kAlways;
 }
 
-// What was written before the call is durable after it. Waits for the disk.
-DWORD FlushLog() {
-    const uint64_t written = gLog.Written.load();
-    if (gLog.File.load() == nullptr) return ERROR_SUCCESS;
-    if (!FlushFileBuffers(gLog.File.load())) return GetLastError();
-    uint64_t durable = gLog.Durable.load();
-    while (durable < written && !gLog.Durable.compare_exchange_weak(durable, written)) {
+struct FlushTurn {
+    FlushTurn() {
+        while (gLog.Flushing.exchange(true)) Sleep(1);
     }
+    ~FlushTurn() { gLog.Flushing = false; }
+};
+
+// What was written before the call is durable after it, or the writer has to write it anew. Waits for the disk.
+DWORD FlushLog() {
+    DWORD error = ERROR_SUCCESS;
+    {
+        FlushTurn turn;
+        const uint64_t written = gLog.Written.load();
+        if (gLog.File.load() == nullptr || gLog.FlushError.load() != ERROR_SUCCESS) return gLog.FlushError.load();
+        if (FlushFileBuffers(gLog.File.load())) {
+            gLog.Durable = written;
+            return ERROR_SUCCESS;
+        }
+        gLog.FlushError = error = GetLastError();
+    }
+    std::fprintf(stderr, "keyhost: the log could not be flushed: %s; it is written anew\n", ReasonOf(error).c_str());
+    return error;
+}
+
+// After a flush that failed: the writer's.
+DWORD WriteAnew() {
+    FlushTurn turn;
+    DWORD error = WriteBlocks(gLog.File.load(), gLog.CopyAt, gLog.Copy.data(), gLog.Copy.size(), kWriteStep);
+    if (error == ERROR_SUCCESS && !FlushFileBuffers(gLog.File.load())) error = GetLastError();
+    if (error != ERROR_SUCCESS) return error;
+    gLog.Durable = gLog.Written.load();
+    gLog.FlushError = ERROR_SUCCESS;
+    std::fputs("keyhost: the log is written anew and durable\n", stderr);
     return ERROR_SUCCESS;
 }
 
@@ -276,6 +309,9 @@ DWORD NextSegment(size_t size) {
     if (error != ERROR_SUCCESS) return error;
     gLog.File.store(file);
     gLog.Tail.clear();
+    gLog.CopyAt = 0;
+    gLog.Copy.assign(Always() ? 0 : kLogBlock, '\0');
+    if (!Always()) gLog.Copy.replace(0, sizeof block, block, sizeof block);
     bool spare = false;
     {
         Guard guard(&gLog.Section);
@@ -300,6 +336,10 @@ uint64_t BytesOfSegment(uint64_t number) {
 // Writes the buffer as the next batch. Whole blocks are written: the bytes of the last block that are durable already
 // come once more in front, zeros follow.
 DWORD WriteBatch(Buffer *buffer) {
+    if (gLog.FlushError.load(std::memory_order_relaxed) != ERROR_SUCCESS) {
+        const DWORD error = WriteAnew();
+        if (error != ERROR_SUCCESS) return error;
+    }
     const size_t bytes = buffer->Used - kFront;
     const size_t size = RoundUp(sizeof(BatchHeader) + bytes, kLogAlign);
     if (gLog.End.Segment == 0 || gLog.End.Offset + size > BytesOfSegment(gLog.End.Segment)) {
@@ -329,7 +369,11 @@ DWORD WriteBatch(Buffer *buffer) {
     const size_t after = (before + size) % kLogBlock;
     gLog.Tail.assign(start + before + size - after, after);
     if (buffer->Count != 0) gLog.Written = buffer->First + buffer->Count - 1;
-    if (Always()) gLog.Durable = gLog.Written.load();
+    if (Always()) {
+        gLog.Durable = gLog.Written.load();
+    } else {
+        gLog.Copy.replace(gLog.End.Offset - before - gLog.CopyAt, std::string::npos, start, total);
+    }
     gLog.Unflushed.fetch_add(1);
     Count(gCounters.LogWrites);
     Count(gCounters.LogBytes, total);
@@ -346,6 +390,8 @@ DWORD WriteBatch(Buffer *buffer) {
 // The oldest buffer with records, after a wait where there is none.
 Buffer *TakeBuffer() {
     for (;;) {
+        // Once a second (MendLog) where it fails and nobody writes.
+        if (gLog.FlushError.load(std::memory_order_relaxed) != ERROR_SUCCESS) WriteAnew();
         bool waited = false;
         {
             Guard guard(&gLog.Section);
@@ -448,6 +494,10 @@ bool RequestLgwrMigration() {
     return true;
 }
 
+void MendLog() {
+    if (gLog.FlushError.load() != ERROR_SUCCESS) PostUserThread(gLog.WriterEvent);
+}
+
 DWORD WINAPI LogWriter(LPVOID) {
     if (gOptions.Migrate) MigrateUserThread("LGWR");
     IdentifyUserThread("LGWR", gLog.WriterEvent);
@@ -482,8 +532,7 @@ DWORD WINAPI LogFlusher(LPVOID) {
     for (;;) {
         Sleep(1000);
         if (gLog.Unflushed.exchange(0) == 0) continue;
-        const DWORD error = FlushLog();
-        if (error != ERROR_SUCCESS) gLog.Error = error;
+        FlushLog();
     }
 }
 
@@ -590,9 +639,9 @@ uint64_t LastSeq() {
     return gLog.Last.load(std::memory_order_acquire);
 }
 
-void SyncLog(Waiter *waiter) {
+DWORD SyncLog(Waiter *waiter) {
     AwaitSettled(waiter, gLog.Last.load(), true);
-    if (!Always()) FlushLog();
+    return Always() ? DWORD{ERROR_SUCCESS} : FlushLog();
 }
 
 void ForgetWaiter(Waiter *waiter) {
@@ -623,6 +672,8 @@ void OpenLog(LogStart *start) {
     gLog.LogId = start->LogId;
     gLog.End = start->End;
     gLog.Tail = std::move(start->Tail);
+    gLog.CopyAt = gLog.End.Offset - gLog.Tail.size();
+    gLog.Copy = gLog.Tail;
     gLog.Slots = std::move(start->Slots);
     gLog.Last = gLog.Settled = gLog.Written = gLog.Durable = start->End.Seq;
     for (const Slot &slot : gLog.Slots) {
@@ -655,7 +706,8 @@ bool MakeSpareSegment() {
 
 LogFigures GetLogFigures() {
     Guard guard(&gLog.Section);
-    LogFigures figures{gLog.Last.load(), gLog.Settled.load(), gLog.End, 0, 0, gLog.Refusing.load(), gLog.Error.load()};
+    LogFigures figures{gLog.Last.load(), gLog.Settled.load(), gLog.End, 0, 0, gLog.Refusing.load(), gLog.Error.load(),
+                       gLog.FlushError.load()};
     for (const Slot &slot : gLog.Slots) {
         figures.Segments += slot.File != nullptr ? 1 : 0;
         figures.Free += slot.File != nullptr && slot.Number == 0 ? 1 : 0;

@@ -146,8 +146,9 @@ void AwaitRecord(Waiter *waiter, uint64_t seq);
 bool WasRefused(uint64_t seq);
 uint64_t SettledSeq();  // up to this one the fate of every record is decided
 uint64_t LastSeq();     // of all records so far
-// Waits until everything so far is durable or refused, whatever --durability says.
-void SyncLog(Waiter *waiter);
+// Waits until everything so far is durable or refused, whatever --durability says. An error when a flush has failed: then
+// nothing may be built on it yet.
+DWORD SyncLog(Waiter *waiter);
 // Nobody will post the waiter any more; before its event is closed.
 void ForgetWaiter(Waiter *waiter);
 
@@ -156,6 +157,7 @@ void ForgetWaiter(Waiter *waiter);
 DWORD WINAPI LogWriter(LPVOID);         // "LGWR"
 bool RequestLgwrMigration();            // a scheduler of its own for it, soon; false without --migrate-lgwr
 DWORD WINAPI LogFlusher(LPVOID);        // kernel thread of --durability everysec
+void MendLog();                         // once a second, from a user thread: wakes the writer after a flush that failed
 LogPosition DurableEnd();               // where a checkpoint begins
 uint64_t RefusedCount();                // changes whenever records are taken back
 void ReleaseSegments(uint64_t before);  // those with lower numbers are free
@@ -166,7 +168,8 @@ struct LogFigures {
     LogPosition End;
     uint32_t Segments, Free;
     bool Refusing;
-    DWORD Error;
+    DWORD Error;       // while it refuses writes
+    DWORD FlushError;  // while what was written has to be written anew
 };
 LogFigures GetLogFigures();
 

@@ -1,7 +1,8 @@
 // host/monitor.cpp - the process monitor, and what INFO tells.
 //
 // "PMON" runs once a second, at background class. It ends connections whose client lets the server wait, cleans up
-// after sessions whose thread was ended by somebody else, and removes expired keys.
+// after sessions whose thread was ended by somebody else, removes expired keys, and wakes the log writer after a flush that
+// failed.
 #include <algorithm>
 #include <cstdio>
 #include <vector>
@@ -75,6 +76,7 @@ DWORD WINAPI Monitor(LPVOID event) {
         dead.clear();
         LookAtSessions(gSeconds.load(), &hopeless, &dead);
         WatchAdminPipe(gSeconds.load());
+        MendLog();
         // They wait in a send or a receive, so that they own nothing but their record, which is freed the next time.
         for (const HANDLE thread : hopeless) TerminateThread(thread, 1);
         for (Session *session : dead) FreeSession(session);
@@ -131,7 +133,9 @@ std::string InfoText(std::string_view section) {
         text.Line("durability", gOptions.Sync == Durability::kAlways ? "always"
                                 : gOptions.Sync == Durability::kNo   ? "no"
                                                                      : "everysec");
-        text.Line("log_status", log.Refusing ? "refusing writes: " + ReasonOf(log.Error) : "ok");
+        text.Line("log_status", log.Refusing                      ? "refusing writes: " + ReasonOf(log.Error)
+                                : log.FlushError != ERROR_SUCCESS ? "not durable: " + ReasonOf(log.FlushError)
+                                                                  : "ok");
         text.Line("log_sequence", log.Seq);
         text.Line("log_settled", log.Settled);
         text.Line("log_segment", log.End.Segment);

@@ -72,8 +72,9 @@ uint64_t SettledSeq() { return gSeq; }
 void AwaitLogRoom(Waiter *) {}
 void AwaitRecord(Waiter *, uint64_t) {}
 bool WasRefused(uint64_t) { return false; }
-void SyncLog(Waiter *) {}
+DWORD SyncLog(Waiter *) { return 0; }
 void ForgetWaiter(Waiter *) {}
+void MendLog() {}
 LogPosition DurableEnd() { return {}; }
 uint64_t RefusedCount() { return 0; }
 void ReleaseSegments(uint64_t) {}

@@ -44,6 +44,41 @@ TEST_P(Faulty, RecoveryThatIsNotDurable) {
     EXPECT_EQ(Client(Host).Ask("GET k"), "$v");
 }
 
+// A flush that failed is told, nothing is built on it, and what it was about is written again: the next flush alone would
+// say nothing. The first flush is recovery's.
+TEST_P(Faulty, FailedFlush) {
+    const std::string filler(5000, 'f');
+    for (const bool checkpoint : {false, true}) {
+        if (!checkpoint) {
+            ASSERT_TRUE(Host.Start()) << Host.Text();
+        }
+        EXPECT_EQ(Client(Host).Ask("SET before v"), "+OK");
+        Host.Kill();
+        // The flusher's and the writer's first attempt, or a checkpoint's.
+        ASSERT_TRUE(checkpoint ? Host.Start({"--durability", "no", "--checkpoint", "4096"}, "FlushFileBuffers:2:1117")
+                               : Host.Start({"--durability", "everysec"}, "FlushFileBuffers:2:1117,FlushFileBuffers:3:1117"))
+            << Host.Text();
+        Client client(Host);
+        EXPECT_EQ(client.Ask({"SET", "filler", filler}), "+OK");
+        const auto shows = [&](const char *text) {
+            return Await([&] { return client.Ask("INFO").find(text) != std::string::npos; });
+        };
+        EXPECT_TRUE(checkpoint || shows("log_status:not durable: error 1117"));
+        EXPECT_TRUE(Await([&] { return Host.Text().find("written anew and durable") != std::string::npos; }))
+            << Host.Text();
+        EXPECT_TRUE(shows("log_status:ok"));
+        EXPECT_NE(Host.Text().find("could not be flushed: error 1117"), std::string::npos) << Host.Text();
+        if (!checkpoint) continue;
+        EXPECT_TRUE(Await([&] { return Host.Text().find("no checkpoint: error 1117") != std::string::npos; }));
+        EXPECT_EQ(Figure(client, "checkpoints"), 0);
+        EXPECT_EQ(client.Ask({"SET", "again", filler}), "+OK");
+        EXPECT_TRUE(Await([&] { return Figure(client, "checkpoints") == 1; })) << Host.Text();
+    }
+    Host.Kill();
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+    EXPECT_EQ(Client(Host).Ask("MGET before filler again"), "[v " + filler + " " + filler + "]");
+}
+
 // One write of the log fails. Everybody whose record was in it is refused, what they changed is taken back in the right
 // order, reads go on, and a restart shows exactly what was acknowledged.
 TEST_P(Faulty, OneFailedWrite) {
