@@ -226,7 +226,7 @@ void Settle(uint64_t seq) {
 
 // ---- Segments ----------------------------------------------------------------------------------------
 
-// A file of zeros under its final name, durable; the spare's header is the first block of zeros but for its magic.
+// A file of zeros under its final name, durable, in place of what an attempt left there that failed behind its move; the spare's header is the first block of zeros but for its magic.
 DWORD CreateSegment() {
     uint32_t slot = 0;
     {
@@ -251,8 +251,8 @@ DWORD CreateSegment() {
         }
         if (error == ERROR_SUCCESS) {
             error = !FlushFileBuffers(file) ? GetLastError() : RunBlocking([&] {
-                return MoveFileExA(fresh.c_str(), name.c_str(), MOVEFILE_WRITE_THROUGH) ? DWORD{ERROR_SUCCESS}
-                                                                                         : GetLastError();
+                constexpr DWORD kHow = MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH;
+                return MoveFileExA(fresh.c_str(), name.c_str(), kHow) ? DWORD{ERROR_SUCCESS} : GetLastError();
             });
         }
         CloseHandle(file);

@@ -30,6 +30,18 @@ bool IsMisconf(const std::string &answer) {
     return answer.substr(0, 8) == "-MISCONF";
 }
 
+// A file in the place of the next segment, as an attempt leaves it that fails behind its move, is replaced.
+TEST_P(Faulty, SegmentThatIsThere) {
+    ASSERT_TRUE(Host.Start({"--checkpoint", "1000000000"})) << Host.Text();
+    ASSERT_TRUE(Await([&] { return std::filesystem::exists(Host.File("log-1.dat")); }));
+    std::ofstream(Host.File("log-2.dat")) << "left";
+    // Two segments are not enough for it.
+    for (int i = 0; i < 20; i++) ASSERT_EQ(Client(Host).Ask({"SET", std::to_string(i), std::string(1 << 20, 'v')}), "+OK");
+    Host.Kill();
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+    EXPECT_EQ(Client(Host).Ask("DBSIZE"), ":20");
+}
+
 #ifdef ZVX_FAIL_POINTS
 // A start that cannot make durable what it has read is none.
 TEST_P(Faulty, RecoveryThatIsNotDurable) {
