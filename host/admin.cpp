@@ -134,7 +134,9 @@ DWORD WINAPI Administrator(LPVOID argument) {
         if (!ConnectNamedPipe(instance->Pipe, nullptr) && GetLastError() != ERROR_PIPE_CONNECTED &&
             GetLastError() != ERROR_NO_DATA) {
             std::fprintf(stderr, "keyhost: the administrator's pipe: %s\n", ReasonOf(GetLastError()).c_str());
-            return 1;
+            // Out of descriptors or memory, which ends.
+            Sleep(1000);
+            continue;
         }
         uint32_t since = gSeconds.load() + 1;
         instance->Since = since;
