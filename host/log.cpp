@@ -593,20 +593,21 @@ uint64_t AppendLog(RecordType type, const LogItem *items, uint32_t count, Conten
 
 namespace {
 
-void AwaitSettled(Waiter *waiter, uint64_t seq, bool evenWhenRefusing) {
+// False when one wait took `ms`.
+bool AwaitSettled(Waiter *waiter, uint64_t seq, bool evenWhenRefusing, DWORD ms = INFINITE) {
     for (;;) {
-        if (gLog.Settled.load(std::memory_order_acquire) >= seq) return;
-        if (!evenWhenRefusing && gLog.Refusing.load(std::memory_order_relaxed)) return;
+        if (gLog.Settled.load(std::memory_order_acquire) >= seq) return true;
+        if (!evenWhenRefusing && gLog.Refusing.load(std::memory_order_relaxed)) return true;
         {
             Guard guard(&gLog.Section);
-            if (gLog.Settled.load(std::memory_order_relaxed) >= seq) return;
+            if (gLog.Settled.load(std::memory_order_relaxed) >= seq) return true;
             if (waiter->Wanted == 0) {
                 waiter->Next = gLog.Waiters;
                 gLog.Waiters = waiter;
             }
             waiter->Wanted = seq;
         }
-        WaitForUserThreadPost(waiter->Event, INFINITE);
+        if (WaitForUserThreadPost(waiter->Event, ms) == WAIT_TIMEOUT) return false;
     }
 }
 
@@ -639,8 +640,11 @@ uint64_t LastSeq() {
     return gLog.Last.load(std::memory_order_acquire);
 }
 
-DWORD SyncLog(Waiter *waiter) {
-    AwaitSettled(waiter, gLog.Last.load(), true);
+DWORD SyncLog(Waiter *waiter, DWORD ms) {
+    if (!AwaitSettled(waiter, gLog.Last.load(), true, ms)) {
+        const DWORD error = gLog.Error.load();
+        return error != ERROR_SUCCESS ? error : DWORD{WAIT_TIMEOUT};
+    }
     return Always() ? DWORD{ERROR_SUCCESS} : FlushLog();
 }
 

@@ -230,8 +230,14 @@ DWORD WINAPI MainRoutine(LPVOID) {
     IdentifyUserThread("MAIN", event);
     Waiter waiter;
     waiter.Event = event;
-    if (!GetLogFigures().Refusing) SyncLog(&waiter);
+    // A few seconds for a log that cannot be written: what was answered may be waiting for it (--durability).
+    DWORD error = SyncLog(&waiter, 1000);
+    for (int i = 0; i < 5 && error != ERROR_SUCCESS; i++) {
+        Sleep(200);
+        error = SyncLog(&waiter, 1000);
+    }
     Sleep(50);
+    if (error != ERROR_SUCCESS) Refuse("ended, but the log could not be written: %s", ReasonOf(error).c_str());
     std::printf("keyhost: ended\n");
     ExitProcess(0);
 }

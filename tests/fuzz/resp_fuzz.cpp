@@ -72,7 +72,7 @@ uint64_t SettledSeq() { return gSeq; }
 void AwaitLogRoom(Waiter *) {}
 void AwaitRecord(Waiter *, uint64_t) {}
 bool WasRefused(uint64_t) { return false; }
-DWORD SyncLog(Waiter *) { return 0; }
+DWORD SyncLog(Waiter *, DWORD) { return 0; }
 void ForgetWaiter(Waiter *) {}
 void MendLog() {}
 LogPosition DurableEnd() { return {}; }

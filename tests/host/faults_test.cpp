@@ -91,6 +91,21 @@ TEST_P(Faulty, FailedFlush) {
     EXPECT_EQ(Client(Host).Ask("MGET before filler again"), "[v " + filler + " " + filler + "]");
 }
 
+// A server that is to end while it cannot write what it has answered ends, and says so.
+TEST_P(Faulty, EndWithoutTheLog) {
+    ASSERT_TRUE(Host.Start()) << Host.Text();
+    Host.Kill();
+    std::string faults;
+    for (int i = 1; i <= 30; i++)
+        faults += (GetParam().Argument != nullptr ? ",WriteFileEx:" : ",WriteFile:") + std::to_string(i) + ":112";
+    ASSERT_TRUE(Host.Start({"--durability", "everysec"}, faults.c_str() + 1)) << Host.Text();
+    EXPECT_EQ(Client(Host).Ask("SET k v"), "+OK");
+    EXPECT_EQ(kill(Host.Child, SIGTERM), 0);
+    EXPECT_EQ(Host.AwaitEnd(), 1);
+    EXPECT_NE(Host.Text().find("ended, but the log could not be written: the disk is full"), std::string::npos)
+        << Host.Text();
+}
+
 // One write of the log fails. Everybody whose record was in it is refused, what they changed is taken back in the right
 // order, reads go on, and a restart shows exactly what was acknowledged.
 TEST_P(Faulty, OneFailedWrite) {
