@@ -67,7 +67,8 @@ void InitKeyspace();
 // ---- With the shard's section held -------------------------------------------------------------------
 
 // An entry that has expired is removed and not found, so that another look-up of its key leaves no pointer to it valid.
-// Who keeps several gives one `now` (milliseconds since 1970) to all look-ups; else the clock is read where one is needed.
+// Who keeps several gives one `now` (milliseconds since 1970) to all look-ups; else the clock is read where it is
+// needed.
 Entry *FindEntry(Shard *shard, uint64_t hash, std::string_view key, int64_t now = kNever);
 // Takes over the caller's reference to `value`. `entry` is what FindEntry found; null makes a new one.
 void StoreEntry(Shard *shard, Entry *entry, uint64_t hash, std::string_view key, Value *value, int64_t expire,

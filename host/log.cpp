@@ -77,10 +77,10 @@ struct Log {
     std::atomic<uint64_t> Unflushed{0};  // batches that the flusher has not seen
     std::atomic<uint64_t> Written{0};    // sequence number of the last record that was written
     std::atomic<uint64_t> Durable{0};    // of the last that is known to be on the medium
-    std::atomic<bool> Flushing{false};   // somebody flushes, or writes anew: one at a time, as one alone hears of a failure
+    std::atomic<bool> Flushing{false};   // somebody flushes or writes anew: one at a time, as one hears of a failure
     std::atomic<DWORD> FlushError{0};    // [Flushing] to write: of the flush that failed, until all is written anew
     uint64_t CopyAt = 0;                 // the writer's: offset of Copy in the segment
-    std::string Copy;                    // the writer's: what the segment got, up to its end; not with --durability always
+    std::string Copy;                    // the writer's: what the segment got, to its end; not with "always"
     std::string Tail;                    // the writer's: bytes of the last block before End.Offset
     uint64_t LogId = 0;                  // init
 };
@@ -226,7 +226,8 @@ void Settle(uint64_t seq) {
 
 // ---- Segments ----------------------------------------------------------------------------------------
 
-// A file of zeros under its final name, durable, in place of what an attempt left there that failed behind its move; the spare's header is the first block of zeros but for its magic.
+// A file of zeros under its final name, durable, in place of what an attempt left there that failed behind its move;
+// the spare's header is the first block of zeros but for its magic.
 DWORD CreateSegment() {
     uint32_t slot = 0;
     {

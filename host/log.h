@@ -146,8 +146,8 @@ void AwaitRecord(Waiter *waiter, uint64_t seq);
 bool WasRefused(uint64_t seq);
 uint64_t SettledSeq();  // up to this one the fate of every record is decided
 uint64_t LastSeq();     // of all records so far
-// Waits until everything so far is durable or refused, whatever --durability says. An error when a flush has failed: then
-// nothing may be built on it yet; or when a wait took `ms` milliseconds.
+// Waits until everything so far is durable or refused, whatever --durability says. An error when a flush has failed:
+// then nothing may be built on it yet; or when a wait took `ms` milliseconds.
 DWORD SyncLog(Waiter *waiter, DWORD ms = INFINITE);
 // Nobody will post the waiter any more; before its event is closed.
 void ForgetWaiter(Waiter *waiter);

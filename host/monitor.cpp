@@ -1,8 +1,8 @@
 // host/monitor.cpp - the process monitor, and what INFO tells.
 //
 // "PMON" runs once a second, at background class. It ends connections whose client lets the server wait, cleans up
-// after sessions whose thread was ended by somebody else, removes expired keys, and wakes the log writer after a flush that
-// failed.
+// after sessions whose thread was ended by somebody else, removes expired keys, and wakes the log writer after a flush
+// that failed.
 #include <algorithm>
 #include <cstdio>
 #include <vector>

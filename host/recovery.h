@@ -15,8 +15,8 @@ struct Recovered {
 };
 
 // Reads the checkpoint and the log of gOptions.Dir into the keyspace, on the calling user thread and the slaves "P000"
-// to "P003". All that it returns is durable. Ends the process with a message that names file and offset when something is
-// damaged, or cannot be made durable.
+// to "P003". All that it returns is durable. Ends the process with a message that names file and offset when something
+// is damaged, or cannot be made durable.
 Recovered RecoverDatabase();
 
 }  // namespace host

@@ -132,7 +132,7 @@ void MoveToDynamicScheduler(Fiber *F) {
     // It has a scheduler of its own already, or ends soon: a second one would never be given back.
     if (IsDynamic(SchedOf(F)) || (F->Flags & (FIBER_TERMINATE | FIBER_EXITING))) return;
     while (!NothingOutstanding(SchedOf(F), F)) {
-        SchedOf(F)->PortPollCountdown = 0;  // what is awaited may be a packet, and a busy scheduler looks for those rarely
+        SchedOf(F)->PortPollCountdown = 0;  // it may be a packet, and a busy scheduler looks for those rarely
         SchedYield(F, Yield_SCHED);
     }
     // No yield from here to the one that leaves: whoever ends a thread that waits above finds no scheduler reserved.

@@ -36,7 +36,8 @@ TEST_P(Faulty, SegmentThatIsThere) {
     ASSERT_TRUE(Await([&] { return std::filesystem::exists(Host.File("log-1.dat")); }));
     std::ofstream(Host.File("log-2.dat")) << "left";
     // Two segments are not enough for it.
-    for (int i = 0; i < 20; i++) ASSERT_EQ(Client(Host).Ask({"SET", std::to_string(i), std::string(1 << 20, 'v')}), "+OK");
+    const std::string value(1 << 20, 'v');
+    for (int i = 0; i < 20; i++) ASSERT_EQ(Client(Host).Ask({"SET", std::to_string(i), value}), "+OK");
     Host.Kill();
     ASSERT_TRUE(Host.Start()) << Host.Text();
     EXPECT_EQ(Client(Host).Ask("DBSIZE"), ":20");
@@ -56,8 +57,8 @@ TEST_P(Faulty, RecoveryThatIsNotDurable) {
     EXPECT_EQ(Client(Host).Ask("GET k"), "$v");
 }
 
-// A flush that failed is told, nothing is built on it, and what it was about is written again: the next flush alone would
-// say nothing. The first flush is recovery's.
+// A flush that failed is told, nothing is built on it, and what it was about is written again: the next flush alone
+// would say nothing. The first flush is recovery's.
 TEST_P(Faulty, FailedFlush) {
     const std::string filler(5000, 'f');
     for (const bool checkpoint : {false, true}) {
@@ -67,8 +68,10 @@ TEST_P(Faulty, FailedFlush) {
         EXPECT_EQ(Client(Host).Ask("SET before v"), "+OK");
         Host.Kill();
         // The flusher's and the writer's first attempt, or a checkpoint's.
-        ASSERT_TRUE(checkpoint ? Host.Start({"--durability", "no", "--checkpoint", "4096"}, "FlushFileBuffers:2:1117")
-                               : Host.Start({"--durability", "everysec"}, "FlushFileBuffers:2:1117,FlushFileBuffers:3:1117"))
+        const char *const second = "FlushFileBuffers:2:1117";
+        const char *const both = "FlushFileBuffers:2:1117,FlushFileBuffers:3:1117";
+        ASSERT_TRUE(checkpoint ? Host.Start({"--durability", "no", "--checkpoint", "4096"}, second)
+                               : Host.Start({"--durability", "everysec"}, both))
             << Host.Text();
         Client client(Host);
         EXPECT_EQ(client.Ask({"SET", "filler", filler}), "+OK");
