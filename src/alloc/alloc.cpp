@@ -13,7 +13,6 @@
 #include "config/settings.h"
 #include "diag/stats.h"
 #include "diag/trace.h"
-#include "sched/sched.h"
 
 namespace zvx {
 

@@ -464,6 +464,8 @@ struct FreeShellList {
 };
 
 extern Scheduler *gSchedulers[kMaxSchedulers];  // init for the static ones; dynamic slots are set before they run
+// Atomic: how many entries of gSchedulers are filled, the static ones and every dynamic one ever made, from 0 upward.
+extern std::atomic<uint32_t> gSchedulersMade;
 extern PostLane gPostLanes[kMaxSchedulers][kMaxSchedulers];  // by receiver and sender; all zero at first
 extern FreeShellList gFreeShells[kMaxNodes];
 extern std::atomic<uint32_t> gShellSerial;      // [gFreeShells lock] records ever made

@@ -167,8 +167,6 @@ void MoveToDynamicScheduler(Fiber *F);
 Scheduler *SpawnDynamicScheduler(const Fiber *F);         // reserved for F, and running; blocks while it is being made
 void ReleaseDynamicScheduler(const Scheduler *S);         // the user thread that S served has ended
 extern std::atomic<uint32_t> gNumDynamicSchedulers;       // atomic: in use; written under the lock, read without it
-// Atomic: how many entries of gSchedulers are filled, the static ones and every dynamic one ever made, from 0 upward.
-extern std::atomic<uint32_t> gSchedulersMade;
 
 // ---- figures.cpp: what an operator wants to see over time
 void NoteLongHold(Scheduler *S, const Fiber *F, uint64_t cycles);  // the longest without a yield in this second

@@ -55,7 +55,7 @@ struct Dump {
         return 0;
     }
     // That the thread is there, with that word of its own stack in a frame below its stack pointer.
-    void ExpectThread(int tid, uint32_t registers, uint64_t marker) const {
+    void ExpectThread(int tid, [[maybe_unused]] uint32_t registers, uint64_t marker) const {
         int found = 0;
         for (const Thread &thread : List<Thread>(kThreadList)) {
             if (thread.Id != static_cast<uint32_t>(tid)) continue;

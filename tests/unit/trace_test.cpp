@@ -28,7 +28,7 @@ std::string ExpectedName(const std::string &sid) {
 
 struct Trace : testing::Test {
     void Start() { TraceInit(Dir.Name.c_str()); }
-    const test::Folder Dir;
+    const test::Folder Dir{};
 };
 
 TEST_F(Trace, NameAndLineFormats) {
