@@ -61,7 +61,7 @@ struct Log {
     Buffer *Head = nullptr;             // [Section] oldest that the writer has not taken
     Buffer *Newest = nullptr;           // [Section] the last of them, which takes records
     Buffer *Spare = nullptr;            // [Section] empty ones
-    uint64_t Gathered = 0;              // [Section] bytes in those
+    std::atomic<uint64_t> Gathered{0};  // [Section] to write: bytes in those
     bool WriterWaits = false;           // [Section]
     HANDLE WriterEvent = nullptr;       // init
     Waiter *Waiters = nullptr;          // [Section]
@@ -401,7 +401,7 @@ Buffer *TakeBuffer() {
                 gLog.Head = buffer->Next;
                 if (gLog.Head == nullptr) gLog.Newest = nullptr;
                 buffer->Next = nullptr;
-                gLog.Gathered -= buffer->Used - kFront;
+                gLog.Gathered.store(gLog.Gathered.load(std::memory_order_relaxed) - (buffer->Used - kFront), std::memory_order_relaxed);
                 return buffer;
             }
             gLog.WriterWaits = waited = true;
@@ -584,7 +584,7 @@ uint64_t AppendLog(RecordType type, const LogItem *items, uint32_t count, Conten
             buffer->Undos.push_back(Undo{0, 0, 0, false, nullptr, kNever, 0, std::unique_ptr<Contents[]>(flushed)});
         }
         buffer->Used += header.Length;
-        gLog.Gathered += header.Length;
+        gLog.Gathered.store(gLog.Gathered.load(std::memory_order_relaxed) + header.Length, std::memory_order_relaxed);
         wake = gLog.WriterWaits;
         gLog.WriterWaits = false;
     }
@@ -616,7 +616,7 @@ bool AwaitSettled(Waiter *waiter, uint64_t seq, bool evenWhenRefusing, DWORD ms 
 
 void AwaitLogRoom(Waiter *waiter) {
     // A look without the section: the limit is not exact.
-    if (std::atomic_ref<uint64_t>(gLog.Gathered).load(std::memory_order_relaxed) < kGathered) [[likely]]
+    if (gLog.Gathered.load(std::memory_order_relaxed) < kGathered) [[likely]]
         return;
     AwaitSettled(waiter, gLog.Last.load(), false);
 }
