@@ -401,7 +401,8 @@ Buffer *TakeBuffer() {
                 gLog.Head = buffer->Next;
                 if (gLog.Head == nullptr) gLog.Newest = nullptr;
                 buffer->Next = nullptr;
-                gLog.Gathered.store(gLog.Gathered.load(std::memory_order_relaxed) - (buffer->Used - kFront), std::memory_order_relaxed);
+                const uint64_t gathered = gLog.Gathered.load(std::memory_order_relaxed);
+                gLog.Gathered.store(gathered - (buffer->Used - kFront), std::memory_order_relaxed);
                 return buffer;
             }
             gLog.WriterWaits = waited = true;
