@@ -14,10 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <unordered_map>
-#include <vector>
 
 #include "alloc/alloc.h"
-#include "kernel/handles.h"
 #include "sched/internal.h"
 #include "sched_fixture.h"
 
@@ -109,10 +107,8 @@ bool gTelling;    // a run is told: who goes on, and before what, with the place
 const Scenario *gScenario;
 os::FiberContext *gExplorer;
 
-void Trace(const void *pc, const char *format, ...) __attribute__((format(printf, 2, 3)));
-void Trace(const void *pc, const char *format, ...) {
-    if (!gTelling) [[likely]]
-        return;
+__attribute__((format(printf, 2, 3))) void Trace(const void *pc, const char *format, ...) {
+    if (!gTelling) return;
     char line[512];
     va_list values;
     va_start(values, format);
@@ -178,12 +174,6 @@ struct Option {
     uint8_t Index;
 };
 
-void EndWait(Actor *actor) {
-    const uint64_t now = os::GetTickCount64();
-    if (!HasNews(*actor) && actor->WakeAt > now) script::AdvanceClock(actor->WakeAt - now);
-    actor->Blocked = false;
-}
-
 // Decides who goes on; true when that is the running scheduler. `canGoOn`: it is not blocked. `mustGive`: it spins, and
 // goes on only where nobody else can.
 bool Decide(bool canGoOn, bool mustGive) {
@@ -237,7 +227,9 @@ bool Decide(bool canGoOn, bool mustGive) {
             gRun.Ticks++;
             Trace(nullptr, "    the wait of S%u ends early", taken.Index);
         }
-        if (next.Blocked) EndWait(&next);
+        const uint64_t now = os::GetTickCount64();
+        if (next.Blocked && !HasNews(next) && next.WakeAt > now) script::AdvanceClock(next.WakeAt - now);
+        next.Blocked = false;
         gRun.Next = taken.Index;
         return false;
     }
@@ -359,10 +351,6 @@ Outcome RunChild() {
     return kViolated;
 }
 
-void LearnWords() {
-    for (uint32_t i = 0; i < gShared->NumContended; ++i) gWords[gShared->Contended[i]].Contended = true;
-}
-
 // The next path in depth-first order; false when there is none.
 bool NextPath() {
     uint32_t length = gShared->Length;
@@ -414,7 +402,7 @@ Outcome Search() {
         if (outcome >= kViolated) break;
         if (gShared->NumContended != known) {
             known = gShared->NumContended;
-            LearnWords();
+            for (uint32_t i = 0; i < known; ++i) gWords[gShared->Contended[i]].Contended = true;
             gShared->Prefix = 0;
             rounds++;
         } else if (!NextPath()) {
@@ -448,10 +436,9 @@ void MayStop(bool mustGive) {
     gInScheduler = true;
 }
 
-void AddEnd(const char *name, std::function<OVERLAPPED *()> running, uint32_t bytes) {
+void AddEnd(const char *name, uint32_t bytes, std::function<OVERLAPPED *()> running) {
     gEvents.push_back({name, std::move(running), bytes, false});
-    gShared->Contended[gShared->NumContended++] = gActors[1].S->Io->Tail;
-    LearnWords();
+    gWords[gActors[1].S->Io->Tail].Contended = true;
 }
 
 void Violation(const char *format, ...) {

@@ -14,7 +14,6 @@
 #ifndef ZVX_TESTS_MODEL_EXPLORER_H
 #define ZVX_TESTS_MODEL_EXPLORER_H
 
-#include <cstdint>
 #include <functional>
 
 #include "sched/records.h"
@@ -49,7 +48,7 @@ bool AllEnded();
 // ---- For Setup ---------------------------------------------------------------------------------------
 
 // An operation of the second scheduler that ends by itself, once, with `bytes`; `running`: null where it does not run.
-void AddEnd(const char *name, std::function<OVERLAPPED *()> running, uint32_t bytes);
+void AddEnd(const char *name, uint32_t bytes, std::function<OVERLAPPED *()> running);
 // Lets everybody run until all are blocked, without any choice. The search starts afterwards, with nobody blocked.
 void RunToRest();
 // ---- Anywhere ----------------------------------------------------------------------------------------

@@ -163,17 +163,13 @@ extern "C" int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
     return __real_pthread_mutex_lock(mutex);
 }
 
-void WrappedCpuRelax() __asm__("__wrap__ZN2os8CpuRelaxEv");
-void WrappedYieldProcessor() __asm__("__wrap__ZN2os14YieldProcessorEv");
-void WrappedEnter(os::CriticalSection *section) __asm__("__wrap__ZN2os20EnterCriticalSectionEPNS_15CriticalSectionE");
-
-void WrappedCpuRelax() {
+extern "C" void __wrap__ZN2os8CpuRelaxEv() {
     WhileSpinning();
 }
-void WrappedYieldProcessor() {
+extern "C" void __wrap__ZN2os14YieldProcessorEv() {
     WhileSpinning();
 }
-void WrappedEnter(os::CriticalSection *section) {
+extern "C" void __wrap__ZN2os20EnterCriticalSectionEPNS_15CriticalSectionE(os::CriticalSection *section) {
     BeforeLocked(section, PC);
     while (!os::TryEnterCriticalSection(section)) WhileSpinning();
 }

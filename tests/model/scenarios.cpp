@@ -7,8 +7,6 @@
 #include "dedicated/dedicated.h"
 #include "explorer.h"
 #include "kernel/critsec.h"
-#include "kernel/file.h"
-#include "kernel/handles.h"
 #include "kernel/thread.h"
 #include "kernel/wait.h"
 #include "postwait/postwait.h"
@@ -57,7 +55,7 @@ HANDLE CreateOn(int on, Body body, bool ends = true) {
     return ZCreateThreadWithAffinity(nullptr, 0, run, kept, 0, nullptr, 1u << on);
 }
 // gThread, at rest.
-Fiber *AddThread(int on, Body body, bool ends = false) {
+Fiber *AddThread(int on, bool ends, Body body) {
     gToEnd += ends;
     AddFiber(0, [=](Fiber *) { gThread = CreateOn(on, body, ends); });
     RunToRest();
@@ -237,14 +235,11 @@ Shared<uint32_t> gNextGot;
 // The first in a line and a next one wait already, and something is done to the first while what they wait for comes.
 // `ends`: the first one does not.
 void TwoInLine(void (*use)(), bool ends, bool routine, Ask ask) {
-    Fiber *first = AddThread(
-        1,
-        [=](Fiber *F) {
-            IdentifyAtGate(F);
-            use();
-            if (routine) AwaitRoutine();
-        },
-        !ends);
+    Fiber *first = AddThread(1, !ends, [=](Fiber *F) {
+        IdentifyAtGate(F);
+        use();
+        if (routine) AwaitRoutine();
+    });
     Fiber *next = AddFiber(1, [=](Fiber *F) {
         Gate(F);
         use();
@@ -282,7 +277,7 @@ void CancelAgainstEnd(bool foreign, bool hold) {
     static PSEHAND *entries[2];
     for (PSEHAND *&entry : entries) entry = test::NewEntry(gSchedulers[foreign ? 0 : 1], PHAND_HTYPE_CreateFileA);
     script::gScript.HoldCancels = hold;
-    static Fiber *F = AddThread(1, [](Fiber *self) {
+    static Fiber *F = AddThread(1, false, [](Fiber *self) {
         Gate(self);
         // The other one runs as soon as this one ends.
         TermCleanupFuncSet(self, [](Fiber *, Scheduler *, uintptr_t *, uint32_t) { Open(gAgain); });
@@ -306,10 +301,8 @@ void CancelAgainstEnd(bool foreign, bool hold) {
         Terminate();
         CloseHandle(gThread);
     });
-    AddEnd(
-        "the first read ends", [] { return ReadOf(F, entries[0]); }, 1);
-    AddEnd(
-        "the second read ends", [] { return ReadOf(second, entries[1]); }, 2);
+    AddEnd("the first read ends", 1, [] { return ReadOf(F, entries[0]); });
+    AddEnd("the second read ends", 2, [] { return ReadOf(second, entries[1]); });
     DrainShells();
 }
 // No packet is taken for a record that has been given to somebody else since.
@@ -328,8 +321,7 @@ void ReadAndRoutine() {
     OpenAtRest({gTarget});
     RunToRest();
     AddFiber(0, [](Fiber *) { MUST(Inject()); });
-    AddEnd(
-        "the read ends", [] { return ReadOf(gTarget, entry); }, 1);
+    AddEnd("the read ends", 1, [] { return ReadOf(gTarget, entry); });
 }
 
 // A thread waits alertably for two reads with routines, and is asked for something meanwhile. Each routine runs once,
@@ -337,7 +329,7 @@ void ReadAndRoutine() {
 Shared<uint32_t> gCompletions[2];
 OVERLAPPED gReads[2];
 void Alertable(Ask ask) {
-    AddThread(1, [](Fiber *F) {
+    AddThread(1, false, [](Fiber *F) {
         const HANDLE file = CreateFileA("name", GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
         static char buffer[2];
         for (int i = 0; i < 2; ++i)
@@ -357,8 +349,7 @@ void Alertable(Ask ask) {
     });
     for (ListLink *link : {gTarget->FileOvs.Ends.Next, gTarget->FileOvs.Ends.Prev}) {
         OVERLAPPED *ov = &OvOfLink(link)->Ov;
-        AddEnd(
-            "a read ends", [=] { return script::RunningOn(ov) != nullptr ? ov : nullptr; }, 1);
+        AddEnd("a read ends", 1, [=] { return script::RunningOn(ov) != nullptr ? ov : nullptr; });
     }
 }
 
@@ -367,7 +358,7 @@ void Alertable(Ask ask) {
 // A thread ends while something is asked of it; its record becomes another thread's, of which nothing was asked.
 void ExitAgainst(Ask ask, int secondOn = 1) {
     static const HANDLE other = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    AddThread(1, [](Fiber *F) {
+    AddThread(1, false, [](Fiber *F) {
         IdentifyAtGate(F);
         UnidentifyUserThread(0);
         gTargetGone = true;
@@ -465,7 +456,7 @@ void SuspendAndResume() {
 // A thread moves to another scheduler while somebody there, or on a third one, asks something of it. It ends when that
 // has been done, so that nothing may be lost.
 void Move(int sender, Ask ask) {
-    AddThread(0, [](Fiber *F) {
+    AddThread(0, false, [](Fiber *F) {
         IdentifyAtGate(F);
         F->MigrateTarget = gSchedulers[1];
         LeaveRole(F);
@@ -496,20 +487,17 @@ void SuspendOnTheWay() {
 // Two senders stop a thread and let it go on again, each for itself.
 void Suspenders(int sender, Ask second) {
     static Shared<int> sent;
-    AddThread(
-        1,
-        [](Fiber *F) {
-            IdentifyAtGate(F);
-            while (sent < 2) {
-                gProgress++;
-                SchedYield(F, Yield_USER);
-                gProgress++;
-                Sleep(1);
-            }
-            AwaitPost();
-            MUST(F->SuspendCount.load() == 0);
-        },
-        true);
+    AddThread(1, true, [](Fiber *F) {
+        IdentifyAtGate(F);
+        while (sent < 2) {
+            gProgress++;
+            SchedYield(F, Yield_USER);
+            gProgress++;
+            Sleep(1);
+        }
+        AwaitPost();
+        MUST(F->SuspendCount.load() == 0);
+    });
     OpenAtRest({gTarget});
     for (int i = 0; i < 2; ++i)
         AddFiber(i == 0 ? 0 : sender, [ask = i == 0 ? SuspendAndResume : second](Fiber *) {
