@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 
 #include "fuzz/started.h"
 #include "zvxkvt/pipes.h"
@@ -70,8 +69,7 @@ struct Stream {
 char gBuffer[8192];
 const DWORD kSizes[] = {0, 1, 3, 16, 100, 4096, 8192};
 
-template <typename Meanwhile>
-void AwaitEnd(OVERLAPPED &ov, const char *what, Meanwhile meanwhile) {
+void AwaitEnd(OVERLAPPED &ov, const char *what, auto meanwhile) {
     for (int i = 0; !HasOverlappedIoCompleted(&ov); i++) {
         fuzz::Require(i < 20000, what);
         meanwhile(i);

@@ -9,11 +9,9 @@
 // Recovery's own file is compiled here, so that its refusal ends the run of an input and not the process.
 #include "host/recovery.h"
 
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
-#include <new>
 #include <set>
 #include <vector>
 
@@ -90,8 +88,7 @@ using State = std::map<std::string, std::string>;
 constexpr uint64_t kLogId = 0x1122334455667789, kCheckpointId = 77;
 constexpr size_t kSegment = 2 * kLogBlock;
 
-template <typename Pod>
-std::string_view Raw(const Pod &pod) {
+std::string_view Raw(const auto &pod) {
     return {reinterpret_cast<const char *>(&pod), sizeof pod};
 }
 template <typename Pod>
@@ -100,8 +97,7 @@ Pod At(const std::string &bytes, size_t at) {
     std::memcpy(&pod, bytes.data() + at, sizeof pod);
     return pod;
 }
-template <typename Pod>
-void PutAt(std::string *bytes, size_t at, const Pod &pod) {
+void PutAt(std::string *bytes, size_t at, const auto &pod) {
     std::memcpy(bytes->data() + at, &pod, sizeof pod);
 }
 
@@ -194,10 +190,8 @@ void AddCheckpoint(History *h) {
     std::string items;
     for (const auto &[key, value] : h->Now) items += ItemOf(key, value);
     const auto pages = static_cast<uint32_t>((items.size() + kPagePayload - 1) / kPagePayload);
-    const CheckpointHeader header{kLogId,
-                                  pages + 1,
-                                  h->Now.size(),
-                                  {h->Segments.size(), h->Files[h->Segments.back()].size(), h->Seq, h->Previous}};
+    const LogPosition begin{h->Segments.size(), h->Files[h->Segments.back()].size(), h->Seq, h->Previous};
+    const CheckpointHeader header{kLogId, pages + 1, h->Now.size(), begin};
     std::string file((pages + 1) * kPage, 0);
     PutAt(&file, sizeof(PageHeader), header);
     SealPage(file.data(), kCheckpointId, 0, 1, 0, sizeof header);

@@ -1,7 +1,5 @@
 // tests/fuzz/replay_main.cpp - runs a fuzzer over files and folders of inputs, where there is no libFuzzer.
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <vector>
 
 #include "fuzz/fuzz.h"
