@@ -4,6 +4,7 @@
 
 #include <signal.h>
 
+#include <functional>
 #include <map>
 
 #include "support.h"
@@ -78,8 +79,7 @@ struct Stayer {
     std::atomic<bool> Leave{false};
     std::thread Thread;
 
-    template <typename Body>
-    explicit Stayer(Body stay) {
+    explicit Stayer(std::function<void(Stayer *)> stay) {
         Thread = std::thread([this, stay] {
             volatile uint64_t word = 0x5A5A0000u + static_cast<uint64_t>(gettid());
             Marker = reinterpret_cast<uint64_t>(&word);

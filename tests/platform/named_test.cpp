@@ -70,9 +70,6 @@ DWORD Release(DWORD count) {
 DWORD CreateManualAndSet(DWORD) {
     return gObject = os::CreateEventA(nullptr, TRUE, TRUE, ("Global\\" + gName).c_str()), os::GetLastError();
 }
-DWORD CreateOwned(DWORD) {
-    return gObject = os::CreateMutexA(nullptr, TRUE, gName.c_str()), os::GetLastError();
-}
 
 struct Named : testing::Test {
     void SetUp() override {
@@ -132,7 +129,8 @@ TEST_F(Named, EventsWakeSleepersOfOtherProcesses) {
 
 TEST_F(Named, AKilledOwnerLeavesAnAbandonedMutex) {
     Peer peer;
-    EXPECT_EQ(peer.Ask(CreateOwned), ERROR_SUCCESS);
+    const auto own = [](DWORD) { return gObject = os::CreateMutexA(nullptr, TRUE, gName.c_str()), os::GetLastError(); };
+    EXPECT_EQ(peer.Ask(own), ERROR_SUCCESS);
     const HANDLE mutex = os::CreateMutexA(nullptr, TRUE, gName.c_str());
     EXPECT_EQ(os::GetLastError(), ERROR_ALREADY_EXISTS);
     EXPECT_EQ(ErrorOf(os::ReleaseMutex(mutex)), ERROR_NOT_OWNER) << "opened, not taken";

@@ -3,8 +3,6 @@
 // users may do: tests/security.
 #include <signal.h>
 
-#include <filesystem>
-
 #include "platform/os_pipe.h"
 #include "support.h"
 
@@ -45,8 +43,7 @@ struct End {
     void Make(DWORD mode = kMessages, DWORD instances = 255) {
         Use(Create(Is == How::kBlocking ? PIPE_ACCESS_DUPLEX : FILE_FLAG_OVERLAPPED, mode, instances));
     }
-    template <typename Call>
-    DWORD Run(Call call, DWORD *moved) {
+    DWORD Run(auto call, DWORD *moved) {
         OVERLAPPED ov{};
         const DWORD error = ErrorOf(call(moved, Is == How::kBlocking ? nullptr : &ov));
         return error == ERROR_IO_PENDING ? ErrorOf(os::GetOverlappedResult(Pipe, &ov, moved, TRUE)) : error;
@@ -85,8 +82,7 @@ std::string Call(std::string text, DWORD room) {
 }
 
 // A process that does something until it is killed or ends; it has no threads but the calling one.
-template <typename Body>
-pid_t Fork(Body body) {
+pid_t Fork(auto body) {
     const pid_t child = fork();
     if (child != 0) return child;
     body();

@@ -1,10 +1,9 @@
 // tests/platform/process_test.cpp - processes started, watched and ended; consoles, and routines queued to a thread.
 // Modules and calls that may fault: tests/integration.
 #include <sched.h>
-#include <stdlib.h>
 
 #include <csignal>
-#include <memory>
+#include <deque>
 
 #include "platform/base/command_line.h"
 #include "platform/os_process.h"
@@ -21,8 +20,12 @@ std::vector<std::string> Split(const std::string &line) {
 }
 
 struct Started {
-    DWORD Error = 0;
     PROCESS_INFORMATION Info{};
+    const DWORD Error;
+    explicit Started(std::string line, DWORD flags = 0, const char *folder = nullptr, void *environment = nullptr,
+                     STARTUPINFOA *startup = nullptr)
+        : Error(ErrorOf(os::CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, flags, environment, folder,
+                                           startup, &Info))) {}
     ~Started() {
         for (const HANDLE handle : {Info.hProcess, Info.hThread}) os::CloseHandle(handle);
     }
@@ -34,14 +37,6 @@ struct Started {
     }
 };
 
-std::unique_ptr<Started> Start(std::string line, DWORD flags = 0, const char *folder = nullptr,
-                               void *environment = nullptr, STARTUPINFOA *startup = nullptr) {
-    auto started = std::make_unique<Started>();
-    started->Error = ErrorOf(os::CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, flags, environment,
-                                                folder, startup, &started->Info));
-    return started;
-}
-
 // What a shell's commands write, which runs in the root folder and gets that much input.
 std::string OutputOf(const std::string &commands, DWORD flags = 0, void *environment = nullptr, size_t input = 0) {
     const Scratch in(input), out(0);
@@ -50,7 +45,7 @@ std::string OutputOf(const std::string &commands, DWORD flags = 0, void *environ
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdInput = in.Open(0);
     startup.hStdOutput = out.Open(0);
-    EXPECT_EQ(Start("sh -c " + commands, flags, "/", environment, &startup)->End(), 7u);
+    EXPECT_EQ(Started("sh -c " + commands, flags, "/", environment, &startup).End(), 7u);
     for (const HANDLE handle : {startup.hStdInput, startup.hStdOutput}) os::CloseHandle(handle);
     return ReadWhole(out.Name);
 }
@@ -83,31 +78,31 @@ TEST(Process, AChildGetsItsWordsStreamsEnvironmentAndDirectory) {
     EXPECT_EQ(OutputOf(where, CREATE_UNICODE_ENVIRONMENT, wide), "/ \xc3\xa4" + processors);
     EXPECT_EQ(os::SetThreadAffinityMask(os::GetCurrentThread(), process), 1u) << "and is bound again";
     // By a name that is looked for: beside this program; ".exe" may be too much.
-    EXPECT_EQ(Start("platform_process.exe --gtest_filter=none")->End(), 0u);
+    EXPECT_EQ(Started("platform_process.exe --gtest_filter=none").End(), 0u);
     // What cannot be started.
     const Scratch text(100);
     chmod(text.Name.c_str(), 0700);
-    EXPECT_EQ(Start("zvx-no-such-program")->Error, ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(Start("./" + text.Name)->Error, ERROR_BAD_EXE_FORMAT);
-    EXPECT_EQ(Start("sleep 30", CREATE_SUSPENDED)->Error, ERROR_NOT_SUPPORTED);
-    EXPECT_NE(Start("sleep 0", 0, "/zvx-no-such-folder")->Error, ERROR_SUCCESS);
+    EXPECT_EQ(Started("zvx-no-such-program").Error, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(Started("./" + text.Name).Error, ERROR_BAD_EXE_FORMAT);
+    EXPECT_EQ(Started("sleep 30", CREATE_SUSPENDED).Error, ERROR_NOT_SUPPORTED);
+    EXPECT_NE(Started("sleep 0", 0, "/zvx-no-such-folder").Error, ERROR_SUCCESS);
 }
 
 TEST(Process, HandlesTellTheEndAndHow) {
-    const auto child = Start("sleep 30"), signalled = Start("sleep 30");
+    const Started child("sleep 30"), signalled("sleep 30");
     DWORD code = 0;
-    EXPECT_TRUE(os::GetExitCodeProcess(child->Info.hProcess, &code) && code == STILL_ACTIVE);
-    EXPECT_EQ(os::GetProcessId(child->Info.hProcess), child->Info.dwProcessId);
-    const HANDLE opened = os::OpenProcess(PROCESS_ALL_ACCESS, FALSE, child->Info.dwProcessId);
-    const HANDLE both[] = {child->Info.hThread, opened};
+    EXPECT_TRUE(os::GetExitCodeProcess(child.Info.hProcess, &code) && code == STILL_ACTIVE);
+    EXPECT_EQ(os::GetProcessId(child.Info.hProcess), child.Info.dwProcessId);
+    const HANDLE opened = os::OpenProcess(PROCESS_ALL_ACCESS, FALSE, child.Info.dwProcessId);
+    const HANDLE both[] = {child.Info.hThread, opened};
     EXPECT_EQ(os::WaitForMultipleObjects(2, both, FALSE, 20), WAIT_TIMEOUT);
     EXPECT_TRUE(os::TerminateProcess(opened, 0x12345678));
     EXPECT_EQ(os::WaitForMultipleObjects(2, both, TRUE, 20000), WAIT_OBJECT_0);
-    EXPECT_EQ(child->End(0), 0x12345678u) << "more than the kernel keeps of an exit";
-    EXPECT_TRUE(os::GetExitCodeThread(child->Info.hThread, &code) && code == 0x12345678);
+    EXPECT_EQ(child.End(0), 0x12345678u) << "more than the kernel keeps of an exit";
+    EXPECT_TRUE(os::GetExitCodeThread(child.Info.hThread, &code) && code == 0x12345678);
     EXPECT_EQ(ErrorOf(os::TerminateProcess(opened, 1)), ERROR_ACCESS_DENIED);
-    kill(static_cast<pid_t>(signalled->Info.dwProcessId), SIGTERM);
-    EXPECT_EQ(signalled->End(), 128u + SIGTERM);
+    kill(static_cast<pid_t>(signalled.Info.dwProcessId), SIGTERM);
+    EXPECT_EQ(signalled.End(), 128u + SIGTERM);
     // A process that somebody else started, as a shell did here: its end is seen, its code is not.
     const DWORD other = static_cast<DWORD>(std::stoul(OutputOf("\"sleep 0.5 >/dev/null & echo $!; exit 7\"")));
     const HANDLE stranger = os::OpenProcess(0, FALSE, other);
@@ -117,12 +112,12 @@ TEST(Process, HandlesTellTheEndAndHow) {
     EXPECT_EQ(ErrorOf(os::OpenProcess(0, FALSE, 0x7FFFFFF0)), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(RunInChild([] { os::TerminateProcess(os::GetCurrentProcess(), 21); }).ExitCode, 21);
     // Many at once; those whose handles are closed while they run are reaped as well.
-    std::vector<std::unique_ptr<Started>> children;
+    std::deque<Started> children;
     for (int i = 0; i < 50; i++) {
-        children.push_back(Start("sh -c \"exit " + std::to_string(i) + "\""));
+        children.emplace_back("sh -c \"exit " + std::to_string(i) + "\"");
         if (i % 2 == 1) children.pop_back();
     }
-    for (size_t i = 0; i < children.size(); i++) EXPECT_EQ(children[i]->End(), 2 * i);
+    for (size_t i = 0; i < children.size(); i++) EXPECT_EQ(children[i].End(), 2 * i);
     siginfo_t info;
     const auto look = [&] { return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT); };
     for (int i = 0; i < 5000 && look() == 0; i++) Pause(1);

@@ -4,8 +4,6 @@
 
 #include <netinet/in.h>
 
-#include <filesystem>
-
 #include "platform/os_socket.h"
 #include "support.h"
 
@@ -63,9 +61,8 @@ struct Pair {
 };
 
 // The error of a call that gives SOCKET_ERROR or INVALID_SOCKET when it fails; 0 when it does not.
-template <typename Result>
-DWORD SocketError(Result result) {
-    return result == static_cast<Result>(-1) ? os::GetLastError() : 0;
+DWORD SocketError(auto result) {
+    return result == static_cast<decltype(result)>(-1) ? os::GetLastError() : 0;
 }
 
 DWORD Set(SOCKET s, int level, int name, auto value) {
@@ -98,8 +95,7 @@ struct SocketOperation : Operation {
 };
 
 // Does it on three threads that begin together.
-template <typename Body>
-void AtOnce(Body body) {
+void AtOnce(auto body) {
     std::atomic<int> go{0};
     const auto use = [&] {
         go++;

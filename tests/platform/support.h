@@ -9,11 +9,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <random>
 #include <set>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -46,8 +44,7 @@ inline void Spin(std::minstd_rand &random, uint32_t limit) {
 }
 
 // Runs all of them at the same time, each on a thread of its own.
-template <typename... Bodies>
-void Together(Bodies... bodies) {
+void Together(auto... bodies) {
     std::thread threads[] = {std::thread(bodies)...};
     for (std::thread &thread : threads) thread.join();
 }

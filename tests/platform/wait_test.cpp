@@ -1,4 +1,5 @@
-// tests/platform/wait_test.cpp - waits for one object and for many: who gets what, and nothing lost under contention.
+// tests/platform/wait_test.cpp - handles: reuse, and looking one up while others close it; waits for one object and for
+// many: who gets what, and nothing lost under contention.
 #include "support.h"
 
 namespace {
@@ -33,55 +34,7 @@ struct Parker {
         os::WithdrawWait(&Wait);
         return Wait.Result;
     }
-    // As the wait of a kernel thread, in its outcome.
-    DWORD WaitFor(uint32_t count, const HANDLE *handles, DWORD ms) {
-        const DWORD result = Park(count, handles);
-        if (result != WAIT_TIMEOUT) return result;
-        // What it is told may be of the wait before, which was withdrawn meanwhile.
-        while (os::WaitForSingleObject(Woken, ms) == WAIT_OBJECT_0 && !Taken()) continue;
-        return Withdraw();
-    }
 };
-
-// Units are neither lost nor doubled, although some waits run out of time just as they are given one, waits for any of
-// several compete with waits for one, and parked waits with those of threads.
-TEST(Wait, UnitsAreConservedUnderContention) {
-    constexpr int kSemaphores = 4, kUnits = 8000;
-    HANDLE semaphores[kSemaphores];
-    for (HANDLE &semaphore : semaphores) semaphore = os::CreateSemaphoreA(nullptr, 0, kUnits, nullptr);
-    std::atomic<int> taken[kSemaphores] = {}, total{0};
-    int given[kSemaphores] = {};
-    auto taker = [&](unsigned seed) {
-        std::minstd_rand random(seed);
-        Parker parker;
-        while (total.load() < kUnits) {
-            const DWORD ms = Draw(random, 3);
-            const uint32_t first = Draw(random, kSemaphores), count = 1 + Draw(random, kSemaphores - first);
-            const DWORD got = seed >= 3    ? parker.WaitFor(count, semaphores + first, ms)
-                              : count == 1 ? os::WaitForSingleObject(semaphores[first], ms)
-                                           : os::WaitForMultipleObjects(count, semaphores + first, FALSE, ms);
-            if (got == WAIT_TIMEOUT) continue;
-            ASSERT_LT(got, count);
-            taken[first + got]++;
-            total++;
-        }
-    };
-    auto giver = [&] {
-        std::minstd_rand random(9041);
-        for (int i = 0; i < kUnits; i++) {
-            uint32_t index = Draw(random, kSemaphores);
-            given[index]++;
-            ASSERT_TRUE(os::ReleaseSemaphore(semaphores[index], 1, nullptr));
-            if (Draw(random, 64) == 0) Pause(1);
-        }
-    };
-    Together(
-        giver, [&] { taker(1); }, [&] { taker(2); }, [&] { taker(3); }, [&] { taker(4); });
-    for (int i = 0; i < kSemaphores; i++) {
-        EXPECT_EQ(taken[i], given[i]);
-        EXPECT_EQ(os::WaitForSingleObject(semaphores[i], 0), WAIT_TIMEOUT);
-    }
-}
 
 TEST(Wait, AnyTakesTheLowestAndAllTakesEverythingOrNothing) {
     HANDLE events[3] = {AutoEvent(), AutoEvent(), AutoEvent()};
@@ -153,6 +106,71 @@ TEST(Wait, ParkedWaitsAreGrantedInTheirTurn) {
     EXPECT_EQ(first.Park(1, &named), os::kNotParkable);
     EXPECT_TRUE(os::CloseHandle(named));
     ExpectOnlyTheHandle(event);
+}
+
+// Whether `value` is given out within the next `tries` creations, each of which is closed again.
+bool IsGivenOut(HANDLE value, int tries) {
+    for (; tries > 0; tries--) {
+        HANDLE made = AutoEvent();
+        os::CloseHandle(made);
+        if (made == value) return true;
+    }
+    return false;
+}
+
+TEST(Handle, AClosedValueIsGivenOutLateAndAPinnedOneNotAtAll) {
+    HANDLE plain = AutoEvent();
+    EXPECT_TRUE(os::CloseHandle(plain));
+    EXPECT_FALSE(os::CloseHandle(plain) || os::SetEvent(plain));
+    EXPECT_FALSE(IsGivenOut(plain, 20)) << "a stale handle would meet a stranger";
+    EXPECT_TRUE(IsGivenOut(plain, 500));
+    // Pins are counted. The second one is pinned only while it waits in the queue of free values, before its turn.
+    for (const bool late : {false, true}) {
+        HANDLE pinned = AutoEvent();
+        if (late) os::CloseHandle(pinned), os::PinHandleValue(pinned), os::UnpinHandleValue(pinned);
+        for (int i = 0; i < 2; i++) os::PinHandleValue(pinned);
+        if (!late) os::CloseHandle(pinned);
+        EXPECT_FALSE(IsGivenOut(pinned, 500));
+        os::UnpinHandleValue(pinned);
+        EXPECT_FALSE(IsGivenOut(pinned, 500)) << late;
+        os::UnpinHandleValue(pinned);
+        EXPECT_TRUE(IsGivenOut(pinned, 500));
+    }
+}
+
+// A looker that holds a reference must find an object that stays what it is; a looker that comes too late
+// must find nothing, never an object that is being recycled.
+TEST(Handle, LookUpRacesWithClose) {
+    constexpr int kShared = 8;
+    std::atomic<HANDLE> shared[kShared] = {};
+    std::atomic<int> makers{2};
+    std::atomic<uint64_t> hits{0};
+    auto maker = [&](unsigned seed) {
+        std::minstd_rand random(seed);
+        for (int i = 0; i < 60000; i++) {
+            HANDLE made = Draw(random, 2) ? os::CreateSemaphoreA(nullptr, 1, 7, nullptr) : AutoEvent();
+            HANDLE old = shared[Draw(random, kShared)].exchange(made);
+            if (old != nullptr && !os::CloseHandle(old)) ADD_FAILURE() << "a handle was closed by somebody else";
+        }
+        makers--;
+    };
+    auto looker = [&](unsigned seed) {
+        std::minstd_rand random(seed);
+        while (makers != 0) {
+            HANDLE handle = shared[Draw(random, kShared)].load();
+            os::ObjectType type = Draw(random, 2) ? os::ObjectType::kEvent : os::ObjectType::kSemaphore;
+            os::Object *object = os::RefHandle(handle, type);
+            if (object == nullptr) continue;
+            hits++;
+            if (object->Type != type || object->Refs.load() == 0) ADD_FAILURE() << "not the object asked for";
+            if (type == os::ObjectType::kSemaphore && object->Signalled.load() != 1)
+                ADD_FAILURE() << "a referenced object was made anew";
+            os::UnrefObject(object);
+        }
+    };
+    Together([&] { maker(1); }, [&] { maker(2); }, [&] { looker(3); }, [&] { looker(4); });
+    EXPECT_GT(hits.load(), 0u);
+    for (auto &handle : shared) ExpectOnlyTheHandle(handle);
 }
 
 }  // namespace
