@@ -10,8 +10,6 @@ using namespace hosttest;
 
 namespace {
 
-using Texts = std::vector<std::string>;
-
 // The dumps in a folder: the user thread's tag, and the name of the file.
 std::map<std::string, std::string> DumpsIn(const std::string &folder) {
     std::map<std::string, std::string> dumps;
@@ -61,9 +59,7 @@ std::string Debug(const std::string &dump) {
 
 TEST(Dumps, OfAFatalErrorInAUserThread) {
     const ScratchFolder folder;
-    HostOptions options;
-    options.TraceDirectory = folder.Name;
-    const ChildResult host = RunHost(options, [] {
+    const ChildResult host = RunHost({1, {}, folder.Name}, [] {
         const auto start = [](const char *tag, std::function<DWORD()> body) {
             new HostThread([tag, body] { return IdentifyUserThread(tag, nullptr), body(); });
         };
@@ -75,7 +71,7 @@ TEST(Dumps, OfAFatalErrorInAUserThread) {
     });
     EXPECT_EQ(host.ExitCode, 1);
     EXPECT_EQ(host.Output.rfind("ZORVEX KILLED: Couldn't free critical section: ", 0), 0u) << host.Output;
-    const std::map<std::string, Texts> frames = {
+    const std::map<std::string, std::vector<std::string>> frames = {
         {"FMAIN", {"WriteDumpOnHelperThread", "FatalExit", "LeavesASectionTwice", "HostMain", "FiberStart"}},
         {"SHAD", {"DumpFiberHook", "SchedYield", "SessionReads(depth=0)", "SessionReads(depth=3)", "FiberStart"}},
         {"LGWR", {"DumpFiberHook", "SchedYield", "WriterWaits", "FiberStart"}}};

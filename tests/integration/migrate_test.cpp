@@ -10,14 +10,9 @@ using namespace hosttest;
 
 namespace {
 
-class Migration : public HostTest {
-  protected:
-    static HostOptions Enabled(const char *value) {
-        HostOptions options = Options();
-        options.Settings.emplace_back("DynamicSchedulersEnabled", value);
-        return options;
-    }
-};
+struct Migration : HostTest {};
+
+constexpr std::pair<const char *, const char *> kEnabled{"DynamicSchedulersEnabled", "1"};
 
 long KernelThread() {
     return syscall(SYS_gettid);
@@ -58,7 +53,7 @@ TEST_P(Migration, OnlyTheWritersMoveAndOnlyWhenAsked) {
         {"0", {"LGWR"}, {}}, {"1", {"SHAD", "LGWR1", "dbw0", ""}, {"LGWR", "DBW7"}}, {"2", {"DBW0"}, {"LGWR"}}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.Enabled);
-        EXPECT_HOST_OK(RunHost(Enabled(c.Enabled), [&c] {
+        EXPECT_HOST_OK(RunHost(Options({{kEnabled.first, c.Enabled}}), [&c] {
             std::deque<Moved> moved;
             std::set<long> places{KernelThread()};
             for (const char *tag : c.Stay) HOST_EQ(KernelThread(), Moved(tag).At.load());
@@ -66,16 +61,14 @@ TEST_P(Migration, OnlyTheWritersMoveAndOnlyWhenAsked) {
         }));
     }
     // With binding and priorities: what the kernel refuses is no error, and stacks are still made there.
-    HostOptions bound = Enabled("1");
-    bound.Settings.insert(bound.Settings.end(), {{"DynamicSchedulersBind", "1"}, {"SetThreadPriority", "9"}});
-    EXPECT_HOST_OK(RunHost(bound, [] {
+    EXPECT_HOST_OK(RunHost(Options({kEnabled, {"DynamicSchedulersBind", "1"}, {"SetThreadPriority", "9"}}), [] {
         std::deque<Moved> all;
         for (int i = 0; i < 3; i++) all.emplace_back("DBW1");
     }));
 }
 
 TEST_P(Migration, SixteenAtOnceThenReusedAndASeventeenthIsFatal) {
-    EXPECT_HOST_OK(RunHost(Enabled("1"), [] {
+    EXPECT_HOST_OK(RunHost(Options({kEnabled}), [] {
         std::set<long> first;
         for (int round = 0; round < 3; round++) {
             std::deque<Moved> all;
@@ -89,7 +82,7 @@ TEST_P(Migration, SixteenAtOnceThenReusedAndASeventeenthIsFatal) {
             Sleep(20);  // a thread gives its scheduler back a moment after its handle is signalled
         }
     }));
-    const ChildResult result = RunHost(Enabled("1"), [] {
+    const ChildResult result = RunHost(Options({kEnabled}), [] {
         std::deque<Moved> all;
         for (int i = 0; i < 17; i++) all.emplace_back("DBW0");
     });
@@ -99,9 +92,7 @@ TEST_P(Migration, SixteenAtOnceThenReusedAndASeventeenthIsFatal) {
 
 // With the operating system's events for posts; the library's own messages are the stress host's.
 TEST_P(Migration, PostsByEventReachTheOtherSide) {
-    HostOptions options = Enabled("1");
-    options.Settings.emplace_back("DynamicSchedUseNTPostWait", "1");
-    EXPECT_HOST_OK(RunHost(options, [] {
+    EXPECT_HOST_OK(RunHost(Options({kEnabled, {"DynamicSchedUseNTPostWait", "1"}}), [] {
         const HANDLE there = CreateEventA(nullptr, FALSE, FALSE, nullptr),
                      back = CreateEventA(nullptr, FALSE, FALSE, nullptr);
         constexpr int kRounds = 2000;

@@ -23,10 +23,7 @@ __attribute__((noinline)) ULONGLONG KeepTheProcessorBusy(DWORD ms) {
 TEST_P(OperatorFiles, ALineASecondTellsWhatWasDoneAndWhoHeldItsScheduler) {
     const ScratchFolder folder;
     setenv("ZORVEX_SID", "SID", 1);
-    HostOptions options = Options();
-    options.TraceDirectory = folder.Name;
-    options.Settings.emplace_back("LogToFile", "1");
-    EXPECT_HOST_OK(RunHost(options, [&folder] {
+    EXPECT_HOST_OK(RunHost(Options({{"LogToFile", "1"}}, folder.Name), [&folder] {
         const ULONGLONG start = GetTickCount64();
         const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
         std::atomic<bool> stop{false}, known{false};
@@ -72,10 +69,7 @@ TEST_P(OperatorFiles, ALineASecondTellsWhatWasDoneAndWhoHeldItsScheduler) {
 
 TEST_P(OperatorFiles, AStallNamesTheThreadAndTheFunctionAndNobodyElse) {
     const ScratchFolder folder;
-    HostOptions options = Options();
-    options.TraceDirectory = folder.Name;
-    options.Settings.emplace_back("StallReportMs", "150");
-    EXPECT_HOST_OK(RunHost(options, [] {
+    EXPECT_HOST_OK(RunHost(Options({{"StallReportMs", "150"}}, folder.Name), [] {
         Sleep(200);  // an idle host keeps nobody
         const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
         HostThread busy([event]() -> DWORD {

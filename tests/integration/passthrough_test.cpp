@@ -1,4 +1,5 @@
-// tests/integration/passthrough_test.cpp - the same functions where there are no user threads.
+// tests/integration/passthrough_test.cpp - the same functions where there are no user threads; and how many schedulers
+// the library starts with, or refuses to. Settings: tests/unit. Calls that fail in start-up: tests/faults.
 #include "zvxkvt/sockets.h"
 
 #include "support/host_runner.h"
@@ -12,13 +13,6 @@ std::atomic<uint32_t> gCount{0};
 DWORD WINAPI CountUp(LPVOID) {
     gCount++;
     return 12;
-}
-
-// Touches 4 MiB of its stack, from above.
-DWORD WINAPI UseStack(LPVOID) {
-    volatile char deep[4 << 20];
-    for (size_t i = sizeof deep; i > 0; i -= 4096) deep[i - 1] = 1;
-    return 0;
 }
 
 // Operations of a thread that the operating system schedules, its completion routine above all, which runs in an
@@ -51,24 +45,27 @@ void UseSockets() {
     char text[4] = "abc";
     HOST_CHECK(netpeer::WriteAll(peer, "xyz", 3) && recv(s, text, 4, 0) == 3 && send(s, text, 3, 0) == 3);
     HOST_CHECK(closesocket(s) == 0 && closesocket(listener) == 0);
-    HOST_CHECK(netpeer::ReadAll(peer, text, 3) && memcmp(text, "xyz", 3) == 0 && netpeer::SeesTheEnd(peer, 5000));
+    HOST_CHECK(read(peer, text, 3) == 3 && memcmp(text, "xyz", 3) == 0 && read(peer, text, 1) == 0);
 }
 
 }  // namespace
 
 TEST(PassThrough, EverythingIsTheOperatingSystems) {
     const ScratchFolder scratch;
-    for (const auto &mode : {std::pair{"DisableFibers", "1"}, {"FiberModeReq", "0"}}) {
+    for (const auto &mode : {std::pair<std::string, std::string>{"DisableFibers", "1"}, {"FiberModeReq", "0"}}) {
         SCOPED_TRACE(mode.first);
-        HostOptions options;
-        options.Settings.emplace_back(mode);
-        EXPECT_HOST_OK(RunHost(options, [&scratch] {
+        EXPECT_HOST_OK(RunHost({1, {mode}, ""}, [&scratch] {
             HOST_EQ(0u, ZvxSchedulerCount());
             InitUserThreadScheduler(CountUp, nullptr, nullptr);  // a second call does nothing, or the count were two
             HOST_EQ(0u, UseFiles(scratch.File("plain")));
             UseSockets();
-            const HANDLE deep = CreateThread(nullptr, 8 << 20, UseStack, nullptr, 0, nullptr);
-            HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(deep, 10000));
+            const auto useStack = [](LPVOID) -> DWORD {
+                volatile char deep[4 << 20];
+                for (size_t i = sizeof deep; i > 0; i -= 4096) deep[i - 1] = 1;
+                return 0;
+            };
+            const HANDLE thread = CreateThread(nullptr, 8 << 20, useStack, nullptr, 0, nullptr);
+            HOST_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 10000));
             // A mask makes a thread that is bound.
             DWORD process = 0, system = 0;
             GetProcessAffinityMask(GetCurrentProcess(), &process, &system);
@@ -113,4 +110,31 @@ TEST(PassThrough, KernelThreadsOfAHostWithUserThreads) {
         DWORD code = 9;
         HOST_CHECK(GetExitCodeThread(thread, &code) && code == 0);
     }));
+}
+
+TEST(StartUp, SchedulersAtTheEdge) {
+    const struct {
+        const char *Schedulers;
+        std::pair<std::string, std::string> Setting;
+        uint32_t Count;    // that it starts with, or
+        const char *Text;  // with which it ends
+    } cases[] = {{"0", {}, 1, nullptr},
+                 {"17", {}, 17, nullptr},
+                 {"+3x", {}, 3, nullptr},
+                 {"none", {"Affinity", "1"}, 1, nullptr},
+                 {"1", {"DynamicSchedulersBind", "2"}, 0, "Too few schedulers for BindDBWRToASeperateCPU mode"},
+                 {"32", {}, 0, "sizeof(SchedBitMaskId) too small"}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.Schedulers);
+        const ChildResult result = RunHost({1, {{"Schedulers", c.Schedulers}, c.Setting}, ""}, [&c] {
+            HOST_EQ(c.Count, ZvxSchedulerCount());
+            DWORD process = 0, system = 0;
+            HOST_CHECK(GetProcessAffinityMask(GetCurrentProcess(), &process, &system));
+            HOST_CHECK(c.Setting.first != "Affinity" || process == 1);
+            HOST_EQ(5u, HostThread([]() -> DWORD { return 5; }).Join());
+        });
+        EXPECT_EQ(result.ExitCode, c.Text == nullptr ? 0 : 1);
+        const std::string begin = c.Text == nullptr ? "" : "ZORVEX KILLED: " + std::string(c.Text) + " (see ";
+        EXPECT_EQ(result.Output.rfind(begin, 0), 0u) << result.Output;
+    }
 }

@@ -37,42 +37,11 @@ struct Pair {
 
 }  // namespace
 
-// Whoever waits on a connection is told how it ended, and a close of the host's own ends every wait on the socket.
-TEST_P(Sockets, EndsOfWaits) {
-    EXPECT_HOST_OK(RunHost(Options(), [] {
-        const int before = netpeer::OpenSockets();
-        const Listener listener;
-        Pair reset(listener), closed(listener);
-        char byte;
-        const auto receive = [&](SOCKET s) {
-            return recv(s, &byte, 1, 0) == 0 ? 0u : static_cast<DWORD>(WSAGetLastError());
-        };
-        HostThread fromReset([&] { return receive(reset.Socket); });
-        HostThread fromClosed([&] { return receive(closed.Socket); });
-        HostThread acceptor([&]() -> DWORD { return accept(listener.Socket, nullptr, nullptr) == INVALID_SOCKET; });
-        Sleep(30);
-        netpeer::Reset(reset.Peer);
-        HOST_EQ(WSAECONNRESET, fromReset.Join());
-        HOST_EQ(0, closesocket(closed.Socket));
-        HOST_EQ(0u, fromClosed.Join());
-        HOST_CHECK(netpeer::SeesTheEnd(closed.Peer, 5000));
-        HOST_EQ(0, closesocket(listener.Socket));
-        HOST_EQ(1u, acceptor.Join());
-        HOST_EQ(WSAENOTSOCK, receive(closed.Socket));
-        closesocket(reset.Socket);
-        close(closed.Peer);
-        for (int i = 0; i < 200 && netpeer::OpenSockets() != before; i++) Sleep(5);
-        HOST_EQ(before, netpeer::OpenSockets());
-    }));
-}
-
 // Senders and receivers of every scheduler on one socket, from its very first use on. Each byte that was sent must be
 // received once; who gets it is open. With the polling that comes of many switches and with that of few.
 TEST_P(Sockets, OneSocketOnManySchedulers) {
     for (const char *polling : {"10000", "3"}) {
-        HostOptions options = Options();
-        options.Settings.emplace_back("NumContextSwitchesBeforePolling", polling);
-        EXPECT_HOST_OK(RunHost(options, [] {
+        EXPECT_HOST_OK(RunHost(Options({{"NumContextSwitchesBeforePolling", polling}}), [] {
             constexpr uint32_t kThreads = 6, kBlocks = 60, kRounds = 6;
             const Listener listener;
             for (uint32_t round = 0; round < kRounds; round++) {

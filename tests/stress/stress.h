@@ -40,8 +40,7 @@ inline int64_t ChunksInUse(uint32_t type) {
     return sum;
 }
 
-template <typename Condition>
-void Await(const char *what, Condition condition) {
+void Await(const char *what, auto condition) {
     for (int i = 0; i < 4000; ++i) {
         if (condition()) return;
         zvx::Sleep(5);
@@ -51,8 +50,7 @@ void Await(const char *what, Condition condition) {
 
 // A call that must succeed; where one call of the platform is made to fail, at the second time.
 inline bool gOneFails = false;
-template <typename Call>
-void Try(const char *name, Call call) {
+void Try(const char *name, auto call) {
     for (bool again = gOneFails;; again = false) {
         os::SetLastError(0);
         if (call()) return;

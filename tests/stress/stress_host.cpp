@@ -54,12 +54,6 @@ struct Pool {
 // Every place in the file has other bytes around it.
 constexpr uint32_t kFileBytes = 1 << 20;
 std::string gFileName, gContent;
-void MakeFile() {
-    gFileName = "stress_" + std::to_string(os::GetCurrentProcessId()) + ".dat";
-    std::mt19937 bytes;
-    while (gContent.size() < kFileBytes) gContent += static_cast<char>(bytes());
-    std::ofstream(gFileName, std::ios::binary) << gContent;
-}
 
 void CheckBytes(const char *buffer, uint64_t offset, uint32_t bytes) {
     if (gContent.compare(offset, bytes, buffer, bytes) != 0) Fail("wrong data read", offset, bytes);
@@ -254,7 +248,9 @@ void UseSockets(Random &rng) {
         const int fd = netpeer::Connect(gPort);
         if (fd < 0 || !netpeer::WriteAll(fd, out.data(), out.size())) Fail("a fresh connection takes nothing");
         if (rng() & 1) Sleep(1);
-        netpeer::Reset(fd);
+        const int hard[2] = {1, 0};
+        syscall(SYS_setsockopt, fd, 1 /* SOL_SOCKET */, 13 /* SO_LINGER */, hard, sizeof hard);
+        close(fd);
         return;
     }
     const SOCKET s = Connect(gPort);
@@ -443,7 +439,10 @@ void Spawn(uint32_t i) {
 }
 
 DWORD MainRoutine(void *) {
-    MakeFile();
+    gFileName = "stress_" + std::to_string(os::GetCurrentProcessId()) + ".dat";
+    std::mt19937 bytes;
+    while (gContent.size() < kFileBytes) gContent += static_cast<char>(bytes());
+    std::ofstream(gFileName, std::ios::binary) << gContent;
     for (uint32_t i = 0; i < kWorkers; ++i) gSlots[i].Event = os::CreateEventA(nullptr, FALSE, FALSE, nullptr);
     for (Pool &pool : gPools) {
         pool.Units = os::CreateSemaphoreA(nullptr, kMostUnits, kMostUnits, nullptr);

@@ -68,30 +68,26 @@ inline ChildResult RunHost(const HostOptions &options, std::function<void()> bod
 
 // The cases run with each number of schedulers that the parameter names, and on the back end that the environment
 // asks for; where that one is refused there is nothing to test.
-class HostTest : public testing::TestWithParam<uint32_t> {
-  protected:
+struct HostTest : testing::TestWithParam<uint32_t> {
     void SetUp() override {
         const char *wanted = getenv("ZVXKVT_IO");
         if (wanted != nullptr && strcmp(wanted, ZvxIoBackendName()) != 0) GTEST_SKIP() << ZvxIoBackendNote();
     }
-    static HostOptions Options() {
-        HostOptions options;
-        options.Schedulers = GetParam();
-        return options;
+    static HostOptions Options(decltype(HostOptions::Settings) settings = {}, const std::string &traces = "") {
+        return {GetParam(), std::move(settings), traces};
     }
 };
 
 // A user thread that runs a function object, and what it needs to be waited for.
-class HostThread {
-  public:
+struct HostThread {
     explicit HostThread(std::function<DWORD()> body, DWORD flags = 0) : Body(std::move(body)) {
-        Handle = CreateThread(nullptr, 0, Run, this, flags, &Id);
+        const auto run = [](LPVOID self) { return static_cast<HostThread *>(self)->Body(); };
+        Handle = CreateThread(nullptr, 0, run, this, flags, nullptr);
     }
     ~HostThread() {
         if (Handle != nullptr) CloseHandle(Handle);
     }
     HostThread(const HostThread &) = delete;
-    HostThread &operator=(const HostThread &) = delete;
     // Its exit code, or 0xFFFFFFFF when it did not end in time.
     DWORD Join(DWORD ms = 20000) const {
         DWORD code = 0xFFFFFFFF;
@@ -99,11 +95,7 @@ class HostThread {
         return code;
     }
     HANDLE Handle = nullptr;
-    DWORD Id = 0;
-
-  private:
-    static DWORD WINAPI Run(LPVOID self) { return static_cast<HostThread *>(self)->Body(); }
-    std::function<DWORD()> Body;
+    const std::function<DWORD()> Body;
 };
 
 }  // namespace hosttest

@@ -5,14 +5,11 @@
 #ifndef ZVX_TESTS_SUPPORT_NET_PEER_H
 #define ZVX_TESTS_SUPPORT_NET_PEER_H
 
-#include <dirent.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
+#include <filesystem>
 
 namespace netpeer {
 
@@ -35,37 +32,10 @@ inline bool WriteAll(int fd, const void *data, size_t bytes) {
     return true;
 }
 
-inline bool ReadAll(int fd, void *data, size_t bytes) {
-    auto *at = static_cast<char *>(data), *end = at + bytes;
-    for (long moved; at != end; at += moved)
-        if ((moved = read(fd, at, static_cast<size_t>(end - at))) <= 0) return false;
-    return true;
-}
-
-// Whether the other side has ended the connection, in at most `ms`.
-inline bool SeesTheEnd(int fd, int ms) {
-    pollfd one{fd, POLLIN, 0};
-    char byte;
-    return poll(&one, 1, ms) == 1 && read(fd, &byte, 1) <= 0;
-}
-
-// Ends the connection by a reset.
-inline void Reset(int fd) {
-    const int hard[2] = {1, 0};
-    syscall(SYS_setsockopt, fd, 1 /* SOL_SOCKET */, 13 /* SO_LINGER */, hard, sizeof hard);
-    close(fd);
-}
-
 // Open descriptors of this process that are sockets.
 inline int OpenSockets() {
     int sockets = 0;
-    DIR *folder = opendir("/proc/self/fd");
-    for (const dirent *entry = readdir(folder); entry != nullptr; entry = readdir(folder)) {
-        char target[8] = {};
-        if (readlinkat(dirfd(folder), entry->d_name, target, sizeof target - 1) > 0)
-            sockets += __builtin_memcmp(target, "socket:", 7) == 0;
-    }
-    closedir(folder);
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) sockets += entry.is_socket();
     return sockets;
 }
 

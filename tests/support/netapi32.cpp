@@ -4,7 +4,6 @@
 // never comes back, and any other is found. The answer is a text that names the domain.
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
