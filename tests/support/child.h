@@ -1,7 +1,5 @@
-// tests/support/child.h - running a piece of a test in a child process, and the trace file that a test writes.
-//
-// For everything that ends the process: the exact text, the exit code and what is left behind are compared by the
-// parent. The child starts as a copy of the test's process and never returns into it.
+// tests/support/child.h - a fatal error in a child process: the exact text, the exit code and the trace file that is
+// left behind are compared by the parent.
 #ifndef ZVX_TESTS_SUPPORT_CHILD_H
 #define ZVX_TESTS_SUPPORT_CHILD_H
 
@@ -32,8 +30,7 @@ struct Killed {
     std::string Lines;   // of the trace file, without their time stamps
 };
 
-template <typename Body>
-Killed Kill(Body body) {
+Killed Kill(auto body) {
     const Folder folder;
     const auto traced = [&] {
         TraceInit(folder.Name.c_str());

@@ -22,8 +22,7 @@ struct ChildResult {
 
 // Runs body() in a child, which ends with `code` when it returns. Its standard error is its output too, or else the
 // test's. A signal ends it after 25 seconds.
-template <typename Body>
-ChildResult RunInChild(Body body, int code = 0, bool errorsToOutput = true) {
+ChildResult RunInChild(auto body, int code = 0, bool errorsToOutput = true) {
     ChildResult result;
     std::fflush(nullptr);
     const int output = memfd_create("output", MFD_CLOEXEC);

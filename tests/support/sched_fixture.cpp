@@ -1,15 +1,12 @@
 // tests/support/sched_fixture.cpp - see sched_fixture.h.
 #include "sched_fixture.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
-#include <utility>
 
 #include "alloc/alloc.h"
 #include "diag/stats.h"
-#include "diag/trace.h"
 #include "sched/startup.h"
 
 namespace zvx::test {
@@ -42,17 +39,7 @@ void BackToTest(Scheduler *S) {
 
 void InitFiberLoop(void *fiber) {
     auto *F = static_cast<Fiber *>(fiber);
-    Scheduler *S = SchedOf(F);
-    for (;;) {
-        SchedYield(F, Yield_SCHED);
-        InitFiberRoutine(S);
-    }
-}
-
-DWORD RunBody(void *param) {
-    auto *body = static_cast<std::function<void(Fiber *)> *>(param);
-    (*body)(static_cast<Fiber *>(os::GetFiberData()));
-    return 0;
+    for (;; InitFiberRoutine(SchedOf(F))) SchedYield(F, Yield_SCHED);
 }
 
 }  // namespace
@@ -84,11 +71,6 @@ Scheduler *NewScheduler() {
     InitScheduler(S, gRig.Schedulers++);
     gNumSchedulers = gRig.Schedulers;
     InitDynamicSchedulers();
-    StartScheduler(S);
-    return S;
-}
-
-void StartScheduler(Scheduler *S) {
     S->Os = os::CurrentThreadBlock();
     S->Port = os::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0);
     S->Io = os::script::IoThreadOf(S->Port);
@@ -101,12 +83,16 @@ void StartScheduler(Scheduler *S) {
     S->InitFiberLink = &F->RunLink;
     S->Running.store(1);
     gRig.Continue[S] = F->OsFiber;
+    return S;
 }
 
 Fiber *NewFiber(Scheduler *S, std::function<void(Fiber *)> body) {
     Fiber *F = AllocFiberShell(S, 0);
     gRig.Bodies.push_back(std::make_unique<std::function<void(Fiber *)>>(std::move(body)));
-    F->StartRoutine = RunBody;
+    F->StartRoutine = [](void *of) -> DWORD {
+        (*static_cast<std::function<void(Fiber *)> *>(of))(static_cast<Fiber *>(os::GetFiberData()));
+        return 0;
+    };
     F->StartParam = gRig.Bodies.back().get();
     F->Flags |= FIBER_USER_THREAD;
     S->FiberCount.store(S->FiberCount.load() + 1);

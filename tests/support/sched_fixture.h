@@ -12,10 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "kernel/file.h"
 #include "kernel/handles.h"
 #include "sched/sched.h"
@@ -33,8 +29,6 @@ void InitLibrary();
 
 // A scheduler with the next free index; its init fiber is parked at the start of its loop.
 Scheduler *NewScheduler();
-// What a scheduler's thread does first, for one that the library has initialised.
-void StartScheduler(Scheduler *S);
 
 // A user thread on S that runs `body` when it is dispatched the second time, as every user thread does; placed in
 // ORQ. It exits when the body returns.

@@ -5,6 +5,7 @@
 #include <deque>
 #include <list>
 #include <memory>
+#include <utility>
 
 #include "platform/base/object.h"
 #include "platform/base/object_pool.h"
@@ -124,7 +125,6 @@ BOOL Issue(const char *name, const IoCall &call, DWORD *moved) {
 
 HANDLE NewFile() {
     File *file = AllocObject(&gFiles);
-    if (file == nullptr) return INVALID_HANDLE_VALUE;
     file->Port = nullptr;
     file->Key = 0;
     return NewHandle(file);
@@ -181,10 +181,8 @@ void ReapIo(IoThread *io) {
 }
 
 IoOp *TakeEndedOps(IoThread *io) {
-    IoOp *first = io->EndedHead;
-    io->EndedHead = nullptr;
     io->EndedTail = nullptr;
-    return first;
+    return std::exchange(io->EndedHead, nullptr);
 }
 
 // ---- Ports -------------------------------------------------------------------------------------------
@@ -298,7 +296,6 @@ BOOL CancelOp(const IoOp *op) {
 }
 
 BOOL FlushFileBuffers(HANDLE file, OVERLAPPED *overlapped, IoOp *op) {
-    gScript.Flushes++;
     return Issue("FlushFileBuffers", {file, 0, overlapped, op}, nullptr);
 }
 

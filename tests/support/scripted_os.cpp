@@ -1,7 +1,4 @@
 // tests/support/scripted_os.cpp - clocks, processors and kernel threads by script.
-//
-// The clocks are atomics, because threads that a test made by itself may write trace lines; everything else
-// belongs to the test's thread. Nothing here sleeps or asks the kernel for anything.
 #include "scripted_os.h"
 
 #include <cstdio>
@@ -47,7 +44,6 @@ void AdvanceClock(uint64_t ms) {
     gScript.TickMs.fetch_add(ms);
     gScript.Tsc.fetch_add(ms * 1'000'000);
     gScript.Qpc.fetch_add(static_cast<int64_t>(ms) * gScript.QpcFrequency.load() / 1000);
-    gScript.FileTime.fetch_add(ms * 10'000);
 }
 
 }  // namespace script
@@ -91,7 +87,7 @@ void GetLocalTime(SYSTEMTIME *time) {
     *time = gScript.LocalTime;
 }
 void GetSystemTimeAsFileTime(FILETIME *time) {
-    const uint64_t now = gScript.FileTime.load();
+    const uint64_t now = 132'000'000'000'000'000 + GetTickCount64() * 10'000;
     time->dwLowDateTime = static_cast<DWORD>(now);
     time->dwHighDateTime = static_cast<DWORD>(now >> 32);
 }
@@ -166,7 +162,7 @@ const ThreadOps kScriptedThread = {nullptr,
 
 ThreadObject *NewThreadObject(DWORD id) {
     ThreadObject *object = AllocObject(&gThreadObjects);
-    if (object != nullptr) InitThreadObject(object, &kScriptedThread, id);
+    InitThreadObject(object, &kScriptedThread, id);
     return object;
 }
 
@@ -201,7 +197,6 @@ HANDLE CreateThread(SECURITY_ATTRIBUTES *, size_t, LPTHREAD_START_ROUTINE start,
     gNextThreadId += 4;
     if (threadId != nullptr) *threadId = id;
     ThreadObject *object = NewThreadObject(id);
-    if (object == nullptr) return nullptr;
     RefObject(object);
     gWaiting.push_back({object, start, param});
     return NewHandle(object);

@@ -22,12 +22,11 @@
 //     library chose for it.
 //   - os::FailCall makes the nth call of a named function fail, here as on the real platform.
 //
-// The tables belong to the test's thread. Reading a clock is safe from any thread.
+// The tables belong to the test's thread. Threads that it made by itself may write trace lines, so clocks are atomics.
 #ifndef ZVX_TESTS_SUPPORT_SCRIPTED_OS_H
 #define ZVX_TESTS_SUPPORT_SCRIPTED_OS_H
 
 #include <atomic>
-#include <cstdint>
 #include <functional>
 #include <set>
 #include <string>
@@ -76,7 +75,6 @@ struct Script {
     std::atomic<uint64_t> Tsc{1'000'000'000};
     std::atomic<int64_t> Qpc{7'000'000};
     std::atomic<int64_t> QpcFrequency{10'000'000};
-    std::atomic<uint64_t> FileTime{132'000'000'000'000'000};  // 100-nanosecond units
     SYSTEMTIME LocalTime{2005, 9, 6, 3, 14, 7, 9, 0};
     std::function<void(DWORD ms)> OnSleep;  // in place of advancing the clocks
 
@@ -94,13 +92,12 @@ struct Script {
     std::function<void()> OnSpin;
     uint32_t SpinLimit = 1000;
     std::function<bool(const char *name)> OnCreate;  // of CreateFileA: false when the file cannot be had
-    std::function<DWORD(DWORD ms)> OnWaitPipe;  // the error of a look for a pipe
+    std::function<DWORD()> OnWaitPipe;               // the error of a look for a pipe
     std::function<BOOL(void *buffer, DWORD characters, DWORD *read)> OnReadConsole;
     bool HoldCancels = false;  // a cancelled operation goes on until the test ends it
     std::vector<IoCall> Calls;
     uint32_t Cancels = 0;              // operations that were to be cancelled
     std::vector<uintptr_t> BoundKeys;  // of every handle that was associated with a port
-    uint32_t Flushes = 0;              // by FlushFileBuffers
     std::vector<Packet> Posted;        // by PostQueuedCompletionStatus
     DWORD LastPortWaitMs = 0;
 

@@ -33,17 +33,13 @@ SOCKET Made(const char *name, const std::string &detail = "") {
     return Simple(name, detail) == 0 ? NewSocket() : INVALID_SOCKET;
 }
 
-DWORD TotalOf(const WSABUF *buffers, DWORD count) {
-    DWORD total = 0;
-    for (DWORD i = 0; i < count; i++) total += buffers[i].len;
-    return total;
-}
-
 int Transfer(const char *name, SOCKET s, const WSABUF *buffers, DWORD count, DWORD *bytes, OVERLAPPED *ov,
              const void *routine, IoOp *op) {
     if (routine != nullptr) Misuse("a routine reached the operating system");
     if (Simple(name) != 0) return SOCKET_ERROR;
-    return ReadFile(FileOf(s), nullptr, TotalOf(buffers, count), bytes, ov, op) ? 0 : SOCKET_ERROR;
+    DWORD total = 0;
+    for (DWORD i = 0; i < count; i++) total += buffers[i].len;
+    return ReadFile(FileOf(s), nullptr, total, bytes, ov, op) ? 0 : SOCKET_ERROR;
 }
 
 }  // namespace
@@ -78,7 +74,9 @@ SOCKET WSASocketA(int, int, int, WSAPROTOCOL_INFOA *info, DWORD, DWORD flags) {
 }
 SOCKET WSAAccept(SOCKET, sockaddr *, int *, LPCONDITIONPROC condition, DWORD_PTR data) {
     gScript.OnBlock();
-    if (condition != nullptr) condition(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, data);
+    if (condition != nullptr &&
+        condition(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, data) != CF_ACCEPT)
+        return INVALID_SOCKET;
     return Made("WSAAccept");
 }
 int connect(SOCKET, const sockaddr *, int) {
@@ -150,9 +148,9 @@ HANDLE CreateNamedPipeA(const char *name, DWORD openMode, DWORD, DWORD, DWORD, D
 BOOL ConnectNamedPipe(HANDLE pipe, OVERLAPPED *overlapped, IoOp *op) {
     return ReadFile(pipe, nullptr, 0, nullptr, overlapped, op);
 }
-BOOL WaitNamedPipeA(const char *, DWORD ms) {
+BOOL WaitNamedPipeA(const char *, DWORD) {
     NoteProgress();
-    const DWORD error = gScript.OnWaitPipe(ms);
+    const DWORD error = gScript.OnWaitPipe();
     if (error != ERROR_SUCCESS) SetLastError(error);
     return error == ERROR_SUCCESS;
 }

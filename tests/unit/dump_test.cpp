@@ -4,17 +4,12 @@
 // every dump is two names, asked for while the thread that it shows is the running one.
 #include "diag/dump.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <cstring>
 
 #include "child.h"
-#include "diag/trace.h"
 #include "platform/base/fiber_internal.h"  // which sanitizer this build has
-#include "platform/os_process.h"
 #include "sched/internal.h"
-#include "sched/startup.h"
 #include "sched_fixture.h"
 
 namespace zvx::test {

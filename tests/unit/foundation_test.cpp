@@ -2,9 +2,7 @@
 // keys override one another, and the start-up text.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -15,9 +13,7 @@
 #include "config/settings.h"
 #include "diag/stats.h"
 #include "diag/timesource.h"
-#include "diag/trace.h"
 #include "sched/sched.h"
-#include "scripted_os.h"
 
 namespace zvx {
 namespace {
@@ -73,8 +69,9 @@ TEST(Settings, DefaultsAndTheirLines) {
     EXPECT_TRUE(gNumSchedulers == 4 && gStackSize == 1u << 20 && gQuantumUpdateInterval == 200);
 }
 
-// The common name wins; a value without digits counts as none.
-TEST(Settings, TwoNames) {
+// The common name wins; a value without digits counts as none. Conversion is that of strtoul with a long of 32 bits. A
+// host that miscounts: fuzz/settings.
+TEST(Settings, TwoNamesAndOddValues) {
     gLookupValue = HostLookup;
     std::strcpy(gSid, "PROD1");
     gValues = {{"ZVX_FIBERS_K", "4"}, {"ZVX_PROD1_FIBERS_K", "2"}, {"ZVX__FIBERS_LFI", "9"}};
@@ -83,11 +80,6 @@ TEST(Settings, TwoNames) {
     EXPECT_EQ(Value("K"), 2u);
     gSid[0] = 0;
     EXPECT_EQ(Value("LFI"), 9u);
-}
-
-// Conversion is that of strtoul with a long of 32 bits. A host that miscounts: fuzz/settings.
-TEST(Settings, OddValues) {
-    gLookupValue = HostLookup;
     const std::string nines(26, '9');
     const struct {
         std::string Text;
@@ -205,8 +197,6 @@ TEST(TimeSource, StopsAtTheFirstTwoThatAgree) {
 constexpr uint32_t kRegion = 16 * 1024 * 1024;
 const AllocType *const kType = &gAllocTypes[ALLOC_FIBER_MESSAGE];
 
-using SchedulerPtr = std::unique_ptr<Scheduler>;
-
 struct Alloc : testing::Test {
     void SetUp() override {
         S->AffinityMask = 0x8;
@@ -216,7 +206,7 @@ struct Alloc : testing::Test {
         KVTAllocInit();
     }
     void *Take(uint32_t size) { return KVTAllocSched(size, S.get(), 0); }
-    const SchedulerPtr S = std::make_unique<Scheduler>();
+    const std::unique_ptr<Scheduler> S = std::make_unique<Scheduler>();
 };
 
 // What was freed last comes first: the newest in a cache is the likeliest to be in the processor's cache.
@@ -237,7 +227,7 @@ TEST_F(Alloc, ChunksMoveInBundles) {
         ASSERT_EQ(CheckAllocator(2).Bundles, i < 512 ? 0u : i < 512 + 252 ? 4u : 8u);
     }
     // Another scheduler takes four bundles of 63 at once: what the second spill gave, each chunk once.
-    const SchedulerPtr taker = std::make_unique<Scheduler>();
+    const auto taker = std::make_unique<Scheduler>();
     std::set<void *> taken;
     for (int i = 0; i < 252; i++) taken.insert(AllocChunk(kType, taker.get(), 2));
     EXPECT_EQ(taken, std::set<void *>(chunks.begin() + 513, chunks.begin() + 765));

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include "child.h"
-#include "kernel/handles.h"
 #include "kernel/thread.h"
 #include "sched_fixture.h"
 
@@ -213,18 +212,15 @@ TEST_F(CompletionTest, AnyOwnEndWakesADeepPollAndATimeOutLeavesIt) {
 
 // Its own operation has ended; the end of the thread does not wait for the routine in which it takes place.
 TEST_F(CompletionTest, AThreadMayEndInItsRoutine) {
-    const LPOVERLAPPED_COMPLETION_ROUTINE routines[] = {
-        [](DWORD, DWORD, OVERLAPPED *) { ExitThread(5); },
-        [](DWORD, DWORD, OVERLAPPED *) { Sleep(10000); },
-    };
-    for (const auto routine : routines) {
-        OVERLAPPED *ov = nullptr;
+    static bool exits;
+    for (const bool its : {true, false}) {
+        exits = its;
         Fiber *F = Run([&](Fiber *self) {
-            ov = Issue(self, Open(), routine);
+            Issue(self, Open(), [](DWORD, DWORD, OVERLAPPED *) { exits ? ExitThread(5) : Sleep(10000); });
             SleepEx(INFINITE, TRUE);
         });
-        End(ov);
-        if (routine == routines[1]) SendOne(S, MSG_TERMINATE, F, Generation(F), 5);
+        EndRoutineOf(F, STATUS_SUCCESS, 1);
+        if (!exits) SendOne(S, MSG_TERMINATE, F, Generation(F), 5);
         Advance(100);
         EXPECT_EQ(S->AllFibers.Count, 0u);
     }

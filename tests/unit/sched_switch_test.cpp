@@ -1,15 +1,11 @@
 // tests/unit/sched_switch_test.cpp - which fiber runs next, and when; time-outs, sleeps and polled waits under a clock
 // that the test moves.
-#include <functional>
 #include <map>
 #include <random>
 
-#include "alloc/alloc.h"
 #include "child.h"
 #include "kernel/critsec.h"
-#include "kernel/file.h"
 #include "postwait/postwait.h"
-#include "sched/startup.h"
 #include "sched_fixture.h"
 
 namespace zvx::test {
@@ -36,13 +32,9 @@ struct SwitchTest : SchedTest {
 };
 
 TEST_F(SwitchTest, QueuesAreServedInTheirOrder) {
-    Fiber *high = Parked("high", ROLE_LGWR, CLASS_HIGH);
-    Fiber *post = Parked("post");
-    Fiber *file = Parked("file");
-    Fiber *socket = Parked("socket");
-    Fiber *dbwr = Parked("dbwr", ROLE_DBWR, CLASS_BACKGROUND);
+    Fiber *high = Parked("high", ROLE_LGWR, CLASS_HIGH), *dbwr = Parked("dbwr", ROLE_DBWR, CLASS_BACKGROUND);
+    Fiber *post = Parked("post"), *file = Parked("file"), *socket = Parked("socket"), *ready = Parked("ready");
     Fiber *other = Parked("other", ROLE_OTHER, CLASS_BACKGROUND);
-    Fiber *ready = Parked("ready");
     auto wakeAll = [&] {
         Wake(other, gPRQ);  // a background class goes to ORQ wherever it was to be put
         Wake(dbwr, gPRQ);
@@ -93,22 +85,16 @@ TEST_F(SwitchTest, ABatchInAnyOrderIsServedAsIfEachHadBeenPutInItsPlace) {
 }
 
 TEST_F(SwitchTest, WhoeverIsAppendedLaterStaysBehindTheWoken) {
-    Fiber *woken = Parked("woken"), *later = Parked("later", ROLE_OTHER, CLASS_BACKGROUND);
-    std::vector<Fiber *> recent;
-    for (int i = 0; i < 9; ++i) recent.push_back(Parked(std::to_string(i)));
-    Names names;
-    for (uint32_t i = 0; i < 9; ++i) {
-        recent[i]->LastRunStamp = 1000 + i;
-        names.insert(names.begin(), std::to_string(i));
-        Wake(recent[i], gORQ);
+    const Names order{"8", "7", "6", "5", "4", "3", "2", "1", "0", "woken", "later"};
+    std::vector<Fiber *> fibers;
+    for (const std::string &name : order)
+        fibers.push_back(Parked(name, ROLE_OTHER, name == "later" ? CLASS_BACKGROUND : CLASS_NORMAL));
+    for (uint32_t i : {8u, 7u, 6u, 5u, 4u, 3u, 2u, 1u, 0u, 9u, 10u}) {
+        fibers[i]->LastRunStamp = i < 10 ? 1000 - 100 * i : 2000;
+        Wake(fibers[i], gORQ);
     }
-    woken->LastRunStamp = 1;
-    later->LastRunStamp = 2000;
-    Wake(woken, gORQ);
-    Wake(later, gORQ);
     RunUntilIdle(S);
-    names.insert(names.end(), {"woken", "later"});
-    EXPECT_EQ(TakeNotes(), names);
+    EXPECT_EQ(TakeNotes(), order);
 }
 
 // Under one that always wakes itself into a higher queue, without an idle moment.
@@ -158,52 +144,23 @@ TEST_F(SwitchTest, ExpiryInOrderOfEntryAtOneCheckAndByTimeAcrossChecks) {
     EXPECT_EQ(TakeNotes(), Names{"again"});
 }
 
-TEST_F(SwitchTest, ShortSleepsOfServerThreadsAreLatchYields) {
+// Short sleeps of server threads are latch yields; of others the nearest time-out bounds the wait in the port.
+TEST_F(SwitchTest, SleepsAndTheWaitInThePort) {
+    const DWORD &waited = script::gScript.LastPortWaitMs;
+    gPortWaitMs = 100;
     Sleeper("shad", 10, ROLE_SHAD);
     Sleeper("lgwr", 0, ROLE_LGWR);
     EXPECT_EQ(TakeNotes(), (Names{"shad", "lgwr"})) << "no time has passed";
+    EXPECT_EQ(waited, 100u);
     Sleeper("long", 11, ROLE_SHAD);
+    EXPECT_EQ(waited, 11u);
     Sleeper("plain", 10, ROLE_OTHER);
-    EXPECT_EQ(S->TimedWaiters.Count, 2u);
-}
-
-// A wait that ends early takes its fiber out of the heap wherever it stands; the others are unaffected.
-TEST_F(SwitchTest, HeapHoldsUnderRandomEntriesAndRemovals) {
-    std::mt19937 random(12345);
-    std::vector<Fiber *> waiting;
-    uint32_t late = 0, ended = 0;
-    for (int i = 0; i < 300; ++i) {
-        const auto ms = static_cast<DWORD>(1 + random() % 500);
-        const uint64_t due = os::GetTickCount64() + ms;
-        waiting.push_back(Run([&, ms, due](Fiber *self) {
-            self->WaitTimeoutMs = ms;
-            SchedYield(self, Yield_TIMER_WAIT);
-            ended++;
-            late += os::GetTickCount64() > due + gTimerInterval;
-        }));
-        Fiber *&victim = waiting[random() % waiting.size()];
-        if (i % 3 == 0 && victim != nullptr && victim->State == FSTATE_TIMED_WAIT) {
-            Wake(victim, gORQ);
-            victim = nullptr;
-        }
-        Advance(static_cast<uint32_t>(random() % 3));
-    }
-    Pass(1000);
-    EXPECT_EQ(S->TimeoutHeap, nullptr);
-    EXPECT_TRUE(ended == 300 && late == 0) << ended << " ended, " << late << " late";
-}
-
-TEST_F(SwitchTest, TheWaitInThePortIsBoundedByTheNearestTimeOut) {
-    gPortWaitMs = 100;
-    RunUntilIdle(S);
-    EXPECT_EQ(script::gScript.LastPortWaitMs, 100u);
-    Sleeper("woke", 30);
-    EXPECT_EQ(script::gScript.LastPortWaitMs, 30u);
-    Advance(29);
-    EXPECT_EQ(script::gScript.LastPortWaitMs, 1u);
+    EXPECT_TRUE(waited == 10 && S->TimedWaiters.Count == 2);
+    Advance(9);
+    EXPECT_EQ(waited, 1u);
     gPortWaitMs = 1;
     Advance(100);
-    EXPECT_EQ(script::gScript.LastPortWaitMs, 1u);
+    EXPECT_EQ(waited, 1u);
 }
 
 // ---- Ends of the process, and the quantum ------------------------------------------------------------

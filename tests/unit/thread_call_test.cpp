@@ -1,9 +1,9 @@
 // tests/unit/thread_call_test.cpp - the thread functions where their order matters: a burst, a thread that may run at
 // any moment, and a backing thread that somebody else has touched. Creations that fail: tests/faults; threads between
 // two schedulers, resumes under a routine: tests/model.
-#include <cstring>
-
 #include "kernel/thread.h"
+
+#include <cstring>
 
 #include "dedicated/dedicated.h"
 #include "kernel/wait.h"
@@ -18,11 +18,10 @@ DWORD NoteAndReturn(void *param) {
     Note(static_cast<const char *>(param));
     return 5;
 }
-struct ThreadCall : CallTest {
-    static HANDLE Create(const char *name, DWORD mask = 0) {
-        return ZCreateThreadWithAffinity(nullptr, 0, NoteAndReturn, const_cast<char *>(name), 0, nullptr, mask);
-    }
-};
+HANDLE Create(const char *name, DWORD mask = 0) {
+    return ZCreateThreadWithAffinity(nullptr, 0, NoteAndReturn, const_cast<char *>(name), 0, nullptr, mask);
+}
+using ThreadCall = CallTest;
 
 TEST_F(ThreadCall, WhereANewThreadGoes) {
     Scheduler *const all[] = {S, NewScheduler(), NewScheduler()};

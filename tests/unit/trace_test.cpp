@@ -1,7 +1,5 @@
 // The trace file: where it is, what its lines look like, what a line never changes, and texts that are too long; and
 // the end of the process on an internal inconsistency: what is written where, once, whatever locks are held.
-#include "diag/trace.h"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
