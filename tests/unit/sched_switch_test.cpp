@@ -144,6 +144,27 @@ TEST_F(SwitchTest, ExpiryInOrderOfEntryAtOneCheckAndByTimeAcrossChecks) {
     EXPECT_EQ(TakeNotes(), Names{"again"});
 }
 
+// A wait that ends early takes its fiber out of the heap wherever it stands; the others are unaffected.
+TEST_F(SwitchTest, HeapHoldsUnderRandomEntriesAndRemovals) {
+    std::mt19937 random(12345);
+    std::vector<Fiber *> waiting;
+    uint32_t late = 0, ended = 0;
+    for (int i = 0; i < 300; ++i) {
+        const auto ms = static_cast<DWORD>(1 + random() % 500);
+        waiting.push_back(Run([&, ms, due = os::GetTickCount64() + ms](Fiber *self) {
+            self->WaitTimeoutMs = ms;
+            SchedYield(self, Yield_TIMER_WAIT);
+            ended++, late += os::GetTickCount64() > due + gTimerInterval;
+        }));
+        Fiber *&victim = waiting[random() % waiting.size()];
+        if (i % 3 == 0 && victim != nullptr && victim->State == FSTATE_TIMED_WAIT)
+            Wake(std::exchange(victim, nullptr), gORQ);
+        Advance(static_cast<uint32_t>(random() % 3));
+    }
+    Pass(1000);
+    EXPECT_TRUE(ended == 300 && late == 0 && S->TimeoutHeap == nullptr) << ended << " ended, " << late << " late";
+}
+
 // Short sleeps of server threads are latch yields; of others the nearest time-out bounds the wait in the port.
 TEST_F(SwitchTest, SleepsAndTheWaitInThePort) {
     const DWORD &waited = script::gScript.LastPortWaitMs;
