@@ -21,17 +21,6 @@ struct ObjectWait {
     DWORD Result;
 };
 
-// An event that went through an overlapped call may have its low bit set, which tells ports to queue no packet and
-// is no part of the handle.
-HANDLE WithoutLowBit(HANDLE handle) {
-    return reinterpret_cast<HANDLE>(reinterpret_cast<uintptr_t>(handle) & ~uintptr_t{1});
-}
-
-// An alertable wait is one only while there are routines to wait for.
-bool HasOwnOperations(const Fiber *F) {
-    return !IsEmpty(&F->FileOvs) || !IsEmpty(&F->SocketOvs);
-}
-
 DWORD TestNow(const ObjectWait &wait) {
     if (wait.Count == 0) return os::WaitForSingleObject(wait.One, 0);
     return os::WaitForMultipleObjects(wait.Count, wait.Handles, wait.All, 0);
@@ -43,17 +32,11 @@ bool ObjectTest(Fiber *, uintptr_t a1, uintptr_t, uintptr_t, uintptr_t, uintptr_
     return wait->Result != WAIT_TIMEOUT;
 }
 
-// Also runs the routines of the caller's operations that have ended. A routine may itself wait: it must find no
-// alertable wait in progress and may use up WaitTimeoutMs, so both are put aside while routines run.
+// Also runs the routines of the caller's operations that have ended.
 bool AlertableTest(Fiber *F, uintptr_t a1, uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
     auto *wait = reinterpret_cast<ObjectWait *>(a1);
     wait->Result = TestNow(*wait);
-    const uint32_t left = F->WaitTimeoutMs;
-    F->Flags &= ~uint32_t{FIBER_POLL_OWN_OVS};
-    ReapOwnOvs(F, 3);
-    // A routine may have waited for the rest of them; then nothing is left that could wake the thread.
-    if (HasOwnOperations(F)) F->Flags |= FIBER_POLL_OWN_OVS;
-    F->WaitTimeoutMs = left;
+    ReapOwnOvsInWait(F);
     if (wait->Result != WAIT_TIMEOUT) return true;
     if (F->ApcDelivered == 0) return false;
     F->ApcDelivered = 0;
@@ -78,16 +61,14 @@ DWORD RunWait(Fiber *F, ObjectWait *wait, DWORD ms, bool alertable) {
 }
 
 DWORD WaitForOne(Fiber *F, HANDLE handle, DWORD ms, bool alertable) {
-    ObjectWait wait{0, nullptr, FALSE, WithoutLowBit(handle), 0};
+    ObjectWait wait{0, nullptr, FALSE, handle, 0};
     return RunWait(F, &wait, ms, alertable);
 }
 
 DWORD WaitForSome(Fiber *F, DWORD count, const HANDLE *handles, BOOL waitAll, DWORD ms, bool alertable) {
     // A count out of range is the operating system's to refuse.
     if (count == 0 || count > MAXIMUM_WAIT_OBJECTS) return os::WaitForMultipleObjects(count, handles, waitAll, 0);
-    HANDLE plain[MAXIMUM_WAIT_OBJECTS];
-    for (DWORD i = 0; i < count; i++) plain[i] = WithoutLowBit(handles[i]);
-    ObjectWait wait{count, plain, waitAll, nullptr, 0};
+    ObjectWait wait{count, handles, waitAll, nullptr, 0};
     return RunWait(F, &wait, ms, alertable);
 }
 
@@ -122,11 +103,11 @@ HANDLE CreateEventA(SECURITY_ATTRIBUTES *security, BOOL manualReset, BOOL initia
 }
 
 BOOL SetEvent(HANDLE event) {
-    return os::SetEvent(WithoutLowBit(event));
+    return os::SetEvent(event);
 }
 
 BOOL ResetEvent(HANDLE event) {
-    return os::ResetEvent(WithoutLowBit(event));
+    return os::ResetEvent(event);
 }
 
 }  // namespace zvx

@@ -133,16 +133,6 @@ int select(int ignored, zvx_fd_set *read, zvx_fd_set *write, zvx_fd_set *error, 
 
 namespace {
 
-// An event that went through an overlapped call may have its low bit set, which tells ports to queue no packet and
-// is no part of the handle.
-WSAEVENT WithoutLowBit(WSAEVENT event) {
-    return reinterpret_cast<WSAEVENT>(reinterpret_cast<uintptr_t>(event) & ~uintptr_t{1});
-}
-
-bool HasOwnOperations(const Fiber *F) {
-    return !IsEmpty(&F->FileOvs) || !IsEmpty(&F->SocketOvs);
-}
-
 // What is tested, and the answer of the latest test. It lives on the waiting thread's stack.
 struct EventWait {
     DWORD Count;
@@ -155,16 +145,7 @@ struct EventWait {
 bool EventTest(Fiber *F, uintptr_t a1, uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
     auto *wait = reinterpret_cast<EventWait *>(a1);
     wait->Result = os::WSAWaitForMultipleEvents(wait->Count, wait->Events, wait->All, 0, FALSE);
-    if (wait->Alertable) {
-        // A routine may itself wait: it must find no alertable wait in progress and may use up WaitTimeoutMs, so both
-        // are put aside while routines run.
-        const uint32_t left = F->WaitTimeoutMs;
-        F->Flags &= ~uint32_t{FIBER_POLL_OWN_OVS};
-        ReapOwnOvs(F, 3);
-        // When nothing is outstanding any more there is nothing that the deep poll could find.
-        if (HasOwnOperations(F)) F->Flags |= FIBER_POLL_OWN_OVS;
-        F->WaitTimeoutMs = left;
-    }
+    if (wait->Alertable) ReapOwnOvsInWait(F);
     if (wait->Result != WSA_WAIT_TIMEOUT) return true;
     if (!wait->Alertable || F->ApcDelivered == 0) return false;
     F->ApcDelivered = 0;
@@ -181,15 +162,13 @@ DWORD WSAWaitForMultipleEvents(DWORD count, const WSAEVENT *events, BOOL waitAll
     if (count == 0 || count > WSA_MAXIMUM_WAIT_EVENTS) {
         return os::WSAWaitForMultipleEvents(count, events, waitAll, 0, FALSE);
     }
-    WSAEVENT plain[WSA_MAXIMUM_WAIT_EVENTS];
-    for (DWORD i = 0; i < count; i++) plain[i] = WithoutLowBit(events[i]);
-    EventWait wait{count, plain, waitAll, alertable && HasOwnOperations(F), WSA_WAIT_TIMEOUT};
+    EventWait wait{count, events, waitAll, alertable && HasOwnOperations(F), WSA_WAIT_TIMEOUT};
     F->WaitTimeoutMs = ms;
     if (ms == 0) LookForEnded(SchedOf(F));
     if (!wait.Alertable) {
-        const DWORD tested = os::WSAWaitForMultipleEvents(count, plain, waitAll, 0, FALSE);
+        const DWORD tested = os::WSAWaitForMultipleEvents(count, events, waitAll, 0, FALSE);
         if (tested != WSA_WAIT_TIMEOUT || ms == 0) return tested;
-        const DWORD ended = WaitForObjects(F, count, plain, waitAll);
+        const DWORD ended = WaitForObjects(F, count, events, waitAll);
         if (ended != os::kNotParkable) return ended;
     }
     if (wait.Alertable) F->Flags |= FIBER_POLL_OWN_OVS;
@@ -199,19 +178,19 @@ DWORD WSAWaitForMultipleEvents(DWORD count, const WSAEVENT *events, BOOL waitAll
 }
 
 BOOL WSACloseEvent(WSAEVENT event) {
-    return os::WSACloseEvent(WithoutLowBit(event));
+    return os::WSACloseEvent(event);
 }
 BOOL WSASetEvent(WSAEVENT event) {
-    return os::WSASetEvent(WithoutLowBit(event));
+    return os::WSASetEvent(event);
 }
 BOOL WSAResetEvent(WSAEVENT event) {
-    return os::WSAResetEvent(WithoutLowBit(event));
+    return os::WSAResetEvent(event);
 }
 int WSAEventSelect(SOCKET s, WSAEVENT event, LONG events) {
-    return os::WSAEventSelect(s, WithoutLowBit(event), events);
+    return os::WSAEventSelect(s, event, events);
 }
 int WSAEnumNetworkEvents(SOCKET s, WSAEVENT event, WSANETWORKEVENTS *result) {
-    return os::WSAEnumNetworkEvents(s, WithoutLowBit(event), result);
+    return os::WSAEnumNetworkEvents(s, event, result);
 }
 
 }  // namespace zvx

@@ -454,6 +454,17 @@ uint32_t ReapOwnOvs(Fiber *F, uint32_t which) {
     return pending;
 }
 
+// A routine may itself wait: it must find no alertable wait in progress and may use up WaitTimeoutMs, so both are put
+// aside while routines run.
+void ReapOwnOvsInWait(Fiber *F) {
+    const uint32_t left = F->WaitTimeoutMs;
+    F->Flags &= ~uint32_t{FIBER_POLL_OWN_OVS};
+    ReapOwnOvs(F, 3);
+    // A routine may have waited for the rest of them; then nothing is left that could wake the thread.
+    if (HasOwnOperations(F)) F->Flags |= FIBER_POLL_OWN_OVS;
+    F->WaitTimeoutMs = left;
+}
+
 bool AnyOwnOvDone(const Fiber *F, uint32_t which) {
     for (uint32_t bit = 1; bit <= 2; bit <<= 1) {
         if (!(which & bit)) continue;

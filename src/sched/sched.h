@@ -85,6 +85,12 @@ void ProcessIOCPMessage(Scheduler *S, OVERLAPPED *overlapped, uintptr_t key);
 void CancelOwnIo(Scheduler *S, Fiber *F);
 void CancelFiberOvs(Fiber *F);
 uint32_t ReapOwnOvs(Fiber *F, uint32_t which);
+// For the test of an alertable wait with polling, whose time and FIBER_POLL_OWN_OVS outlast the routines that it runs.
+void ReapOwnOvsInWait(Fiber *F);
+// An alertable wait is one only while there are routines to wait for.
+inline bool HasOwnOperations(const Fiber *F) {
+    return !IsEmpty(&F->FileOvs) || !IsEmpty(&F->SocketOvs);
+}
 bool AnyOwnOvDone(const Fiber *F, uint32_t which);
 OVERLAPPED *GatherPollSet(Fiber *F, uint32_t which, uint32_t n);
 

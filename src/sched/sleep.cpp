@@ -44,7 +44,7 @@ static uint32_t MoreToGather(const Fiber *F) {
 
 static bool SleepExDone(const Fiber *F) {
     if (F->WaitTimeoutMs == 0) return true;
-    if (F->ApcDelivered && IsEmpty(&F->FileOvs) && IsEmpty(&F->SocketOvs)) return true;
+    if (F->ApcDelivered && !HasOwnOperations(F)) return true;
     if (F->SleepExNTarget == 0 || HostWord(F->SleepExNCounter) >= F->SleepExNTarget) return true;
     return HostWord(F->SleepExNOutstanding) == 0;
 }
@@ -52,7 +52,7 @@ static bool SleepExDone(const Fiber *F) {
 DWORD SleepEx(DWORD ms, BOOL alertable) {
     Fiber *F = CallingFiber();
     if (F == nullptr) return os::SleepEx(ms, alertable);
-    if (!alertable || (IsEmpty(&F->FileOvs) && IsEmpty(&F->SocketOvs))) {
+    if (!alertable || !HasOwnOperations(F)) {
         Sleep(ms);
         return 0;
     }
