@@ -6,6 +6,8 @@
 // here blocks the kernel thread.
 #include "kernel/wait.h"
 
+#include <cstring>
+
 #include "sched/sched.h"
 
 namespace zvx {
@@ -68,7 +70,10 @@ DWORD WaitForOne(Fiber *F, HANDLE handle, DWORD ms, bool alertable) {
 DWORD WaitForSome(Fiber *F, DWORD count, const HANDLE *handles, BOOL waitAll, DWORD ms, bool alertable) {
     // A count out of range is the operating system's to refuse.
     if (count == 0 || count > MAXIMUM_WAIT_OBJECTS) return os::WaitForMultipleObjects(count, handles, waitAll, 0);
-    ObjectWait wait{count, handles, waitAll, nullptr, 0};
+    // The host may change its array while the wait goes on.
+    HANDLE mine[MAXIMUM_WAIT_OBJECTS];
+    std::memcpy(mine, handles, count * sizeof *mine);
+    ObjectWait wait{count, mine, waitAll, nullptr, 0};
     return RunWait(F, &wait, ms, alertable);
 }
 

@@ -162,13 +162,16 @@ DWORD WSAWaitForMultipleEvents(DWORD count, const WSAEVENT *events, BOOL waitAll
     if (count == 0 || count > WSA_MAXIMUM_WAIT_EVENTS) {
         return os::WSAWaitForMultipleEvents(count, events, waitAll, 0, FALSE);
     }
-    EventWait wait{count, events, waitAll, alertable && HasOwnOperations(F), WSA_WAIT_TIMEOUT};
+    // The host may change its array while the wait goes on.
+    WSAEVENT mine[WSA_MAXIMUM_WAIT_EVENTS];
+    std::memcpy(mine, events, count * sizeof *mine);
+    EventWait wait{count, mine, waitAll, alertable && HasOwnOperations(F), WSA_WAIT_TIMEOUT};
     F->WaitTimeoutMs = ms;
     if (ms == 0) LookForEnded(SchedOf(F));
     if (!wait.Alertable) {
-        const DWORD tested = os::WSAWaitForMultipleEvents(count, events, waitAll, 0, FALSE);
+        const DWORD tested = os::WSAWaitForMultipleEvents(count, mine, waitAll, 0, FALSE);
         if (tested != WSA_WAIT_TIMEOUT || ms == 0) return tested;
-        const DWORD ended = WaitForObjects(F, count, events, waitAll);
+        const DWORD ended = WaitForObjects(F, count, mine, waitAll);
         if (ended != os::kNotParkable) return ended;
     }
     if (wait.Alertable) F->Flags |= FIBER_POLL_OWN_OVS;
