@@ -110,11 +110,29 @@ bool MayReturnTo(uintptr_t address) {
     return false;
 }
 
+// At a function's first instructions and at its last one the frame pointer is its caller's, so following it misses the
+// caller. Where on the stack the return address lies then; kStackPiece anywhere else.
+size_t BareReturnAddress() {
+    unsigned char code[6];  // the byte before, and what comes next
+    if (ReadOwnMemory(reinterpret_cast<const void *>(gAnswer.Pc - 1), code, sizeof code) != sizeof code)
+        return kStackPiece;
+    static const unsigned char kMark[] = {0xF3, 0x0F, 0x1E, 0xFA};  // endbr64
+    static const unsigned char kOwnFrame[] = {0x48, 0x89, 0xE5};    // mov %rsp, %rbp
+    constexpr unsigned char kPush = 0x55, kRet = 0xC3;
+    if (code[1] == kPush || code[1] == kRet || memcmp(code + 1, kMark, sizeof kMark) == 0) return 0;
+    return code[0] == kPush && memcmp(code + 1, kOwnFrame, sizeof kOwnFrame) == 0 ? sizeof(uintptr_t) : kStackPiece;
+}
+
 void FollowFrames(ThreadSample *sample) {
     sample->Frames[0] = reinterpret_cast<void *>(gAnswer.Pc);
     sample->Count = 1;
     uintptr_t frame = gAnswer.Fp;
     size_t from = 0;
+    const size_t bare = BareReturnAddress();
+    if (bare + sizeof(uintptr_t) <= gAnswer.StackBytes && MayReturnTo(WordAt(bare))) {
+        sample->Frames[sample->Count++] = reinterpret_cast<void *>(WordAt(bare));
+        from = bare + sizeof(uintptr_t);
+    }
     while (sample->Count < kSampleFrames && frame >= gAnswer.Sp + from && frame % sizeof(uintptr_t) == 0 &&
            frame + 2 * sizeof(uintptr_t) <= gAnswer.Sp + gAnswer.StackBytes) {
         const size_t offset = frame - gAnswer.Sp;

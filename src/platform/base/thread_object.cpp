@@ -184,7 +184,10 @@ BOOL GetExitCodeThread(HANDLE thread, DWORD *code) {
     if (ShouldFail("GetExitCodeThread")) return FALSE;
     ThreadRef ref(thread);
     if (ref.Thread == nullptr) return FALSE;
-    *code = ref.Thread->ExitCode.load(std::memory_order_acquire);
+    // The code is there a moment before the object is signalled, and for that moment nobody is told: who sees the thread
+    // ended must find its handle signalled.
+    const bool ended = ref.Thread->Signalled.load(std::memory_order_acquire) != 0;
+    *code = ended ? ref.Thread->ExitCode.load(std::memory_order_relaxed) : STILL_ACTIVE;
     return TRUE;
 }
 
