@@ -28,7 +28,8 @@ extern SpinLock HandHashQLock;                  // insertion, removal, growth an
 extern os::CriticalSection gHandleRefLock;      // reference counts and the recording of duplicates
 
 // The entry of a handle value, or null. No lock: two loads and a bounds test. The entry stays readable until the
-// calling user thread yields; across a yield keep the value and the serial, and look up again (SameHandle).
+// calling user thread yields or blocks with BlockedOutside set; across either keep the value and the serial, and look
+// up again (SameHandle).
 inline PSEHAND *LookUpHandle(uintptr_t handle) {
     const uint32_t size = gHandleTableSize.load(std::memory_order_acquire);
     const uintptr_t slot = handle >> 2;

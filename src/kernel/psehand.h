@@ -35,10 +35,11 @@ enum PsehandType : uint32_t {
 
 // PSEHAND: one wrapped handle.
 //
-// It lives from the creation of its handle until RefCount reaches 0; it is then taken out of the table and
-// retired, and its memory is reused only after every scheduler has made a selection pass (or was blocked in
-// its port), because another scheduler's user thread may have looked it up a moment before. Nobody keeps an
-// entry across SchedYield without looking it up again and comparing Serial.
+// It lives from the creation of its handle until RefCount reaches 0; it is then out of the table (a post event may be
+// before) and retired, and its memory is reused only after every scheduler has made a selection pass (or was blocked
+// in its port, or in a call that sets BlockedOutside), because another scheduler's user thread may have looked it up a
+// moment before. Nobody keeps an entry across SchedYield or such a call without looking it up again and comparing
+// Serial.
 //
 // Written before insertion and constant afterwards: Type, Handle, Parent, OwnerFiber, OwnerGeneration,
 // Serial, Hid, CreationTime, PortIndex. Changed later: RefCount and Closed (under gHandleRefLock), Flags (by the user

@@ -60,6 +60,8 @@ inline bool IoWaiting(const Scheduler *S) { return os::IoNeedsAttention(S->Io) |
 
 // queues.cpp: puts those that InsertByStamp left at the head of a queue in their places.
 void SortQueue(Scheduler *S, uint32_t queue);
+// F is about to be appended to a queue in which some wait for their places.
+void NoteAppended(Scheduler *S, uint32_t queue, const Fiber *F);
 
 // idle.cpp: consumes what has ended of one poll list.
 void ConsumeEnded(Scheduler *S, uint32_t pollList, bool deep);

@@ -134,6 +134,7 @@ void MoveToDynamicScheduler(Fiber *F) {
     while (!NothingOutstanding(SchedOf(F), F)) {
         SchedOf(F)->PortPollCountdown = 0;  // it may be a packet, and a busy scheduler looks for those rarely
         SchedYield(F, Yield_SCHED);
+        if (IsDynamic(SchedOf(F))) return;  // a routine that ran meanwhile has moved the thread
     }
     // No yield from here to the one that leaves: whoever ends a thread that waits above finds no scheduler reserved.
     F->MigrateTarget = SpawnDynamicScheduler(F);

@@ -1,13 +1,27 @@
 // sched/queues.cpp - where a woken fiber is placed, and how it leaves a wait list.
 //
 // Runs on the owning scheduler's thread only; takes no lock and allocates nothing.
+#include <algorithm>
+
 #include "sched/internal.h"
 
 namespace zvx {
 
+void NoteAppended(Scheduler *S, uint32_t queue, const Fiber *F) {
+    ListHead *list = &S->RunQueues[queue];
+    if (S->SortEnd[queue] != nullptr) {
+        S->TailMin[queue] = std::min(S->TailMin[queue], F->LastRunStamp);
+        return;
+    }
+    S->SortEnd[queue] = list->Ends.Prev;
+    S->TailMin[queue] = F->LastRunStamp;
+    S->SortMin[queue] = UINT32_MAX;
+    for (ListLink *link = FirstLink(list); link != &list->Ends; link = link->Next)
+        S->SortMin[queue] = std::min(S->SortMin[queue], FiberOfRunLink(link)->LastRunStamp);
+}
+
 void AppendRunQueue(Scheduler *S, uint32_t queue, Fiber *F) {
-    // Whoever waits for its place came before F, and is not to end up behind it.
-    if (S->Unsorted[queue] != 0) SortQueue(S, queue);
+    if (S->Unsorted[queue] != 0) NoteAppended(S, queue, F);
     AppendMasked(S, &S->RunQueues[queue], 1u << queue, F);
 }
 
@@ -19,18 +33,28 @@ void AppendReady(Scheduler *S, Fiber *F) { AppendMasked(S, &S->ReadyList, kMaskR
 // newcomer goes in front of the first fiber with an equal or smaller stamp, so that among equals it goes first. Fibers
 // mostly wake in the order in which they ran, so that its place is at the head. When it is not near, as in a batch of
 // ends in an order of their own, the newcomer and all that follow it are put at the head as they come, and sorted
-// together when somebody is picked, or appended: a walk for each would be quadratic with thousands of sessions.
+// together when somebody is picked: a walk for each would be quadratic with thousands of sessions.
+//
+// What is appended meanwhile lies behind SortEnd and takes no part in that. A newcomer has its place there only when
+// its stamp is below all before SortEnd: below all behind it as well, it is the last one; else, which is rare, the
+// others are sorted now.
 static void InsertByStamp(Scheduler *S, uint32_t queue, Fiber *F) {
     constexpr int kSteps = 8;
     ListHead *list = &S->RunQueues[queue];
+    const uint32_t stamp = F->LastRunStamp;
+    const bool behind = S->Unsorted[queue] != 0 && S->SortEnd[queue] != nullptr && stamp < S->SortMin[queue];
+    if (behind && stamp >= S->TailMin[queue]) SortQueue(S, queue);
     ListLink *where = FirstLink(list);
     if (S->Unsorted[queue] == 0) {
-        for (int i = 0; where != &list->Ends && FiberOfRunLink(where)->LastRunStamp > F->LastRunStamp; where = where->Next) {
+        for (int i = 0; where != &list->Ends && FiberOfRunLink(where)->LastRunStamp > stamp; where = where->Next) {
             if (++i < kSteps) continue;
             where = FirstLink(list);
             S->Unsorted[queue] = 1;
             break;
         }
+    } else if (behind) {
+        S->TailMin[queue] = stamp;
+        where = &list->Ends;
     } else {
         S->Unsorted[queue]++;
     }
@@ -56,7 +80,9 @@ void SortQueue(Scheduler *S, uint32_t queue) {
     ListHead *list = &S->RunQueues[queue];
     // Chain i holds 2^i of the unsorted ones, higher ones hold newer ones.
     ListLink *chains[32] = {};
-    list->Ends.Prev->Next = nullptr;
+    ListLink *const last = S->SortEnd[queue] != nullptr ? S->SortEnd[queue] : list->Ends.Prev;
+    ListLink *const behind = last->Next;
+    last->Next = nullptr;
     ListLink *rest = FirstLink(list);
     for (uint32_t n = 0; n < S->Unsorted[queue]; ++n) {
         ListLink *one = rest;
@@ -80,9 +106,10 @@ void SortQueue(Scheduler *S, uint32_t queue) {
         link->Prev = before;
         before = link;
     }
-    before->Next = &list->Ends;
-    list->Ends.Prev = before;
+    before->Next = behind;
+    behind->Prev = before;
     S->Unsorted[queue] = 0;
+    S->SortEnd[queue] = nullptr;
 }
 
 uint32_t MakeRunnable(Scheduler *S, Fiber *F, uint32_t queue) {
@@ -105,8 +132,8 @@ uint32_t MakeRunnable(Scheduler *S, Fiber *F, uint32_t queue) {
 }
 
 void InsertBehind(Scheduler *S, uint32_t queue, Fiber *before, Fiber *F) {
+    if (S->Unsorted[queue] != 0) SortQueue(S, queue);
     InsertBefore(&S->RunQueues[queue], before->RunLink.Next, &F->RunLink);
-    if (S->Unsorted[queue] != 0) S->Unsorted[queue]++;  // `before` was the latest to come: it is at the head
 }
 
 bool RunnableWork(const Scheduler *S) {

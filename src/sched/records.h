@@ -378,6 +378,9 @@ struct alignas(64) Scheduler {
     ListHead LatchSleepers;
     ListHead RunQueues[6];         // by gHPRQ, gPRQ, gFRQ, gSRQ, gLPRQ, gORQ
     uint32_t Unsorted[6];          // owner: how many at the head of each wait for SortQueue
+    ListLink *SortEnd[6];          // owner: with Unsorted, the last before those appended since; null: there are none
+    uint32_t SortMin[6];           // owner: with SortEnd, the smallest stamp up to there
+    uint32_t TailMin[6];           // owner: with SortEnd, the smallest stamp behind it
     ListLink *InitFiberLink;       // init: RunLink of InitFiber
     void *(*SwitchHook)();         // owner: returns the Fiber to switch to; set and cleared by dumps
     struct TimelineRing *Timeline;  // owner: null unless somebody watches (diag/timeline.h)

@@ -160,7 +160,7 @@ void RestoreTermCleanups(Fiber *F, Scheduler *S);
 
 // ---- grace.cpp: records under a reader's feet
 // The record of `entry` is out of every table; entry->Release runs on S once every scheduler has made a selection
-// pass or was blocked in its port since.
+// pass, or was blocked in its port or with BlockedOutside set, since.
 void RetireRecord(Scheduler *S, RetireEntry *entry);
 void ReleaseRetired(Scheduler *S);
 

@@ -259,7 +259,7 @@ void SchedYield(Fiber *F, uint32_t reason) {
 
         if (reason == Yield_USER) {
             F->State = FSTATE_YIELDED;
-            if (S->Unsorted[gORQ] != 0) [[unlikely]] SortQueue(S, gORQ);  // as AppendRunQueue
+            if (S->Unsorted[gORQ] != 0) [[unlikely]] NoteAppended(S, gORQ, F);  // as AppendRunQueue
             AppendMasked(S, &S->RunQueues[gORQ], 1u << gORQ, F);
         } else {
             FileOtherReason(S, F, reason);

@@ -6,6 +6,7 @@
 #include "child.h"
 #include "kernel/critsec.h"
 #include "postwait/postwait.h"
+#include "sched/internal.h"
 #include "sched_fixture.h"
 
 namespace zvx::test {
@@ -84,17 +85,30 @@ TEST_F(SwitchTest, ABatchInAnyOrderIsServedAsIfEachHadBeenPutInItsPlace) {
     }
 }
 
-TEST_F(SwitchTest, WhoeverIsAppendedLaterStaysBehindTheWoken) {
-    const Names order{"8", "7", "6", "5", "4", "3", "2", "1", "0", "woken", "later"};
-    std::vector<Fiber *> fibers;
-    for (const std::string &name : order)
-        fibers.push_back(Parked(name, ROLE_OTHER, name == "later" ? CLASS_BACKGROUND : CLASS_NORMAL));
-    for (uint32_t i : {8u, 7u, 6u, 5u, 4u, 3u, 2u, 1u, 0u, 9u, 10u}) {
-        fibers[i]->LastRunStamp = i < 10 ? 1000 - 100 * i : 2000;
-        Wake(fibers[i], gORQ);
+// However many were placed together: the order is that of placing each as it comes, in front of the first with an equal
+// or smaller stamp, or behind all when it is of a low class.
+TEST_F(SwitchTest, WokenAndAppendedInTheOrderOfTheirComing) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 500; round++) {
+        std::vector<Fiber> fibers(80);
+        std::vector<Fiber *> expected;
+        for (Fiber &F : fibers) {
+            const auto any = static_cast<uint32_t>(random());
+            F.LastRunStamp = any % (round % 2 == 0 ? 1000 : 20) + (expected.size() < 20 ? 500 : 0);
+            F.SchedClass = random() % 3 == 0 ? CLASS_BACKGROUND : CLASS_NORMAL;
+            MakeRunnable(S, &F, gORQ);
+            auto place = expected.begin();
+            while (place != expected.end() &&
+                   (F.SchedClass == CLASS_BACKGROUND || (*place)->LastRunStamp > F.LastRunStamp))
+                ++place;
+            expected.insert(place, &F);
+        }
+        SortQueue(S, gORQ);
+        for (Fiber *F : expected) {
+            ASSERT_EQ(FiberOfRunLink(FirstLink(&S->RunQueues[gORQ])), F) << round;
+            UnlinkMasked(S, &S->RunQueues[gORQ], 1u << gORQ, F);
+        }
     }
-    RunUntilIdle(S);
-    EXPECT_EQ(TakeNotes(), order);
 }
 
 // Under one that always wakes itself into a higher queue, without an idle moment.
