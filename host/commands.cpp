@@ -66,6 +66,15 @@ void PutMisconf(Session &s) {
     s.Put("-MISCONF The log cannot be written: writes are refused until it can\r\n");
 }
 
+// For an answer from many shards, which may tell of any record so far. False with another answer when some were taken
+// back since RefusedCount() was `refused`: they may be in it.
+bool DependOnAll(Session &s, uint64_t refused) {
+    s.DependOn(LastSeq());
+    if (RefusedCount() == refused) return true;
+    PutMisconf(s);
+    return false;
+}
+
 // Gives the key a value, with its section held. False with the answer when writes are refused.
 bool Write(Session &s, const Keyed &key, Entry *old, std::string_view bytes, int64_t expire) {
     const LogItem item{key.Hash, key.Key, bytes, expire, old};
@@ -488,6 +497,7 @@ struct Stretch {
 void Keys(Session &s, const Arguments &a) {
     if (a[1].size() > kMostPattern) return s.PutError(kLongPattern);
     const Glob pattern(a[1]);
+    const uint64_t refused = RefusedCount();
     Collected found;
     const int64_t now = NowMs();
     for (uint32_t i = 0; i < kShards && !found.Full; i++) {
@@ -508,7 +518,7 @@ void Keys(Session &s, const Arguments &a) {
             GiveWay();
         }
     }
-    s.DependOn(LastSeq());
+    if (!DependOnAll(s, refused)) return;
     found.Put(s, "");
 }
 
@@ -539,6 +549,7 @@ void Scan(Session &s, const Arguments &a) {
         }
     }
     const Glob pattern(matching);
+    const uint64_t refused = RefusedCount();
     Collected found;
     const int64_t now = NowMs();
     uint64_t position = cursor << kCursorShift;
@@ -570,14 +581,15 @@ void Scan(Session &s, const Arguments &a) {
         position = next;
         GiveWay();
     }
-    s.DependOn(LastSeq());
+    if (!DependOnAll(s, refused)) return;
     const std::string at = std::to_string(next >> kCursorShift);
     found.Put(s, "*2\r\n$" + std::to_string(at.size()) + "\r\n" + at + "\r\n");
 }
 
 void DbSize(Session &s, const Arguments &) {
-    s.DependOn(LastSeq());
-    s.PutInteger(static_cast<int64_t>(KeyCount()));
+    const uint64_t refused = RefusedCount();
+    const uint64_t count = KeyCount();
+    if (DependOnAll(s, refused)) s.PutInteger(static_cast<int64_t>(count));
 }
 
 void FlushAll(Session &s, const Arguments &a) {

@@ -16,8 +16,8 @@ namespace host {
 DWORD WriteBlocks(HANDLE file, uint64_t offset, const char *data, size_t size, size_t step);
 // Reads up to `size` bytes at `offset`; *got is less at the end of the file.
 DWORD ReadBlocks(HANDLE file, uint64_t offset, char *data, size_t size, size_t *got);
-// A new file of `size` zero bytes (after `head`, which is `headSize` bytes), durable, under its final name only when it
-// is whole. INVALID_HANDLE_VALUE with the last error.
+// A file of the database for the functions above, past the system's cache of writes with `writeThrough`.
+// INVALID_HANDLE_VALUE with the last error.
 HANDLE OpenForBlocks(const std::string &name, DWORD disposition, bool writeThrough);
 // Runs a call that blocks its kernel thread on one of its own, so that the scheduler goes on meanwhile.
 DWORD RunBlocking(const std::function<DWORD()> &call);

@@ -9,6 +9,7 @@
 // writer has written anew, from a copy in memory, all that the segment got since it was begun.
 #include "log.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -69,6 +70,7 @@ struct Log {
     std::vector<Slot> Slots;            // [Section]
     LogPosition End;                    // [Section] the writer's; where the next batch goes
     std::atomic<bool> Refusing{false};  // [Section] to write
+    bool Closed = false;                // [Section]
     std::atomic<uint64_t> Last{0};      // [Section] to write: sequence number of the newest record
     std::atomic<uint64_t> Settled{0};   // [Section] to write
     std::atomic<uint64_t> RefusedCount{0};
@@ -83,6 +85,7 @@ struct Log {
     std::string Copy;                    // the writer's: what the segment got, to its end; not with "always"
     std::string Tail;                    // the writer's: bytes of the last block before End.Offset
     uint64_t LogId = 0;                  // init
+    uint32_t Run = 0;                    // init
 };
 Log gLog;
 std::atomic<bool> gMoveWriter{false};
@@ -228,7 +231,8 @@ void Settle(uint64_t seq) {
 
 // A file of zeros under its final name, durable, in place of what an attempt left there that failed behind its move;
 // the spare's header is the first block of zeros but for its magic.
-DWORD CreateSegment() {
+// A new one, in which a batch of `least` bytes fits.
+DWORD CreateSegment(size_t least) {
     uint32_t slot = 0;
     {
         Guard guard(&gLog.Section);
@@ -237,7 +241,7 @@ DWORD CreateSegment() {
     }
     const std::string fresh = PathOf(SegmentName(slot) + ".new");
     const std::string name = PathOf(SegmentName(slot));
-    const uint64_t bytes = SegmentBytes();
+    const uint64_t bytes = std::max<uint64_t>(SegmentBytes(), RoundUp(kLogBlock + least, kWriteStep));
     const HANDLE file = OpenForBlocks(SegmentName(slot) + ".new", CREATE_ALWAYS, false);
     DWORD error = file == INVALID_HANDLE_VALUE ? GetLastError() : DWORD{ERROR_SUCCESS};
     HANDLE opened = nullptr;
@@ -294,7 +298,7 @@ DWORD NextSegment(size_t size) {
                 break;
             }
         }
-        const DWORD error = CreateSegment();
+        const DWORD error = CreateSegment(size);
         if (error != ERROR_SUCCESS) return error;
     }
     // One file is flushed at a time: the next begins when this one is durable.
@@ -356,6 +360,7 @@ DWORD WriteBatch(Buffer *buffer) {
     header.Bytes = static_cast<uint32_t>(bytes);
     header.RecordsCrc = buffer->RecordsCrc;
     header.Previous = gLog.End.Previous;
+    header.Run = gLog.Run;
     header.Crc = HeaderCrc(header);
 
     const size_t before = gLog.Tail.size();
@@ -556,7 +561,7 @@ uint64_t AppendLog(RecordType type, const LogItem *items, uint32_t count, Conten
     uint64_t seq = 0;
     {
         Guard guard(&gLog.Section);
-        if (gLog.Refusing.load(std::memory_order_relaxed)) return 0;
+        if (gLog.Refusing.load(std::memory_order_relaxed) || gLog.Closed) return 0;
         Buffer *const buffer = BufferFor(header.Length);
         Reserve(buffer, buffer->Used + header.Length + kLogBlock);
         seq = gLog.Last.load(std::memory_order_relaxed) + 1;
@@ -616,10 +621,10 @@ bool AwaitSettled(Waiter *waiter, uint64_t seq, bool evenWhenRefusing, DWORD ms 
 }  // namespace
 
 void AwaitLogRoom(Waiter *waiter) {
-    // A look without the section: the limit is not exact.
-    if (gLog.Gathered.load(std::memory_order_relaxed) < kGathered) [[likely]]
-        return;
-    AwaitSettled(waiter, gLog.Last.load(), false);
+    // Looks without the section: the limit is not exact. After a wait as well, for all who waited for one record wake
+    // together.
+    while (gLog.Gathered.load(std::memory_order_relaxed) >= kGathered && !gLog.Refusing.load(std::memory_order_relaxed))
+        AwaitSettled(waiter, gLog.Last.load(), false);
 }
 
 void AwaitRecord(Waiter *waiter, uint64_t seq) {
@@ -650,6 +655,11 @@ DWORD SyncLog(Waiter *waiter, DWORD ms) {
     return Always() ? DWORD{ERROR_SUCCESS} : FlushLog();
 }
 
+void CloseLog() {
+    Guard guard(&gLog.Section);
+    gLog.Closed = true;
+}
+
 void ForgetWaiter(Waiter *waiter) {
     Guard guard(&gLog.Section);
     for (Waiter **link = &gLog.Waiters; *link != nullptr; link = &(*link)->Next) {
@@ -662,7 +672,8 @@ void ForgetWaiter(Waiter *waiter) {
 
 // ---- Start and background ----------------------------------------------------------------------------
 
-// The largest batch fits: a buffer, or one record with a request's bytes and a header for each of its items.
+// The largest batch of a request fits: a buffer, or one record with the request's bytes and a header for each of its
+// items. A value that was stored when --max-value was larger gets a segment of its own size.
 uint64_t SegmentBytes() {
     const uint64_t needed = MaxRequest() + kBatchBytes;
     return RoundUp(needed > gOptions.SegmentBytes ? needed : gOptions.SegmentBytes, kWriteStep);
@@ -676,6 +687,7 @@ void OpenLog(LogStart *start) {
     InitializeCriticalSection(&gLog.Section);
     gLog.WriterEvent = MakePostEvent();
     gLog.LogId = start->LogId;
+    gLog.Run = static_cast<uint32_t>(RandomNumber());
     gLog.End = start->End;
     gLog.Tail = std::move(start->Tail);
     gLog.CopyAt = gLog.End.Offset - gLog.Tail.size();
@@ -707,7 +719,7 @@ void ReleaseSegments(uint64_t before) {
 }
 
 bool MakeSpareSegment() {
-    return CreateSegment() == ERROR_SUCCESS;
+    return CreateSegment(0) == ERROR_SUCCESS;
 }
 
 LogFigures GetLogFigures() {

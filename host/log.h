@@ -41,7 +41,8 @@ struct BatchHeader {
     uint32_t Bytes;       // of the records
     uint32_t RecordsCrc;  // of the records' Crc fields in order
     uint32_t Previous;    // Crc of the header before
-    uint32_t Reserved[4];
+    uint32_t Run;         // drawn at each start: no run makes a header of an earlier one again, which others follow
+    uint32_t Reserved[3];
 };
 static_assert(sizeof(BatchHeader) == kLogAlign);
 
@@ -149,6 +150,8 @@ uint64_t LastSeq();     // of all records so far
 // Waits until everything so far is durable or refused, whatever --durability says. An error when a flush has failed:
 // then nothing may be built on it yet; or when a wait took `ms` milliseconds.
 DWORD SyncLog(Waiter *waiter, DWORD ms = INFINITE);
+// No record is taken any more, as if writes were refused: what SyncLog awaits then is all that was answered.
+void CloseLog();
 // Nobody will post the waiter any more; before its event is closed.
 void ForgetWaiter(Waiter *waiter);
 

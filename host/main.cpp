@@ -226,13 +226,15 @@ DWORD WINAPI MainRoutine(LPVOID) {
 
     while (!gStop.load()) Sleep(200);
     closesocket(listener);
+    CloseLog();  // what is answered from here on would not be awaited
     // Sessions that wait for the log get their answers; the others lose their connection with the process.
     IdentifyUserThread("MAIN", event);
     Waiter waiter;
     waiter.Event = event;
     // A few seconds for a log that cannot be written: what was answered may be waiting for it (--durability).
     DWORD error = SyncLog(&waiter, 1000);
-    for (int i = 0; i < 5 && error != ERROR_SUCCESS; i++) {
+    for (const ULONGLONG begun = GetTickCount64(); error != ERROR_SUCCESS && GetTickCount64() - begun < 5000;) {
+        MendLog();
         Sleep(200);
         error = SyncLog(&waiter, 1000);
     }

@@ -47,8 +47,18 @@ void LookAtSessions(uint32_t now, std::vector<HANDLE> *hopeless, std::vector<Ses
             DWORD code = STILL_ACTIVE;
             if (GetExitCodeThread(slot->Who->Thread, &code) && code != STILL_ACTIVE) {
                 dead->push_back(slot->Who);
+            } else if (state == SessionState::kSending && slot->End.load() != EndReason::kSlowReader) {
+                // Its last words, which nobody takes: the send fails, and the session ends itself with all that it holds.
+                slot->End = EndReason::kSlowReader;
+                slot->EndedAt = now;
+                shutdown(slot->Who->Socket, SD_BOTH);
             } else {
-                hopeless->push_back(slot->Who->Thread);
+                // A handle of our own: the session may end by itself and close its handle, which is another's then.
+                HANDLE own = nullptr;
+                const HANDLE self = GetCurrentProcess();
+                if (DuplicateHandle(self, slot->Who->Thread, self, &own, 0, FALSE, DUPLICATE_SAME_ACCESS)) {
+                    hopeless->push_back(own);
+                }
             }
         }
     }
@@ -78,7 +88,10 @@ DWORD WINAPI Monitor(LPVOID event) {
         WatchAdminPipe(gSeconds.load());
         MendLog();
         // They wait in a send or a receive, so that they own nothing but their record, which is freed the next time.
-        for (const HANDLE thread : hopeless) TerminateThread(thread, 1);
+        for (const HANDLE thread : hopeless) {
+            TerminateThread(thread, 1);
+            CloseHandle(thread);
+        }
         for (Session *session : dead) FreeSession(session);
         while (SweepExpired() > 1000) Sleep(0);
     }

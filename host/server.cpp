@@ -71,6 +71,7 @@ void Config(Session &s, const Arguments &a) {
         if (a[i].size() > kMostPattern) return s.PutError("pattern is too long");
         const Glob pattern(a[i]);
         for (size_t k = 0; k < std::size(known); k++) asked[k] |= pattern.Matches(known[k].first);
+        GiveWay();
     }
     s.PutArray(2 * static_cast<size_t>(std::count(std::begin(asked), std::end(asked), true)));
     for (size_t k = 0; k < std::size(known); k++) {

@@ -91,18 +91,29 @@ TEST_P(Serving, PipelinesAndInline) {
     EXPECT_TRUE(bad.AwaitClose());
 }
 
-// Asked to end, the server ends with everything in its place: by signal and by command.
+// Asked to end, the server ends with everything in its place, what it answers meanwhile as well: by signal and by command.
 TEST_P(Serving, EndsCleanly) {
+    long acknowledged = 0;
     for (int round = 0; round < 2; round++) {
         ASSERT_TRUE(Host.Start({"--durability", round == 0 ? "everysec" : "always"})) << Host.Text();
         Client client(Host);
         EXPECT_EQ(client.Ask("INCR rounds"), ":" + std::to_string(round + 1));
+        std::thread busy([&] {
+            Client other(Host);
+            for (std::string answer; (answer = other.Ask("INCR busy"))[0] == ':';) {
+                EXPECT_GT(std::atol(answer.c_str() + 1), acknowledged);
+                acknowledged = std::atol(answer.c_str() + 1);
+            }
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
         EXPECT_TRUE(round == 0 ? kill(Host.Child, SIGTERM) == 0 : client.Send(Request({"SHUTDOWN"})));
         EXPECT_TRUE(client.AwaitClose());
         EXPECT_EQ(Host.AwaitEnd(), 0) << Host.Text();
+        busy.join();
     }
     ASSERT_TRUE(Host.Start()) << Host.Text();
     EXPECT_EQ(Client(Host).Ask("GET rounds"), "$2");
+    EXPECT_GE(std::atol(Client(Host).Ask("GET busy").c_str() + 1), acknowledged);
     // The folder belongs to one server at a time.
     const pid_t first = Host.Child;
     EXPECT_FALSE(Host.Start());
