@@ -42,7 +42,7 @@ void KVTAllocInit();
 void *AllocChunk(const AllocType *type, Scheduler *sched, uint8_t node);
 // Into the cache of the scheduler that the caller runs on, whatever node the chunk came from.
 void FreeChunk(const AllocType *type, Scheduler *sched, void *chunk, uint8_t node);
-// `size` bytes, or null when size + 16 does not fit 32 bits. Memory is aligned to 16 bytes as long as every size is a
+// `size` bytes, or null when size + 16 does not fit 32 bits; without memory the process ends. Memory is aligned to 16 bytes as long as every size is a
 // multiple of 16, so callers round up: chunks are cut from the same memory. A new region blocks the kernel thread for
 // as long as touching 16 MiB takes, pinned to the node; afterwards the thread has `restoreMask` and, with `pin`,
 // `restorePriority`.

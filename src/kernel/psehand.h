@@ -36,8 +36,8 @@ enum PsehandType : uint32_t {
 // PSEHAND: one wrapped handle.
 //
 // It lives from the creation of its handle until RefCount reaches 0; it is then taken out of the table and
-// retired, and its memory is reused only after every scheduler has made a selection pass (or was blocked in
-// its port), because another scheduler's user thread may have looked it up a moment before. Nobody keeps an
+// retired, and its memory is reused only after every scheduler has made a selection pass or was blocked
+// (sched/grace.cpp), because another scheduler's user thread may have looked it up a moment before. Nobody keeps an
 // entry across SchedYield without looking it up again and comparing Serial.
 //
 // Written before insertion and constant afterwards: Type, Handle, Parent, OwnerFiber, OwnerGeneration,

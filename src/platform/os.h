@@ -136,9 +136,8 @@ void DeleteCriticalSection(CriticalSection *section);
 void EnterCriticalSection(CriticalSection *section);
 BOOL TryEnterCriticalSection(CriticalSection *section);
 void LeaveCriticalSection(CriticalSection *section);
-// Gives the processor to another kernel thread; what a spin lock does after a bounded spin.
-void CpuRelax();
-void YieldProcessor();
+void CpuRelax();        // one turn of a spin: some nanoseconds
+void YieldProcessor();  // to another kernel thread; what a spin lock does after a bounded spin
 
 // ---- Clocks ------------------------------------------------------------------------------------------
 

@@ -343,7 +343,7 @@ constexpr uint32_t kAttNoPortCheck = 1u << 4;  // the yielding fiber left for go
 // Scheduler: one per scheduler thread; gSchedulers[Index] leads to it.
 //
 // Run queues, wait lists and poll lists are touched by the owning thread only, without locks. Other threads
-// reach a scheduler through Messages and Port, and through nothing else.
+// reach a scheduler through Messages, the lanes, ObjectSink and Port, and through the words that are marked as atomic.
 //
 // Always true between two calls of SchedYield (CheckScheduler, debug builds):
 //   - a fiber's RunLink is in the one list its State names, in none while it runs;
