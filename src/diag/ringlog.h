@@ -37,8 +37,8 @@ extern std::atomic<uint64_t> gRingDropped;  // atomic: texts for which there was
 
 // Scheduler 0's thread, at its start. False without "LogToFile", or without memory: there is no ring log then.
 bool RingLogInit();
-// Any thread; neither blocks nor yields. Queues one text, cut at a whole character to what a record holds. False without
-// a ring log, and when there is no free record: then the text is dropped and counted.
+// Any thread; neither blocks nor yields. Queues one text, cut at a whole character to what a record holds. False
+// without a ring log, and when there is no free record: then the text is dropped and counted.
 bool RingLogPrintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // Takes the queue's oldest record out of it; null when there is none. Any thread; neither blocks nor yields.
 RingRecord *TakeRingRecord(RingQueue *queue);

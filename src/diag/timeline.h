@@ -6,8 +6,8 @@
 // for a switch. While nobody asks, a switch pays one branch on a word of its scheduler.
 //
 // Protocol: a ring is written by its scheduler's thread only; an event first, then Written with release order. A reader
-// takes Written, copies, takes Written again, and drops what may have been overwritten meanwhile. A ring is never freed:
-// asked for again, it goes on.
+// takes Written, copies, takes Written again, and drops what may have been overwritten meanwhile. A ring is never
+// freed: asked for again, it goes on.
 #ifndef ZVX_DIAG_TIMELINE_H
 #define ZVX_DIAG_TIMELINE_H
 

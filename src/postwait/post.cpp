@@ -5,8 +5,8 @@
 // or in a message when that is full; the posts of one list share a message a scheduler, 16 targets each.
 //
 // Protocol. PostPending is written by the thread of the target's scheduler only: by a poster that runs there, or by
-// that scheduler when it works on a lane or a message. PendingPosts belongs to the scheduler of the poster; a batch lives there
-// only while one list is walked, which does not yield.
+// that scheduler when it works on a lane or a message. PendingPosts belongs to the scheduler of the poster; a
+// batch lives there only while one list is walked, which does not yield.
 #include "alloc/alloc.h"
 #include "diag/timeline.h"
 #include "kernel/handles.h"

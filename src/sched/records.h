@@ -188,8 +188,8 @@ inline uint32_t *GenerationOfTarget(FIBER_MESSAGE *msg, uint32_t i) {
 }
 
 // PostLane: single posts from one scheduler to another, without a message. Two cache lines move a post, the slot to
-// the receiver and nothing back: the sender asks how many were taken only when it believes the lane to be full, and then
-// sends a message instead if it is.
+// the receiver and nothing back: the sender asks how many were taken only when it believes the lane to be full, and
+// then sends a message instead if it is.
 //
 // A slot is written by the sender, Seq last, and read by the receiver once Seq is the number it waits for. The line of
 // Sent is the sender's; Taken is written by the receiver.

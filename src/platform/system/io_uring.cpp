@@ -281,7 +281,7 @@ bool RingStart(Engine *engine, Request *request) {
         }
     }
     Prepare(engine, request);
-    // A system call inside of the user thread's, which a quarter of the operations pay: they wait for the device anyway.
+    // A system call inside the user thread's, which a quarter of the operations pay: they wait for the device anyway.
     if (request->Call.Target->Direct && ++engine->Ring->DirectPrepared >= kDirectBatch) Submit(engine, false);
     return false;
 }
