@@ -47,13 +47,13 @@ const char kHelp[] =
     "Symbolic links are not followed. Without an argument: the current folder.\n"
     "\n"
     "  --user-threads N   user threads that share the files (default 64)\n"
-    "  --schedulers N     scheduler threads that run them (default: one a processor)\n"
+    "  --schedulers N     scheduler threads that run them (default: one a processor, 16 at most)\n"
     "  --threads          kernel threads instead of user threads\n"
     "  --disable-fibers   the same, decided before anything else is set up\n"
     "  --help             this text\n"
     "\n"
-    "The exit status is 1 when something could not be read. Settings of the library may also come from the\n"
-    "environment (ZVX_FIBERS_...), those above win.\n";
+    "The exit status is 1 when something could not be read, 2 when the options are not understood. Settings of\n"
+    "the library may also come from the environment (ZVX_FIBERS_...), those above win.\n";
 
 // A plain decimal number from 1 to `most`.
 bool ParseCount(const char *text, uint32_t most, uint32_t *value) {

@@ -1,7 +1,7 @@
 // host/base.h - what every file of the server shares: options, counters, checksums, sections, clocks.
 //
 // The server uses the C++ standard library and include/zvxkvt/, nothing else. Any user thread calls what is here;
-// nothing here waits, except Guard when its section is taken.
+// nothing here waits, except Guard when its section is taken, and GiveWay.
 #ifndef HOST_BASE_H
 #define HOST_BASE_H
 
@@ -73,6 +73,7 @@ inline uint64_t Figure(const std::atomic<uint64_t> &counter) {
 
 // 1 while some user thread has run for too long; written by the library.
 extern uint32_t gQuantumIndicator;
+// In long computations: yields when it was the calling thread.
 inline void GiveWay() {
     if (std::atomic_ref<uint32_t>(gQuantumIndicator).load(std::memory_order_relaxed) != 0) [[unlikely]]
         UserThreadQuantumExpiredCheck();
@@ -89,7 +90,8 @@ std::string ReasonOf(DWORD error);
 HANDLE MakePostEvent();
 
 // Holds a section for a scope. The order in which sections nest: shards by rising index, then the log's, then that of
-// the sessions. None is held over a call that waits, except for the next section of that order.
+// the sessions. None is held over a call that waits, except for the next section of that order, and for that of the
+// sessions while an administrator's `pause` stops them one after another.
 class Guard {
   public:
     explicit Guard(CRITICAL_SECTION *section) : Section(section) { EnterCriticalSection(Section); }

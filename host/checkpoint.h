@@ -40,11 +40,11 @@ const char *CheckPage(const char *page, uint64_t checkpoint, uint64_t number);
 const char *CheckpointName();
 DWORD WINAPI DatabaseWriter(LPVOID index);  // "DBW0", "DBW1"
 void InitCheckpoints(uint64_t logId);
-// From the log writer: so much log was written, a checkpoint may be due; no segment is free.
+// From the log writer: so many bytes of log were written, a checkpoint may be due; no segment is free. Neither waits.
 void NoteLogGrowth(uint64_t bytes);
 void RequestSpareSegment();
 bool CheckpointRuns();
-// From an administrator: one is to be made now. False when one is wanted already.
+// From an administrator: one is to be made now. False when one is wanted or made already.
 bool RequestCheckpoint();
 
 }  // namespace host

@@ -137,7 +137,8 @@ struct LogItem {
 };
 
 // Appends a record, with the sections of all its shards held and before it is applied. Its sequence number, or 0 when
-// writes are refused: then nothing may be applied. `flushed`: what FLUSHALL has taken out of the 64 shards.
+// writes are refused: then nothing may be applied. `flushed`: what FLUSHALL has taken out of the 64 shards; the log's,
+// which frees it, unless the answer is 0.
 uint64_t AppendLog(RecordType type, const LogItem *items, uint32_t count, Contents *flushed = nullptr);
 // Waits while more than the log writer can take has gathered; to be called before any section is entered.
 void AwaitLogRoom(Waiter *waiter);
@@ -161,7 +162,7 @@ DWORD WINAPI LogWriter(LPVOID);         // "LGWR"
 bool RequestLgwrMigration();            // a scheduler of its own for it, soon; false without --migrate-lgwr
 DWORD WINAPI LogFlusher(LPVOID);        // kernel thread of --durability everysec
 void MendLog();                         // once a second, from a user thread: wakes the writer after a flush that failed
-LogPosition DurableEnd();               // where a checkpoint begins
+LogPosition DurableEnd();               // where a checkpoint begins: behind the last batch that was written
 uint64_t RefusedCount();                // changes whenever records are taken back
 void ReleaseSegments(uint64_t before);  // those with lower numbers are free
 bool MakeSpareSegment();                // one more, when no segment is free

@@ -34,7 +34,8 @@ const char kHelp[] =
     "  --threads            kernel threads instead of user threads\n"
     "  --max-sessions N     clients at a time (default 10000)\n"
     "  --max-value BYTES    longest key and value (default 8388608)\n"
-    "  --max-buffers BYTES  memory for requests that are not complete (default 268435456)\n"
+    "  --max-buffers BYTES  memory for incomplete requests, and for keys that KEYS and SCAN gather\n"
+    "                       (default 268435456)\n"
     "  --segment BYTES      size of a log file (default 33554432, more for large values)\n"
     "  --checkpoint BYTES   log after which a checkpoint is made (default: two segments)\n"
     "  --send-timeout S     seconds that a client may leave an answer unread (default 30)\n"
@@ -43,7 +44,8 @@ const char kHelp[] =
     "  --admin-pipe NAME    serve administrators on the pipe \\\\.\\pipe\\NAME; '': keyhost.PROCESS-NUMBER\n"
     "  --help               this text\n"
     "\n"
-    "Settings of the library may come from the environment (ZVX_FIBERS_...); those that the options set win.\n";
+    "Settings of the library may come from the environment (ZVX_FIBERS_...); those that the options set win, and\n"
+    "the number of schedulers is always the option's.\n";
 
 uint64_t ToNumber(const char *option, const char *text, uint64_t least, uint64_t most) {
     char *end = nullptr;

@@ -1,6 +1,6 @@
 // host/server.cpp - the dispatch of requests, and the commands that are not about keys.
 //
-// Runs on sessions. Nothing here waits except for room in the log.
+// Runs on sessions. Nothing here waits except for sections and for room in the log.
 #include <algorithm>
 #include <cstring>
 #include <iterator>

@@ -1,9 +1,9 @@
 /* zvxkvt/osapi.h - what a host needs of the operating system besides zvxkvt/zvxkvt.h.
  *
- * The library does not replace these: they act at once, on any thread, and block the kernel thread where they wait.
- * Inside a user thread prefer what zvxkvt.h has. A failure is FALSE, null or the value that is named, with the reason
- * in GetLastError. They are exported under the version ZVXKVT_OS; those at the end, whose names begin with Zvx, are for
- * tools and examples, under ZVXKVT_PRIVATE, and may change.
+ * The library does not replace these but for FlushFileBuffers: they act at once, on any thread, and block the kernel
+ * thread where they wait. Inside a user thread prefer what zvxkvt.h has. A failure is FALSE, null or the value that is
+ * named, with the reason in GetLastError. They are exported under the version ZVXKVT_OS; those at the end, whose names
+ * begin with Zvx, are for tools and examples, under ZVXKVT_PRIVATE, and may change.
  */
 #ifndef ZVXKVT_OSAPI_H
 #define ZVXKVT_OSAPI_H
@@ -74,12 +74,13 @@ ZVXKVT_API HANDLE WINAPI OpenEventA(DWORD access, BOOL inherit, LPCSTR name);
 ZVXKVT_API BOOL WINAPI GetExitCodeProcess(HANDLE process, LPDWORD exitCode);
 /* At once and with that code; a child's parent sees all of its 32 bits. */
 ZVXKVT_API BOOL WINAPI TerminateProcess(HANDLE process, DWORD exitCode);
-/* The handle of a standard stream, the same at every call until it is closed; INVALID_HANDLE_VALUE when there is none. */
+/* The handle of a standard stream (STD_INPUT_HANDLE and so on), the same at every call until it is closed;
+ * INVALID_HANDLE_VALUE when there is none. */
 ZVXKVT_API HANDLE WINAPI GetStdHandle(DWORD which);
 
 /* ---- Memory ------------------------------------------------------------------------------------------ */
 
-/* Zero-filled pages: MEM_RESERVE, MEM_COMMIT, MEM_LARGE_PAGES; null on failure. */
+/* `bytes` of zero-filled pages: MEM_RESERVE, MEM_COMMIT, MEM_LARGE_PAGES; null on failure. */
 ZVXKVT_API LPVOID WINAPI VirtualAlloc(LPVOID address, SIZE_T bytes, DWORD type, DWORD protect);
 ZVXKVT_API BOOL WINAPI VirtualFree(LPVOID address, SIZE_T bytes, DWORD type);
 

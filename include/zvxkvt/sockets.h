@@ -18,8 +18,8 @@
  *
  * Results. SOCKET_ERROR, or INVALID_SOCKET where a SOCKET is returned, is a failure, with a WSAE code in
  * WSAGetLastError, which is one value with GetLastError; each user thread has its own. A connection that the other side
- * reset gives WSAECONNRESET; no signal is ever raised. Every function may be called from any thread; one of which neither
- * yielding nor blocking is said does neither.
+ * reset gives WSAECONNRESET; no signal is ever raised. Every function may be called from any thread; one of which
+ * neither yielding nor blocking is said does neither.
  */
 #ifndef ZVXKVT_SOCKETS_H
 #define ZVXKVT_SOCKETS_H
@@ -117,7 +117,7 @@ ZVXKVT_API int WINAPI zvx_recv(SOCKET s, char *buffer, int length, int flags);
  *   - neither OVERLAPPED nor routine, or a socket for synchronous use: yields until the operation has ended. A routine
  *     is then called before the return, hEvent signalled otherwise.
  *   - a routine: SOCKET_ERROR with WSA_IO_PENDING, even when it is done already; the routine runs on the calling user
- * thread, in a later alertable wait of it and never before. Buffers and OVERLAPPED must stay valid until then.
+ *     thread, in a later alertable wait of it and never before. Buffers and OVERLAPPED must stay valid until then.
  *   - an OVERLAPPED alone: SOCKET_ERROR with WSA_IO_PENDING while it runs; the caller waits for it itself. hEvent may
  *     get its low bit set; the functions of this library take it with and without that bit. */
 ZVXKVT_API int WINAPI WSARecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytes, LPDWORD flags,
@@ -156,8 +156,8 @@ ZVXKVT_API BOOL WINAPI WSACloseEvent(WSAEVENT event);
 ZVXKVT_API BOOL WINAPI WSASetEvent(WSAEVENT event);
 ZVXKVT_API BOOL WINAPI WSAResetEvent(WSAEVENT event);
 
-/* Has the event signalled for the network events in `events` (FD_ bits; 0 ends it) and makes the socket non-blocking.
- */
+/* Has the event signalled for the network events in `events` (FD_ bits; 0 ends it), and makes the socket
+ * non-blocking. */
 ZVXKVT_API int WINAPI WSAEventSelect(SOCKET s, WSAEVENT event, LONG events);
 /* The network events since the last call, with an error for each; also resets `event`, which may be null. */
 ZVXKVT_API int WINAPI WSAEnumNetworkEvents(SOCKET s, WSAEVENT event, LPWSANETWORKEVENTS result);

@@ -12,9 +12,10 @@
  * Pass-through. Where fiber mode is not active, or the caller is not a user thread, each function is the operating
  * system's function of that name and blocks where it waits.
  *
- * Every function may be called from any thread; one of which neither yielding nor blocking is said does neither. A failure
- * is the return value that is named, else FALSE or null, with the reason in GetLastError; each user thread has its own. A
- * failure of the library's own has the reason 0xFFFFFFFF. Handles that stand for nothing give ERROR_INVALID_HANDLE.
+ * Every function may be called from any thread; one of which neither yielding nor blocking is said does neither. A
+ * failure is the return value that is named, else FALSE or null, with the reason in GetLastError; each user thread has
+ * its own. A failure of the library's own has the reason 0xFFFFFFFF. Handles that stand for nothing give
+ * ERROR_INVALID_HANDLE.
  */
 #ifndef ZVXKVT_ZVXKVT_H
 #define ZVXKVT_ZVXKVT_H
@@ -39,8 +40,8 @@ extern "C" {
 typedef int (*ZVXKVT_LOOKUP_VALUE)(const char *name, char *buffer, int capacity);
 
 typedef struct _ZVXKVT_INIT_PARAMS {
-    uint32_t *QuantumIndicator;      /* the library writes 1 while some user thread has run for too long, else 0; null
-                                        for none. Must stay valid for the life of the process. */
+    uint32_t *QuantumIndicator;      /* the library writes 1 while some user thread of a static scheduler has run for
+                                        too long, else 0; null for none. Must stay valid for the life of the process. */
     void *Reserved;                  /* not read */
     const char *TraceDirectory;      /* where the trace log, dumps and the ring log go; null for the current
                                         directory. Copied. */
@@ -74,7 +75,7 @@ ZVXKVT_API DWORD WINAPI SleepEx(DWORD ms, BOOL alertable);
 ZVXKVT_API BOOL WINAPI ZSleepExN(DWORD reserved, DWORD target, LPDWORD counter, LPDWORD outstanding);
 
 /* Yields if the calling user thread has run for longer than its quantum; to be called by long computations that find
- * the quantum indicator set. */
+ * the quantum indicator set. Without an indicator nobody counts, and it never yields. */
 ZVXKVT_API void WINAPI UserThreadQuantumExpiredCheck(void);
 
 /* ---- Thread-local slots and the last error ----------------------------------------------------------- */
@@ -106,18 +107,19 @@ ZVXKVT_API BOOL WINAPI DuplicateHandle(HANDLE sourceProcess, HANDLE source, HAND
 
 /* Opens or creates a file; the name is taken literally. INVALID_HANDLE_VALUE on failure. Blocks for as long as the
  * file system takes. `share`, `security` and `templateFile` are not read: every file is shared. Without
- * FILE_FLAG_OVERLAPPED in `flags` the handle has a file position, shared by its duplicates, and reads and writes wait by
- * yielding; with it the caller drives its own operations. */
+ * FILE_FLAG_OVERLAPPED in `flags` the handle has a file position, shared by its duplicates, and reads and writes wait
+ * by yielding; with it the caller drives its own operations. */
 ZVXKVT_API HANDLE WINAPI CreateFileA(LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                                      DWORD disposition, DWORD flags, HANDLE templateFile);
 ZVXKVT_API HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                                      DWORD disposition, DWORD flags, HANDLE templateFile);
 
-/* Reads or writes `count` bytes; *got (may be null) receives how many were moved. At the end of the file a read
- * returns TRUE with 0 bytes. Without an OVERLAPPED at the file position, which moves on; with one at its Offset. On a
- * handle without FILE_FLAG_OVERLAPPED: yields until done. With it: FALSE with ERROR_IO_PENDING while the operation
- * runs, and buffer and OVERLAPPED must stay valid until it has ended. hEvent may get its low bit set; the functions
- * of this header take it with and without that bit. */
+/* Reads or writes `count` bytes; *got (may be null) receives how many were moved. On a handle without
+ * FILE_FLAG_OVERLAPPED, or without an OVERLAPPED: yields until done, at the file position or at the OVERLAPPED's
+ * Offset, and puts the position behind what was moved; at the end of the file a read returns TRUE with 0 bytes. With
+ * both: at the Offset, FALSE with ERROR_IO_PENDING while the operation runs, and buffer and OVERLAPPED must stay valid
+ * until it has ended. hEvent may get its low bit set; the functions of this header take it with and without that bit.
+ */
 ZVXKVT_API BOOL WINAPI ReadFile(HANDLE file, LPVOID buffer, DWORD count, LPDWORD got, LPOVERLAPPED overlapped);
 ZVXKVT_API BOOL WINAPI WriteFile(HANDLE file, LPCVOID buffer, DWORD count, LPDWORD put, LPOVERLAPPED overlapped);
 
@@ -130,7 +132,8 @@ ZVXKVT_API BOOL WINAPI WriteFileEx(HANDLE file, LPCVOID buffer, DWORD count, LPO
                                    LPOVERLAPPED_COMPLETION_ROUTINE routine);
 
 /* Locks the bytes from the OVERLAPPED's Offset on, `high` and `low` being the two words of their number. Yields
- * until the range is free, unless LOCKFILE_FAIL_IMMEDIATELY asks for ERROR_LOCK_VIOLATION. */
+ * until the range is free, unless LOCKFILE_FAIL_IMMEDIATELY asks for ERROR_LOCK_VIOLATION; on a handle with
+ * FILE_FLAG_OVERLAPPED FALSE with ERROR_IO_PENDING meanwhile, and the caller waits itself. `reserved` is 0. */
 ZVXKVT_API BOOL WINAPI LockFileEx(HANDLE file, DWORD flags, DWORD reserved, DWORD low, DWORD high,
                                   LPOVERLAPPED overlapped);
 
@@ -190,7 +193,8 @@ ZVXKVT_API BOOL WINAPI GetExitCodeThread(HANDLE thread, LPDWORD exitCode);
 ZVXKVT_API BOOL WINAPI GetThreadTimes(HANDLE thread, LPFILETIME creation, LPFILETIME exit, LPFILETIME kernel,
                                       LPFILETIME user);
 
-/* For a user thread: changes nothing and returns the mask of its scheduler. */
+/* For a user thread: changes nothing and returns the mask of its scheduler. Yields only while that thread is on its way
+ * to a scheduler of its own; 0 with ERROR_INVALID_HANDLE when it ends meanwhile. */
 ZVXKVT_API DWORD WINAPI SetThreadAffinityMask(HANDLE thread, DWORD mask);
 /* The operating system's function: the mask of a kernel thread before the change, 0 on failure. Bit i is the i-th
  * processor that the process may use. */
@@ -199,8 +203,8 @@ ZVXKVT_API DWORD WINAPI SetOSThreadAffinityMask(HANDLE thread, DWORD mask);
 /* ---- Waits and events -------------------------------------------------------------------------------- */
 
 /* Yields until the object is signalled or `ms` milliseconds have passed (0 tests once, INFINITE waits for good).
- * WAIT_OBJECT_0, WAIT_ABANDONED_0, WAIT_TIMEOUT or WAIT_FAILED. A change that another process makes to a named object is
- * seen at the next look, every few milliseconds (setting "TimerInterval"). */
+ * WAIT_OBJECT_0, WAIT_ABANDONED_0, WAIT_TIMEOUT or WAIT_FAILED. A change that another process makes to a named object
+ * is seen at the next look, every few milliseconds (setting "TimerInterval"). */
 ZVXKVT_API DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD ms);
 /* The same for 1 to 64 objects, one of them (result plus its index) or all of them at one time. */
 ZVXKVT_API DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE *handles, BOOL waitAll, DWORD ms);
@@ -227,31 +231,34 @@ ZVXKVT_API void WINAPI IdentifyUserThread(LPCSTR tag, HANDLE postEvent);
 /* Takes the identity back; to be called before the thread ends. `reserved` is not read. */
 ZVXKVT_API void WINAPI UnidentifyUserThread(DWORD reserved);
 /* Gives the calling user thread a tag, and, where that is "LGWR" or begins with "DBW" and the setting
- * "DynamicSchedulersEnabled" allows it, a scheduler of its own: the thread runs there when the call returns, and until it
- * ends. Yields until none of its operations is outstanding, without delivering completion routines; a post that arrives
- * during the move may be dropped. The caller's kernel thread is another one afterwards. The seventeenth such thread at a
- * time ends the process. Called before IdentifyUserThread, whose classes take the move into account; the string is kept
- * by pointer as there. A second move of the same thread records the tag only. Does nothing outside fiber mode. */
+ * "DynamicSchedulersEnabled" allows it, a scheduler of its own: the thread runs there when the call returns, and until
+ * it ends. Yields until none of its operations is outstanding, without delivering completion routines; a post that
+ * arrives during the move may be dropped. The caller's kernel thread is another one afterwards. The seventeenth such
+ * thread at a time ends the process, with more than sixteen schedulers an earlier one. Called before
+ * IdentifyUserThread, whose classes take the move into account; the string is kept by pointer as there. A second move
+ * of the same thread records the tag only. Does nothing outside fiber mode. */
 ZVXKVT_API void WINAPI MigrateUserThread(LPCSTR tag);
 
-/* Wakes the user thread that identified itself with `event`, or lets its next WaitForUserThreadPost end at once; several
- * posts before a wait count as one. For any other event - so also before the thread has identified itself - SetEvent, which
- * its WaitForUserThreadPost does not see. TRUE as well when the event is gone. May yield to a
- * thread of a higher class (setting "YieldAfterHPPost"). */
+/* Wakes the user thread that identified itself with `event`, or lets its next WaitForUserThreadPost end at once;
+ * several posts before a wait count as one. For any other event - so also before the thread has identified itself -
+ * SetEvent, which its WaitForUserThreadPost does not see. TRUE as well when the event is gone. May yield to a thread of
+ * a higher class (setting "YieldAfterHPPost"). */
 ZVXKVT_API BOOL WINAPI PostUserThread(HANDLE event);
 /* The same for a list that ends with a 0 entry; one message for up to 16 targets on one scheduler. -1, or the index of
  * the first event that could not be posted; those before it are posted all the same. Does not yield. */
 ZVXKVT_API int WINAPI PostMultipleUserThreads(const HANDLE *events);
 /* Yields until the caller is posted or `ms` milliseconds have passed: 0 or WAIT_TIMEOUT. `event` is the one the caller
- * identified itself with, or null if that was null; any other is waited for as WaitForSingleObject does. */
+ * identified itself with, or null if that was null. Another handle that the library knows (of a file, a socket, a
+ * thread, or with which somebody else is identified) stands for the caller's own posts, too; any other is waited for as
+ * WaitForSingleObject does. */
 ZVXKVT_API DWORD WINAPI WaitForUserThreadPost(HANDLE event, DWORD ms);
 
 /* ---- Critical sections ------------------------------------------------------------------------------- */
 
 /* A recursive lock that belongs to a user thread. Entering a section that another thread owns yields until that one has
  * left; leaving wakes whoever has waited longest, which then tries again. A thread that ends leaves what it owns. The
- * structure must not move. Errors end the process with a message: a section that was never initialised, leaving one that
- * another thread owns, deleting one that another thread owns or waits for.
+ * structure must not move. Errors end the process with a message: a section that was never initialised, leaving one
+ * that another thread owns, deleting one that another thread owns or waits for.
  * Sections that were initialised before fiber mode are taken over at their first entry by a user thread; they must be
  * free then. */
 ZVXKVT_API void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION section);
@@ -302,8 +309,8 @@ ZVXKVT_API BOOL WINAPI CreateProcessW(LPCWSTR application, WCHAR *commandLine, L
                                       LPSECURITY_ATTRIBUTES threadSecurity, BOOL inherit, DWORD flags,
                                       LPVOID environment, LPCWSTR directory, LPSTARTUPINFOW startup,
                                       LPPROCESS_INFORMATION information);
-/* A handle that is signalled when the process has ended; null with ERROR_INVALID_PARAMETER when there is none. `access` and
- * `inherit` are not read. */
+/* A handle that is signalled when the process has ended; null with ERROR_INVALID_PARAMETER when there is none. `access`
+ * and `inherit` are not read. */
 ZVXKVT_API HANDLE WINAPI OpenProcess(DWORD access, BOOL inherit, DWORD processId);
 
 /* Waits until a process waits for its user's input. No process here has windows: WAIT_FAILED with
@@ -319,9 +326,9 @@ ZVXKVT_API BOOL WINAPI ReadConsoleA(HANDLE console, LPVOID buffer, DWORD charact
 
 /* Has the user thread that is identified by the post event `thread` run the routine on its own stack, at its next
  * dispatch, whatever it waits for; afterwards it goes back to that wait, an alertable one without operations excepted,
- * which ends as if a completion routine had run. While one routine is pending for a thread another one is dropped. FALSE with
- * ERROR_INVALID_HANDLE when the event identifies no living user thread, with 0xFFFFFFFF outside fiber mode. Yields only
- * while that thread is on its way to a scheduler of its own. */
+ * which ends as if a completion routine had run. While one routine is pending for a thread another one is dropped.
+ * FALSE with ERROR_INVALID_HANDLE when the event identifies no living user thread, with 0xFFFFFFFF outside fiber mode.
+ * Yields only while that thread is on its way to a scheduler of its own. */
 ZVXKVT_API BOOL WINAPI UserThreadExecRoutine(HANDLE thread, ZVXKVT_ROUTINE routine);
 
 /* Queues routine(data) for the next alertable wait of a kernel thread. The handle of a user thread stands for its

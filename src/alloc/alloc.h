@@ -42,10 +42,10 @@ void KVTAllocInit();
 void *AllocChunk(const AllocType *type, Scheduler *sched, uint8_t node);
 // Into the cache of the scheduler that the caller runs on, whatever node the chunk came from.
 void FreeChunk(const AllocType *type, Scheduler *sched, void *chunk, uint8_t node);
-// `size` bytes, or null when size + 16 does not fit 32 bits. Memory is aligned to 16 bytes as long as every size is a
-// multiple of 16, so callers round up: chunks are cut from the same memory. A new region blocks the kernel thread for
-// as long as touching 16 MiB takes, pinned to the node; afterwards the thread has `restoreMask` and, with `pin`,
-// `restorePriority`.
+// `size` bytes, or null when size + 16 does not fit 32 bits; without memory the process ends. Memory is aligned to 16
+// bytes as long as every size is a multiple of 16, so callers round up: chunks are cut from the same memory. A new region
+// blocks the kernel thread for as long as touching 16 MiB takes, pinned to the node; afterwards the thread has
+// `restoreMask` and, with `pin`, `restorePriority`.
 void *KVTAlloc(uint32_t size, uint8_t node, bool pin, int32_t restorePriority, uint32_t restoreMask);
 void *KVTAllocSched(uint32_t size, Scheduler *sched, uint8_t node);  // by code running on `sched`'s thread
 void *KVTAllocNoSched(uint32_t size, uint8_t node);                  // any thread

@@ -1,6 +1,6 @@
 // config/settings.h - the option flags and the settings variables.
 //
-// Read once at start-up on the host's thread, before any scheduler exists, and read without locks afterwards.
+// Set once at start-up on the host's thread, before any scheduler exists, and read without locks afterwards.
 // The only later writers of OptionFlags are start-up (su_InFiber, su_FiberMode, su_Initialized) and the
 // allocator (clears su_EnableLargePages), so the word is atomic with relaxed reads.
 #ifndef ZVX_CONFIG_SETTINGS_H
@@ -93,7 +93,8 @@ void AppendInitialOutput(const char *format, ...) __attribute__((format(printf, 
 bool GetSetting(const char *key, int base, uint32_t *value);
 // Writes every default, then reads every setting. Once, at start-up.
 void ReadSchedulerSettings();
-void DumpSchedInternalVariables();
+void DumpSchedInternalVariables();  // to the trace log; any thread
+// A trace line for each of the `count` bits that is set in `value`, and one for what has no name. Any thread.
 void DecodeFlags(uint32_t value, const uint32_t *bits, const char *const *names, uint32_t count, uint32_t indent);
 
 }  // namespace zvx

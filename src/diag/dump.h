@@ -16,9 +16,10 @@ DWORD WriteMiniDump(void *name);
 // on the calling thread when there is none to be had. Blocks.
 void WriteDumpOnHelperThread(const char *name);
 // A dump of the caller and, when it is a user thread, of every other user thread of its scheduler; nobody else of the
-// scheduler runs meanwhile. The caller's last error, errno and slots are what they were. `prefix` begins each name.
+// scheduler runs meanwhile. The caller's last error, errno and slots are what they were. `prefix` begins each name. Any
+// thread; blocks until the files are written, yields never.
 void DumpProcess(const char *prefix);
-void DumpDebug();
+void DumpDebug();  // DumpProcess("zvxkvt_debug")
 // FatalExit's way to DumpProcess: from here on no lock is waited for without a limit.
 void DumpForFatalExit(const char *prefix);
 // The SwitchHook of a sweep, on the fiber that was switched to: writes its dump and gives the Fiber to go on with.

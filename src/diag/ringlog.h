@@ -37,12 +37,12 @@ extern std::atomic<uint64_t> gRingDropped;  // atomic: texts for which there was
 
 // Scheduler 0's thread, at its start. False without "LogToFile", or without memory: there is no ring log then.
 bool RingLogInit();
-// Any thread; neither blocks nor yields. Queues one text, cut at a whole character to what a record holds; false when
-// there is no ring log or no free record, and then the text is dropped and counted.
+// Any thread; neither blocks nor yields. Queues one text, cut at a whole character to what a record holds. False
+// without a ring log, and when there is no free record: then the text is dropped and counted.
 bool RingLogPrintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
-// Of a queue's oldest record, or null. Any thread.
+// Takes the queue's oldest record out of it; null when there is none. Any thread; neither blocks nor yields.
 RingRecord *TakeRingRecord(RingQueue *queue);
-void PutRingRecord(RingQueue *queue, RingRecord *record);
+void PutRingRecord(RingQueue *queue, RingRecord *record);  // behind the others; as above
 
 // diag/fiberlog.cpp: the body of the user thread "FLOG" on scheduler 0. Never returns.
 DWORD FiberLogger(void *unused);

@@ -1,13 +1,13 @@
 // diag/timeline.h - the timeline: every switch, wait, post and completion of a few seconds, for a viewer.
 //
 // A tool outside the process asks for it by setting gTimelineWanted to its process number, so that a second tool knows
-// whom to leave alone, and reads the rings with the system's call for
-// reading another process's memory. A scheduler notices at its next timer check, and from then on writes one event of
-// 24 bytes for each thing that happens on it. While nobody asks, a switch pays one branch on a word of its scheduler.
+// whom to leave alone, and reads the rings with the system's call for reading another process's memory. A scheduler
+// notices at its next timer check, and from then on writes an event of 24 bytes for each thing that happens on it, two
+// for a switch. While nobody asks, a switch pays one branch on a word of its scheduler.
 //
 // Protocol: a ring is written by its scheduler's thread only; an event first, then Written with release order. A reader
-// takes Written, copies, takes Written again, and drops what may have been overwritten meanwhile. A ring is never freed:
-// asked for again, it goes on.
+// takes Written, copies, takes Written again, and drops what may have been overwritten meanwhile. A ring is never
+// freed: asked for again, it goes on.
 #ifndef ZVX_DIAG_TIMELINE_H
 #define ZVX_DIAG_TIMELINE_H
 

@@ -17,10 +17,15 @@ extern os::CriticalSection gTraceLock;
 extern os::CriticalSection gDumpLock;
 extern std::atomic<uint8_t> gDying;  // set once FatalExit has written its dumps
 
-// Any thread may call these; none yields, and a write blocks the caller's kernel thread for its length.
+// Any thread may call these; none yields, and a write blocks the caller's kernel thread for its length. A line that
+// cannot be written is lost. errno and the last error are what they were, but for TraceInit.
+//
+// Sets up what there is once, and the directory (null: the current one) at the first call and whenever one is given.
 void TraceInit(const char *dir);
+// `stamp`: with date and time in front, to which `hires` adds the performance counter.
 void WriteTraceLine(const char *text, bool flush, bool stamp, bool hires);
-void TracePrintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
+void TracePrintf(const char *format, ...) __attribute__((format(printf, 1, 2)));  // flushed, with date and time
+// `prefix`: with the last error and who writes in front; then nothing is written for the thread "PMON".
 void TraceLog(bool prefix, bool flush, bool stamp, const char *format, ...) __attribute__((format(printf, 4, 5)));
 // Records the message, dumps, tells the console and ends the process with exit code 1. Of several callers the first
 // claims the exit: a second call on the same thread (from within a dump) skips the dumps, other threads wait for the
@@ -40,7 +45,8 @@ void CopyTraceDir(char *path);
 // Removes a character that was cut in two from the end of `text`, which was cut at `length` bytes; the new length.
 size_t DropPartialChar(char *text, size_t length);
 
-// What lies above registers itself (RegisterDumps): the internal-variable dump and the crash dumps. Null: there is none.
+// What lies above registers itself (RegisterDumps): the internal-variable dump and the crash dumps. Null: there is
+// none.
 extern void (*gDumpVariables)();
 extern void (*gDumpProcess)(const char *namePrefix);
 

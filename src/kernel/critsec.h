@@ -11,9 +11,9 @@ namespace zvx {
 // States: free (Owner null), owned (on the owner's OwnedCritSecs, RecursionCount at least 1). A user thread is on
 // Waiters from its first failed attempt until it has acquired the section.
 //
-// No wake-up is lost. A waiter appends itself (WaiterCount, sequentially consistent) and then tries Owner once more; the
-// leaver stores Owner and then looks at WaiterCount. One of them sees the other. That holds for whoever owns the section
-// behind the queueing, and for nobody who was seen before it.
+// No wake-up is lost. A waiter appends itself (WaiterCount, sequentially consistent) and then tries Owner once more;
+// the leaver stores Owner and then looks at WaiterCount. One of them sees the other. That holds for whoever owns the
+// section behind the queueing, and for nobody who was seen before it.
 //
 // After Owner is null the leaver still reads WaiterCount and, when it is not 0, the first waiter under WaitersLock. A
 // new owner may delete the section meanwhile, but not its memory: that comes back only after every scheduler has made a

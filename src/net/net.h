@@ -3,8 +3,8 @@
 // Every socket that a user thread makes is an overlapped socket with an entry in the handle table, whatever the host
 // asked for. Sending, receiving and accepting on it is an overlapped operation that parks only the calling user
 // thread; its scheduler runs others meanwhile. Calls on a socket without an entry, and calls of threads that are no
-// user threads, are the operating system's own. What the library leaves as it is (options, WSAIoctl and the like) has no
-// function here: the exports name the operating system's.
+// user threads, are the operating system's own. What the library leaves as it is (options, WSAIoctl and the like) has
+// no function here: the exports name the operating system's.
 #ifndef ZVX_NET_NET_H
 #define ZVX_NET_NET_H
 
@@ -37,7 +37,8 @@ FIBEROVERLAPPED *PrepareSocketOv(Fiber *F, PSEHAND *entry, uint32_t opArg, bool 
 // A record for an operation with a completion routine; counted in F->PendingApcIos.
 FIBEROVERLAPPED *AllocSocketOv(Fiber *F, PSEHAND *entry, uint32_t opArg);
 
-// Exported: wrap.cpp.
+// Exported: the public header says what each does. wrap.cpp; neither blocks nor yields but for WSAAccept, which blocks
+// every user thread of the scheduler.
 SOCKET WSASocketA(int family, int type, int protocol, WSAPROTOCOL_INFOA *info, DWORD group, DWORD flags);
 SOCKET socket(int family, int type, int protocol);
 SOCKET WSAAccept(SOCKET s, sockaddr *address, int *length, LPCONDITIONPROC condition, DWORD_PTR callbackData);
@@ -49,7 +50,7 @@ int closesocket(SOCKET s);
 // Ends the process: datagrams are not supported, in any mode. The name is that of the function that was called.
 [[noreturn]] int RefuseDatagram(const char *name);
 
-// transfer.cpp.
+// transfer.cpp: may yield.
 int WSARecv(SOCKET s, WSABUF *buffers, DWORD count, DWORD *bytes, DWORD *flags, OVERLAPPED *overlapped,
             LPWSAOVERLAPPED_COMPLETION_ROUTINE routine);
 int WSASend(SOCKET s, WSABUF *buffers, DWORD count, DWORD *bytes, DWORD flags, OVERLAPPED *overlapped,
@@ -58,10 +59,10 @@ int recv(SOCKET s, char *buffer, int length, int flags);
 int send(SOCKET s, const char *buffer, int length, int flags);
 BOOL WSAGetOverlappedResult(SOCKET s, OVERLAPPED *overlapped, DWORD *bytes, BOOL wait, DWORD *flags);
 
-// accept.cpp.
+// accept.cpp: yields until a client has connected.
 SOCKET accept(SOCKET s, sockaddr *address, int *length);
 
-// select.cpp. Events are taken with and without their low bit.
+// select.cpp: the first two may yield. Events are taken with and without their low bit.
 int select(int ignored, zvx_fd_set *read, zvx_fd_set *write, zvx_fd_set *error, const os::TimeVal *timeout);
 DWORD WSAWaitForMultipleEvents(DWORD count, const WSAEVENT *events, BOOL waitAll, DWORD ms, BOOL alertable);
 BOOL WSACloseEvent(WSAEVENT event);

@@ -1,4 +1,5 @@
-// net/select.cpp - select and the waits for socket events, as polls between which the caller yields.
+// net/select.cpp - select, as looks between which the caller yields, and the waits for socket events, which are waits
+// for objects (sched/objects.cpp): parked, or polled where kernel/wait.cpp says.
 //
 // Runs on the calling user thread. Nothing here blocks the kernel thread.
 #include <cstring>

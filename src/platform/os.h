@@ -71,7 +71,7 @@ void SetSlotArray(void **slots);
 // ---- Fibers ------------------------------------------------------------------------------------------
 //
 // A switch carries the callee-saved registers, MXCSR and the x87 control word, errno and the C++
-// exception state. Stacks have a guard page below them; running into it is reported on standard error
+// exception state. Stacks have a guard (four pages) below them; running into it is reported on standard error
 // with the tag of the fiber by one write, and then the signal takes its default course.
 
 // Makes the calling thread a fiber whose data is `data`; null on failure (already a fiber, no memory).
@@ -136,9 +136,8 @@ void DeleteCriticalSection(CriticalSection *section);
 void EnterCriticalSection(CriticalSection *section);
 BOOL TryEnterCriticalSection(CriticalSection *section);
 void LeaveCriticalSection(CriticalSection *section);
-// Gives the processor to another kernel thread; what a spin lock does after a bounded spin.
-void CpuRelax();
-void YieldProcessor();
+void CpuRelax();        // one turn of a spin: some nanoseconds
+void YieldProcessor();  // to another kernel thread; what a spin lock does after a bounded spin
 
 // ---- Clocks ------------------------------------------------------------------------------------------
 

@@ -1,7 +1,7 @@
 // postwait/identity.cpp - role tags, and the post event by which others name a user thread.
 //
-// Runs on the calling user thread and touches its own record and scheduler only. A tag decides the scheduling class, the
-// queue a woken thread goes to, and whether its scheduler's kernel thread is raised. The host's string is kept by
+// Runs on the calling user thread and touches its own record and scheduler only. A tag decides the scheduling class,
+// the queue a woken thread goes to, and whether its scheduler's kernel thread is raised. The host's string is kept by
 // pointer; it must outlive the identification.
 #include <cstring>
 

@@ -1,12 +1,12 @@
 // postwait/post.cpp - posting user threads, and waiting for a post.
 //
 // A post to a thread of the same scheduler takes no lock and makes no system call: it sets a bit of the target and,
-// if that waits for it, puts the target in a run queue. A post to another scheduler goes through the lane of the two; the
-// posts of one list share a message a scheduler, 16 targets each.
+// if that waits for it, puts the target in a run queue. A post to another scheduler goes through the lane of the two,
+// or in a message when that is full; the posts of one list share a message a scheduler, 16 targets each.
 //
 // Protocol. PostPending is written by the thread of the target's scheduler only: by a poster that runs there, or by
-// that scheduler when it works on a message. PendingPosts belongs to the scheduler of the poster; a batch lives there
-// only while one list is walked, which does not yield.
+// that scheduler when it works on a lane or a message. PendingPosts belongs to the scheduler of the poster; a
+// batch lives there only while one list is walked, which does not yield.
 #include "alloc/alloc.h"
 #include "diag/timeline.h"
 #include "kernel/handles.h"

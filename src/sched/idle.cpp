@@ -2,7 +2,7 @@
 // port.
 //
 // Runs on the scheduler's thread, on the init fiber's stack or inline on that of a yielding fiber. The wait in
-// the port is the only place where a scheduler thread blocks.
+// the port is the only place where it blocks.
 #include "diag/timeline.h"
 #include "diag/timesource.h"
 #include "sched/internal.h"
@@ -57,7 +57,7 @@ static bool LookForMessages(Scheduler *S) {
 }
 
 // How long the port may be waited in: 1 millisecond unless the host allowed more, and then no longer than the
-// nearest time-out, because everything else that can happen wakes the scheduler with a packet.
+// nearest time-out, because everything else that can happen wakes the scheduler.
 static uint32_t PortWait(const Scheduler *S) {
     if (gPortWaitMs <= 1) return 1;
     // Fibers in state 2 other than the init fiber (which is not counted while it runs here) ask to run again

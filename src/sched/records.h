@@ -188,8 +188,8 @@ inline uint32_t *GenerationOfTarget(FIBER_MESSAGE *msg, uint32_t i) {
 }
 
 // PostLane: single posts from one scheduler to another, without a message. Two cache lines move a post, the slot to
-// the receiver and nothing back: the sender asks how many were taken only when it believes the lane to be full, and then
-// sends a message instead if it is.
+// the receiver and nothing back: the sender asks how many were taken only when it believes the lane to be full, and
+// then sends a message instead if it is.
 //
 // A slot is written by the sender, Seq last, and read by the receiver once Seq is the number it waits for. The line of
 // Sent is the sender's; Taken is written by the receiver.
@@ -343,7 +343,7 @@ constexpr uint32_t kAttNoPortCheck = 1u << 4;  // the yielding fiber left for go
 // Scheduler: one per scheduler thread; gSchedulers[Index] leads to it.
 //
 // Run queues, wait lists and poll lists are touched by the owning thread only, without locks. Other threads
-// reach a scheduler through Messages and Port, and through nothing else.
+// reach a scheduler through Messages, the lanes, ObjectSink and Port, and through the words that are marked as atomic.
 //
 // Always true between two calls of SchedYield (CheckScheduler, debug builds):
 //   - a fiber's RunLink is in the one list its State names, in none while it runs;

@@ -76,7 +76,7 @@ void WaitForCurOv(Fiber *F);
 bool CompleteIo(FIBEROVERLAPPED *rec, Scheduler *S);
 void HandOverEnded(Scheduler *S);  // reaps, and sorts what the platform hands over into EndedOvs
 // For a look of a user thread that does not wait, and so never comes to SchedYield: makes final what has ended, events
-// included, and hands over prepared operations after a few such looks. Yields never, runs no routine.
+// included, and submits prepared operations after a few such looks. Never yields, runs no routine.
 void LookForEnded(Scheduler *S);
 bool PollOvLists(Scheduler *S, bool deep);  // all three lists; counts are PolledCount, NetCount, PortCount
 void ReapQueueSource(Scheduler *S, uint32_t queue);

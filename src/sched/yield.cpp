@@ -3,7 +3,7 @@
 // A yield files the caller in the list that its reason names, reaps what is cheap to reap, picks the next
 // fiber by a fixed order of lists and queues, and switches to it. Everything runs on the scheduler's own
 // thread; it takes no lock, allocates nothing and makes no system call unless something waits to be reaped
-// (one word of attention, one count of messages, two words of the ring) or nothing is runnable.
+// (a word of attention, the list of messages, the mask of lanes, a few words of the ring) or nothing is runnable.
 //
 // The cycle counter is read once a switch: what ends one fiber's account starts the next one's. It is read
 // again only where time passed that belongs to nobody (the idle routine ran).

@@ -362,7 +362,7 @@ def table(heads, rows):
 
 
 class ZvxPrefix(gdb.Command):
-    """User threads and schedulers of libzvxkvt: zvx threads, zvx sched, zvx bt."""
+    """User threads and schedulers of libzvxkvt: zvx threads, zvx sched, zvx bt, zvx gcore."""
 
     def __init__(self):
         super().__init__("zvx", gdb.COMMAND_STACK, prefix=True)

@@ -68,8 +68,8 @@ void WakeAlert(AlertState *state);
 void CloseAlert(AlertState *state);
 
 // For threads that end their own operations (they have an IoThread): reaps, runs the completion routines that this
-// made due, and says whether any ran. Registered by the ports; null until then. SleepEx calls it before each sleep
-// and sleeps in short steps on such a thread.
+// made due, and says whether any ran. Null unless somebody registers one, which no part of the platform does now.
+// SleepEx and the waits call it before each sleep on such a thread, and SleepEx sleeps in short steps there.
 using RunCompletionRoutinesFn = bool (*)();
 extern std::atomic<RunCompletionRoutinesFn> gRunCompletionRoutines;
 

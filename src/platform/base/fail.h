@@ -4,8 +4,8 @@
 
 namespace os {
 
-// The error number with which this step is to fail, or 0. Armed as the functions of os.h are; what is given as the error
-// is an errno value here. The last error stays as it is, and errno too.
+// The error number with which this step is to fail, or 0. Armed as the functions of os.h are; what is given as the
+// error is an errno value here. The last error stays as it is, and errno too.
 #ifdef ZVX_FAIL_POINTS
 int ShouldFailInside(const char *step);
 #else

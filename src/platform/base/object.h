@@ -79,7 +79,8 @@ void UnrefObject(Object *object);  // calls Destroy at 0
 // Marks a waitable object signalled or not, and wakes whoever waits for it. Takes the dispatcher lock.
 void SignalObject(Object *object);
 void UnsignalObject(Object *object);
-// event.cpp: the same for an event, which with a name is other processes' too. Takes the dispatcher lock or the table's.
+// event.cpp: the same for an event, which with a name is other processes' too. Takes the dispatcher lock or the
+// table's.
 void SetEventObject(Object *event);
 void ResetEventObject(Object *event);
 

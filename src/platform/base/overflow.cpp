@@ -1,9 +1,9 @@
 // platform/base/overflow.cpp - the report of a stack overflow.
 //
-// A handler for SIGSEGV, SIGBUS and SIGFPE on an alternate stack, one per kernel thread. When the faulting address lies in the
-// guard below a stack that we know, it writes one line to standard error and lets the signal take its default
-// course; a fault in a guarded call ends that call; every other one goes on to whoever handled it before. The handler runs in the middle of anything, so it
-// reads memory and calls write and sigaction, nothing else.
+// A handler for SIGSEGV, SIGBUS and SIGFPE on an alternate stack, one per kernel thread. When the faulting address lies
+// in the guard below a stack that we know, it writes one line to standard error and lets the signal take its default
+// course; a fault in a guarded call ends that call; every other one goes on to whoever handled it before. The handler
+// runs in the middle of anything, so it reads memory and calls write and sigaction, nothing else.
 #include <errno.h>
 #include <pthread.h>
 #include <signal.h>

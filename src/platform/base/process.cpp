@@ -59,8 +59,8 @@ DWORD GetEnvironmentVariableA(const char *name, char *buffer, DWORD size) {
     return static_cast<DWORD>(length);
 }
 
-// The descriptor is opaque to its users; all it can say is whether everybody has access (a null list that is present),
-// which is what objects here always grant to their own user.
+// The descriptor is opaque to its users; all it can say is whether everybody has access (a null list that is present).
+// Pipes go by that; other objects are their own user's whatever it says.
 BOOL InitializeSecurityDescriptor(void *descriptor, DWORD revision) {
     if (ShouldFail("InitializeSecurityDescriptor")) return FALSE;
     if (revision != kSecurityRevision) {

@@ -64,8 +64,8 @@ struct WaitBlock {
     uint32_t Seen;    // owner: Seq of the object's slot before the latest test
 };
 
-// Sleepers to be woken and sinks to be told once the dispatcher lock has been released. Of a sleeper only the address is
-// used: the word may be gone by then, and a stranger who sleeps on its successor takes a needless turn of its loop.
+// Sleepers to be woken and sinks to be told once the dispatcher lock has been released. Of a sleeper only the address
+// is used: the word may be gone by then, and a stranger who sleeps on its successor takes a needless turn of its loop.
 struct WakeList {
     std::atomic<uint32_t> *Words[16];
     int Count = 0;

@@ -43,9 +43,9 @@ constexpr uint32_t kCompletionEntries = 4096;
 constexpr uint32_t kSubmitBatch = 64;
 constexpr uint32_t kSubmitCalls = 16;
 // Operations past the page cache go to the device in smaller groups: the kernel passes none of a group on before it has
-// prepared them all, so a device that answers groups at once would idle while the next one gathers, and keep its users in
-// step. file_bench direct, medians of reads a second with groups of up to 64, 8, 4, 2 and 1: 16 readers 52,000, 58,000,
-// 62,000, 64,000, 59,000; 64 readers 70,000, 78,000, 84,000, 82,000, 78,000.
+// prepared them all, so a device that answers groups at once would idle while the next one gathers, and keep its users
+// in step. file_bench direct, medians of reads a second with groups of up to 64, 8, 4, 2 and 1: 16 readers 52,000,
+// 58,000, 62,000, 64,000, 59,000; 64 readers 70,000, 78,000, 84,000, 82,000, 78,000.
 constexpr uint32_t kDirectBatch = 4;
 
 // user_data of entries that are no request; requests are aligned.
@@ -281,7 +281,7 @@ bool RingStart(Engine *engine, Request *request) {
         }
     }
     Prepare(engine, request);
-    // A system call inside of the user thread's, which a quarter of the operations pay: the device is what they wait for.
+    // A system call inside the user thread's, which a quarter of the operations pay: they wait for the device anyway.
     if (request->Call.Target->Direct && ++engine->Ring->DirectPrepared >= kDirectBatch) Submit(engine, false);
     return false;
 }

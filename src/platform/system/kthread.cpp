@@ -48,7 +48,7 @@ namespace {
 struct KernelThread : ThreadObject {
     InnerLock Lock;
     std::atomic<uint32_t> SuspendCount{0};   // [Lock] futex of a parked thread
-    std::atomic<uint32_t> StopWord{0};       // owner: odd while parked, +1 at each change; futex of suspenders
+    std::atomic<uint32_t> StopWord{0};       // owner: odd while parked, raised at each change; futex of suspenders
     std::atomic<uint32_t> Announced{0};      // owner: 1 once the thread has set itself up; futex of its creator
     std::atomic<bool> EndRequested{false};   // [Lock] somebody terminated it
     DWORD EndCode = 0;                       // [Lock] valid once EndRequested is set, then constant

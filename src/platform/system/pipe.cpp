@@ -3,7 +3,7 @@
 // Runs on any thread; MoveConnect also on the engines' owners. A thread with an engine issues its overlapped operations
 // there, a thread without one gives them to the service engine, and on a handle that is not overlapped the calling
 // thread waits in poll. State and channel of an end change under its lock, which is held over system calls that do not
-// block, and over those of pipe_names.cpp when an instance begins to listen.
+// block, and over those of pipe_names.cpp when an instance begins to listen, or ends.
 #include "platform/system/pipe.h"
 
 #include <errno.h>

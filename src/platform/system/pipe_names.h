@@ -16,8 +16,9 @@
 // itself has shared ones on the same bytes, which tell the others that an instance lives.
 //
 // Everything that must be seen as one step (creating, listening, connecting, closing) happens under the record's
-// advisory lock, which is held for a few system calls and never waited for longer than two seconds. Taking a client
-// needs no lock: a listening socket has room for one connection, so whoever connected first has the instance.
+// advisory lock, which is held for a few system calls and never waited for longer than two seconds. Other users cannot
+// take it and connect without: a listening socket has room for one connection, so whoever connected first has the
+// instance. For the same reason taking a client needs no lock.
 //
 // Any thread; all functions run in an inner region, because they hold descriptors that nobody else knows.
 #ifndef ZVX_PLATFORM_SYSTEM_PIPE_NAMES_H
@@ -59,7 +60,7 @@ DWORD ParsePipeName(const char *name, PipeName *parsed);
 // Makes an instance, which listens on *listener. 0 or the error.
 DWORD ClaimInstance(const PipeName &name, const PipeTraits &traits, bool mustBeFirst, bool everybody, PipeLease *lease,
                     int *listener);
-DWORD ListenAgain(const PipeLease &lease, int *listener);
+DWORD ListenAgain(const PipeLease &lease, int *listener);  // 0 or the error
 void StopListening(const PipeLease &lease);  // its client has come, or none shall; no lock
 void ReleaseInstance(PipeLease *lease);
 

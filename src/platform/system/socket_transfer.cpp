@@ -256,7 +256,7 @@ int64_t MoveSocket(IoCall *call, int extra) {
             moved = syscall(receive ? SYS_recvmsg : SYS_sendmsg, fd, &header, flags);
         } else {
             char *at = call->Buffer + call->Done;
-            // A receive that is short has emptied the socket, by the kernel's word; only a send may be short at any time.
+            // A short receive has emptied the socket, by the kernel's word; only a send may be short at any time.
             const size_t left = receive ? call->Count - call->Done : ShortOf(call->Count - call->Done);
             moved = syscall(receive ? SYS_recvfrom : SYS_sendto, fd, at, left, flags, nullptr, nullptr);
         }
