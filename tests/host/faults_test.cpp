@@ -45,12 +45,12 @@ TEST_P(Faulty, SegmentThatIsThere) {
 
 // A value from a time with a larger --max-value is logged anew by EXPIRE, in a segment in which it fits.
 TEST_P(Faulty, ValueLargerThanASegment) {
-    ASSERT_TRUE(Host.Start({"--max-value", "6000000"})) << Host.Text();
-    const std::string value(5900000, 'v');
+    ASSERT_TRUE(Host.Start({"--max-value", "10000000"})) << Host.Text();
+    const std::string value(9900000, 'v');
     EXPECT_EQ(Client(Host).Ask({"SET", "k", value}), "+OK");
     Host.Kill();
     ASSERT_TRUE(Host.Start({"--checkpoint", "1000000000"})) << Host.Text();
-    for (int i = 0; i < 10; i++) ASSERT_EQ(Client(Host).Ask("EXPIRE k 1000"), ":1");
+    for (int i = 0; i < 6; i++) ASSERT_EQ(Client(Host).Ask("EXPIRE k 1000"), ":1");
     Host.Kill();
     ASSERT_TRUE(Host.Start()) << Host.Text();
     EXPECT_EQ(Client(Host).Ask("GET k"), "$" + value);
