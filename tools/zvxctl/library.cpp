@@ -75,11 +75,10 @@ Library OpenLibrary(pid_t pid) {
     Library library;
     std::string why;
     if (!TryOpenLibrary(OpenProcess(pid), &library, &why)) Fail("{}", why);
-    const uint64_t options = Global(library, "OptionFlags");
-    if ((options & Number(library, "su_FiberMode")) == 0) {
-        if (options & Number(library, "su_Initialized"))
-            Fail("process {} runs without user threads (DisableFibers, or FiberModeReq 0)", pid);
-        Fail("process {} has not initialised the library yet: its schedulers do not run", pid);
+    if (!IsInitialised(library)) {
+        Fail("process {} has no user threads: the library is not initialised yet, or told to use kernel threads "
+             "(DisableFibers, FiberModeReq 0)",
+             pid);
     }
     return library;
 }
