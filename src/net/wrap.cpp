@@ -31,11 +31,15 @@ SOCKET NotMade(const Fiber *F, PSEHAND *entry) {
 }
 
 // Around a call that blocks: other schedulers reuse records meanwhile (sched/grace.cpp). Nothing that was looked up
-// before is used after it.
+// before is used after it. What the scheduler's user threads have begun goes to the kernel first: the call may wait for
+// somebody who waits for that.
 struct BlockingCall {
     explicit BlockingCall(Fiber *f) : F(f) { Set(2); }
     ~BlockingCall() { Set(0); }
-    void Set(uint32_t blocked) { SchedOf(F)->BlockedOutside.store(blocked, std::memory_order_seq_cst); }
+    void Set(uint32_t blocked) {
+        if (blocked != 0) os::SubmitIo(SchedOf(F)->Io);
+        SchedOf(F)->BlockedOutside.store(blocked, std::memory_order_seq_cst);
+    }
     Fiber *const F;
     LPCONDITIONPROC Condition = nullptr;
     DWORD_PTR CallbackData = 0;

@@ -169,6 +169,7 @@ DWORD WaitForUserThreadPost(HANDLE event, DWORD ms) {
         // The kernel thread itself waits; it serves this user thread alone. Others must not wait for its next pass
         // before they reuse a record, and nothing that was looked up is used after the wait.
         Scheduler *S = SchedOf(F);
+        os::SubmitIo(S->Io);  // its own operations would begin when the wait is over
         S->BlockedOutside.store(1, std::memory_order_seq_cst);
         const DWORD result = os::WaitForSingleObject(event, ms);
         S->BlockedOutside.store(0, std::memory_order_seq_cst);

@@ -92,6 +92,28 @@ TEST_P(Sockets, OneSocketOnManySchedulers) {
     }
 }
 
+// A client that connects once more only when it has been answered: the answer must not wait for the accept that stops its
+// scheduler.
+TEST_P(Sockets, WhatWasSentLeavesBeforeABlockingCall) {
+    EXPECT_HOST_OK(RunHost(Options(), [] {
+        const Listener listener;
+        const Pair pair(listener);
+        std::thread client([&] {
+            char hello[5];
+            if (read(pair.Peer, hello, sizeof hello) == sizeof hello) netpeer::Connect(ntohs(listener.Name.sin_port));
+        });
+        std::atomic<bool> begun{false};
+        HostThread answer([&]() -> DWORD {
+            begun = true;
+            return static_cast<DWORD>(send(pair.Socket, "hello", 5, 0));
+        });
+        while (!begun) Sleep(0);
+        HOST_CHECK(WSAAccept(listener.Socket, nullptr, nullptr, nullptr, 0) != INVALID_SOCKET);
+        HOST_EQ(5u, answer.Join());
+        client.join();
+    }));
+}
+
 TEST_P(Sockets, Events) {
     EXPECT_HOST_OK(RunHost(Options(), [] {
         const Listener listener;

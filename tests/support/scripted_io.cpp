@@ -163,6 +163,8 @@ using namespace script;
 
 // ---- Reaping -----------------------------------------------------------------------------------------
 
+void SubmitIo(IoThread *) {}
+
 void ReapIo(IoThread *io) {
     for (auto it = gRequests.begin(); it != gRequests.end();) {
         const auto at = it++;
