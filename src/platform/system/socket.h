@@ -153,6 +153,7 @@ void CloseDeferred(SocketObject *listener);
 // socket_events.cpp
 
 void EnableEvents(SocketObject *socket, LONG events);  // records that the host has made room for more
+void DisableEvents(SocketObject *socket, LONG events);  // not reported until they are enabled
 void EndEvents(SocketObject *socket);
 void InheritEvents(SocketObject *accepted, SocketObject *listener);
 

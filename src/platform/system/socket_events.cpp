@@ -220,6 +220,12 @@ void EnableEvents(SocketObject *socket, LONG events) {
     ArmLocked(record, EPOLL_CTL_MOD);
 }
 
+void DisableEvents(SocketObject *socket, LONG events) {
+    if (events == 0) return;
+    InnerGuard guard(&gEventsLock);
+    if (EventRecord *record = socket->Events.load(std::memory_order_relaxed)) record->Disabled |= events;
+}
+
 void ReenableEvents(const IoCall *call) {
     EnableEvents(static_cast<SocketObject *>(call->Target), call->Reenables);
 }

@@ -228,11 +228,13 @@ BOOL IssueSocketCall(SocketObject *socket, IoCall *call) {
         block->InlineBudget = kInlineIoBudget;
         call->Later = true;
     }
-    // When it ends: what it will take is still there until then, and would be reported once more.
-    if (socket->Events.load(std::memory_order_relaxed) != nullptr) [[unlikely]]
+    // Off from here, and on again when it ends: what it will take is there until then, and would be reported.
+    if (socket->Events.load(std::memory_order_relaxed) != nullptr) [[unlikely]] {
         call->Reenables = call->Kind == RequestKind::kReceive  ? FD_READ
                           : call->Kind == RequestKind::kAccept ? FD_ACCEPT
                                                                : 0;
+        DisableEvents(socket, call->Reenables);
+    }
     const BOOL result = IssueCall(engine, call);
     if (result && engine != nullptr && block->InlineBudget != 0) block->InlineBudget--;
     return result;
