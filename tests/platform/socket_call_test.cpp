@@ -182,6 +182,12 @@ TEST(Socket, OptionsHaveTheHostsNumbers) {
     ConnectTo(pair.Listener);
     for (const SOCKET each : {s, fresh, os::accept(pair.Listener, nullptr, nullptr), DuplicateSocket(s)}) {
         EXPECT_EQ(40, Get(each, ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO));
+        // Set through another one, before it was used for anything or after.
+        const SOCKET before = DuplicateSocket(each);
+        EXPECT_EQ(0u, Set(each, ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO, 300));
+        EXPECT_NEAR(300, Get(before, ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO), 10);
+        EXPECT_EQ(0u, Set(before, ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO, 40));
+        EXPECT_NEAR(40, Get(each, ZVX_SOL_SOCKET, ZVX_SO_RCVTIMEO), 10);
         char byte;
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(WSAETIMEDOUT, SocketError(os::recv(each, &byte, 1, 0)));

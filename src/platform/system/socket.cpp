@@ -162,13 +162,6 @@ void LearnFlags(SocketObject *socket) {
     if (!IsListening(socket)) IsConnected(socket);
     const int flags = fcntl(socket->Fd, F_GETFL);
     socket->NonBlocking.store((flags & O_NONBLOCK) != 0, std::memory_order_relaxed);
-    for (const int name : {SO_RCVTIMEO, SO_SNDTIMEO}) {
-        timeval limit{};
-        socklen_t length = sizeof limit;
-        syscall(SYS_getsockopt, socket->Fd, SOL_SOCKET, name, &limit, &length);
-        (name == SO_RCVTIMEO ? socket->ReceiveTimeout : socket->SendTimeout)
-            .store(static_cast<DWORD>(limit.tv_sec * 1000 + limit.tv_usec / 1000), std::memory_order_relaxed);
-    }
 }
 
 // A second socket for one of this process.
@@ -374,6 +367,27 @@ bool IsListening(SocketObject *socket) {
     syscall(SYS_getsockopt, socket->Fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length);
     if (listening != 0) AddFlags(socket, kSocketListening);
     return listening != 0;
+}
+
+DWORD TimeoutOf(SocketObject *socket, bool receive) {
+    std::atomic<DWORD> &known = receive ? socket->ReceiveTimeout : socket->SendTimeout;
+    const DWORD own = known.load(std::memory_order_relaxed);
+    if ((FlagsOf(socket) & kSocketShared) == 0 || socket->State.load(std::memory_order_acquire) != SocketState::kReady)
+        return own;
+    // May have been set through a duplicate.
+    timeval limit{};
+    socklen_t length = sizeof limit;
+    syscall(SYS_getsockopt, socket->Fd, SOL_SOCKET, receive ? SO_RCVTIMEO : SO_SNDTIMEO, &limit, &length);
+    const DWORD kernels = static_cast<DWORD>(limit.tv_sec * 1000 + limit.tv_usec / 1000);
+    // The kernel keeps ticks of its clock, at most ten milliseconds long, and rounds up.
+    if (own != 0 && kernels - own < 10) return own;
+    known.store(kernels, std::memory_order_relaxed);
+    return kernels;
+}
+
+void CopyTimeouts(SocketObject *socket, SocketObject *from) {
+    socket->ReceiveTimeout.store(TimeoutOf(from, true), std::memory_order_relaxed);
+    socket->SendTimeout.store(TimeoutOf(from, false), std::memory_order_relaxed);
 }
 
 SOCKET socket(int family, int type, int protocol) {

@@ -52,7 +52,7 @@ struct SocketObject : IoObject {
     std::atomic<bool> NonBlocking{false};     // FIONBIO
     std::atomic<uint32_t> Blockers{0};        // threads in a call that may block; see WakeBlocked
     std::atomic<uint32_t> LazyDuplicates{0};  // those that have this one as their Source
-    std::atomic<DWORD> ReceiveTimeout{0};     // milliseconds, 0 for none
+    std::atomic<DWORD> ReceiveTimeout{0};     // milliseconds, 0 for none, as last set or learned (TimeoutOf)
     std::atomic<DWORD> SendTimeout{0};        // the same
     socklen_t FixedLength = 0;                // written before kSocketListening: length of Fixed, 0 for none
     alignas(4) char Fixed[32];                // the local address of every connection that is accepted here
@@ -76,11 +76,6 @@ inline bool HasDuplicates(const SocketObject *socket) {
     return socket->LazyDuplicates.load(std::memory_order_seq_cst) != 0 || (FlagsOf(socket) & kSocketShared) != 0;
 }
 
-// For a socket whose descriptor came from `from`, or will: the kernel's socket has its time-outs.
-inline void CopyTimeouts(SocketObject *socket, const SocketObject *from) {
-    socket->ReceiveTimeout.store(from->ReceiveTimeout.load(std::memory_order_relaxed), std::memory_order_relaxed);
-    socket->SendTimeout.store(from->SendTimeout.load(std::memory_order_relaxed), std::memory_order_relaxed);
-}
 
 inline int FailSocket(DWORD error) {
     SetLastError(error);
@@ -113,6 +108,10 @@ void RaiseDescriptorLimit();  // once a process
 // As far as this process knows, else as the kernel says. The socket may have no descriptor yet (false).
 bool IsConnected(SocketObject *socket);
 bool IsListening(SocketObject *socket);
+// The time-out of blocking receives or sends in milliseconds, 0 for none.
+DWORD TimeoutOf(SocketObject *socket, bool receive);
+// For a socket whose descriptor came from `from`, or will: the kernel's socket has its time-outs.
+void CopyTimeouts(SocketObject *socket, SocketObject *from);
 // Sleeps until the descriptor is ready for `events` of poll, at most `ms` (-1: no limit). Result of poll; restarted
 // after signals.
 int PollDescriptor(int fd, short events, int ms);

@@ -35,7 +35,7 @@ void LearnFixedAddress(SocketObject *listener) {
 
 // A connect that is under way: waits until it has ended; 0 or the error.
 DWORD AwaitConnection(SocketObject *socket, const Blocker &blocker) {
-    const DWORD limit = socket->SendTimeout.load(std::memory_order_relaxed);
+    const DWORD limit = TimeoutOf(socket, false);
     const int ms = limit == 0 || limit > INT32_MAX ? -1 : static_cast<int>(limit);
     if (PollDescriptor(socket->Fd, POLLOUT, ms) == 0) return WSAETIMEDOUT;
     if (blocker.Closed()) return WSAEINTR;

@@ -173,8 +173,12 @@ DWORD GetSocketOption(SocketObject *socket, int name, char *value, int *length) 
             break;
         case ZVX_SO_REUSEADDR: error = GetInt(socket, SOL_SOCKET, SO_REUSEADDR, &number); break;
         case ZVX_SO_EXCLUSIVEADDRUSE: number = (FlagsOf(socket) & kSocketExclusive) != 0; break;
-        case ZVX_SO_RCVTIMEO: number = static_cast<int>(socket->ReceiveTimeout.load()); break;
-        case ZVX_SO_SNDTIMEO: number = static_cast<int>(socket->SendTimeout.load()); break;
+        case ZVX_SO_RCVTIMEO:
+        case ZVX_SO_SNDTIMEO:
+            // A duplicate without a descriptor of its own would not hear of what was set meanwhile.
+            if ((FlagsOf(socket) & kSocketDuplicate) != 0) error = NeedDescriptor(socket);
+            if (error == 0) number = static_cast<int>(TimeoutOf(socket, name == ZVX_SO_RCVTIMEO));
+            break;
         case ZVX_SO_ERROR:
             if (socket->State.load(std::memory_order_acquire) != SocketState::kReady) break;
             error = GetInt(socket, SOL_SOCKET, SO_ERROR, &number);

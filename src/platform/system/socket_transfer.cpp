@@ -76,9 +76,7 @@ DWORD TransferNow(SocketObject *socket, IoCall *call) {
         if (moved == -EINTR) AfterSignal();
         if (moved == -EAGAIN) {
             if (nonBlocking) return call->Done != 0 ? STATUS_SUCCESS : StatusOfError(WSAEWOULDBLOCK);
-            const DWORD limit =
-                (receive ? socket->ReceiveTimeout : socket->SendTimeout).load(std::memory_order_relaxed);
-            if (limit != 0) return StatusOfError(WSAETIMEDOUT);
+            if (TimeoutOf(socket, receive) != 0) return StatusOfError(WSAETIMEDOUT);
             // The mode is that of the kernel's socket, which another process may have changed.
             PollDescriptor(socket->Fd, receive ? POLLIN : POLLOUT, -1);
             continue;
