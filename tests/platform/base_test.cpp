@@ -96,7 +96,10 @@ TEST(Memory, LargePagesThatAreRefusedAtTheTouch) {
         EXPECT_TRUE(call()) << "what was refused is not kept";
     };
     refused(EnableLockMemoryPrivilege, ERROR_PRIVILEGE_NOT_HELD);
-    refused([] { return VirtualAllocInRange(1, type, PAGE_READWRITE) != nullptr; }, ERROR_NO_SYSTEM_RESOURCES);
+    void *const before = VirtualAllocInRange(1, type, PAGE_READWRITE);
+    static void *last;
+    refused([] { return (last = VirtualAllocInRange(1, type, PAGE_READWRITE)) != nullptr; }, ERROR_NO_SYSTEM_RESOURCES);
+    EXPECT_EQ(static_cast<char *>(before) + (2u << 20), last) << "nor are addresses lost";
     refused([] { return VirtualAlloc(nullptr, 1, type, PAGE_READWRITE) != nullptr; }, ERROR_NO_SYSTEM_RESOURCES);
 }
 

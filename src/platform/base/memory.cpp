@@ -111,6 +111,14 @@ bool GetLargePages(void *at, size_t bytes, int access) {
     return madvise(at, bytes, MADV_POPULATE_WRITE) == 0 || errno == EINVAL;
 }
 
+// Whether the kernel would set so many aside, which is known before any address is given up for them.
+bool LargePagesAreFree(size_t bytes, int access) {
+    void *at = mmap(nullptr, bytes, access, MAP_PRIVATE | MAP_ANONYMOUS | MAP_HUGETLB | kHuge2M, -1, 0);
+    if (at == MAP_FAILED) return false;
+    munmap(at, bytes);
+    return true;
+}
+
 // Puts large pages over a part of the reserved range. On failure the kernel may have taken the reservation away; it is
 // put back if nobody has moved in meanwhile, and in either case the range does not use those addresses again.
 bool CommitLargePages(char *at, size_t bytes, int access) {
@@ -132,6 +140,11 @@ void *VirtualAllocInRange(size_t bytes, DWORD type, DWORD protect) {
     // Regions of that size start on a large page's boundary anyway, so that the kernel may use one by itself.
     const size_t alignment = bytes >= kLargePageBytes ? kLargePageBytes : kPageBytes;
     const int savedErrno = errno;
+    if (large && !LargePagesAreFree(bytes, access)) {
+        errno = savedErrno;
+        SetLastError(ERROR_NO_SYSTEM_RESOURCES);
+        return nullptr;
+    }
     DWORD error = ERROR_NOT_ENOUGH_MEMORY;
     char *result = nullptr;
     {
@@ -159,7 +172,11 @@ void *VirtualAllocInRange(size_t bytes, DWORD type, DWORD protect) {
     }
     // Those addresses are this call's alone by now, whatever becomes of them.
     if (large && result != nullptr && !GetLargePages(result, bytes, access)) {
-        mmap(result, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
+        SpinGuard guard(gRange.Lock);
+        const bool whole =
+            mmap(result, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0) == result;
+        const size_t offset = static_cast<size_t>(result - gRange.Base.load(std::memory_order_relaxed));
+        if (whole && gRange.Next == offset + bytes) gRange.Next = offset;
         error = ERROR_NO_SYSTEM_RESOURCES;
         result = nullptr;
     }
