@@ -12,8 +12,6 @@
 
 namespace os {
 
-std::atomic<RunCompletionRoutinesFn> gRunCompletionRoutines{nullptr};
-
 namespace {
 
 // In Queue once the owner has ended. Never dereferenced.

@@ -67,12 +67,6 @@ void WakeAlert(AlertState *state);
 // The end of the owner (thread_block.cpp only): discards what is queued, refuses what comes, drops its reference.
 void CloseAlert(AlertState *state);
 
-// For threads that end their own operations (they have an IoThread): reaps, runs the completion routines that this
-// made due, and says whether any ran. Null unless somebody registers one, which no part of the platform does now.
-// SleepEx and the waits call it before each sleep on such a thread, and SleepEx sleeps in short steps there.
-using RunCompletionRoutinesFn = bool (*)();
-extern std::atomic<RunCompletionRoutinesFn> gRunCompletionRoutines;
-
 }  // namespace os
 
 #endif  // ZVX_PLATFORM_BASE_ALERTABLE_H

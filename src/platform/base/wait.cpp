@@ -20,8 +20,6 @@ InnerLock gDispatcherLock;
 
 namespace {
 
-// How long a thread that must end its own operations sleeps between looking for them.
-constexpr uint64_t kCompletionStepNs = 1000000;
 // A sleep without a time-out wakes up this often, because the kernel restarts an unlimited sleep after a
 // signal handler without coming back.
 constexpr uint64_t kLongestSleepNs = 3600ull * 1000000000u;
@@ -114,14 +112,6 @@ void SleepAsWaiter(Waiter *waiter, bool alertable, uint64_t until) {
     }
 }
 
-// Runs the completion routines and APCs of the calling thread that are due; true when one ran.
-bool DeliverRoutines() {
-    bool ran = false;
-    RunCompletionRoutinesFn complete = gRunCompletionRoutines.load(std::memory_order_acquire);
-    if (complete != nullptr && CurrentThreadBlock()->Io != nullptr) ran = complete();
-    return RunQueuedRoutines() != 0 || ran;
-}
-
 // The wait proper, in an inner region. `blocks` has room for one block an object.
 DWORD WaitInRegion(Object *const *objects, WaitBlock *blocks, uint32_t count, bool all, DWORD ms, bool alertable) {
     Waiter waiter;
@@ -154,8 +144,7 @@ DWORD WaitInRegion(Object *const *objects, WaitBlock *blocks, uint32_t count, bo
             if (ms != INFINITE) deadline = DeadlineAfter(ms);
             if (!alertable) continue;
         } else if (!timedOut) {
-            uint64_t until = MonotonicNs() + kLongestSleepNs;
-            if (alertable && CurrentThreadBlock()->Io != nullptr) until = MonotonicNs() + kCompletionStepNs;
+            const uint64_t until = MonotonicNs() + kLongestSleepNs;
             SleepAsWaiter(&waiter, alertable, until < deadline ? until : deadline);
             bool granted;
             {
@@ -169,7 +158,7 @@ DWORD WaitInRegion(Object *const *objects, WaitBlock *blocks, uint32_t count, bo
         // Nothing is linked here. What others asked of this thread comes first, then its routines, then the time.
         LeaveInnerRegion();
         bool ran = false;
-        if (!EndIsRequested()) ran = alertable && DeliverRoutines();
+        if (!EndIsRequested()) ran = alertable && RunQueuedRoutines() != 0;
         EnterInnerRegion();
         if (EndIsRequested()) return kWaitEnded;
         if (ran) return WAIT_IO_COMPLETION;

@@ -24,8 +24,6 @@ constexpr uint64_t kCounterHz = 10000000;
 constexpr uint64_t kNsPerCount = 1000000000 / kCounterHz;
 // Seconds from 1 January 1601 to 1 January 1970.
 constexpr uint64_t kEpochSeconds = 11644473600;
-// How long a thread that ends its own operations sleeps alertably at a time; nobody wakes it when one has ended.
-constexpr uint64_t kReapStepNs = kNsPerMs;
 
 void SleepUntil(uint64_t deadline) {
     timespec until;
@@ -89,14 +87,7 @@ DWORD SleepEx(DWORD ms, BOOL alertable) {
     for (;;) {
         const uint32_t seen = AlertSnapshot(state);
         if (RunQueuedRoutines() != 0) return WAIT_IO_COMPLETION;
-        RunCompletionRoutinesFn reap = gRunCompletionRoutines.load(std::memory_order_acquire);
-        uint64_t wake = deadline;
-        if (reap != nullptr && CurrentThreadBlock()->Io != nullptr) {
-            if (reap()) return WAIT_IO_COMPLETION;
-            const uint64_t step = MonotonicNs() + kReapStepNs;
-            if (step < wake) wake = step;
-        }
-        if (!WaitAlert(state, seen, wake) && wake == deadline) {
+        if (!WaitAlert(state, seen, deadline)) {
             if (ms == 0) sched_yield();
             // One queued in the last moment is run: the caller was still waiting when it came.
             return RunQueuedRoutines() != 0 ? WAIT_IO_COMPLETION : 0;
