@@ -94,6 +94,7 @@ TEST(Process, HandlesTellTheEndAndHow) {
     EXPECT_TRUE(os::GetExitCodeProcess(child.Info.hProcess, &code) && code == STILL_ACTIVE);
     EXPECT_EQ(os::GetProcessId(child.Info.hProcess), child.Info.dwProcessId);
     const HANDLE opened = os::OpenProcess(PROCESS_ALL_ACCESS, FALSE, child.Info.dwProcessId);
+    EXPECT_EQ(ErrorOf(os::QueueUserAPC([](ULONG_PTR) {}, child.Info.hThread, 0)), ERROR_NOT_SUPPORTED);
     const HANDLE both[] = {child.Info.hThread, opened};
     EXPECT_EQ(os::WaitForMultipleObjects(2, both, FALSE, 20), WAIT_TIMEOUT);
     EXPECT_TRUE(os::TerminateProcess(opened, 0x12345678));

@@ -64,8 +64,13 @@ void NoCpuTimes(ThreadObject *, uint64_t *kernel, uint64_t *user) {
     *kernel = *user = 0;
 }
 
-constexpr ThreadOps kChildThread = {RefuseCount,      RefuseCount,      RefuseTerminate,
-                                    SetChildAffinity, SetChildPriority, NoCpuTimes};
+BOOL RefuseApc(ThreadObject *, PAPCFUNC, ULONG_PTR) {
+    SetLastError(ERROR_NOT_SUPPORTED);
+    return FALSE;
+}
+
+constexpr ThreadOps kChildThread = {RefuseCount,      RefuseCount, RefuseTerminate, SetChildAffinity,
+                                    SetChildPriority, NoCpuTimes,  RefuseApc};
 
 void DestroyChildThread(Object *object);
 constexpr ObjectOps kChildThreadOps = {nullptr, DestroyChildThread};
