@@ -363,7 +363,7 @@ struct alignas(64) Scheduler {
     std::atomic<uint32_t> SwitchCount;       // atomic: owner +1 a pass; others read it for grace periods
     std::atomic<uint32_t> Idling;            // atomic: the owner is in the idle routine, and no user thread's code runs
     std::atomic<uint32_t> QuantumStartTick;  // atomic: gQuantumTick at the latest dispatch; others set it to 0
-    uint64_t DispatchTsc;          // owner: cycle counter at the latest dispatch
+    uint64_t DispatchTsc;          // owner: cycle counter at the latest dispatch; 0 where times are not taken
     uint64_t LongestHold;          // owner: cycles; the longest time without a yield in this second
     const Fiber *LongestHolder;    // owner: whose
     std::atomic<uint64_t> Posts;         // atomic: owner counts, the second's line reads; posts made here, ever

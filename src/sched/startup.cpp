@@ -95,7 +95,8 @@ void SetSchedThreadAffinityAndPriority(HANDLE thread, Scheduler *S, bool bind, i
 // The last static scheduler creates the host's first user thread; its tag and role are written before it can
 // run.
 static void StartMainRoutine(Scheduler *S) {
-    S->MainThread = CreateUserThread(nullptr, 0, S->MainRoutine, S->MainParam, 0, nullptr, 0, S, "FMAIN", ROLE_INTERNAL);
+    S->MainThread =
+        CreateUserThread(nullptr, 0, S->MainRoutine, S->MainParam, 0, nullptr, 0, S, "FMAIN", ROLE_INTERNAL);
     if (S->MainThread == nullptr) FatalExit("Unable to allocate FMAIN fiber");
     const PSEHAND *entry = LookUpHandle(S->MainThread);
     if (entry == nullptr || entry->Type != PHAND_HTYPE_CreateThread) FatalExit("Invalid fiber thread handle");
@@ -129,7 +130,7 @@ static DWORD SchedulerThreadStart(void *scheduler) {
         FatalExit("Couldn't create FLOG fiber");
     if (S->MainRoutine != nullptr) StartMainRoutine(S);
     if (S->Index == 0) RingLogInit();
-    S->DispatchTsc = ReadTsc();
+    StartCpuClock(S);
     if (S->Index == gNumSchedulers - 1) {
         StartQuantumUpdateThread();
         StartStallWatch();
@@ -199,7 +200,8 @@ static Scheduler *AllocScheduler(uint32_t n) {
     auto *memory = static_cast<char *>(KVTAllocNoSched(kBytes, node));
     if (memory == nullptr) FatalExit("NULL == gSchedulers[n]");
     std::memset(memory, 0, kBytes);
-    auto address = (reinterpret_cast<uintptr_t>(memory) + alignof(Scheduler) - 1) & ~(uintptr_t{alignof(Scheduler)} - 1);
+    constexpr uintptr_t kMask = alignof(Scheduler) - 1;
+    const uintptr_t address = (reinterpret_cast<uintptr_t>(memory) + kMask) & ~kMask;
     auto *S = reinterpret_cast<Scheduler *>(address);
     S->AffinityMask = mask;
     S->NumaNode = node;
