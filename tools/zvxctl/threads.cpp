@@ -98,7 +98,8 @@ std::string OperationText(const Library &library, const Record &fiber) {
         {"RECEIVE", "socket receive"},      {"SEND", "socket send"},
         {"ACCEPT", "socket accept"},        {"READ_FILE", "file read"},
         {"WRITE_FILE", "file write"},       {"CONNECT_NAMED_PIPE", "pipe connect"},
-        {"READ_FILE_EX", "file read (Ex)"}, {"WRITE_FILE_EX", "file write (Ex)"}};
+        {"READ_FILE_EX", "file read (Ex)"}, {"WRITE_FILE_EX", "file write (Ex)"},
+        {"FLUSH_FILE", "file flush"}};
     const std::string code = NameOfValue(library, "OP_", Field(library, operation, "FIBEROVERLAPPED.OpArg"));
     std::string text = "operation " + code;
     for (const auto &[name, words] : kTexts)
