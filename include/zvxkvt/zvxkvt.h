@@ -99,7 +99,7 @@ ZVXKVT_API BOOL WINAPI CloseHandle(HANDLE handle);
 
 /* A second handle for what `source` stands for, in *target (which may be null). Both must be this process, else FALSE
  * with ERROR_INVALID_PARAMETER; in fiber mode by GetCurrentProcess(): any other handle of it ends the process. With
- * DUPLICATE_CLOSE_SOURCE the source is closed. */
+ * DUPLICATE_CLOSE_SOURCE the source is closed. FALSE with ERROR_INVALID_HANDLE when `source` is none. */
 ZVXKVT_API BOOL WINAPI DuplicateHandle(HANDLE sourceProcess, HANDLE source, HANDLE targetProcess, HANDLE *target,
                                        DWORD access, BOOL inherit, DWORD options);
 

@@ -322,7 +322,8 @@ BOOL PostQueuedCompletionStatus(HANDLE port, DWORD bytes, uintptr_t key, OVERLAP
 // InlineBudget operations of one user thread finish at once; then one is answered as pending.
 BOOL ReadFile(HANDLE file, void *buffer, DWORD count, DWORD *got, OVERLAPPED *overlapped, IoOp *op = nullptr);
 BOOL WriteFile(HANDLE file, const void *buffer, DWORD count, DWORD *put, OVERLAPPED *overlapped, IoOp *op = nullptr);
-BOOL ReadFileEx(HANDLE file, void *buffer, DWORD count, OVERLAPPED *overlapped, LPOVERLAPPED_COMPLETION_ROUTINE routine);
+BOOL ReadFileEx(HANDLE file, void *buffer, DWORD count, OVERLAPPED *overlapped,
+                LPOVERLAPPED_COMPLETION_ROUTINE routine);
 BOOL WriteFileEx(HANDLE file, const void *buffer, DWORD count, OVERLAPPED *overlapped,
                  LPOVERLAPPED_COMPLETION_ROUTINE routine);
 // Result of an operation that has ended, or waits for it when `wait` (blocks); without, reaps as below,

@@ -181,7 +181,8 @@ void UnfilePollRecord(Scheduler *S, FIBEROVERLAPPED *rec) {
 }
 
 void EmptyPollSet(Fiber *F) {
-    while (ListLink *link = PopLink(&F->PollSetOvs)) OvOfPollLink(link)->Flags &= ~static_cast<uint32_t>(OV_IN_POLL_SET);
+    while (ListLink *link = PopLink(&F->PollSetOvs))
+        OvOfPollLink(link)->Flags &= ~static_cast<uint32_t>(OV_IN_POLL_SET);
 }
 
 OVERLAPPED *GatherPollSet(Fiber *F, uint32_t which, uint32_t n) {

@@ -32,7 +32,8 @@ static void PushMessage(Scheduler *target, FIBER_MESSAGE *msg) {
     FIBER_MESSAGE *newest = nullptr;
     do {
         msg->Next = newest;
-    } while (!target->Messages.compare_exchange_weak(newest, msg, std::memory_order_seq_cst, std::memory_order_relaxed));
+    } while (
+        !target->Messages.compare_exchange_weak(newest, msg, std::memory_order_seq_cst, std::memory_order_relaxed));
 }
 
 // The sender has pushed, sequentially consistent. True when the target was blocked.
@@ -85,7 +86,8 @@ static bool DrainLanes(Scheduler *S) {
 
 // The target of a message of kinds 3 to 6 is on its way between two schedulers, or about to be: nobody may touch it.
 static bool TargetInFlight(const Scheduler *S, const FIBER_MESSAGE *msg) {
-    if (msg->Kind < MSG_SUSPEND || msg->Kind == MSG_OBJECTS || Generation(msg->One.Target) != msg->Generation) return false;
+    if (msg->Kind < MSG_SUSPEND || msg->Kind == MSG_OBJECTS) return false;
+    if (Generation(msg->One.Target) != msg->Generation) return false;
     const Scheduler *owner = msg->One.Target->Sched.load(std::memory_order_acquire);
     return owner == nullptr || (owner == S && msg->One.Target->State == FSTATE_MIGRATING);
 }
@@ -204,7 +206,8 @@ bool ProcessMessage(Scheduler *S, FIBER_MESSAGE *msg) {
     switch (msg->Kind) {
         case MSG_POST:
             for (uint32_t i = 0; i < msg->Count; ++i)
-                if (Generation(msg->Fibers[i]) == *GenerationOfTarget(msg, i)) woke |= WakePosted(msg->Fibers[i], S, msg->PostBit);
+                if (Generation(msg->Fibers[i]) == *GenerationOfTarget(msg, i))
+                    woke |= WakePosted(msg->Fibers[i], S, msg->PostBit);
             break;
         case MSG_OBJECTS: return WakeFromObjects(S);  // the scheduler's own record
         case MSG_ATTACH:
@@ -260,7 +263,8 @@ bool WakePosted(Fiber *F, Scheduler *S, uint32_t postBit) {
 
 uint32_t SetPost(Scheduler *S, Fiber *F, uint32_t postBit) {
     F->PostPending |= postBit;
-    if (F->State != FSTATE_TIMED_WAIT || !(F->Flags & FIBER_POST_WAIT) || !(F->PostWaitMask & postBit)) return kNotWoken;
+    if (F->State != FSTATE_TIMED_WAIT || !(F->Flags & FIBER_POST_WAIT) || !(F->PostWaitMask & postBit))
+        return kNotWoken;
     UnlinkTimedWaiter(S, F);
     if (S->HighPriPostWaiter == F) S->HighPriPostWaiter = nullptr;
     return MakeRunnable(S, F, gPRQ);

@@ -53,7 +53,8 @@ static DWORD FiberQuantumUpdateThread(void *) {
 
 void StartQuantumUpdateThread() {
     DWORD threadId = 0;
-    HANDLE thread = os::CreateThread(nullptr, gStackSize, FiberQuantumUpdateThread, nullptr, CREATE_SUSPENDED, &threadId);
+    HANDLE thread =
+        os::CreateThread(nullptr, gStackSize, FiberQuantumUpdateThread, nullptr, CREATE_SUSPENDED, &threadId);
     if (thread == nullptr || thread == INVALID_HANDLE_VALUE) FatalExit("Unable to spawn FiberQuantumUpdateThread");
     SetSchedThreadAffinityAndPriority(thread, nullptr, false, THREAD_PRIORITY_TIME_CRITICAL, threadId, true);
     if (os::ResumeThread(thread) == 0xFFFFFFFFu)

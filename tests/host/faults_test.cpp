@@ -26,7 +26,7 @@ struct Faulty : OnEachBackEnd {
 
 ON_EACH_BACK_END(Faulty);
 
-bool IsMisconf(const std::string &answer) {
+[[maybe_unused]] bool IsMisconf(const std::string &answer) {
     return answer.substr(0, 8) == "-MISCONF";
 }
 
