@@ -139,7 +139,7 @@ struct IoCall {
     bool Append = false;     // kWrite: at the end of the file, wherever that is
     bool Exclusive = false;  // kLock
     bool PartsOnHeap = false;
-    uint8_t Reenables = 0;  // kReceive, kAccept: FD_ bits that the end re-enables
+    bool Reenables = false;  // kReceive, kAccept: DisableEvents was called, and the end undoes it
 };
 
 enum class RequestStage : uint8_t {
@@ -320,7 +320,7 @@ void SettleAccept(IoCall *call);  // socket_accept.cpp
 void DropChannel(IoCall *call);   // pipe_channel.cpp: the same for those of pipes
 void ReenableEvents(const IoCall *call);  // socket_events.cpp
 inline void ReleaseExtras(IoCall *call) {
-    if (call->Reenables != 0) [[unlikely]]
+    if (call->Reenables) [[unlikely]]
         ReenableEvents(call);
     if (call->PartsOnHeap) free(call->Parts);
     if (call->Accepted != nullptr) SettleAccept(call);

@@ -60,6 +60,7 @@ struct SocketObject : IoObject {
     DeferredAccept *Deferred = nullptr;          // [DeferLock] oldest first
     std::atomic<uint32_t> DeferCount{0};         // changed under the lock, read without
     std::atomic<EventRecord *> Events{nullptr};  // [events lock]; read without by who only asks whether there is one
+    uint32_t Takers = 0;                         // [events lock] calls between DisableEvents and their end
 };
 
 inline uint32_t FlagsOf(const SocketObject *socket) {
@@ -152,7 +153,8 @@ void CloseDeferred(SocketObject *listener);
 // socket_events.cpp
 
 void EnableEvents(SocketObject *socket, LONG events);  // records that the host has made room for more
-void DisableEvents(SocketObject *socket, LONG events);  // not reported until they are enabled
+// A receive or an accept begins: what it waits for is not reported until all such calls have ended (ReenableEvents).
+void DisableEvents(SocketObject *socket);
 void EndEvents(SocketObject *socket);
 void InheritEvents(SocketObject *accepted, SocketObject *listener);
 

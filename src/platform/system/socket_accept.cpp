@@ -295,7 +295,7 @@ BOOL AcceptEx(SOCKET listener, SOCKET acceptSocket, void *buffer, DWORD receiveL
     if (received != nullptr) *received = 0;
     const int fd = TakeDeferred(target);
     if (fd >= 0) {
-        if (target->Events.load(std::memory_order_relaxed) != nullptr) call.Reenables = FD_ACCEPT;
+        AfterCall(target, FD_ACCEPT);
         socklen_t *length;
         sockaddr *peer = PeerArea(&call, &length);
         syscall(SYS_getpeername, fd, peer, length);

@@ -4,6 +4,7 @@
 // that were asked about. What it finds it records in the socket's EventRecord and signals the event. An event that was
 // recorded is not recorded again until the host has called the function that makes room for the next (FD_READ: a
 // receive; FD_ACCEPT: an accept; FD_WRITE: a send that found no room); the end of that call has the set report anew.
+// While receives or accepts are pending, what comes is theirs: it is reported once the last of them has ended.
 //
 // Records are never given back to the system, and the set knows them by index and generation, so that a report which
 // was on its way when the socket was closed finds nothing. One lock guards all of it. System calls are made under it,
@@ -30,12 +31,13 @@ struct EventRecord {
     Object *Event = nullptr;         // a reference
     LONG Mask = 0;                   // asked for
     LONG Recorded = 0;               // not enumerated yet
-    LONG Disabled = 0;               // recorded and not re-enabled
+    LONG Disabled = 0;               // recorded and not re-enabled, or a pending call's
     int Errors[FD_MAX_EVENTS] = {};
 };
 
 namespace {
 
+constexpr LONG kTaken = FD_READ | FD_ACCEPT;  // what pending calls take; a socket has one of them, as it listens or not
 constexpr uint32_t kMaxRecords = 65536;
 constexpr int kAtOnce = 64;
 
@@ -185,7 +187,8 @@ DWORD SelectLocked(SocketObject *socket, Object *event, LONG events, Object **ol
     record->Socket = socket;
     record->Event = event;
     record->Mask = events;
-    record->Recorded = record->Disabled = 0;
+    record->Recorded = 0;
+    record->Disabled = socket->Takers != 0 ? kTaken : 0;
     memset(record->Errors, 0, sizeof record->Errors);
     socket->Events.store(record, std::memory_order_release);
     if (ArmLocked(record, operation)) return 0;
@@ -209,25 +212,32 @@ DWORD Select(SocketObject *socket, Object *event, LONG events) {
     return error;
 }
 
-}  // namespace
-
-void EnableEvents(SocketObject *socket, LONG events) {
-    if (events == 0) return;
-    InnerGuard guard(&gEventsLock);
+// [gEventsLock]
+void EnableLocked(const SocketObject *socket, LONG events) {
     EventRecord *record = socket->Events.load(std::memory_order_relaxed);
     if (record == nullptr) return;
     record->Disabled &= ~events;
     ArmLocked(record, EPOLL_CTL_MOD);
 }
 
-void DisableEvents(SocketObject *socket, LONG events) {
+}  // namespace
+
+void EnableEvents(SocketObject *socket, LONG events) {
     if (events == 0) return;
     InnerGuard guard(&gEventsLock);
-    if (EventRecord *record = socket->Events.load(std::memory_order_relaxed)) record->Disabled |= events;
+    EnableLocked(socket, socket->Takers != 0 ? events & ~kTaken : events);
+}
+
+void DisableEvents(SocketObject *socket) {
+    InnerGuard guard(&gEventsLock);
+    socket->Takers++;
+    if (EventRecord *record = socket->Events.load(std::memory_order_relaxed)) record->Disabled |= kTaken;
 }
 
 void ReenableEvents(const IoCall *call) {
-    EnableEvents(static_cast<SocketObject *>(call->Target), call->Reenables);
+    SocketObject *socket = static_cast<SocketObject *>(call->Target);
+    InnerGuard guard(&gEventsLock);
+    if (--socket->Takers == 0) EnableLocked(socket, kTaken);
 }
 
 void EndEvents(SocketObject *socket) {

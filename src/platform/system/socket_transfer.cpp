@@ -227,11 +227,9 @@ BOOL IssueSocketCall(SocketObject *socket, IoCall *call) {
         call->Later = true;
     }
     // Off from here, and on again when it ends: what it will take is there until then, and would be reported.
-    if (socket->Events.load(std::memory_order_relaxed) != nullptr) [[unlikely]] {
-        call->Reenables = call->Kind == RequestKind::kReceive  ? FD_READ
-                          : call->Kind == RequestKind::kAccept ? FD_ACCEPT
-                                                               : 0;
-        DisableEvents(socket, call->Reenables);
+    if (socket->Events.load(std::memory_order_relaxed) != nullptr && call->Kind != RequestKind::kSend) [[unlikely]] {
+        call->Reenables = true;
+        DisableEvents(socket);
     }
     const BOOL result = IssueCall(engine, call);
     if (result && engine != nullptr && block->InlineBudget != 0) block->InlineBudget--;
