@@ -102,8 +102,16 @@ TEST(Process, HandlesTellTheEndAndHow) {
     EXPECT_EQ(child.End(0), 0x12345678u) << "more than the kernel keeps of an exit";
     EXPECT_TRUE(os::GetExitCodeThread(child.Info.hThread, &code) && code == 0x12345678);
     EXPECT_EQ(ErrorOf(os::TerminateProcess(opened, 1)), ERROR_ACCESS_DENIED);
+    // Who sees it ended finds its handle signalled, however many threads wait for its first thread.
+    std::deque<std::thread> waiters;
+    for (int i = 0; i < 30; i++)
+        waiters.emplace_back([&] { EXPECT_EQ(os::WaitForSingleObject(signalled.Info.hThread, 20000), WAIT_OBJECT_0); });
+    Pause(20);
     kill(static_cast<pid_t>(signalled.Info.dwProcessId), SIGTERM);
-    EXPECT_EQ(signalled.End(), 128u + SIGTERM);
+    do EXPECT_TRUE(os::GetExitCodeProcess(signalled.Info.hProcess, &code));
+    while (code == STILL_ACTIVE);
+    EXPECT_EQ(signalled.End(0), 128u + SIGTERM);
+    for (std::thread &waiter : waiters) waiter.join();
     // A process that somebody else started, as a shell did here: its end is seen, its code is not.
     const DWORD other = static_cast<DWORD>(std::stoul(OutputOf("\"sleep 0.5 >/dev/null & echo $!; exit 7\"")));
     const HANDLE stranger = os::OpenProcess(0, FALSE, other);

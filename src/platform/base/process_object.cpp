@@ -60,14 +60,16 @@ BOOL GetExitCodeProcess(HANDLE handle, DWORD *code) {
     if (ShouldFail("GetExitCodeProcess")) return FALSE;
     ProcessObject *process = static_cast<ProcessObject *>(RefHandle(handle, ObjectType::kProcess));
     if (process == nullptr) return FALSE;
-    const DWORD now = process->ExitCode.load(std::memory_order_acquire);
+    // As of a thread: who sees it ended must find its handle signalled.
+    const bool ended = process->Signalled.load(std::memory_order_acquire) != 0;
+    const DWORD last = process->ExitCode.load(std::memory_order_relaxed);
     const bool known = process->CodeKnown.load(std::memory_order_relaxed);
     UnrefObject(process);
-    if (!known) {
+    if (ended && !known) {
         SetLastError(ERROR_ACCESS_DENIED);
         return FALSE;
     }
-    *code = now;
+    *code = ended ? last : STILL_ACTIVE;
     return TRUE;
 }
 
