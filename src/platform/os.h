@@ -303,7 +303,8 @@ inline bool IoNeedsAttention(const IoThread *io) {
 void ReapIo(IoThread *io);
 // Takes the chain (NextEnded) of operations that ended with an IoOp since the last call. Owner only.
 IoOp *TakeEndedOps(IoThread *io);
-// Hands every prepared operation to the kernel now. Owner only.
+// Hands every prepared operation to the kernel now, and reaps what ends in that, so that others follow in their
+// streams. Owner only.
 void SubmitIo(IoThread *io);
 
 // With INVALID_HANDLE_VALUE and a null port: a new port, owned by the calling thread, which gets its

@@ -99,13 +99,22 @@ TEST_P(Sockets, WhatWasSentLeavesBeforeABlockingCall) {
         const Listener listener;
         const Pair pair(listener);
         std::thread client([&] {
-            char hello[5];
-            if (read(pair.Peer, hello, sizeof hello) == sizeof hello) netpeer::Connect(ntohs(listener.Name.sin_port));
+            char byte;
+            for (int i = 0; i < 5; i++)
+                if (read(pair.Peer, &byte, 1) != 1) return;
+            netpeer::Connect(ntohs(listener.Name.sin_port));
         });
         std::atomic<bool> begun{false};
         HostThread answer([&]() -> DWORD {
+            // One behind the other on their stream.
+            char hello[] = "hello";
+            WSABUF parts[] = {{2, hello}, {3, hello + 2}};
+            OVERLAPPED sends[2] = {};
+            DWORD flags, bytes[2] = {};
+            for (int i = 0; i < 2; i++) WSASend(pair.Socket, parts + i, 1, nullptr, 0, sends + i, nullptr);
             begun = true;
-            return static_cast<DWORD>(send(pair.Socket, "hello", 5, 0));
+            for (int i = 0; i < 2; i++) WSAGetOverlappedResult(pair.Socket, sends + i, bytes + i, TRUE, &flags);
+            return bytes[0] + bytes[1];
         });
         while (!begun) Sleep(0);
         HOST_CHECK(WSAAccept(listener.Socket, nullptr, nullptr, nullptr, 0) != INVALID_SOCKET);

@@ -584,6 +584,12 @@ void ReapIo(IoThread *io) {
 void SubmitIo(IoThread *io) {
     Engine *engine = EngineOf(io);
     engine->Ops->Submit(engine);
+    // What ended at once makes way for what waits behind it in its stream.
+    for (uint32_t turns = io->Outstanding; turns != 0; turns--) {
+        if (io->Tail->load(std::memory_order_relaxed) == io->Head) return;
+        ReapEngine(engine);
+        engine->Ops->Submit(engine);
+    }
 }
 
 IoOp *TakeEndedOps(IoThread *io) {
