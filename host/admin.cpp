@@ -68,16 +68,32 @@ std::string ProbeSessions() {
     return "asked:" + std::to_string(asked) + " answered:" + std::to_string(gProbed.load());
 }
 
-// Suspends every session and resumes it at once. The section is held, so that no thread's handle is closed meanwhile.
+// A handle of our own of the session's thread in the next slot from *slot on, which moves behind it; null when there is
+// none any more. The session may end by itself and close its handle, which is another's then.
+HANDLE NextSession(uint32_t *slot) {
+    const HANDLE self = GetCurrentProcess();
+    Guard guard(&gSessions.Section);
+    while (*slot < gSessions.Used) {
+        const Session *const session = gSessions.Slots[(*slot)++].Who;
+        HANDLE own = nullptr;
+        if (session != nullptr && DuplicateHandle(self, session->Thread, self, &own, 0, FALSE, DUPLICATE_SAME_ACCESS))
+            return own;
+    }
+    return nullptr;
+}
+
+// Suspends every session and resumes it at once. That takes milliseconds for each, so no section is held: nobody could
+// come or go meanwhile, and the monitor's clock would stand still.
 std::string PauseSessions() {
     if (gOptions.Threads) return "not available";
     uint32_t paused = 0;
-    Guard guard(&gSessions.Section);
-    for (uint32_t i = 0; i < gSessions.Used; i++) {
-        const Session *const session = gSessions.Slots[i].Who;
-        if (session == nullptr || SuspendThread(session->Thread) == 0xFFFFFFFF) continue;
-        ResumeThread(session->Thread);
-        paused++;
+    uint32_t slot = 0;
+    while (const HANDLE thread = NextSession(&slot)) {
+        if (SuspendThread(thread) != 0xFFFFFFFF) {
+            ResumeThread(thread);
+            paused++;
+        }
+        CloseHandle(thread);
     }
     return "paused:" + std::to_string(paused);
 }

@@ -90,8 +90,7 @@ std::string ReasonOf(DWORD error);
 HANDLE MakePostEvent();
 
 // Holds a section for a scope. The order in which sections nest: shards by rising index, then the log's, then that of
-// the sessions. None is held over a call that waits, except for the next section of that order, and for that of the
-// sessions while an administrator's `pause` stops them one after another.
+// the sessions. None is held over a call that waits, except for the next section of that order.
 class Guard {
   public:
     explicit Guard(CRITICAL_SECTION *section) : Section(section) { EnterCriticalSection(Section); }

@@ -128,6 +128,16 @@ void ParseOptions(int argc, char **argv) {
     }
 }
 
+// Whether the environment has the key under the name with the instance in it. The library asks for that name when the
+// common one, `name`, has no value: an answer of the host's own would hide it.
+bool IsSetForInstance(std::string_view name) {
+    constexpr std::string_view kCommon = "ZVX_FIBERS_";
+    const char *const instance = std::getenv("ZORVEX_SID");
+    if (instance == nullptr || name.substr(0, kCommon.size()) != kCommon) return false;
+    const std::string own = "ZVX_" + std::string(instance) + "_FIBERS_" + std::string(name.substr(kCommon.size()));
+    return std::getenv(own.c_str()) != nullptr;
+}
+
 // What the library asks for while it starts. A server waits for clients most of the time: an idle scheduler sleeps in
 // its port until something happens, completions always come through the port, and stacks are small because there are
 // many of them.
@@ -137,7 +147,7 @@ int LookupValue(const char *name, char *buffer, int capacity) {
     if (key == "ZVX_FIBERS_Schedulers") value = gOptions.Schedulers.c_str();
     if (key == "ZVX_FIBERS_DisableFibers" && gOptions.Threads) value = "1";
     if (key == "ZVX_FIBERS_DynamicSchedulersEnabled" && gOptions.MayMigrate) value = "1";
-    if (value == nullptr) {
+    if (value == nullptr && !IsSetForInstance(key)) {
         if (key == "ZVX_FIBERS_PortWaitMs") value = "100";
         if (key == "ZVX_FIBERS_NumContextSwitchesBeforePolling") value = "10000";
         if (key == "ZVX_FIBERS_DefaultNetShadowSpinTimeMs") value = "0";
