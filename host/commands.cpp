@@ -2,7 +2,7 @@
 //
 // Runs on sessions. A command enters the section of its shard (or of all its shards, by rising index), looks, appends a
 // record to the log, applies it and leaves; nothing in between waits except for the log's section. Whether the record
-// is durable is awaited later, once for all that the client has sent.
+// is durable is awaited later, once for all that the client has sent, or when an answer gets long.
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -105,6 +105,30 @@ void PutValue(Session &s, const Entry *entry) {
     }
 }
 
+// Appends a part of an answer, and sends on the way what there is: a client that asks for much and reads nothing must
+// not make us hold it. False when the rest need not be made. No section may be held.
+bool PutInPieces(Session &s, std::string_view bytes) {
+    for (size_t at = 0; at < bytes.size(); at += kSpillBytes) {
+        s.Put(bytes.substr(at, kSpillBytes));
+        if (s.OutUsed >= kSpillBytes && !s.Spill()) return false;
+    }
+    return true;
+}
+
+// The same with a value, null for none, of which the caller's reference goes.
+bool PutAndRelease(Session &s, Value *value) {
+    bool wanted = true;
+    if (value == nullptr) {
+        s.PutNull();
+    } else {
+        s.PutLine('$', value->Length);
+        wanted = PutInPieces(s, value->View());
+        if (wanted) s.Put("\r\n");
+    }
+    Release(value);
+    return wanted;
+}
+
 // ---- Strings -----------------------------------------------------------------------------------------
 
 constexpr uint32_t kLargeValue = 4096;  // copied to the answer outside the section
@@ -121,9 +145,7 @@ void Get(Session &s, const Arguments &a) {
             large = Share(entry->Val);
         }
     }
-    if (large == nullptr) return;
-    s.PutBulk(large->View());
-    Release(large);
+    if (large != nullptr) PutAndRelease(s, large);
 }
 
 // A time as EX and PX give it; false with the answer.
@@ -165,19 +187,18 @@ void Set(Session &s, const Arguments &a) {
     }
     if ((ifAbsent && ifPresent) || (keep && timed)) return s.PutError(kSyntax);
     const Keyed key(a[1]);
-    Guard guard(key.Section());
-    Entry *const entry = key.Find(s);
-    const bool wanted = !(ifAbsent && entry != nullptr) && !(ifPresent && entry == nullptr);
-    Value *const before = get && entry != nullptr ? Share(entry->Val) : nullptr;
-    if (wanted) {
+    bool wanted = false;
+    Value *before = nullptr;
+    {
+        Guard guard(key.Section());
+        Entry *const entry = key.Find(s);
+        wanted = !(ifAbsent && entry != nullptr) && !(ifPresent && entry == nullptr);
+        if (get && entry != nullptr) before = Share(entry->Val);
         if (keep && entry != nullptr) expire = entry->Expire;
-        if (!Write(s, key, entry, a[2], expire)) return Release(before);
+        if (wanted && !Write(s, key, entry, a[2], expire)) return Release(before);
     }
-    if (before != nullptr) {
-        s.PutBulk(before->View());
-        Release(before);
-    } else if (get || !wanted) {
-        s.PutNull();
+    if (get || !wanted) {
+        PutAndRelease(s, before);
     } else {
         s.Put("+OK\r\n");
     }
@@ -193,17 +214,14 @@ void SetNx(Session &s, const Arguments &a) {
 
 void GetSet(Session &s, const Arguments &a) {
     const Keyed key(a[1]);
-    Guard guard(key.Section());
-    Entry *const entry = key.Find(s);
-    Value *const before = entry != nullptr ? Share(entry->Val) : nullptr;
-    if (Write(s, key, entry, a[2], kNever)) {
-        if (before != nullptr) {
-            s.PutBulk(before->View());
-        } else {
-            s.PutNull();
-        }
+    Value *before = nullptr;
+    {
+        Guard guard(key.Section());
+        Entry *const entry = key.Find(s);
+        if (entry != nullptr) before = Share(entry->Val);
+        if (!Write(s, key, entry, a[2], kNever)) return Release(before);
     }
-    Release(before);
+    PutAndRelease(s, before);
 }
 
 void Append(Session &s, const Arguments &a) {
@@ -296,12 +314,11 @@ void MGet(Session &s, const Arguments &a) {
     s.PutArray(values.size());
     bool wanted = true;
     for (Value *value : values) {
-        if (wanted && value != nullptr) {
-            s.PutBulk(value->View());
-        } else if (wanted) {
-            s.PutNull();
+        if (wanted) {
+            wanted = PutAndRelease(s, value);
+        } else {
+            Release(value);
         }
-        Release(value);
         if (wanted && s.OutUsed >= kSpillBytes) wanted = s.Spill();
     }
 }
@@ -458,10 +475,7 @@ class Collected {
         if (Full) return s.PutError("too many keys match for the memory of --max-buffers; SCAN asks for fewer");
         s.Put(outer);
         s.PutArray(Count);
-        for (size_t at = 0; at < Bulks.size(); at += kSpillBytes) {
-            s.Put(std::string_view(Bulks).substr(at, kSpillBytes));
-            if (s.OutUsed >= kSpillBytes && !s.Spill()) return;
-        }
+        PutInPieces(s, Bulks);
     }
 
   private:

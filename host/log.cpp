@@ -608,6 +608,8 @@ bool AwaitSettled(Waiter *waiter, uint64_t seq, bool evenWhenRefusing, DWORD ms 
         {
             Guard guard(&gLog.Section);
             if (gLog.Settled.load(std::memory_order_relaxed) >= seq) return true;
+            // Once more: who waits in vain is woken as refusing begins, and then only by a write that succeeds.
+            if (!evenWhenRefusing && gLog.Refusing.load(std::memory_order_relaxed)) return true;
             if (waiter->Wanted == 0) {
                 waiter->Next = gLog.Waiters;
                 gLog.Waiters = waiter;

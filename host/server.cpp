@@ -180,6 +180,7 @@ void AboutCommands(Session &s, const Arguments &a) {
     if (a.Count > 1 && !info) return s.PutError("unknown subcommand '" + Quoted(a[1]) + "'");
     s.PutArray(listed.size());
     for (const Command *command : listed) {
+        if (s.OutUsed >= kSpillBytes && !s.Spill()) return;
         if (command == nullptr) {
             s.Put("*-1\r\n");
             continue;
