@@ -157,7 +157,10 @@ Buffer *BufferFor(size_t size) {
 void Recycle(Buffer *buffer) {
     for (Undo &undo : buffer->Undos) {
         Release(undo.Old);
-        for (uint32_t i = 0; undo.Flushed != nullptr && i < kShards; i++) FreeContents(&undo.Flushed[i]);
+        for (uint32_t i = 0; undo.Flushed != nullptr && i < kShards; i++) {
+            FreeContents(&undo.Flushed[i]);
+            GiveWay();
+        }
     }
     if (buffer->Capacity > kKeptBuffer) {
         std::free(buffer->Data);
