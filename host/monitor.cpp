@@ -48,7 +48,7 @@ void LookAtSessions(uint32_t now, std::vector<HANDLE> *hopeless, std::vector<Ses
             if (GetExitCodeThread(slot->Who->Thread, &code) && code != STILL_ACTIVE) {
                 dead->push_back(slot->Who);
             } else if (state == SessionState::kSending && slot->End.load() != EndReason::kSlowReader) {
-                // Its last words, which nobody takes: the send fails, and the session ends itself with all that it holds.
+                // Its last words, which nobody takes: the send fails, and the session ends with all that it holds.
                 slot->End = EndReason::kSlowReader;
                 slot->EndedAt = now;
                 shutdown(slot->Who->Socket, SD_BOTH);

@@ -338,8 +338,8 @@ void ReplayLog(const std::vector<SegmentFile> &files, Recovered *result) {
         if (header.Previous == log.End.Previous) result->CutBytes = header.Bytes;
     }
     log.Tail.assign(data.data() + end - end % kLogBlock, end % kLogBlock);
-    // What an earlier process was told had failed lies clean in the system's memory, where a flush passes it over: it is
-    // written anew. Older segments were durable before this one was begun.
+    // What an earlier process was told had failed lies clean in the system's memory, where a flush passes it over: it
+    // is written anew. Older segments were durable before this one was begun.
     const DWORD error = WriteBlocks(current->Opened.File, 0, data.data(), RoundUp(end, kLogBlock), 1 << 20);
     if (error != ERROR_SUCCESS) Damaged(current->Name, 0, ReasonOf(error).c_str());
     for (const SegmentFile &file : files) {

@@ -197,8 +197,8 @@ TEST_P(Faulty, DamagedLog) {
         EXPECT_EQ(client.Ask("SET key19 again"), "+OK");
         Host.Kill();
     }
-    // What was lost behind a torn record does not come back when another run writes that record again. It fills a block,
-    // whose rest would be zeros else.
+    // What was lost behind a torn record does not come back when another run writes that record again. It fills its
+    // block, whose rest would be zeros else.
     for (const long writes : {2, 1}) {
         ASSERT_TRUE(Host.Start({"--durability", "everysec"})) << Host.Text();
         Client client(Host);

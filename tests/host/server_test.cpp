@@ -91,7 +91,7 @@ TEST_P(Serving, PipelinesAndInline) {
     EXPECT_TRUE(bad.AwaitClose());
 }
 
-// Asked to end, the server ends with everything in its place, what it answers meanwhile as well: by signal and by command.
+// Asked to end, by signal and by command, the server ends with everything in its place, what it answers meanwhile too.
 TEST_P(Serving, EndsCleanly) {
     long acknowledged = 0;
     for (int round = 0; round < 2; round++) {
