@@ -1,6 +1,5 @@
 // tests/unit/sched_switch_test.cpp - which fiber runs next, and when; time-outs, sleeps and polled waits under a clock
 // that the test moves.
-#include <map>
 #include <random>
 
 #include "child.h"
@@ -62,52 +61,34 @@ TEST_F(SwitchTest, QueuesAreServedInTheirOrder) {
     ClearOption(su_PFOneRQ);
     std::swap(gPRQ, gFRQ);  // "RunQOrder" 1
     EXPECT_EQ(wakeAll(), (Names{"ready", "dbwr", "high", "file", "post", "socket", "other"}));
-}
-
-TEST_F(SwitchTest, ABatchInAnyOrderIsServedAsIfEachHadBeenPutInItsPlace) {
-    std::map<Fiber *, std::string> fibers;
-    for (int i = 0; i < 60; ++i) fibers[Parked(std::to_string(i))] = std::to_string(i);
-    std::mt19937 random(12345);
-    for (int round = 0; round < 40; ++round) {
-        // The order that inserting one after the other gives: before the first with an equal or smaller stamp.
-        std::multimap<uint32_t, std::string, std::greater<>> expected;
-        for (const auto &[F, name] : fibers) {
-            if (random() % 2 == 0) continue;
-            F->LastRunStamp = static_cast<uint32_t>(random() % (round % 2 == 0 ? 1000 : 5));
-            expected.insert(expected.lower_bound(F->LastRunStamp), {F->LastRunStamp, name});
-            Wake(F, gSRQ);
-            CheckScheduler(S);
-        }
-        Names names;
-        for (const auto &[stamp, name] : expected) names.push_back(name);
-        RunUntilIdle(S);
-        EXPECT_EQ(TakeNotes(), names) << "round " << round;
-    }
+    EXPECT_FALSE(AttachFiber(S, ready)) << "it is not on its way from another scheduler";
 }
 
 // However many were placed together: the order is that of placing each as it comes, in front of the first with an equal
 // or smaller stamp, or behind all when it is of a low class.
 TEST_F(SwitchTest, WokenAndAppendedInTheOrderOfTheirComing) {
     std::mt19937 random(1);
-    for (int round = 0; round < 500; round++) {
-        std::vector<Fiber> fibers(80);
-        std::vector<Fiber *> expected;
-        for (Fiber &F : fibers) {
+    std::vector<Fiber *> fibers;
+    for (int i = 0; i < 80; i++) fibers.push_back(Parked(std::to_string(i)));
+    for (int round = 0; round < 200; round++) {
+        const uint32_t queue = round % 4 == 0 ? gSRQ : gORQ;
+        std::vector<std::pair<uint32_t, std::string>> expected;
+        for (size_t i = 0; i < fibers.size(); i++) {
             const auto any = static_cast<uint32_t>(random());
-            F.LastRunStamp = any % (round % 2 == 0 ? 1000 : 20) + (expected.size() < 20 ? 500 : 0);
-            F.SchedClass = random() % 3 == 0 ? CLASS_BACKGROUND : CLASS_NORMAL;
-            MakeRunnable(S, &F, gORQ);
+            const uint32_t stamp = any % (round % 2 == 0 ? 1000 : 20) + (expected.size() < 20 ? 500 : 0);
+            const bool low = queue == gORQ && random() % 3 == 0;
+            fibers[i]->LastRunStamp = stamp;
+            fibers[i]->SchedClass = low ? CLASS_BACKGROUND : CLASS_NORMAL;
+            Wake(fibers[i], queue);
+            CheckScheduler(S);
             auto place = expected.begin();
-            while (place != expected.end() &&
-                   (F.SchedClass == CLASS_BACKGROUND || (*place)->LastRunStamp > F.LastRunStamp))
-                ++place;
-            expected.insert(place, &F);
+            while (place != expected.end() && (low || place->first > stamp)) ++place;
+            expected.insert(place, {stamp, std::to_string(i)});
         }
-        SortQueue(S, gORQ);
-        for (Fiber *F : expected) {
-            ASSERT_EQ(FiberOfRunLink(FirstLink(&S->RunQueues[gORQ])), F) << round;
-            UnlinkMasked(S, &S->RunQueues[gORQ], 1u << gORQ, F);
-        }
+        Names names;
+        for (const auto &[stamp, name] : expected) names.push_back(name);
+        RunUntilIdle(S);
+        ASSERT_EQ(TakeNotes(), names) << round;
     }
 }
 
