@@ -147,10 +147,9 @@ TEST(Pipe, NamesAndInstances) {
 // In a folder of its own. What a process leaves that ends with its pipes open goes when the next pipe is made, whatever
 // its name; and what others could read or write is not used.
 TEST(Pipe, FilesOfTheNames) {
-    char parent[] = "/tmp/zvx-pipes-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(parent));
-    setenv("ZVXKVT_PIPES", parent, 1);
-    const std::string folder = std::string(parent) + "/zvxkvt-pipes-1-" + std::to_string(geteuid());
+    const ScratchFolder parent;
+    setenv("ZVXKVT_PIPES", parent.Name.c_str(), 1);
+    const std::string folder = parent.File("zvxkvt-pipes-1-" + std::to_string(geteuid()));
     Await(Fork([] { EXPECT_EQ(0u, ErrorOf(Create(0, kMessages, 1, PipeName("Left")))); }));
     const HANDLE server = Create();
     std::string socket;
@@ -166,7 +165,6 @@ TEST(Pipe, FilesOfTheNames) {
     }
     EXPECT_EQ(0u, ErrorOf(OpenEnd()));
     os::CloseHandle(server);
-    std::filesystem::remove_all(parent);
 }
 
 TEST_P(PipeWay, States) {

@@ -7,10 +7,6 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-
-#include <filesystem>
-#include <fstream>
 
 #include "../platform/support.h"
 #include "platform/base/shared_names.h"
@@ -73,10 +69,6 @@ struct SecondUser : testing::Test {
     std::string PipesOf(uid_t user) const { return In("zvxkvt-pipes-1-" + std::to_string(user)); }
 };
 
-std::string Contents(const std::string &path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 mode_t ModeOf(const std::string &path) {
     struct stat info {};
     return lstat(path.c_str(), &info) == 0 ? info.st_mode : 0;
@@ -120,8 +112,8 @@ TEST_F(SecondUser, ATableOfNamesThatSomebodyElsePutThere) {
             EXPECT_EQ(ERROR_ACCESS_DENIED, ErrorOf(os::OpenMutexA(0, FALSE, "once")));
             EXPECT_EQ(0u, ErrorOf(os::CreateMutexA(nullptr, TRUE, nullptr))) << "one without a name";
         });
-        EXPECT_TRUE(kind != "file" || Contents(Table) == "his");
-        EXPECT_EQ("mine", Contents(own));
+        EXPECT_TRUE(kind != "file" || ReadWhole(Table) == "his");
+        EXPECT_EQ("mine", ReadWhole(own));
         Clean();
     }
 }
@@ -273,7 +265,7 @@ TEST_F(SecondUser, DumpsAndLogsInAFolderThatOthersWriteTo) {
         EXPECT_TRUE(dump(mine + ".old")) << "a link that may be removed is";
     });
     for (const char *name : {".dmp", ".log", ".old"}) EXPECT_EQ(S_IFREG | 0600u, ModeOf(mine + name)) << name;
-    EXPECT_EQ("lineline", Contents(mine + ".log"));
+    EXPECT_EQ("lineline", ReadWhole(mine + ".log"));
     As(kEnemy, [&] {
         EXPECT_EQ(0, symlink(own.c_str(), (laid + ".link").c_str()));
         EXPECT_EQ(0, mkfifo((laid + ".fifo").c_str(), 0666));
@@ -287,6 +279,6 @@ TEST_F(SecondUser, DumpsAndLogsInAFolderThatOthersWriteTo) {
         EXPECT_FALSE(log(laid + ".hard"));
         EXPECT_TRUE(dump(laid + ".hard")) << "another name of one's own file goes, the file does not";
     });
-    EXPECT_EQ("mine", Contents(own));
-    EXPECT_EQ("", Contents(laid + ".file"));
+    EXPECT_EQ("mine", ReadWhole(own));
+    EXPECT_EQ("", ReadWhole(laid + ".file"));
 }
