@@ -68,10 +68,7 @@ void DrainShells() {
 }
 
 // A fiber waits at its gate until the set-up is complete.
-void Gate(Fiber *F) {
-    F->WaitTimeoutMs = INFINITE;
-    SchedYield(F, Yield_TIMER_WAIT);
-}
+constexpr auto Gate = test::ParkForEver;
 void IdentifyAtGate(Fiber *F) {
     IdentifyUserThread("TEST", gEvent);
     Gate(F);
@@ -393,7 +390,7 @@ void ExitAgainstSuspend() {
 
 // An entry that was looked up stands until the next yield, whatever happens to its handle.
 void CloseAgainstLookUp() {
-    static const HANDLE file = script::NewFile();
+    static const HANDLE file = HandleValue(test::NewEntry(gSchedulers[1], PHAND_HTYPE_CreateFileA));
     Fiber *reader = AddFiber(0, [](Fiber *F) {
         Gate(F);
         for (int i = 0; i < 3; ++i) {
@@ -415,10 +412,6 @@ void CloseAgainstLookUp() {
             SchedYield(F, Yield_USER);
         }
     });
-    PSEHAND *entry = AllocHandleEntry(gSchedulers[1], 0);
-    entry->Type = PHAND_HTYPE_CreateFileA;
-    entry->Handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(file));
-    InsertHandle(entry);
     OpenAtRest({reader, closer});
 }
 

@@ -1,5 +1,5 @@
-// tests/unit/sched_message_test.cpp - requests between schedulers: where they go while their thread moves; the rest is
-// that of tests/model. Then packets against polling.
+// tests/unit/sched_message_test.cpp - packets against polling, and alertable waits. Requests between schedulers and
+// threads that move: tests/model.
 #include <unistd.h>
 
 #include "child.h"
@@ -8,47 +8,6 @@
 
 namespace zvx::test {
 namespace {
-
-using MessageTest = TwoSchedulers;
-
-// The pass in which a leaving thread finds its successor runs on its stack. Handed over in that pass, it could run on
-// the other scheduler before it has left.
-TEST_F(MessageTest, ALeavingThreadIsHandedOverWhenItIsOffItsStack) {
-    Fiber *F = NewFiber(S, [&](Fiber *self) {
-        self->MigrateTarget = Other;
-        S->SelectPasses = kFullSweepPasses + 1;
-        SchedYield(self, Yield_MIGRATE);
-        Note(SchedOf(self) == Other ? "on 1" : "on 0");
-        ParkForEver(self);
-    });
-    Run([&](Fiber *) { Note(F->Sched.load() == S && S->MigrationQueue.Count == 1 ? "kept" : "sent"); });
-    EXPECT_EQ(TakeNotes(), Names{"kept"});
-    EXPECT_EQ(F->Sched.load(), nullptr);
-    RunUntilIdle(Other);
-    EXPECT_EQ(TakeNotes(), Names{"on 1"});
-    EXPECT_FALSE(AttachFiber(Other, F)) << "it is not on its way any more";
-}
-
-TEST_F(MessageTest, ARequestForAThreadThatLeftIsPassedOn) {
-    Fiber *F = NewFiber(Other, ParkForEver);
-    RunUntilIdle(Other);
-    SendOne(S, MSG_SUSPEND, F, Generation(F));  // sent while it was still on S
-    RunUntilIdle(S);
-    EXPECT_EQ(F->SuspendRequests.load(), 0u);
-    RunUntilIdle(Other);
-    EXPECT_EQ(F->SuspendRequests.load(), 1u);
-    // Between two schedulers: kept until it has arrived.
-    SetSched(F, nullptr, std::memory_order_relaxed);
-    SendOne(S, MSG_SUSPEND, F, Generation(F));
-    RunUntilIdle(S);
-    EXPECT_NE(S->Messages.load(), nullptr);
-    SetSched(F, Other, std::memory_order_relaxed);
-    RunUntilIdle(S);
-    RunUntilIdle(Other);
-    EXPECT_EQ(F->SuspendRequests.load(), 2u);
-}
-
-// ---- Packets and polling -----------------------------------------------------------------------------
 
 struct CompletionTest : CallTest {
     void SetUp() override {

@@ -239,19 +239,6 @@ TEST_F(Dedicated, ASuspendedThreadRunsTheRoutineAndStopsAgain) {
     Send(MSG_RESUME);
     Pass(2);
     EXPECT_EQ(TakeNotes(), Names{"slept"});
-    // One that was runnable when both came used to go on after the routine, until its next yield.
-    Target = Run([this](Fiber *F) {
-        IdentifyUserThread("P", Event);
-        SendOne(S, MSG_SUSPEND, F, Generation(F));
-        UserThreadExecRoutine(Event, [] { Note("routine"); });
-        SchedYield(F, Yield_USER);
-        Note("went on");
-        UnidentifyUserThread(0);
-    });
-    EXPECT_EQ(TakeNotes(), Names{"routine"});
-    EXPECT_EQ(Target->State, FSTATE_SUSPENDED);
-    Send(MSG_RESUME);
-    EXPECT_EQ(TakeNotes(), Names{"went on"});
 }
 
 // Each of the two finds the answer to its own request, although the routine's comes before the other is looked for.
