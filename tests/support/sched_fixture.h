@@ -111,6 +111,12 @@ struct CallTest : SchedTest {
     static HANDLE Open(DWORD flags = FILE_FLAG_OVERLAPPED) {
         return CreateFileA("name", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, flags, nullptr);
     }
+    static HANDLE Duplicate(HANDLE source, DWORD options = DUPLICATE_SAME_ACCESS) {
+        const HANDLE process = os::GetCurrentProcess();
+        HANDLE copy = nullptr;
+        EXPECT_TRUE(DuplicateHandle(process, source, process, &copy, 0, FALSE, options));
+        return copy;
+    }
     static HANDLE NewEvent(bool manual, bool set) { return os::CreateEventA(nullptr, manual, set, nullptr); }
 };
 

@@ -220,20 +220,14 @@ TEST_F(HandleTable, GrowthKeepsEveryEntryAndTheArrayBefore) {
 TEST_F(HandleTable, FamiliesLiveAsLongAsTheirLastHandle) {
     PSEHAND *entry = NewEntry(S, PHAND_HTYPE_CreateFileA);
     const HANDLE root = HandleValue(entry);
-    const auto duplicate = [](HANDLE source, DWORD options = 0) {
-        const HANDLE process = os::GetCurrentProcess();
-        HANDLE copy = nullptr;
-        EXPECT_TRUE(DuplicateHandle(process, source, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS | options));
-        return copy;
-    };
     RunToEnd([&](Fiber *) {
-        const HANDLE first = duplicate(root), second = duplicate(first);
+        const HANDLE first = Duplicate(root), second = Duplicate(first);
         EXPECT_EQ(LookUpHandle(second)->Parent, entry) << "a child of the root, not of the handle between";
         EXPECT_TRUE(CloseHandle(root) && CloseHandle(first));
         EXPECT_TRUE(LookUpHandle(root) == entry && entry->RefCount == 1) << "the family keeps its root";
         // Moving a handle closes its source, whose entry goes too. A refusal by the operating system drops the
         // reference all the same.
-        const HANDLE moved = duplicate(second, DUPLICATE_CLOSE_SOURCE);
+        const HANDLE moved = Duplicate(second, DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE);
         EXPECT_TRUE(LookUpHandle(second) == nullptr && entry->RefCount == 1);
         os::FailCall("CloseHandle", 1, ERROR_INVALID_HANDLE);
         EXPECT_FALSE(CloseHandle(moved));
@@ -316,10 +310,8 @@ TEST_F(NetCall, BindingAtTheFirstUse) {
         EXPECT_FALSE(bound(received));
         EXPECT_EQ(recv(received, &byte, 1, 0) + send(sent, &byte, 1, 0), 2);
         EXPECT_TRUE(bound(received) && bound(sent) && !bound(s));
-        HANDLE copy = nullptr;
-        EXPECT_TRUE(DuplicateHandle(os::GetCurrentProcess(), SocketHandle(s), os::GetCurrentProcess(), &copy, 0, FALSE,
-                                    DUPLICATE_SAME_ACCESS));
-        EXPECT_EQ(send(reinterpret_cast<SOCKET>(copy), &byte, 1, 0) + send(s, &byte, 1, 0), 2);
+        const SOCKET copy = reinterpret_cast<SOCKET>(Duplicate(SocketHandle(s)));
+        EXPECT_EQ(send(copy, &byte, 1, 0) + send(s, &byte, 1, 0), 2);
         EXPECT_EQ(recv(s, &byte, 1, ZVX_MSG_PEEK) + recv(s, &byte, 0, 0), 2);
         EXPECT_TRUE(gScript.BoundKeys.size() == 3 && gScript.Calls.size() == 7);
     });

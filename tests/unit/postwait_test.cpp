@@ -141,8 +141,7 @@ TEST_F(PostWaitCall, APostEventsEntryGoesOnceAndAfterItsDuplicates) {
         event = NewEvent(false, false);
         step([&](Fiber *) {
             IdentifyUserThread("SHAD", event);
-            const HANDLE self = os::GetCurrentProcess();
-            EXPECT_TRUE(DuplicateHandle(self, event, self, &copy, 0, FALSE, way == 2 ? 3 : DUPLICATE_SAME_ACCESS));
+            copy = Duplicate(event, way == 2 ? 3 : DUPLICATE_SAME_ACCESS);
             EXPECT_TRUE(way != 1 || CloseHandle(event));
             UnidentifyUserThread(0);
         });
