@@ -215,7 +215,6 @@ HANDLE CreateIoCompletionPort(HANDLE file, HANDLE port, uintptr_t key, DWORD) {
 
 BOOL GetQueuedCompletionStatus(HANDLE port, DWORD *bytes, uintptr_t *key, OVERLAPPED **overlapped, DWORD ms) {
     *overlapped = nullptr;
-    if (ShouldFail("GetQueuedCompletionStatus")) return FALSE;
     PortState *state = StateOf(port);
     if (state == nullptr) return FALSE;
     NoteProgress();
@@ -245,7 +244,6 @@ BOOL GetQueuedCompletionStatus(HANDLE port, DWORD *bytes, uintptr_t *key, OVERLA
 }
 
 BOOL PostQueuedCompletionStatus(HANDLE port, DWORD bytes, uintptr_t key, OVERLAPPED *overlapped) {
-    if (ShouldFail("PostQueuedCompletionStatus")) return FALSE;
     PortState *state = StateOf(port);
     if (state == nullptr) return FALSE;
     state->Queue.push_back({bytes, key, overlapped, 0, nullptr});
@@ -256,7 +254,6 @@ BOOL PostQueuedCompletionStatus(HANDLE port, DWORD bytes, uintptr_t key, OVERLAP
 // ---- Reads and writes --------------------------------------------------------------------------------
 
 HANDLE CreateFileA(const char *name, DWORD, DWORD, SECURITY_ATTRIBUTES *, DWORD, DWORD, HANDLE) {
-    if (ShouldFail("CreateFileA")) return INVALID_HANDLE_VALUE;
     return gScript.OnCreate && !gScript.OnCreate(name) ? INVALID_HANDLE_VALUE : NewFile();
 }
 

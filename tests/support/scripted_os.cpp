@@ -67,12 +67,10 @@ uint64_t ReadTsc() {
 }
 
 BOOL QueryPerformanceFrequency(LARGE_INTEGER *frequency) {
-    if (ShouldFail("QueryPerformanceFrequency")) return FALSE;
     frequency->QuadPart = gScript.QpcFrequency.load();
     return TRUE;
 }
 BOOL QueryPerformanceCounter(LARGE_INTEGER *count) {
-    if (ShouldFail("QueryPerformanceCounter")) return FALSE;
     count->QuadPart = gScript.Qpc.load();
     return TRUE;
 }
@@ -95,7 +93,6 @@ void GetSystemTimeAsFileTime(FILETIME *time) {
 // ---- Processors --------------------------------------------------------------------------------------
 
 BOOL GetProcessAffinityMask(HANDLE, uint32_t *processMask, uint32_t *systemMask) {
-    if (ShouldFail("GetProcessAffinityMask")) return FALSE;
     *processMask = gScript.ProcessMask;
     *systemMask = gScript.SystemMask;
     return TRUE;

@@ -20,7 +20,7 @@
 //     TerminateThread was called for. Masks and priorities are kept as values, and every change of one is recorded.
 //   - A socket is a scripted file. Every call of a socket function is noted in SocketCalls, as its name and what the
 //     library chose for it.
-//   - os::FailCall makes the nth call of a named function fail, here as on the real platform.
+//   - os::FailCall makes the nth call of a named function fail, where a test of these asks for it.
 //
 // The tables belong to the test's thread. Threads that it made by itself may write trace lines, so clocks are atomics.
 #ifndef ZVX_TESTS_SUPPORT_SCRIPTED_OS_H
