@@ -16,7 +16,6 @@
 #include "kernel/file.h"
 #include "postwait/postwait.h"
 #include "stress/stress.h"
-#include "support/net_peer.h"
 
 namespace {
 

@@ -96,7 +96,7 @@ TEST(Socket, SelectAnswersForArraysOfAnySize) {
     // Connecting without waiting: writable when it has succeeded, in the error set when it has failed.
     for (const bool good : {true, false}) {
         const SOCKET s = NewSocket();
-        const sockaddr_in target = Loopback(good ? NameOf(pair.Listener).sin_port : htons(1));
+        const sockaddr_in target = Loopback(good ? ntohs(NameOf(pair.Listener).sin_port) : 1);
         ULONG on = 1;
         os::ioctlsocket(s, static_cast<LONG>(ZVX_FIONBIO), &on);
         os::connect(s, Plain(target), sizeof target);

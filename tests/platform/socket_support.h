@@ -2,21 +2,14 @@
 #ifndef ZVX_TESTS_PLATFORM_SOCKET_SUPPORT_H
 #define ZVX_TESTS_PLATFORM_SOCKET_SUPPORT_H
 
-#include <netinet/in.h>
-
+#include "../support/net_peer.h"
 #include "platform/os_socket.h"
 #include "support.h"
 
+using netpeer::Loopback;
+
 inline ptrdiff_t OpenDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-
-inline sockaddr_in Loopback(uint16_t port = 0) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = port;
-    return address;
 }
 
 inline const sockaddr *Plain(const sockaddr_in &address) {
@@ -46,7 +39,7 @@ inline SOCKET NewListener(const sockaddr_in &address = Loopback()) {
 
 inline SOCKET ConnectTo(SOCKET listener) {
     const SOCKET s = NewSocket();
-    const sockaddr_in address = Loopback(NameOf(listener).sin_port);
+    const sockaddr_in address = Loopback(ntohs(NameOf(listener).sin_port));
     EXPECT_EQ(0, os::connect(s, Plain(address), sizeof address)) << os::GetLastError();
     return s;
 }

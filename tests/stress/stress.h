@@ -4,7 +4,6 @@
 #define ZVX_TESTS_STRESS_STRESS_H
 
 #include <fcntl.h>
-#include <netinet/in.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +20,7 @@
 #include "platform/base/minidump.h"
 #include "sched/sched.h"
 #include "sched/startup.h"
+#include "support/net_peer.h"
 
 namespace stress {
 
@@ -127,20 +127,12 @@ void OnRoutine(DWORD error, DWORD bytes, OVERLAPPED *ov, Flags...) {
     routine->Done++;
 }
 
-inline sockaddr_in Loopback(uint16_t port) {
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_addr.s_addr = __builtin_bswap32(0x7F000001);
-    name.sin_port = __builtin_bswap16(port);
-    return name;
-}
-
 // On a free port of this machine.
 inline SOCKET Listen(uint16_t *port, DWORD flags = WSA_FLAG_OVERLAPPED) {
     SOCKET s = INVALID_SOCKET;
     Try("WSASocketA",
         [&] { return (s = zvx::WSASocketA(AF_INET, SOCK_STREAM, 0, nullptr, 0, flags)) != INVALID_SOCKET; });
-    sockaddr_in name = Loopback(0);
+    sockaddr_in name = netpeer::Loopback();
     auto *const address = reinterpret_cast<sockaddr *>(&name);
     int length = sizeof name;
     Try("bind", [&] { return os::bind(s, address, length) == 0; });
@@ -153,8 +145,8 @@ inline SOCKET Listen(uint16_t *port, DWORD flags = WSA_FLAG_OVERLAPPED) {
 inline SOCKET Connect(uint16_t port) {
     SOCKET s = INVALID_SOCKET;
     Try("socket", [&] { return (s = zvx::socket(AF_INET, SOCK_STREAM, 0)) != INVALID_SOCKET; });
-    sockaddr_in name = Loopback(port);
-    Try("connect", [&] { return os::connect(s, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0; });
+    const sockaddr_in name = netpeer::Loopback(port);
+    Try("connect", [&] { return os::connect(s, reinterpret_cast<const sockaddr *>(&name), sizeof name) == 0; });
     return s;
 }
 

@@ -12,7 +12,6 @@
 #include "kernel/file.h"
 #include "postwait/postwait.h"
 #include "stress.h"
-#include "support/net_peer.h"
 
 namespace {
 
@@ -236,7 +235,7 @@ DWORD Acceptor(void *) {
         int length = sizeof from;
         const SOCKET s = zvx::accept(gListener, reinterpret_cast<sockaddr *>(&from), &length);
         if (s == INVALID_SOCKET) return gStop.load() ? 31 : 32;
-        if (length != 16 || from.sin_addr.s_addr != Loopback(0).sin_addr.s_addr) Fail("a client's address");
+        if (length != 16 || from.sin_addr.s_addr != netpeer::Loopback().sin_addr.s_addr) Fail("a client's address");
         CloseHandle(Start(Session, s));
     }
 }

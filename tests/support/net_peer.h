@@ -13,12 +13,17 @@
 
 namespace netpeer {
 
-// A connection to 127.0.0.1; -1 when it is refused.
-inline int Connect(uint16_t port) {
+inline sockaddr_in Loopback(uint16_t port = 0) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = __builtin_bswap16(port);
     address.sin_addr.s_addr = __builtin_bswap32(0x7F000001);
+    return address;
+}
+
+// A connection to 127.0.0.1; -1 when it is refused.
+inline int Connect(uint16_t port) {
+    const sockaddr_in address = Loopback(port);
     const int fd = static_cast<int>(syscall(SYS_socket, AF_INET, 1, 0));
     if (syscall(SYS_connect, fd, &address, sizeof address) != 0) return close(fd), -1;
     return fd;
