@@ -16,7 +16,9 @@ zvx_need() {
     zvx_say "installing: ${missing[*]}"
     export DEBIAN_FRONTEND=noninteractive
     $sudo apt-get update -qq >/dev/null || true
-    if ! $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/tmp/zvxkvt-apt.$$ 2>&1; then
+    # Another apt-get, as those that a fresh machine starts by itself, is waited for.
+    if ! $sudo apt-get install -y -qq -o DPkg::Lock::Timeout=120 --no-install-recommends "${missing[@]}" \
+        >/tmp/zvxkvt-apt.$$ 2>&1; then
         tail -20 /tmp/zvxkvt-apt.$$ >&2
         echo "could not install: ${missing[*]}" >&2
         exit 1
