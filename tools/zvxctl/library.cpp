@@ -31,6 +31,7 @@ uint64_t ReadNumber(const char *from, size_t bytes) {
 
 bool TryOpenLibrary(const Process &process, Library *library, std::string *why) {
     library->Of = process;
+    bool runs = false;  // and does not just read the file, as a debugger does
     for (const Mapping &mapping : process.Maps) {
         const std::string name = BaseName(mapping.Path);
         if (name.compare(0, 9, "libzvxkvt") != 0 || name.find(".so") == std::string::npos) continue;
@@ -38,9 +39,12 @@ bool TryOpenLibrary(const Process &process, Library *library, std::string *why) 
             library->Base = mapping.Start;
             library->File = mapping.Path;
         }
-        if (mapping.Path == library->File) library->End = mapping.End;
+        if (mapping.Path != library->File) continue;
+        library->End = mapping.End;
+        runs |= mapping.Executable;
     }
-    if (library->Base == 0) {
+    if (!runs) {
+        library->Base = 0;
         *why = fmt::format("process {} does not use libzvxkvt", process.Pid);
         return false;
     }
