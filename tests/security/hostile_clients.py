@@ -238,8 +238,8 @@ def work_without_end(server):
     keys = [b"%03d" % number + b"a" * 100000 for number in range(500)]
     server.ask(b"".join(request("SET", key, "v") for key in keys), b"+OK\r\n" * len(keys))
     clients = [server.connect() for _ in range(8)]
-    for data, end in ((request("KEYS", b"*a" * 100 + b"a" * 800 + b"b"), b"*0\r\n"),
-                      (request("PING") * 300000, b"+PONG\r\n" * 300000)):
+
+    def others_answered(data, end):
         greedy, got = server.connect(), []
         threads = [threading.Thread(target=greedy.sendall, args=(data,)),
                    threading.Thread(target=lambda: got.append(receive(greedy, len(end))))]
@@ -255,7 +255,12 @@ def work_without_end(server):
         for thread in threads:
             thread.join()
         check(got == [end], f"the answer to {data[:30]!r}")
-        check(turns > 0, f"nobody else was answered before {data[:30]!r} was done")
+        return turns > 0
+
+    for data, end in ((request("KEYS", b"*a" * 100 + b"a" * 800 + b"b"), b"*0\r\n"),
+                      (request("PING") * 300000, b"+PONG\r\n" * 300000)):
+        # On busy processors this process may not have had a turn meanwhile.
+        check(any(others_answered(data, end) for _ in range(3)), f"nobody else was answered before {data[:30]!r} was done")
     # The keys themselves, which are more than the memory for requests and answers.
     server.ask(request("KEYS", "*"), b"-ERR too many keys match for the memory of --max-buffers; SCAN asks for fewer\r\n")
     server.ask(request("FLUSHALL"), b"+OK\r\n")
