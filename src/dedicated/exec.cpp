@@ -121,7 +121,7 @@ BOOL UserThreadExecRoutine(HANDLE thread, ZVXKVT_ROUTINE routine) {
             SendMessage(TS, msg);
             return TRUE;
         }
-        Sleep(1);  // between two schedulers there is nobody to talk to
+        AwaitAnswer();  // between two schedulers there is nobody to talk to
     }
 }
 

@@ -21,7 +21,8 @@ namespace {
 struct Watched {
     uint32_t Passes;
     bool Reported;
-    uint64_t Since;  // tick at which Passes was seen first
+    uint64_t Since;   // tick at which Passes was seen first
+    uint64_t Waited;  // what its kernel thread had waited for a processor when Passes was seen again; 0 before that
 };
 
 bool RunsHostCode(const Scheduler *S) {
@@ -54,12 +55,16 @@ void Look(uint32_t index, Watched *watched, uint64_t now) {
     const Scheduler *S = gSchedulers[index];
     const uint32_t passes = S->SwitchCount.load(std::memory_order_relaxed);
     if (passes != watched->Passes || !RunsHostCode(S)) {
-        if (watched->Reported)
-            TraceLog(false, true, true, "Stall: scheduler %u goes on after %u ms\n", index,
-                     static_cast<unsigned>(now - watched->Since));
-        *watched = {passes, false, now};
+        if (watched->Reported) {
+            // On a loaded machine it may be nobody's fault: the thread could run, and was not let.
+            const uint64_t waited = os::ProcessorWaitMs(S->OsThreadId) - watched->Waited;
+            TraceLog(false, true, true, "Stall: scheduler %u goes on after %u ms, %u of them without a processor\n",
+                     index, static_cast<unsigned>(now - watched->Since), static_cast<unsigned>(waited));
+        }
+        *watched = {passes, false, now, 0};
         return;
     }
+    if (watched->Waited == 0) watched->Waited = os::ProcessorWaitMs(S->OsThreadId);
     if (watched->Reported || now - watched->Since < gStallReportMs) return;
     watched->Reported = true;
     Report(S, now - watched->Since);

@@ -151,7 +151,7 @@ Scheduler *HomeOf(const Target &target) {
         Scheduler *S = target.Thread->Sched.load(std::memory_order_acquire);
         if (S != nullptr) return S;
         if (!IsSame(target)) return nullptr;
-        Sleep(1);
+        AwaitAnswer();
     }
 }
 
@@ -329,7 +329,7 @@ DWORD SuspendThread(HANDLE thread) {
     auto *answer = &C->SuspendAnswer[(C->Flags & FIBER_EXEC_RUNNING) != 0];
     if (IsSame(target) && SendAbout(C, target, MSG_SUSPEND, reinterpret_cast<uintptr_t>(answer), request)) {
         // Counted means stopped: the thread does not run again before it is resumed.
-        while (answer->load(std::memory_order_acquire) != request && IsSame(target)) Sleep(1);
+        while (answer->load(std::memory_order_acquire) != request && IsSame(target)) AwaitAnswer();
     }
     if (IsSame(target)) return previous;
     StaleHandle();
@@ -352,7 +352,7 @@ DWORD ResumeThread(HANDLE thread) {
     }
     if (previous == 0 && real) return 0;
     SendAbout(C, target, MSG_RESUME, 0);
-    Sleep(1);
+    AwaitAnswer();
     return previous;
 }
 
@@ -364,7 +364,7 @@ BOOL TerminateThread(HANDLE thread, DWORD exitCode) {
     if (!IsSame(target)) return StaleHandle();
     SendAbout(C, target, MSG_TERMINATE, exitCode);
     DWORD code = 0;
-    while (IsSame(target) && os::GetExitCodeThread(thread, &code) && code == STILL_ACTIVE) Sleep(1);
+    while (IsSame(target) && os::GetExitCodeThread(thread, &code) && code == STILL_ACTIVE) AwaitAnswer();
     return TRUE;
 }
 

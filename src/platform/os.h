@@ -415,6 +415,9 @@ struct ThreadSample {
 // Where a kernel thread of this process is. It is held up for some microseconds and runs on. False when it does not
 // answer within 200 ms, or somebody else is asking. Not on the thread itself.
 bool SampleThread(DWORD threadId, ThreadSample *sample);
+// Milliseconds in which a kernel thread of this process could have run but another had the processor, since it started;
+// 0 where the kernel does not say. Reads a file.
+uint64_t ProcessorWaitMs(DWORD threadId);
 bool IsCode(const void *address);  // lies in the code of a module
 // "function+0x12 (module+0x1234)", or as much of it as is known. Reads files and allocates.
 void DescribeCode(const void *address, char *text, size_t room);

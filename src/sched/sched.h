@@ -135,6 +135,9 @@ bool WakeFromObjects(Scheduler *S);    // those that ObjectSink has; whether the
 void Sleep(DWORD ms);
 DWORD SleepEx(DWORD ms, BOOL alertable);
 BOOL ZSleepExN(DWORD reserved, DWORD target, DWORD *counter, DWORD *outstanding);
+// One millisecond of a user thread that waits for what another scheduler does. Not Sleep, whose latch sleep would keep
+// the processor of a caller with a session's or a writer's role busy, and with it the scheduler that is waited for.
+void AwaitAnswer();
 
 // ---- fiber.cpp: records, start and exit
 Fiber *AllocFiberShell(Scheduler *S, uint8_t node);

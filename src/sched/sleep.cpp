@@ -25,6 +25,12 @@ void Sleep(DWORD ms) {
     }
 }
 
+void AwaitAnswer() {
+    Fiber *F = CallingFiber();
+    F->WaitTimeoutMs = 1;
+    SchedYield(F, Yield_TIMER_WAIT);
+}
+
 // The host changes these words from wherever it likes.
 static uint32_t HostWord(const uint32_t *word) {
     return std::atomic_ref<uint32_t>(const_cast<uint32_t &>(*word)).load(std::memory_order_acquire);

@@ -1,6 +1,7 @@
 // tests/integration/migrate_test.cpp - user threads with a scheduler of their own: who gets one, how many there are,
 // what becomes of one whose thread has ended. What may happen on the way is the stress test's.
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <set>
 
@@ -112,6 +113,34 @@ TEST_P(Migration, PostsByEventReachTheOtherSide) {
             HOST_CHECK(PostUserThread(there));
         }
         HOST_EQ(0u, mover.Join());
+    }));
+}
+
+// The latch sleep of a writer's role keeps its processor, which may be the one that the other scheduler needs to answer.
+TEST_P(Migration, WhoWaitsForAnotherSchedulersAnswerSleeps) {
+    EXPECT_HOST_OK(RunHost(Options({kEnabled}), [] {
+        std::atomic<int> stage{0};
+        HostThread target([&]() -> DWORD {
+            while (stage != 2) Sleep(1);
+            return 3;
+        });
+        HostThread mover([&]() -> DWORD {
+            MigrateUserThread("LGWR");
+            IdentifyUserThread("LGWR", CreateEventA(nullptr, FALSE, FALSE, nullptr));
+            stage = 1;
+            usleep(20000);  // the other scheduler is asleep by then
+            const clock_t before = clock();
+            HOST_EQ(0u, SuspendThread(target.Handle));
+            HOST_CHECK(clock() - before < CLOCKS_PER_SEC / 10);
+            HOST_EQ(1u, ResumeThread(target.Handle));
+            UnidentifyUserThread(0);
+            return 0;
+        });
+        while (stage == 0) Sleep(1);
+        usleep(400000);  // in the kernel: no user thread of this scheduler runs, nor does the scheduler
+        HOST_EQ(0u, mover.Join());
+        stage = 2;
+        HOST_EQ(3u, target.Join());
     }));
 }
 

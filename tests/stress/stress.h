@@ -8,6 +8,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -40,12 +43,33 @@ inline int64_t ChunksInUse(uint32_t type) {
     return sum;
 }
 
+// Seconds of patience, of which only those count in which no kernel thread of this process went long without a
+// processor. Where processes are scheduled in groups, as by session or container, the kernel of a loaded machine has been
+// seen to let threads that could run stand for seconds: what does not happen meanwhile is not lost.
+struct Patience {
+    int Seconds;
+    std::map<std::string, uint64_t> Waited{};  // of each thread, nanoseconds
+
+    // After another second of waiting: whether to go on.
+    bool Lasts() {
+        bool starved = false;
+        for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+            uint64_t ran = 0, waited = 0;
+            std::ifstream(task.path() / "schedstat") >> ran >> waited;
+            const auto [entry, isNew] = Waited.try_emplace(task.path().filename(), waited);
+            starved |= !isNew && waited - entry->second > 300'000'000;
+            entry->second = waited;
+        }
+        return starved || --Seconds > 0;
+    }
+};
+
 void Await(const char *what, auto condition) {
-    for (int i = 0; i < 4000; ++i) {
-        if (condition()) return;
+    Patience patience{20};
+    for (int i = 1; !condition(); ++i) {
+        if (i % 200 == 0 && !patience.Lasts()) Fail(what);
         zvx::Sleep(5);
     }
-    Fail(what);
 }
 
 // A call that must succeed; where one call of the platform is made to fail, at the second time.
@@ -72,9 +96,11 @@ inline void Close(HANDLE handle) {
 }
 
 inline void Wait(HANDLE handle) {
+    Patience patience{50};
     Try("WaitForSingleObject", [&] {
-        const DWORD result = zvx::WaitForSingleObject(handle, 50000);
-        if (result == WAIT_TIMEOUT) Fail("a wake-up was lost");
+        DWORD result;
+        while ((result = zvx::WaitForSingleObject(handle, 1000)) == WAIT_TIMEOUT)
+            if (!patience.Lasts()) Fail("a wake-up was lost");
         return result == WAIT_OBJECT_0;
     });
 }

@@ -191,12 +191,12 @@ void PostNeighbours(Random &rng) {
 // A post that was announced must come, whoever else posts meanwhile; what one wait takes is everything so far.
 void TakePosts(Slot *slot, uint32_t *seen) {
     const bool announced = slot->Sent.load(std::memory_order_seq_cst) != *seen;
-    const DWORD result = WaitForUserThreadPost(slot->Event, announced ? 30000 : 1);
-    if (result == WAIT_OBJECT_0) {
-        *seen = slot->Sent.load(std::memory_order_seq_cst);
-    } else if (announced) {
-        Fail("a post was lost");
+    Patience patience{30};
+    while (WaitForUserThreadPost(slot->Event, announced ? 1000 : 1) != WAIT_OBJECT_0) {
+        if (!announced) return;
+        if (!patience.Lasts()) Fail("a post was lost");
     }
+    *seen = slot->Sent.load(std::memory_order_seq_cst);
 }
 
 // ---- Sockets -----------------------------------------------------------------------------------------

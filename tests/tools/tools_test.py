@@ -195,6 +195,17 @@ def case_Load():
     first = re.search(r"STATE +WAITS FOR\n +\d+ (\w+)", top)
     check(first and first.group(1) in ("PING", "PONG"), f"the busiest is at the top:\n{top}")
 
+    # Its schedulers and another program on one processor, which is not enough for both.
+    one = {min(os.sched_getaffinity(0))}
+    for task in os.listdir(f"/proc/{host.pid}/task"):
+        os.sched_setaffinity(int(task), one)
+    other = subprocess.Popen([sys.executable, "-c", "while True: pass"], preexec_fn=lambda: os.sched_setaffinity(0, one))
+    CHILDREN.append(other)
+    rows = zvxctl("top", host.pid, "-n", 1, "-d", 2).splitlines()
+    at = next(i for i, row in enumerate(rows) if "WAIT%" in row)
+    waited = [float(row.split()[rows[at].split().index("WAIT%")]) for row in rows[at + 1:at + 3]]
+    check(max(waited) >= 10, f"they wait for the processor: {rows}")
+
 
 def trace_of(host, name, *words, **options):
     zvxctl("trace", host.pid, "--output", name, *words, **options)

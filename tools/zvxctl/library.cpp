@@ -161,6 +161,7 @@ static void ReadScheduler(const Library &library, SchedulerState *state) {
     const Record &copy = state->Copy;
     state->Thread = static_cast<uint32_t>(Field(library, copy, "Scheduler.OsThreadId"));
     state->ThreadCpu = CpuOf(library.Of.Pid, state->Thread, &state->ThreadState);
+    state->ThreadWait = ProcessorWaitOf(library.Of.Pid, state->Thread);
     state->InPort = Field(library, copy, "Scheduler.BlockedInPort") != 0;
     state->InitFiber = Field(library, copy, "Scheduler.InitFiber");
     for (const char *list : {"SuspendedFibers", "TimedWaiters", "InfiniteWaiters", "IoWaiters", "MigrationQueue",

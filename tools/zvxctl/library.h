@@ -64,6 +64,7 @@ struct SchedulerState {
     uint32_t Thread = 0;     // kernel thread
     char ThreadState = '-';  // R, S, D, ... of the kernel's
     double ThreadCpu = 0;    // seconds
+    double ThreadWait = 0;   // seconds, as ProcessorWaitOf
     bool InPort = false;
     Address OnProcessor = 0;       // the user thread, or the scheduler's own fiber, whose stack its kernel thread is on
     bool OnProcessorRuns = false;  // false while the idle routine borrows that stack

@@ -254,6 +254,15 @@ double CpuOf(pid_t pid, uint32_t thread, char *state) {
            static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
+double ProcessorWaitOf(pid_t pid, uint32_t thread) {
+    std::string text;
+    unsigned long long waited = 0;
+    if (!ReadFile(ProcPath(pid, fmt::format("/task/{}/schedstat", thread)), &text) ||
+        std::sscanf(text.c_str(), "%*u %llu", &waited) != 1)
+        return 0;
+    return static_cast<double>(waited) / 1e9;
+}
+
 Address SleepingStackPointer(pid_t pid, uint32_t thread) {
     // The number of the call, six arguments, stack pointer and program counter; or one word.
     std::string text;

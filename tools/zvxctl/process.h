@@ -72,6 +72,7 @@ std::string WorkingFolderOf(pid_t pid);
 std::string BackendOf(pid_t pid);  // "io_uring", "epoll" or "-", from the descriptors that it has open
 double UptimeOf(pid_t pid);        // seconds
 double CpuOf(pid_t pid, uint32_t thread, char *state);  // seconds of a kernel thread, and its state letter
+double ProcessorWaitOf(pid_t pid, uint32_t thread);  // seconds in which it could run but another had the processor
 Address SleepingStackPointer(pid_t pid, uint32_t thread);  // of a kernel thread that sleeps in the kernel, else 0
 bool IsAlive(pid_t pid);
 uint64_t MonotonicMs();

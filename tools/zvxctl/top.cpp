@@ -42,8 +42,8 @@ std::string Draw(const Library &library, const Picture &before, const Picture &n
     for (const UserThread &t : now.Threads) states[t.StateText]++;
     std::string out = fmt::format("zvxctl top - process {}, {} user threads", library.Of.Pid, now.Threads.size());
     for (const auto &[state, count] : states) out += fmt::format(", {} {}", count, state);
-    out += fmt::format("\n\n{:>5} {:>8} {:>6} {:>8} {:>9} {:>6} {:>11} {:>10} {:>10} {:>10}  {}\n", "SCHED", "TID",
-                       "CPU%", "THREADS", "RUNNABLE", "OPS", "SWITCHES/S", "POSTS/S", "POLLED/S", "PACKETS/S", "NOW");
+    out += fmt::format("\n\n{:>5} {:>8} {:>6} {:>6} {:>8} {:>9} {:>6} {:>11} {:>10} {:>10} {:>10}  {}\n", "SCHED",
+                       "TID", "CPU%", "WAIT%", "THREADS", "RUNNABLE", "OPS", "SWITCHES/S", "POSTS/S", "POLLED/S", "PACKETS/S", "NOW");
     size_t rows = 3;
     for (const SchedulerState &s : now.Schedulers) {
         const auto old = std::find_if(before.Schedulers.begin(), before.Schedulers.end(),
@@ -54,8 +54,9 @@ std::string Draw(const Library &library, const Picture &before, const Picture &n
                                   : s.OnProcessorRuns && s.OnProcessor != s.InitFiber
                                       ? fmt::format("runs, {:.0f} ms", s.HeldMs)
                                       : "idle";
-        out += fmt::format("{:>5} {:>8} {:>6.1f} {:>8} {:>9} {:>6} {:>11.0f} {:>10.0f} {:>10.0f} {:>10.0f}  {}\n",
+        out += fmt::format("{:>5} {:>8} {:>6.1f} {:>6.1f} {:>8} {:>9} {:>6} {:>11.0f} {:>10.0f} {:>10.0f} {:>10.0f}  {}\n",
                            s.Index, s.Thread, 100 * (s.ThreadCpu - old->ThreadCpu) / seconds,
+                           100 * (s.ThreadWait - old->ThreadWait) / seconds,
                            Field(library, s.Copy, "Scheduler.FiberCount"), s.Runnable, s.Outstanding,
                            rate("Scheduler.SwitchCount"), rate("Scheduler.Posts"), rate("Scheduler.DonePolled"),
                            rate("Scheduler.DoneByPacket"), state);

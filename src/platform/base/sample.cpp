@@ -7,7 +7,9 @@
 // One question at a time [gAskLock]. gState says whose the record is: kIdle and kTaken the asker's, kTaking the
 // handler's. An answer that comes after the asker has given up finds kIdle and changes nothing.
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
@@ -170,6 +172,19 @@ bool SampleThread(DWORD threadId, ThreadSample *sample) {
     }
     gAskLock.store(0, std::memory_order_release);
     return taken;
+}
+
+uint64_t ProcessorWaitMs(DWORD threadId) {
+    // Nanoseconds on a processor, then those of waiting for one.
+    char text[96];
+    snprintf(text, sizeof text, "/proc/self/task/%u/schedstat", threadId);
+    const int fd = open(text, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return 0;
+    const ssize_t got = read(fd, text, sizeof text - 1);
+    close(fd);
+    unsigned long long waited = 0;
+    text[got > 0 ? got : 0] = '\0';
+    return sscanf(text, "%*u %llu", &waited) == 1 ? waited / 1000000 : 0;
 }
 
 }  // namespace os
