@@ -108,7 +108,7 @@ BOOL UserThreadExecRoutine(HANDLE thread, ZVXKVT_ROUTINE routine) {
     // Records of user threads are never freed, so these two outlive the entry across the sleep below.
     Fiber *target = entry->OwnerFiber;
     const uint32_t generation = entry->OwnerGeneration;
-    for (;;) {
+    for (uint32_t looks = 0;; looks++) {
         if (Generation(target) != generation) {
             os::SetLastError(ERROR_INVALID_HANDLE);
             return FALSE;
@@ -121,7 +121,7 @@ BOOL UserThreadExecRoutine(HANDLE thread, ZVXKVT_ROUTINE routine) {
             SendMessage(TS, msg);
             return TRUE;
         }
-        AwaitAnswer();  // between two schedulers there is nobody to talk to
+        AwaitAnswer(looks);  // between two schedulers there is nobody to talk to
     }
 }
 

@@ -147,11 +147,11 @@ BOOL StaleHandle() {
 // The scheduler that has the thread. Between two schedulers there is nobody to talk to: waits for its arrival.
 // Null when the thread has ended meanwhile.
 Scheduler *HomeOf(const Target &target) {
-    for (;;) {
+    for (uint32_t looks = 0;; looks++) {
         Scheduler *S = target.Thread->Sched.load(std::memory_order_acquire);
         if (S != nullptr) return S;
         if (!IsSame(target)) return nullptr;
-        AwaitAnswer();
+        AwaitAnswer(looks);
     }
 }
 
@@ -329,7 +329,8 @@ DWORD SuspendThread(HANDLE thread) {
     auto *answer = &C->SuspendAnswer[(C->Flags & FIBER_EXEC_RUNNING) != 0];
     if (IsSame(target) && SendAbout(C, target, MSG_SUSPEND, reinterpret_cast<uintptr_t>(answer), request)) {
         // Counted means stopped: the thread does not run again before it is resumed.
-        while (answer->load(std::memory_order_acquire) != request && IsSame(target)) AwaitAnswer();
+        uint32_t looks = 0;
+        while (answer->load(std::memory_order_acquire) != request && IsSame(target)) AwaitAnswer(looks++);
     }
     if (IsSame(target)) return previous;
     StaleHandle();
@@ -352,7 +353,7 @@ DWORD ResumeThread(HANDLE thread) {
     }
     if (previous == 0 && real) return 0;
     SendAbout(C, target, MSG_RESUME, 0);
-    AwaitAnswer();
+    Sleep(1);
     return previous;
 }
 
@@ -364,7 +365,8 @@ BOOL TerminateThread(HANDLE thread, DWORD exitCode) {
     if (!IsSame(target)) return StaleHandle();
     SendAbout(C, target, MSG_TERMINATE, exitCode);
     DWORD code = 0;
-    while (IsSame(target) && os::GetExitCodeThread(thread, &code) && code == STILL_ACTIVE) AwaitAnswer();
+    uint32_t looks = 0;
+    while (IsSame(target) && os::GetExitCodeThread(thread, &code) && code == STILL_ACTIVE) AwaitAnswer(looks++);
     return TRUE;
 }
 

@@ -135,9 +135,10 @@ bool WakeFromObjects(Scheduler *S);    // those that ObjectSink has; whether the
 void Sleep(DWORD ms);
 DWORD SleepEx(DWORD ms, BOOL alertable);
 BOOL ZSleepExN(DWORD reserved, DWORD target, DWORD *counter, DWORD *outstanding);
-// One millisecond of a user thread that waits for what another scheduler does. Not Sleep, whose latch sleep would keep
-// the processor of a caller with a session's or a writer's role busy, and with it the scheduler that is waited for.
-void AwaitAnswer();
+// A millisecond of a user thread that waits for what another scheduler does, after `looks` looks in vain. Yields. For
+// long ones it is not Sleep, whose latch sleep would keep the processor of a session or a writer busy, and it may be the
+// one that the other scheduler needs.
+void AwaitAnswer(uint32_t looks);
 
 // ---- fiber.cpp: records, start and exit
 Fiber *AllocFiberShell(Scheduler *S, uint8_t node);

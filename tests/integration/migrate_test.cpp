@@ -116,7 +116,7 @@ TEST_P(Migration, PostsByEventReachTheOtherSide) {
     }));
 }
 
-// The latch sleep of a writer's role keeps its processor, which may be the one that the other scheduler needs to answer.
+// The latch sleep of a writer's role keeps its processor, which may be the one that the other scheduler needs.
 TEST_P(Migration, WhoWaitsForAnotherSchedulersAnswerSleeps) {
     EXPECT_HOST_OK(RunHost(Options({kEnabled}), [] {
         std::atomic<int> stage{0};

@@ -99,7 +99,8 @@ TEST_P(OperatorFiles, AStallNamesTheThreadAndTheFunctionAndNobodyElse) {
     uint32_t without = 0;
     EXPECT_EQ(3, sscanf(over, "Stall: scheduler %u goes on after %u ms, %u of them without a processor", &scheduler,
                         &whole, &without));
-    EXPECT_TRUE(thread != 0 && scheduler < GetParam() && held >= 150 && held < whole && whole >= 450 && without < whole);
+    EXPECT_TRUE(thread != 0 && scheduler < GetParam() && held >= 150 && held < whole && whole >= 450);
+    EXPECT_LT(without, whole);
     EXPECT_NE(std::string::npos, text.find("KeepTheProcessorBusy"));
     EXPECT_EQ(text.find("Stall: user thread"), text.rfind("Stall: user thread"));
 }

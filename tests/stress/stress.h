@@ -44,8 +44,8 @@ inline int64_t ChunksInUse(uint32_t type) {
 }
 
 // Seconds of patience, of which only those count in which no kernel thread of this process went long without a
-// processor. Where processes are scheduled in groups, as by session or container, the kernel of a loaded machine has been
-// seen to let threads that could run stand for seconds: what does not happen meanwhile is not lost.
+// processor. Where processes are scheduled in groups, as by session or container, a loaded machine has been seen to let
+// threads that could run stand for seconds: what does not happen meanwhile is not lost.
 struct Patience {
     int Seconds;
     std::map<std::string, uint64_t> Waited{};  // of each thread, nanoseconds
