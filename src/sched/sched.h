@@ -136,8 +136,8 @@ void Sleep(DWORD ms);
 DWORD SleepEx(DWORD ms, BOOL alertable);
 BOOL ZSleepExN(DWORD reserved, DWORD target, DWORD *counter, DWORD *outstanding);
 // A millisecond of a user thread that waits for what another scheduler does, after `looks` looks in vain. Yields. For
-// long ones it is not Sleep, whose latch sleep would keep the processor of a session or a writer busy, and it may be the
-// one that the other scheduler needs.
+// long ones it is not Sleep, whose latch sleep would keep the processor of a session or a writer busy: the very one
+// that the other scheduler needs, perhaps.
 void AwaitAnswer(uint32_t looks);
 
 // ---- fiber.cpp: records, start and exit
