@@ -54,8 +54,8 @@ size_t CountMaps() {
 }
 
 // Touches its frame before it goes deeper, as any function does; the result is used after the call, so that no
-// compiler makes a loop of it. All of the frame is in use: a race detector keeps a list of the calls, and has no room for
-// as many small ones as fit on the stack of a kernel thread.
+// compiler makes a loop of it. All of the frame is in use: a race detector keeps a list of the calls, and has no room
+// for as many small ones as fit on the stack of a kernel thread.
 __attribute__((noinline)) int Recurse(int depth) {
     volatile char frame[512];
     frame[depth % 512] = static_cast<char>(depth);
