@@ -43,15 +43,19 @@ void LookAtSessions(uint32_t now, std::vector<HANDLE> *hopeless, std::vector<Ses
             // The session wakes, and says why it ends where the client can still read it.
             shutdown(slot->Who->Socket, reason == EndReason::kSlowReader ? SD_BOTH : SD_RECEIVE);
             Count(gCounters.Cleaned);
-        } else if (now - slot->EndedAt >= kGraceSeconds) {
+        } else if (slot->End.load() == EndReason::kHopeless || now - slot->EndedAt >= kGraceSeconds) {
             DWORD code = STILL_ACTIVE;
             if (GetExitCodeThread(slot->Who->Thread, &code) && code != STILL_ACTIVE) {
                 dead->push_back(slot->Who);
-            } else if (state == SessionState::kSending && slot->End.load() != EndReason::kSlowReader) {
+            } else if (state == SessionState::kSending && slot->End.load() < EndReason::kSlowReader) {
                 // Its last words, which nobody takes: the send fails, and the session ends with all that it holds.
                 slot->End = EndReason::kSlowReader;
                 slot->EndedAt = now;
                 shutdown(slot->Who->Socket, SD_BOTH);
+            } else if (slot->End.load() != EndReason::kHopeless) {
+                // Told a second before it is ended: should it come back from its wait just then, it goes no further, and
+                // is not met with a section in its hands.
+                slot->End = EndReason::kHopeless;
             } else {
                 // A handle of our own: the session may end by itself and close its handle, which is another's then.
                 HANDLE own = nullptr;
@@ -87,7 +91,8 @@ DWORD WINAPI Monitor(LPVOID event) {
         LookAtSessions(gSeconds.load(), &hopeless, &dead);
         WatchAdminPipe(gSeconds.load());
         MendLog();
-        // They wait in a send or a receive, so that they own nothing but their record, which is freed the next time.
+        // They wait in a send or a receive, or behind it, so that they own nothing but their record, which is freed the
+        // next time.
         for (const HANDLE thread : hopeless) {
             TerminateThread(thread, 1);
             CloseHandle(thread);

@@ -78,7 +78,7 @@ bool Receive(Session *session) {
     session->Unfinished = receiving;
     const size_t room = session->InCapacity - session->InUsed;
     const int got = recv(session->Socket, session->In + session->InUsed, static_cast<int>(room), 0);
-    session->Slot->State.store(SessionState::kRunning, std::memory_order_relaxed);
+    session->GoOn();
     if (got > 0) session->InUsed += static_cast<size_t>(got);
     return got > 0;
 }
@@ -253,6 +253,11 @@ void Session::Enter(SessionState state) {
     Slot->State.store(state, std::memory_order_relaxed);
 }
 
+void Session::GoOn() {
+    while (Slot->End.load(std::memory_order_relaxed) == EndReason::kHopeless) Sleep(INFINITE);
+    Slot->State.store(SessionState::kRunning, std::memory_order_relaxed);
+}
+
 namespace {
 
 // Waits for the fate of the records behind the answers, and puts the refusal in place of those that were not to be.
@@ -290,7 +295,7 @@ void SendOutput(Session *session) {
         const int size = static_cast<int>(left < kMost ? left : kMost);
         session->Enter(SessionState::kSending);
         const int moved = send(session->Socket, session->Out + sent, size, 0);
-        session->Slot->State.store(SessionState::kRunning, std::memory_order_relaxed);
+        session->GoOn();
         if (moved != size) session->Broken = true;
         sent += static_cast<size_t>(size);
     }

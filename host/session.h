@@ -12,7 +12,7 @@
 namespace host {
 
 enum class SessionState : uint8_t { kRunning, kIdle, kReceiving, kCommitting, kSending };
-enum class EndReason : uint8_t { kNone, kIdle, kSlowRequest, kSlowReader };
+enum class EndReason : uint8_t { kNone, kIdle, kSlowRequest, kSlowReader, kHopeless };
 
 // What the monitor looks at, apart from the sessions: it passes thousands of these a second, one behind the other.
 struct SessionSlot {
@@ -95,6 +95,7 @@ struct Session {
     void Flush();
 
     void Enter(SessionState state);
+    void GoOn();  // after a send or a receive
 };
 
 constexpr size_t kSpillBytes = 64 << 10;  // output that is sent before the input is through

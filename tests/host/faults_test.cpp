@@ -57,6 +57,16 @@ TEST_P(Faulty, ValueLargerThanASegment) {
 }
 
 #ifdef ZVX_FAIL_POINTS
+// A client whose connection cannot be shut down keeps its session no longer than the monitor's patience.
+TEST_P(Faulty, SessionThatDoesNotNoticeItsEnd) {
+    ASSERT_TRUE(Host.Start({"--request-timeout", "1"}, "shutdown:1:10022")) << Host.Text();
+    Client slow(Host), other(Host);
+    ASSERT_TRUE(slow.Send("*2\r\n$3\r\nGET"));
+    EXPECT_TRUE(slow.AwaitClose() || slow.AwaitClose());  // it has ten seconds each time
+    EXPECT_EQ(other.Ask("SET k v"), "+OK");
+    EXPECT_TRUE(Await([&] { return Figure(other, "connected_clients") == 1; }));
+}
+
 // A start that cannot make durable what it has read is none. What an earlier process failed to write is in the system's
 // memory as if it were written: a flush alone says nothing of it.
 TEST_P(Faulty, RecoveryThatIsNotDurable) {
