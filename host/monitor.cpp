@@ -53,7 +53,7 @@ void LookAtSessions(uint32_t now, std::vector<HANDLE> *hopeless, std::vector<Ses
                 slot->EndedAt = now;
                 shutdown(slot->Who->Socket, SD_BOTH);
             } else if (slot->End.load() != EndReason::kHopeless) {
-                // Told a second before it is ended: should it come back from its wait just then, it goes no further, and
+                // Told a second before it is ended: should it come back from its wait just then, it goes no further and
                 // is not met with a section in its hands.
                 slot->End = EndReason::kHopeless;
             } else {
